@@ -1,0 +1,97 @@
+// GThread on POSIX threads. The body is called again after each return until
+// stop() is requested; KadmorTime::wait on the thread ends early on stop, so
+// stopping never waits out a pause.
+#include "host/GThread.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "Clock.h"
+#include "host/KadmorTime.h"
+
+namespace {
+// The stop flag of the GThread running on this OS thread, if any.
+thread_local const std::atomic<bool>* currentStopFlag = nullptr;
+}  // namespace
+
+struct GThread::Impl {
+    Impl(function<int> b, const std::string& n, function<int> s, function<int> e)
+        : body(b), name(n), onStart(s), onStop(e) {}
+
+    function<int> body;
+    std::string name;
+    function<int> onStart;
+    function<int> onStop;
+
+    std::mutex control;  // serialises start/stop and guards `thread`
+    std::thread thread;
+    std::atomic<bool> stopRequested{false};
+    std::atomic<bool> isRunning{false};
+
+    void run() {
+        // Linux keeps at most 15 characters of a thread name.
+        std::string shortName = name.substr(0, 15);
+        pthread_setname_np(pthread_self(), shortName.c_str());
+        currentStopFlag = &stopRequested;
+        onStart();
+        while (!stopRequested.load()) {
+            body();
+        }
+        onStop();
+        currentStopFlag = nullptr;
+        isRunning.store(false);
+    }
+};
+
+GThread::GThread(function<int> body, const std::string& name, function<int> onStart,
+                 function<int> onStop)
+    : impl(new Impl(body, name, onStart, onStop)) {}
+
+GThread::~GThread() {
+    stop();
+    delete impl;
+}
+
+int GThread::start() {
+    std::lock_guard<std::mutex> guard(impl->control);
+    if (impl->isRunning.load()) {
+        return 0;
+    }
+    if (impl->thread.joinable()) {
+        impl->thread.join();  // finished earlier: reap it before starting anew
+    }
+    impl->stopRequested.store(false);
+    impl->isRunning.store(true);
+    try {
+        impl->thread = std::thread(&Impl::run, impl);
+    } catch (...) {
+        impl->isRunning.store(false);
+        return 0;
+    }
+    return 1;
+}
+
+int GThread::running() { return impl->isRunning.load() ? 1 : 0; }
+
+int GThread::stop() {
+    std::lock_guard<std::mutex> guard(impl->control);
+    impl->stopRequested.store(true);
+    hostlib::wakeAll();
+    if (impl->thread.joinable()) {
+        impl->thread.join();
+    }
+    return 0;
+}
+
+const std::string& GThread::getName() const { return impl->name; }
+
+int GThread::emptyFun() { return 0; }
+
+void KadmorTime::wait(const KadmorTime& duration) {
+    double seconds = static_cast<double>(duration.getSeconds()) +
+                     static_cast<double>(duration.getMicroseconds()) / 1e6;
+    hostlib::pause(seconds, currentStopFlag);
+}

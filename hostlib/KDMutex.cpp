@@ -1,0 +1,15 @@
+#include "host/technic/KDMutex.h"
+
+#include <mutex>
+
+struct KDMutex::Impl {
+    std::mutex mutex;
+};
+
+KDMutex::KDMutex() : impl(new Impl) {}
+KDMutex::~KDMutex() { delete impl; }
+
+// The source name and line are the recorder's lock diagnostics; the POSIX host
+// has none and ignores them.
+void KDMutex::Lock(const char* /*file*/, int /*line*/) { impl->mutex.lock(); }
+void KDMutex::Unlock(const char* /*file*/, int /*line*/) { impl->mutex.unlock(); }

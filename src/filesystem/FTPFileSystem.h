@@ -1,0 +1,75 @@
+// FTPFileSystem: one remote FTP location used as a disk. Exported.
+//
+// A thin facade that owns exactly one FTPFileSystemImpl and forwards every call
+// to it. Any host thread may call any operation. Results: 0 success and -1
+// failure for actions, 1/0 for yes/no questions, -1 for an unknown length,
+// handles of 1 or more. Nothing throws except SafePointer misuse.
+//
+// Create stores through FTPFileSystemManager; a direct caller must keep the
+// server under 48, the user under 32 and the password under 20 characters (and
+// all three under 32 for the open-file table): longer texts are refused by
+// leaving the store permanently uninitialised (init returns -1) and every
+// operation failing.
+#ifndef FTPDISK_FILESYSTEM_FTPFILESYSTEM_H
+#define FTPDISK_FILESYSTEM_FTPFILESYSTEM_H
+
+#include <string>
+#include <vector>
+
+#include "foundation/Export.h"
+#include "host/IFileScanAction.h"
+
+class FTPFileSystemImpl;
+
+class FTPDISK_EXPORT FTPFileSystem {
+public:
+    // No network traffic. `capacity` sizes the open-file table (1024 from the
+    // registry).
+    FTPFileSystem(const char* server, const char* user, const char* password, int capacity);
+    // Runs uninit (QUIT on the main connection), then releases everything.
+    virtual ~FTPFileSystem();
+
+    int init();
+    int uninit();
+    int reinit();
+
+    // first = 0; second = bytes this store recorded as used, in MiB.
+    int getDiskSpaceInfo(long& first, long& second);
+
+    int createDir(const char* path);
+    bool isDirExist(const char* path);
+    bool getFileList(const char* dir, std::vector<std::string>& names, const std::string& filter);
+    bool scan(const char* dir, IFileScanAction* action, const std::string& filter);
+    bool getSubDirList(const char* dir, std::vector<std::string>& names,
+                       const std::string& filter);
+    bool getTotalSize(const char* dir, long long& total);
+    int createFile(const char* path);
+    bool isFileExist(const char* path);
+    int deleteFile(const char* path);
+    int moveDir(const char* from, const char* to);
+    int renameFile(const char* from, const char* to);
+    int open(const char* path, int mode);
+    int write(int handle, const char* buf, unsigned int len);
+    int read(int handle, char* buf, unsigned int len);
+    int close(int handle);
+    long long getFileLength(const char* path);
+    int removeDir(const char* path);
+    int getFileNumber(const char* dir);
+    bool isEmptyDir(const char* dir);
+    int Get(const char* localFile, const char* remoteFile);
+    int Put(const char* localFile, const char* remoteFile);
+    int aioWrite(int handle, const char* buf, unsigned int len);
+    int aioReturn(int handle, int milliseconds);
+    int snapshot_open(const char* path, int unused);
+    int snapshot_write(const char* buf, unsigned int len);
+    int snapshot_close();
+    int flush(int handle);
+
+private:
+    FTPFileSystem(const FTPFileSystem&);
+    FTPFileSystem& operator=(const FTPFileSystem&);
+
+    FTPFileSystemImpl* impl;
+};
+
+#endif  // FTPDISK_FILESYSTEM_FTPFILESYSTEM_H

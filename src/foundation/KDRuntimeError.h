@@ -1,0 +1,27 @@
+// KDRuntimeError: the module's only exception type.
+//
+// It is thrown only when a SafePointer is misused (null source, destroyed
+// object, count record that no longer matches); every other failure of the
+// module is reported as a result value. Exported so the recorder can catch it.
+#ifndef FTPDISK_FOUNDATION_KDRUNTIMEERROR_H
+#define FTPDISK_FOUNDATION_KDRUNTIMEERROR_H
+
+#include <exception>
+#include <string>
+
+#include "foundation/Export.h"
+
+class FTPDISK_EXPORT KDRuntimeError : public std::exception {
+public:
+    // A null text gives an empty message.
+    explicit KDRuntimeError(const char* message);
+    explicit KDRuntimeError(const std::string& message);
+    virtual ~KDRuntimeError() throw();
+
+    virtual const char* what() const throw();
+
+private:
+    std::string message;
+};
+
+#endif  // FTPDISK_FOUNDATION_KDRUNTIMEERROR_H

@@ -1,0 +1,22 @@
+// Host contract: cuts a text at every occurrence of a separator.
+//
+// split("a\r\nb\r\n", parts, "\r\n") appends "a", "b", "" : every separator ends
+// one part, empty parts are kept (also between two adjacent separators), and
+// the text after the last separator is the last part. An empty text gives one
+// empty part. Stateless; safe from any thread.
+#ifndef FTPDISK_HOST_STRINGHANDLER_H
+#define FTPDISK_HOST_STRINGHANDLER_H
+
+#include <string>
+#include <vector>
+
+#include "foundation/Export.h"
+
+class FTPDISK_HOST_API StringHandler {
+public:
+    // Appends the parts to `parts`. An empty separator appends the whole text.
+    static void split(const std::string& text, std::vector<std::string>& parts,
+                      const std::string& separator);
+};
+
+#endif  // FTPDISK_HOST_STRINGHANDLER_H

@@ -1,0 +1,1 @@
+// Intentionally small: support sources are added beside it.
