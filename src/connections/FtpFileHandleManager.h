@@ -1,0 +1,61 @@
+// FtpFileHandleManager: the open-file table of one store. Turns an open request
+// into a small integer handle backed by its own logged-in connection (pooled or
+// new) and data connection, and closes it again.
+//
+// Thread safety: open, close and getFileHandler each hold `mutex` for their
+// whole run, network work included. Lock order: `mutex` before the pool's lock.
+// The store's locks are never held while calling here.
+#ifndef FTPDISK_CONNECTIONS_FTPFILEHANDLEMANAGER_H
+#define FTPDISK_CONNECTIONS_FTPFILEHANDLEMANAGER_H
+
+#include <stdint.h>
+
+#include <map>
+#include <vector>
+
+#include "connections/FreeFtpToolBuff.h"
+#include "connections/FtpFileHandler.h"
+#include "foundation/SafePointer.h"
+#include "ftp/FTPTool.h"
+#include "host/technic/KDMutex.h"
+
+enum { kFtpTableTextSize = 32 };
+
+class FtpFileHandleManager {
+public:
+    // Texts must be under 32 characters (the registry and the store refuse
+    // longer ones). Handles run from firstHandle to handleLimit - 1.
+    FtpFileHandleManager(const char* server, const char* user, const char* password,
+                         int firstHandle, int handleLimit, int maxOpenFiles);
+    virtual ~FtpFileHandleManager();
+
+    // A handle, or -1.
+    int open(const char* path, int mode);
+    // 0, or -1 (unknown handle, failed final reply, unusable connection).
+    int close(int handle);
+    bool getFileHandler(int handle, SafePointer<FtpFileHandler>& out);
+    // REQUIRES: mutex is held.
+    int getFileHandleID(const char* path);
+    // REQUIRES: mutex is held.
+    bool getPFTPTool(SafePointer<FTPTool>& out);
+
+    // The pool (tests and diagnostics).
+    SafePointer<FreeFtpToolBuff>& getFreeToolBuff();
+
+private:
+    FtpFileHandleManager(const FtpFileHandleManager&);
+    FtpFileHandleManager& operator=(const FtpFileHandleManager&);
+
+    SafePointer<FreeFtpToolBuff> freeToolBuff;
+    std::vector<SafePointer<FtpFileHandler> > fileHandlers;  // Guarded by mutex.
+    int32_t handleLimit;
+    int32_t firstHandle;
+    int32_t maxOpenFiles;
+    KDMutex mutex;
+    char server[kFtpTableTextSize];
+    char user[kFtpTableTextSize];
+    char password[kFtpTableTextSize];
+    std::map<int32_t, bool> handleInUse;  // Guarded by mutex.
+};
+
+#endif  // FTPDISK_CONNECTIONS_FTPFILEHANDLEMANAGER_H

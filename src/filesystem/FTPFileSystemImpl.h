@@ -1,0 +1,119 @@
+// FTPFileSystemImpl: the store behind the exported FTPFileSystem facade.
+//
+// Owns the main control connection (used by every path operation), the
+// credentials, the used-bytes account and the open-file table, whose
+// connections are separate. Any host thread may call any operation.
+//
+// Lock order: scanLock before opLock before spaceLock. The table's own locks
+// (FtpFileHandleManager) are never taken while one of these is held.
+#ifndef FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H
+#define FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "connections/FtpFileHandleManager.h"
+#include "foundation/SafePointer.h"
+#include "ftp/FTPTool.h"
+#include "host/IFileScanAction.h"
+#include "host/technic/KDMutex.h"
+#include "listing/FTPFileDescriptor.h"
+
+enum {
+    kStoreServerSize = 48,
+    kStoreUserSize = 32,
+    kStorePasswordSize = 20
+};
+
+class FTPFileSystemImpl {
+public:
+    // No network traffic. The caller keeps server, user and password shorter
+    // than their fields (48, 32 and 20 characters with the terminator, and 32
+    // for the open-file table); FTPFileSystem refuses longer texts before
+    // constructing this.
+    FTPFileSystemImpl(const char* server, const char* user, const char* password, int capacity);
+    virtual ~FTPFileSystemImpl();
+
+    // --- Lifecycle ----------------------------------------------------------
+    int init();
+    int uninit();
+    int reinit();
+
+    // --- Directory and file operations (main connection, opLock) -----------
+    int createDir(const char* path);
+    bool isDirExist(const char* path);
+    bool isFileExist(const char* path);
+    int createFile(const char* path);
+    int deleteFile(const char* path);
+    int renameFile(const char* from, const char* to);
+    int moveDir(const char* from, const char* to);
+    int removeDir(const char* path);
+    long long getFileLength(const char* path);
+
+    // --- Handle operations (open-file table, no lock here) -------------------
+    int open(const char* path, int mode);
+    int close(int handle);
+    int read(int handle, char* buf, unsigned int len);
+    int write(int handle, const char* buf, unsigned int len);
+    int aioWrite(int handle, const char* buf, unsigned int len);
+    int aioReturn(int handle, int milliseconds);
+
+    // --- Whole-file transfer and snapshots -----------------------------------
+    int Get(const char* localFile, const char* remoteFile);
+    int Put(const char* localFile, const char* remoteFile);
+    int snapshot_open(const char* path, int unused);
+    int snapshot_write(const char* buf, unsigned int len);
+    int snapshot_close();
+
+    // --- Enumeration, scanning and space (listing members) ------------------
+    bool getFileList(const char* path, std::vector<std::string>& names, const std::string& filter);
+    bool getSubDirList(const char* path, std::vector<std::string>& names,
+                       const std::string& filter);
+    bool isEmptyDir(const char* path);
+    int getFileNumber(const char* path);
+    bool scan(const char* path, IFileScanAction* action, const std::string& filter);
+    bool getTotalSize(const char* path, long long& size);
+    void updateSpaceInfo(long long bytes, bool add);
+    void getDiskSpaceInfo(long& first, long& second);
+
+    // REQUIRES: opLock is held.
+    bool scanRecordDir(const char* path, long long& size);
+    // REQUIRES: opLock is held.
+    long long baseGetFileLength(const char* path);
+    // REQUIRES: opLock is held. 1 on success, 0 on failure.
+    int rmFTPDir(const char* path);
+
+    // --- Listing retrieval ----------------------------------------------------
+    bool recvData(SafePointer<FTPTool> tool, const char* path, std::string& text);
+    bool getFTPFileType(const std::vector<std::string>& lines, int& type);
+    // REQUIRES: opLock is held.
+    bool getFileDescriptorList(const char* path,
+                               std::vector<SafePointer<FTPConst::FTPFileDescriptor> >& entries,
+                               long long& total);
+
+    // Used bytes as recorded (tests and diagnostics).
+    long long getUsedBytes();
+    // The open-file table (tests and diagnostics).
+    FtpFileHandleManager* getHandleManager();
+
+private:
+    FTPFileSystemImpl(const FTPFileSystemImpl&);
+    FTPFileSystemImpl& operator=(const FTPFileSystemImpl&);
+
+    SafePointer<FTPTool> mainTool;  // Guarded by opLock (snapshots excepted).
+    char server[kStoreServerSize];
+    char user[kStoreUserSize];
+    char password[kStorePasswordSize];
+    int64_t usedBytes;  // Guarded by spaceLock.
+    int32_t capacity;
+    FtpFileHandleManager* handleManager;
+    KDMutex spaceLock;
+    KDMutex opLock;
+    KDMutex scanLock;
+    volatile bool initialised;  // Set under opLock and spaceLock; reinit reads it unlocked.
+    NetBuf* snapshotStream;
+};
+
+#endif  // FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H

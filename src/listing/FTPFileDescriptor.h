@@ -1,0 +1,28 @@
+// FTPConst::FTPFileDescriptor: one entry of a directory listing, shared through
+// SafePointer. Plain data; no lock.
+#ifndef FTPDISK_LISTING_FTPFILEDESCRIPTOR_H
+#define FTPDISK_LISTING_FTPFILEDESCRIPTOR_H
+
+#include <stdint.h>
+
+#include <string>
+
+namespace FTPConst {
+
+class FTPFileDescriptor {
+public:
+    FTPFileDescriptor() : type(0), size(0) {}
+    virtual ~FTPFileDescriptor() {}
+
+    // 'd' directory, '-' plain file; from Unix listings also 'l' and other
+    // letters of the permission field.
+    int32_t type;
+    // Bytes as the listing states them; 2 GiB and more wrap (signed 32 bits).
+    int32_t size;
+    // One blank-free word.
+    std::string name;
+};
+
+}  // namespace FTPConst
+
+#endif  // FTPDISK_LISTING_FTPFILEDESCRIPTOR_H
