@@ -11,6 +11,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -112,7 +113,7 @@ private:
     KDMutex spaceLock;
     KDMutex opLock;
     KDMutex scanLock;
-    volatile bool initialised;  // Set under opLock and spaceLock; reinit reads it unlocked.
+    std::atomic<bool> initialised;  // Set under opLock (and spaceLock in init); reinit reads it unlocked.
     NetBuf* snapshotStream;
 };
 
