@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Runs every test: installs what a fresh machine lacks, then builds and tests
+# the debug and asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets,
+# the concurrency tests under the tsan preset, and the armhf cross build under
+# qemu-user. Exits non-zero on the first failure.
+#
+#   scripts/test.sh                # everything
+#   FTPDISK_PRESETS="debug" scripts/test.sh   # a subset of presets
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+jobs=${FTPDISK_JOBS:-2}
+presets=${FTPDISK_PRESETS:-"debug asan tsan armhf"}
+
+scripts/install-deps.sh
+
+run_preset() {
+  local preset=$1
+  echo "=== ${preset}: configure and build"
+  local started=$SECONDS
+  cmake --preset "${preset}" >/dev/null
+  case "${preset}" in
+    tsan)
+      # Under ThreadSanitizer only the tests that run threads against each
+      # other are worth their cost: build just those.
+      cmake --build --preset "${preset}" -j "${jobs}" --target ftpdisk_tsan_tests
+      ;;
+    *)
+      cmake --build --preset "${preset}" -j "${jobs}"
+      ;;
+  esac
+  echo "=== ${preset}: test"
+  case "${preset}" in
+    tsan) ctest --preset "${preset}" -L concurrency -j "${jobs}" ;;
+    *) ctest --preset "${preset}" -j "${jobs}" ;;
+  esac
+  echo "=== ${preset}: done in $((SECONDS - started)) s"
+}
+
+for preset in ${presets}; do
+  if [ "${preset}" = armhf ]; then
+    scripts/test-armhf.sh
+  else
+    run_preset "${preset}"
+  fi
+done
+echo "=== all presets passed: ${presets}"
