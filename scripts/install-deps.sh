@@ -1,0 +1,146 @@
+#!/usr/bin/env bash
+# Installs what a fresh Debian 12 machine lacks to build and test ftpdisk:
+# compilers and build tools, GoogleTest and Google Benchmark, the armhf cross
+# toolchain with qemu-user, and the real FTP servers the server tests start on
+# loopback. Idempotent: when everything is present it only checks and prints.
+#
+# The three FTP daemons conflict with each other as Debian packages (each
+# provides ftp-server), so vsftpd is installed the usual way and proftpd and
+# pure-ftpd are unpacked from their .deb files into ${FTPDISK_SERVERS_DIR}
+# (default /opt/ftpdisk-servers), with the libraries they need installed as
+# ordinary packages. None of them runs as a service: the tests start their own
+# instances on 127.0.0.1 and stop them again.
+#
+# The server tests log in as the local user "rec" with password "pw" (vsftpd
+# authenticates local users only), so that user is created here too.
+#
+#   scripts/install-deps.sh
+set -euo pipefail
+
+servers_dir=${FTPDISK_SERVERS_DIR:-/opt/ftpdisk-servers}
+export DEBIAN_FRONTEND=noninteractive
+
+say() { echo "install-deps: $*"; }
+
+if [ "$(id -u)" -ne 0 ]; then
+  sudo_cmd=sudo
+else
+  sudo_cmd=
+fi
+
+# Packages installed the usual way. The libraries of the two unpacked daemons
+# are listed here as well, because nothing else would pull them in.
+packages=(
+  cmake ninja-build g++ clang
+  libgtest-dev libgmock-dev libbenchmark-dev
+  python3-pyftpdlib
+  vsftpd
+  # proftpd-core's libraries
+  libacl1 libcap2 libcrypt1 libhiredis0.14 libidn2-0 libmemcached11
+  libmemcachedutil2 libncursesw6 libpam0g libpcre2-8-0 libpcre2-posix3
+  libssl3 libtinfo6 zlib1g
+  # pure-ftpd's libraries
+  libsodium23
+  # cross build for the recorder's 32-bit ARM and running its tests
+  g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user
+)
+
+# Packages unpacked into ${servers_dir}/<package> instead of installed.
+unpacked=(proftpd-core pure-ftpd)
+
+installed() {
+  dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'
+}
+
+updated=no
+apt_update_once() {
+  if [ "${updated}" = no ]; then
+    say "apt-get update"
+    ${sudo_cmd} apt-get update
+    updated=yes
+  fi
+}
+
+missing=()
+for p in "${packages[@]}"; do
+  installed "$p" || missing+=("$p")
+done
+
+if [ ${#missing[@]} -gt 0 ]; then
+  apt_update_once
+  say "installing: ${missing[*]}"
+  # Debian starts a daemon right after installing it unless policy-rc.d says
+  # no; no FTP service may run here, so forbid starts for the duration when
+  # the machine has no such policy of its own.
+  guard_created=no
+  if [ ! -e /usr/sbin/policy-rc.d ]; then
+    say "forbidding service starts during the install (temporary /usr/sbin/policy-rc.d)"
+    printf '#!/bin/sh\nexit 101\n' | ${sudo_cmd} tee /usr/sbin/policy-rc.d >/dev/null
+    ${sudo_cmd} chmod 755 /usr/sbin/policy-rc.d
+    guard_created=yes
+  fi
+  status=0
+  ${sudo_cmd} apt-get install -y --no-install-recommends "${missing[@]}" || status=$?
+  if [ "${guard_created}" = yes ]; then
+    ${sudo_cmd} rm -f /usr/sbin/policy-rc.d
+  fi
+  if [ ${status} -ne 0 ]; then
+    say "apt-get install failed (${status})"
+    exit ${status}
+  fi
+else
+  say "all ${#packages[@]} packages present"
+fi
+
+# Unpacked daemons: one folder per package, stamped with the unpacked version.
+# Delete the folder to unpack a newer one.
+${sudo_cmd} mkdir -p "${servers_dir}"
+for p in "${unpacked[@]}"; do
+  target="${servers_dir}/${p}"
+  stamp="${target}/.ftpdisk-version"
+  have=""
+  [ -f "${stamp}" ] && have=$(cat "${stamp}")
+  if [ -n "${have}" ] && [ -d "${target}/usr" ]; then
+    say "${p} ${have} already unpacked in ${target}"
+    continue
+  fi
+  apt_update_once
+  work=$(mktemp -d)
+  say "downloading ${p}"
+  (cd "${work}" && apt-get download -o APT::Sandbox::User=root "${p}")
+  deb=$(ls "${work}"/*.deb)
+  version=$(dpkg-deb -f "${deb}" Version)
+  say "unpacking ${p} ${version} into ${target}"
+  ${sudo_cmd} rm -rf "${target}"
+  ${sudo_cmd} mkdir -p "${target}"
+  ${sudo_cmd} dpkg-deb -x "${deb}" "${target}"
+  echo "${version}" | ${sudo_cmd} tee "${stamp}" >/dev/null
+  rm -rf "${work}"
+done
+
+# Every unpacked program must find its libraries; say so loudly if not.
+for exe in "${servers_dir}/proftpd-core/usr/sbin/proftpd" \
+           "${servers_dir}/pure-ftpd/usr/sbin/pure-ftpd" \
+           "${servers_dir}/pure-ftpd/usr/bin/pure-pw"; do
+  if [ ! -x "${exe}" ]; then
+    say "missing ${exe}"
+    exit 1
+  fi
+  if ldd "${exe}" | grep -q 'not found'; then
+    say "${exe} lacks libraries:"
+    ldd "${exe}" | grep 'not found'
+    exit 1
+  fi
+done
+
+# The FTP user of the server tests.
+if ! id rec >/dev/null 2>&1; then
+  say "creating local user rec (password pw) for the FTP server tests"
+  ${sudo_cmd} useradd --create-home --shell /bin/sh rec
+fi
+if ! ${sudo_cmd} grep -q '^rec:[^!*:]' /etc/shadow; then
+  say "setting the password of rec"
+  echo 'rec:pw' | ${sudo_cmd} chpasswd
+fi
+
+say "done"
