@@ -1,0 +1,202 @@
+// ScriptedFtpServer: an in-process FTP server on 127.0.0.1 for protocol tests.
+//
+// It listens on an ephemeral port, serves every control connection on its own
+// thread, records every command line it receives (with the number of the
+// connection it came on, counting from 1 in accept order) and answers either
+// from a script or with defaults that satisfy a plain client:
+//
+//   greeting "220 ready", USER -> 331, PASS -> 230, TYPE -> 200,
+//   PASV -> "227 Entering Passive Mode (127,0,0,1,p1,p2)" with a real listening
+//   data socket, PORT -> 200 (the server connects back, to 127.0.0.1 only),
+//   CWD/CDUP/MKD/RMD/DELE/RNTO/SITE/NOOP -> 2xx, QUIT -> 221 and close,
+//   RNFR -> 350, SIZE -> "213 <n>" for a stored file or 550,
+//   RETR/STOR/APPE/LIST/NLST -> "150", the data, then "226".
+//
+// Files live in an in-memory map keyed by absolute path (relative names are
+// resolved against the connection's working directory, which CWD/CDUP move),
+// so STOR then RETR round-trips. LIST and NLST send a configurable body.
+//
+// All public members are thread-safe. The destructor stops every thread
+// promptly (each wait inside the server polls a stop flag) and closes every
+// descriptor the server opened. Every wait offered to tests takes a limit.
+#ifndef FTPDISK_TESTS_SUPPORT_SCRIPTEDFTPSERVER_H
+#define FTPDISK_TESTS_SUPPORT_SCRIPTEDFTPSERVER_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ftptest {
+
+using Millis = std::chrono::milliseconds;
+
+// What the server does in answer to one command (or as its greeting).
+struct Reply {
+    Reply() = default;
+    // Lets tests write server.queueReply("USER", "530 denied").
+    Reply(const char* replyText) : text(replyText) {}
+    Reply(std::string replyText) : text(std::move(replyText)) {}
+
+    // Reply lines separated by '\n'; each line goes out followed by CR LF,
+    // unless `raw` is set, in which case the bytes go out exactly as given.
+    // In a PASV reply "{pasv}" is replaced by "127,0,0,1,p1,p2" of the data
+    // socket the server just opened. Empty text with `silent` unset means the
+    // default reply for the command.
+    std::string text;
+    bool raw = false;
+    // Wait this long before answering.
+    Millis delay{0};
+    // Never answer this command (the connection stays open and keeps reading).
+    bool silent = false;
+    // Send the text (if any), then close the control connection.
+    bool closeControl = false;
+    // Send the control text in pieces of this many bytes with `pieceDelay`
+    // between them (0 = all at once).
+    size_t controlPieceBytes = 0;
+    Millis controlPieceDelay{0};
+
+    // --- Transfer commands (RETR, STOR, APPE, LIST, NLST) -------------------
+    // A transfer happens only when the (preliminary) text starts with '1'.
+    // Final reply after the data part; empty means "226 Transfer complete".
+    std::string finalText;
+    // Wait this long before the final reply.
+    Millis finalDelay{0};
+    // Never send a final reply.
+    bool noFinal = false;
+    // Send the preliminary reply but never open or accept a data connection;
+    // the final reply follows at once (after finalDelay).
+    bool noDataConnection = false;
+    // Body sent on a read transfer instead of the stored file / listing.
+    std::optional<std::string> body;
+    // Close the data connection after this many bytes were sent or received
+    // (negative = no limit).
+    long closeDataAfter = -1;
+    // Send the data body in pieces of this many bytes with `pieceDelay`
+    // between them (0 = all at once).
+    size_t pieceBytes = 0;
+    Millis pieceDelay{0};
+    // After the data connection is established, neither read nor write it for
+    // this long (fills the client's send buffer on uploads).
+    Millis dataStall{0};
+    // On a read transfer: after the body, keep the data connection open until
+    // the client closes it, and only then send the final reply.
+    bool finalAfterClientClose = false;
+};
+
+// One received command line, without its line end.
+struct ReceivedCommand {
+    int connection;  // 1 for the first accepted control connection, ...
+    std::string line;
+};
+
+class ScriptedFtpServer {
+public:
+    // Starts listening on 127.0.0.1 with an ephemeral port; aborts the test
+    // process (via a failed gtest assertion in the constructor) if it cannot.
+    ScriptedFtpServer();
+    ~ScriptedFtpServer();
+
+    ScriptedFtpServer(const ScriptedFtpServer&) = delete;
+    ScriptedFtpServer& operator=(const ScriptedFtpServer&) = delete;
+
+    uint16_t port() const { return port_; }
+    // "127.0.0.1:<port>", ready for FTPTool::connect.
+    std::string address() const;
+
+    // --- Scripting ------------------------------------------------------------
+    // The greeting of every later connection.
+    void setGreeting(Reply greeting);
+    // Queues a one-shot reply for `key`: either an exact command line
+    // ("CWD /d/e") or a verb ("CWD"). An exact-line entry wins over a verb
+    // entry; a queued reply wins over a set one. Queued replies are used in
+    // order, one per matching command, on any connection.
+    void queueReply(const std::string& key, Reply reply);
+    // Sets the reply for `key` for every later matching command until cleared.
+    void setReply(const std::string& key, Reply reply);
+    void clearReply(const std::string& key);
+    // Body of LIST and NLST transfers.
+    void setListing(std::string body);
+
+    // --- Stored files -----------------------------------------------------------
+    void putFile(const std::string& path, std::string bytes);
+    // The file's bytes, or nothing when there is no such file.
+    std::optional<std::string> file(const std::string& path) const;
+    std::map<std::string, std::string> files() const;
+
+    // --- What happened ----------------------------------------------------------
+    // Every command line received so far, in arrival order (all connections).
+    std::vector<std::string> commands() const;
+    std::vector<ReceivedCommand> received() const;
+    // Lines received on one connection.
+    std::vector<std::string> commandsOn(int connection) const;
+    // Waits until at least `count` command lines have arrived; false when the
+    // limit passed first.
+    bool waitForCommands(size_t count, Millis limit = Millis(5000)) const;
+    // Control connections accepted so far, and those finished (the server has
+    // closed its socket and every data socket of that connection).
+    int connectionCount() const;
+    int closedConnectionCount() const;
+    bool waitForClosedConnections(int count, Millis limit = Millis(5000)) const;
+    // Data connections established (accepted in passive mode or connected in
+    // port mode) so far.
+    int dataConnectionCount() const;
+    // Bytes of every upload (STOR/APPE) in order, as the data connection
+    // delivered them.
+    std::vector<std::string> uploads() const;
+
+private:
+    struct Session;
+    struct Script {
+        std::deque<Reply> queued;
+        std::optional<Reply> sticky;
+    };
+
+    void acceptLoop();
+    void serve(int connection, int fd);
+    // The reply for `line` (verb `verb`), removing a queued one. Returns
+    // nothing when the default should be used.
+    std::optional<Reply> takeReply(const std::string& line, const std::string& verb);
+    // Waits for `delay`, returning early (false) when the server stops.
+    bool pause(Millis delay) const;
+    std::string resolve(const std::string& cwd, const std::string& path) const;
+
+    void handleCommand(Session& s, const std::string& line);
+    bool sendControl(Session& s, const Reply& reply, const std::string& text);
+    void transfer(Session& s, const std::string& verb, const std::string& arg,
+                  const Reply& reply);
+    int openDataConnection(Session& s, const Reply& reply);
+    void closeSessionData(Session& s);
+
+    uint16_t port_ = 0;
+    int listenFd_ = -1;
+    std::atomic<bool> stopping_{false};
+    std::thread acceptThread_;
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    // Guarded by mutex_.
+    std::vector<std::thread> sessionThreads_;
+    std::vector<int> sessionFds_;
+    Reply greeting_{"220 ready"};
+    std::map<std::string, Script> scripts_;
+    std::string listing_;
+    std::map<std::string, std::string> files_;
+    std::vector<ReceivedCommand> received_;
+    std::vector<std::string> uploads_;
+    int connections_ = 0;
+    int closedConnections_ = 0;
+    int dataConnections_ = 0;
+};
+
+}  // namespace ftptest
+
+#endif  // FTPDISK_TESTS_SUPPORT_SCRIPTEDFTPSERVER_H
