@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Cross-builds everything for 32-bit ARM (armhf) with the "armhf" preset and
+# runs every test under qemu-user, the unit tests and the real-server tests
+# alike (the servers themselves are programs of the build machine, started by
+# the tests on 127.0.0.1). Exits non-zero when the build or a test fails.
+#
+#   scripts/test-armhf.sh                  # configure, build, test
+#   scripts/test-armhf.sh -L unit          # extra arguments go to ctest
+#   FTPDISK_JOBS=4 scripts/test-armhf.sh   # parallel build and test jobs (default 2)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+jobs=${FTPDISK_JOBS:-2}
+preset=armhf
+
+missing=()
+for tool in arm-linux-gnueabihf-g++ arm-linux-gnueabihf-gcc qemu-arm cmake ninja; do
+  command -v "${tool}" >/dev/null 2>&1 || missing+=("${tool}")
+done
+[ -d /usr/arm-linux-gnueabihf/lib ] || missing+=("/usr/arm-linux-gnueabihf (libc6-dev-armhf-cross)")
+[ -f /usr/src/googletest/googletest/CMakeLists.txt ] || missing+=("/usr/src/googletest (libgtest-dev)")
+if [ "${#missing[@]}" -ne 0 ]; then
+  echo "test-armhf: missing: ${missing[*]}" >&2
+  echo "test-armhf: run scripts/install-deps.sh first" >&2
+  exit 2
+fi
+
+echo "=== ${preset}: configure and build"
+started=$SECONDS
+cmake --preset "${preset}" >/dev/null
+cmake --build --preset "${preset}" -j "${jobs}"
+
+# The module's shared library must be a 32-bit ARM object: a mistaken host
+# compiler would otherwise go unnoticed until a recorder refuses to load it.
+library=build/${preset}/src/libftpdisk.so
+if ! LC_ALL=C readelf -h "${library}" | grep -q 'Machine:[[:space:]]*ARM$'; then
+  echo "test-armhf: ${library} is not a 32-bit ARM object" >&2
+  exit 1
+fi
+
+echo "=== ${preset}: test under $(qemu-arm --version | head -n 1)"
+ctest --preset "${preset}" -j "${jobs}" "$@"
+echo "=== ${preset}: done in $((SECONDS - started)) s"
