@@ -33,13 +33,37 @@ public:
     // No network traffic. The caller keeps server, user and password shorter
     // than their fields (48, 32 and 20 characters with the terminator, and 32
     // for the open-file table); FTPFileSystem refuses longer texts before
-    // constructing this.
+    // constructing this. Should a text (or a null pointer) still arrive, none
+    // of the three is copied: the store keeps empty texts and is refused (see
+    // markRefused).
     FTPFileSystemImpl(const char* server, const char* user, const char* password, int capacity);
+    // Ends an open snapshot stream, then releases the open-file table (handles
+    // still open are dropped without their final replies), the locks and the
+    // main tool. Sends nothing on the main connection itself: FTPFileSystem
+    // runs uninit first.
     virtual ~FTPFileSystemImpl();
 
+    // True when server, user and password fit every field they are copied
+    // into: server and user at most 31 characters, password at most 19. Null
+    // pointers do not fit.
+    static bool textsFit(const char* server, const char* user, const char* password);
+    // Marks the store as refused for good: init returns -1 without traffic,
+    // path operations fail as uninitialised and open returns -1. Call before
+    // the store is shared with other threads (FTPFileSystem's constructor).
+    void markRefused();
+    bool isRefused();
+
     // --- Lifecycle ----------------------------------------------------------
+    // 0 when the main tool connected and logged in (used bytes reset to 0);
+    // -1 on a failed connect, a refused login (the connection is quit) or a
+    // refused store, each leaving the store uninitialised. A second init
+    // without uninit connects again on the same tool.
     int init();
+    // Always 0: marks the store uninitialised, ends an open snapshot stream,
+    // sends QUIT.
     int uninit();
+    // init when not initialised, else 0 without traffic. Reads the flag
+    // without a lock.
     int reinit();
 
     // --- Directory and file operations (main connection, opLock) -----------
@@ -62,8 +86,14 @@ public:
     int aioReturn(int handle, int milliseconds);
 
     // --- Whole-file transfer and snapshots -----------------------------------
+    // Get and Put: 0 when every byte was copied and the server's final reply
+    // was positive; -1 otherwise, leaving the partial destination in place.
+    // The local name is UTF-8. Neither takes a lock of this object.
     int Get(const char* localFile, const char* remoteFile);
     int Put(const char* localFile, const char* remoteFile);
+    // One snapshot stream on the main tool, deliberately without the
+    // operation lock. -1 when a snapshot is already open, the main tool is not
+    // connected or the server refuses the store.
     int snapshot_open(const char* path, int unused);
     int snapshot_write(const char* buf, unsigned int len);
     int snapshot_close();
@@ -103,11 +133,17 @@ private:
     FTPFileSystemImpl(const FTPFileSystemImpl&);
     FTPFileSystemImpl& operator=(const FTPFileSystemImpl&);
 
+    // Sets the flag under spaceLock. REQUIRES: opLock is held.
+    void setInitialised(bool value);
+    // Closes an open snapshot stream (its final reply is read) and forgets
+    // it. REQUIRES: opLock is held, or the object is being destroyed.
+    void dropSnapshotStream();
+
     SafePointer<FTPTool> mainTool;  // Guarded by opLock (snapshots excepted).
     char server[kStoreServerSize];
     char user[kStoreUserSize];
     char password[kStorePasswordSize];
-    int64_t usedBytes;  // Guarded by spaceLock.
+    int64_t usedBytes FTPDISK_GUARDED_BY(spaceLock);
     int32_t capacity;
     FtpFileHandleManager* handleManager;
     KDMutex spaceLock;
@@ -115,6 +151,9 @@ private:
     KDMutex scanLock;
     std::atomic<bool> initialised;  // Set under opLock (and spaceLock in init); reinit reads it unlocked.
     NetBuf* snapshotStream;
+    // Set before the store is shared (constructor or markRefused), read-only
+    // afterwards.
+    bool refused;
 };
 
 #endif  // FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H

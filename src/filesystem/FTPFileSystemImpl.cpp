@@ -1,0 +1,629 @@
+// The store: lifecycle, path operations on the main connection, the handle
+// gates in front of the open-file table, whole-file copies and the snapshot
+// stream. The listing members live in FTPFileSystemImplListing.cpp.
+#include "filesystem/FTPFileSystemImpl.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "host/KDFile.h"
+#include "host/string_util.h"
+
+namespace {
+
+// Source name under which every lock of the store is taken, for the host's
+// lock diagnostics.
+const char* const kLockSource = "FTPFileSystemImpl";
+
+// Size of the copy buffer of Get and Put.
+const unsigned int kCopyBufferSize = 8192;
+
+// The host's KDFile modes: 'b' creates or truncates for writing, 1 opens an
+// existing file for reading.
+const unsigned char kLocalCreateMode = 98;
+const unsigned char kLocalReadMode = 1;
+
+// True when `text` (with its terminator) fits a field of `size` bytes.
+bool fitsField(const char* text, size_t size) {
+    return text != NULL && strlen(text) < size;
+}
+
+// Zero-fills the field, then copies `text` in; the caller has checked that it
+// fits.
+void fillField(char* field, size_t size, const char* text) {
+    memset(field, 0, size);
+    memcpy(field, text, strlen(text));
+}
+
+// Cuts a path into the prefixes that createDir and isDirExist act on:
+// "/rec/d1/cam1" gives "/rec/", "/rec/d1/", "/rec/d1/cam1"; "a/b" gives "a/",
+// "a/b"; "x//y" gives "x/", "x//", "x//y". Every prefix keeps its trailing "/"
+// except the last when the path has none. The root "/" alone is never acted
+// on: it always exists and cannot be made.
+std::vector<std::string> pathPrefixes(const char* path) {
+    std::vector<std::string> prefixes;
+    std::string rest(path);
+    std::string built;
+    while (!rest.empty()) {
+        const std::string::size_type slash = rest.find('/');
+        if (slash != std::string::npos) {
+            built += rest.substr(0, slash + 1);
+            rest.erase(0, slash + 1);
+        } else {
+            built += rest;
+            rest.clear();
+        }
+        if (built == "/") {
+            continue;
+        }
+        prefixes.push_back(built);
+    }
+    return prefixes;
+}
+
+void printCannotOpen(const char* localFile) {
+    printf("Cannot open file \"%s\"! Please check the file name!e\n", localFile);
+    fflush(stdout);
+}
+
+}  // namespace
+
+bool FTPFileSystemImpl::textsFit(const char* server, const char* user, const char* password) {
+    // The server text is copied into the store (48 bytes) and into the
+    // open-file table (32 bytes); user and password likewise (32/32 and
+    // 20/32). The smaller field of each pair decides.
+    return fitsField(server, kFtpTableTextSize) && fitsField(server, kStoreServerSize) &&
+           fitsField(user, kFtpTableTextSize) && fitsField(user, kStoreUserSize) &&
+           fitsField(password, kFtpTableTextSize) && fitsField(password, kStorePasswordSize);
+}
+
+FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const char* password,
+                                     int capacity)
+    : mainTool(),
+      usedBytes(0),
+      capacity(capacity),
+      handleManager(NULL),
+      initialised(false),
+      snapshotStream(NULL),
+      refused(false) {
+    // Texts that would not fit are never copied: the store keeps empty texts
+    // and refuses to initialise, so nothing overflows and nothing connects to
+    // a half-copied server name.
+    if (!textsFit(server, user, password)) {
+        refused = true;
+        server = "";
+        user = "";
+        password = "";
+    }
+    fillField(this->server, sizeof(this->server), server);
+    fillField(this->user, sizeof(this->user), user);
+    fillField(this->password, sizeof(this->password), password);
+    mainTool = SafePointer<FTPTool>(new FTPTool());
+    // Handles run from 1 to capacity - 1; at most capacity files open.
+    handleManager =
+        new FtpFileHandleManager(this->server, this->user, this->password, 1, capacity, capacity);
+}
+
+FTPFileSystemImpl::~FTPFileSystemImpl() {
+    initialised = false;
+    // A snapshot still open would keep a data socket and a record pointing at
+    // the main connection's control record: end it while both still exist.
+    dropSnapshotStream();
+    // Handles still open are only released by the table: their data
+    // connections are not closed and no final reply is read.
+    delete handleManager;
+    handleManager = NULL;
+    // The locks and then the main tool go with the members.
+}
+
+void FTPFileSystemImpl::markRefused() {
+    // Unlocked: called before the store is shared, and never changed after.
+    refused = true;
+    initialised = false;
+}
+
+bool FTPFileSystemImpl::isRefused() { return refused; }
+
+// --- Lifecycle --------------------------------------------------------------
+
+int FTPFileSystemImpl::init() {
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    if (refused) {
+        return -1;
+    }
+    // connect releases the previous control record; a snapshot opened on it
+    // must not outlive it.
+    dropSnapshotStream();
+    if (mainTool->connect(server) == 0) {
+        setInitialised(false);
+        return -1;
+    }
+    if (mainTool->login(user, password) == 0) {
+        // Close the half-open connection rather than leave it to the next
+        // init or the destructor.
+        mainTool->quit();
+        setInitialised(false);
+        return -1;
+    }
+    {
+        KDMutexLocker space(spaceLock, kLockSource, __LINE__);
+        usedBytes = 0;
+        initialised = true;
+    }
+    return 0;
+}
+
+void FTPFileSystemImpl::setInitialised(bool value) {
+    KDMutexLocker space(spaceLock, kLockSource, __LINE__);
+    initialised = value;
+}
+
+int FTPFileSystemImpl::uninit() {
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    initialised = false;
+    // QUIT frees the control record that an open snapshot's data record
+    // points at; end the snapshot first so the server's closing reply is read
+    // in order and no dangling record is left.
+    dropSnapshotStream();
+    if (!mainTool.isNull()) {
+        mainTool->quit();
+    }
+    return 0;
+}
+
+int FTPFileSystemImpl::reinit() {
+    // Deliberately unlocked: the check and the init that follows are not one
+    // step, so two threads may both init (each under the operation lock).
+    if (!initialised) {
+        return init();
+    }
+    return 0;
+}
+
+// --- Directory and file operations ------------------------------------------
+
+int FTPFileSystemImpl::createDir(const char* path) {
+    if (path == NULL) {
+        return -1;
+    }
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    if (!initialised) {
+        return -1;
+    }
+    const std::vector<std::string> prefixes = pathPrefixes(path);
+    for (size_t i = 0; i < prefixes.size(); ++i) {
+        // Back to the root before every test, so a relative path is taken from
+        // the root and not from wherever the last operation left us.
+        mainTool->cd("/");
+        if (mainTool->cd(prefixes[i].c_str()) == 1) {
+            continue;
+        }
+        if (mainTool->mkdir(prefixes[i].c_str()) == 0) {
+            return -1;  // directories made so far stay
+        }
+    }
+    return 0;
+}
+
+bool FTPFileSystemImpl::isDirExist(const char* path) {
+    if (path == NULL) {
+        return false;
+    }
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    if (!initialised) {
+        return false;
+    }
+    // Unlike createDir there is no return to "/" between the prefixes: each
+    // prefix is tried from where the previous one led (kept as the recorder
+    // has always seen it).
+    const std::vector<std::string> prefixes = pathPrefixes(path);
+    for (size_t i = 0; i < prefixes.size(); ++i) {
+        if (mainTool->cd(prefixes[i].c_str()) != 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool FTPFileSystemImpl::isFileExist(const char* path) {
+    if (path == NULL) {
+        return false;
+    }
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    if (!initialised) {
+        return false;
+    }
+    // A file exists when the server agrees to send it; no byte is read.
+    NetBuf* stream = NULL;
+    if (mainTool->dataConnect(path, kFtpRetr, 'I', &stream) == 1) {
+        mainTool->closeData(stream);
+        return true;
+    }
+    return false;
+}
+
+int FTPFileSystemImpl::createFile(const char* path) {
+    if (path == NULL) {
+        return -1;
+    }
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    if (!initialised) {
+        return -1;
+    }
+    // Retrieve first, so an existing file is left as it is; only a missing one
+    // is made, by storing nothing into it.
+    NetBuf* stream = NULL;
+    if (mainTool->dataConnect(path, kFtpRetr, 'I', &stream) != 1) {
+        stream = NULL;
+        if (mainTool->dataConnect(path, kFtpStor, 'I', &stream) != 1) {
+            return -1;
+        }
+    }
+    mainTool->closeData(stream);
+    return 0;
+}
+
+long long FTPFileSystemImpl::baseGetFileLength(const char* path) {
+    const std::string whole(path);
+    const std::string::size_type slash = whole.rfind('/');
+    std::string dir;
+    std::string name;
+    if (slash == std::string::npos) {
+        dir = whole;
+        name = whole;
+    } else {
+        dir = whole.substr(0, slash);
+        name = whole.substr(slash + 1);
+    }
+    std::vector<SafePointer<FTPConst::FTPFileDescriptor> > entries;
+    long long total = 0;
+    if (!getFileDescriptorList(dir.c_str(), entries, total)) {
+        return -1;
+    }
+    for (size_t i = 0; i < entries.size(); ++i) {
+        // Only plain files count: a directory of the same name has no length.
+        if (entries[i]->type == '-' && entries[i]->name == name) {
+            return static_cast<long long>(entries[i]->size);
+        }
+    }
+    return -1;
+}
+
+long long FTPFileSystemImpl::getFileLength(const char* path) {
+    if (path == NULL) {
+        return -1;
+    }
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    if (!initialised) {
+        return -1;
+    }
+    return baseGetFileLength(path);
+}
+
+int FTPFileSystemImpl::deleteFile(const char* path) {
+    if (path == NULL) {
+        return -1;
+    }
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    // The length is asked before the flag is looked at, and a file missing from
+    // the listing gives -1, which the account below then "subtracts" (raising
+    // it by one). Both are kept: the recorder's space figures have always
+    // behaved so.
+    const long long len = baseGetFileLength(path);
+    if (!initialised) {
+        return -1;
+    }
+    if (mainTool->deleteFile(path) == 0) {
+        return -1;
+    }
+    updateSpaceInfo(len, false);
+    return 0;
+}
+
+int FTPFileSystemImpl::renameFile(const char* from, const char* to) {
+    if (from == NULL || to == NULL) {
+        return -1;
+    }
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    if (!initialised) {
+        return -1;
+    }
+    return mainTool->moveFile(from, to) != 0 ? 0 : -1;
+}
+
+int FTPFileSystemImpl::moveDir(const char* /*from*/, const char* /*to*/) {
+    // Moving directories is not supported; the recorder treats 0 as "nothing
+    // to do".
+    return 0;
+}
+
+int FTPFileSystemImpl::removeDir(const char* path) {
+    if (path == NULL) {
+        return -1;
+    }
+    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    if (!initialised) {
+        return -1;
+    }
+    return rmFTPDir(path) != 0 ? 0 : -1;
+}
+
+int FTPFileSystemImpl::rmFTPDir(const char* path) {
+    std::vector<SafePointer<FTPConst::FTPFileDescriptor> > entries;
+    long long total = 0;
+    if (!getFileDescriptorList(path, entries, total)) {
+        return 0;
+    }
+    for (size_t i = 0; i < entries.size(); ++i) {
+        // A path ending in "/" gives a doubled separator here; servers accept
+        // it, so it is left alone.
+        const std::string child = std::string(path) + "/" + entries[i]->name;
+        if (entries[i]->type == 'd') {
+            if (rmFTPDir(child.c_str()) == 0) {
+                return 0;
+            }
+            continue;
+        }
+        // The listing's size is a signed 32-bit number; it is what the account
+        // was raised by, so it is what comes off (a file of 2 GiB or more
+        // takes its wrapped size with it).
+        const int32_t len = static_cast<int32_t>(baseGetFileLength(child.c_str()));
+        if (len == -1) {
+            return 0;
+        }
+        if (mainTool->deleteFile(child.c_str()) == 0) {
+            return 0;
+        }
+        updateSpaceInfo(len, false);
+    }
+    // Deleting files left the connection in the files' directory; RMD is sent
+    // from the root so the path means the same as in the listing.
+    mainTool->cd("/");
+    return mainTool->rmdir(path) != 0 ? 1 : 0;
+}
+
+// --- Handle operations --------------------------------------------------------
+
+int FTPFileSystemImpl::open(const char* path, int mode) {
+    if (path == NULL || refused) {
+        return -1;
+    }
+    return handleManager->open(path, mode);
+}
+
+int FTPFileSystemImpl::close(int handle) { return handleManager->close(handle); }
+
+int FTPFileSystemImpl::read(int handle, char* buf, unsigned int len) {
+    SafePointer<FtpFileHandler> file;
+    if (!handleManager->getFileHandler(handle, file)) {
+        return -1;
+    }
+    if (file->getMode() != kFtpModeRead) {
+        return -1;
+    }
+    return file->read(buf, len);
+}
+
+int FTPFileSystemImpl::write(int handle, const char* buf, unsigned int len) {
+    SafePointer<FtpFileHandler> file;
+    if (!handleManager->getFileHandler(handle, file)) {
+        return -1;
+    }
+    if (file->getMode() == kFtpModeRead) {
+        return -1;
+    }
+    const int written = file->write(buf, len);
+    if (written != -1) {
+        updateSpaceInfo(written, true);
+    }
+    return written;
+}
+
+int FTPFileSystemImpl::aioWrite(int handle, const char* buf, unsigned int len) {
+    SafePointer<FtpFileHandler> file;
+    if (!handleManager->getFileHandler(handle, file)) {
+        return -1;
+    }
+    if (file->getMode() == kFtpModeRead) {
+        return -1;
+    }
+    // The account is not raised here: the caller learns how much was taken
+    // only from this result and aioReturn.
+    return file->aioWrite(buf, len);
+}
+
+int FTPFileSystemImpl::aioReturn(int handle, int milliseconds) {
+    SafePointer<FtpFileHandler> file;
+    if (!handleManager->getFileHandler(handle, file)) {
+        return -1;
+    }
+    return file->aioReturn(milliseconds);
+}
+
+// --- Whole-file transfer and snapshots ---------------------------------------
+
+int FTPFileSystemImpl::Get(const char* localFile, const char* remoteFile) {
+    if (localFile == NULL || remoteFile == NULL) {
+        return -1;
+    }
+    const std::wstring wideName = string_util::utf82wchar(localFile);
+    KDFile local;
+    if (local.open_w(wideName.c_str(), kLocalCreateMode) == 0) {
+        printCannotOpen(localFile);
+        return -1;
+    }
+    const int handle = open(remoteFile, kFtpModeRead);
+    if (handle == -1) {
+        local.close();
+        return -1;
+    }
+    std::vector<char> buffer(kCopyBufferSize);
+    char* buf = &buffer[0];
+    int result = -1;
+    for (;;) {
+        const int n = read(handle, buf, kCopyBufferSize);
+        if (n < 0) {
+            break;
+        }
+        if (n == 0) {
+            result = 0;
+            break;
+        }
+        int done = 0;
+        while (done < n) {
+            const int w = local.write(buf + done, static_cast<unsigned int>(n - done));
+            if (w <= 0) {
+                break;  // an error, or a disk that takes nothing more
+            }
+            done += w;
+        }
+        if (done < n) {
+            break;
+        }
+    }
+    local.close();
+    // The end of the data alone does not prove the file complete: the server's
+    // final reply does (a transfer it aborted ends the data just the same).
+    if (close(handle) != 0) {
+        result = -1;
+    }
+    return result;
+}
+
+int FTPFileSystemImpl::Put(const char* localFile, const char* remoteFile) {
+    if (localFile == NULL || remoteFile == NULL) {
+        return -1;
+    }
+    const std::wstring wideName = string_util::utf82wchar(localFile);
+    KDFile local;
+    if (local.open_w(wideName.c_str(), kLocalReadMode) == 0) {
+        printCannotOpen(localFile);
+        return -1;
+    }
+    const int handle = open(remoteFile, kFtpModeWrite);
+    if (handle == -1) {
+        local.close();
+        return -1;
+    }
+    std::vector<char> buffer(kCopyBufferSize);
+    char* buf = &buffer[0];
+    int result = -1;
+    for (;;) {
+        const int n = local.read(buf, kCopyBufferSize);
+        if (n < 0) {
+            break;
+        }
+        if (n == 0) {
+            result = 0;
+            break;
+        }
+        int done = 0;
+        while (done < n) {
+            const int w = write(handle, buf + done, static_cast<unsigned int>(n - done));
+            if (w <= 0) {
+                break;  // an error, or a connection that takes nothing more
+            }
+            done += w;
+        }
+        if (done < n) {
+            break;
+        }
+    }
+    local.close();
+    // Only the server's final reply says the bytes were stored; a refused
+    // closing reply makes the copy a failure. What arrived stays on the server.
+    if (close(handle) != 0) {
+        result = -1;
+    }
+    return result;
+}
+
+int FTPFileSystemImpl::snapshot_open(const char* path, int /*unused*/) {
+    // One snapshot at a time: a second open would lose the first stream and
+    // mix two transfers on one control connection.
+    if (snapshotStream != NULL || path == NULL) {
+        return -1;
+    }
+    if (mainTool->getControlBuf() == NULL) {
+        return -1;  // never connected, or quit: nothing to talk to
+    }
+    NetBuf* stream = NULL;
+    if (mainTool->dataConnect(path, kFtpStor, 'I', &stream) == 0 || stream == NULL) {
+        return -1;
+    }
+    snapshotStream = stream;
+    return 0;
+}
+
+int FTPFileSystemImpl::snapshot_write(const char* buf, unsigned int len) {
+    int n = -1;
+    if (snapshotStream == NULL) {
+        errno = EBADF;  // no stream: report it as a write to a closed descriptor
+    } else {
+        const int length = len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
+        n = mainTool->write(buf, length, snapshotStream);
+    }
+    if (n >= 0) {
+        return n;
+    }
+    printf("FTPFileSystemImpl::snapshot_write %d\n", errno);
+    fflush(stdout);
+    return -1;
+}
+
+int FTPFileSystemImpl::snapshot_close() {
+    if (snapshotStream == NULL) {
+        return -1;
+    }
+    NetBuf* stream = snapshotStream;
+    snapshotStream = NULL;  // closeData frees the record whatever it returns
+    return mainTool->closeData(stream) == 1 ? 0 : -1;
+}
+
+void FTPFileSystemImpl::dropSnapshotStream() {
+    if (snapshotStream == NULL) {
+        return;
+    }
+    NetBuf* stream = snapshotStream;
+    snapshotStream = NULL;
+    mainTool->closeData(stream);
+}
+
+// --- Space ----------------------------------------------------------------------
+
+void FTPFileSystemImpl::updateSpaceInfo(long long bytes, bool add) {
+    KDMutexLocker space(spaceLock, kLockSource, __LINE__);
+    if (add) {
+        usedBytes += bytes;
+    } else {
+        usedBytes -= bytes;
+    }
+}
+
+void FTPFileSystemImpl::getDiskSpaceInfo(long& first, long& second) {
+    KDMutexLocker space(spaceLock, kLockSource, __LINE__);
+    first = 0;
+    // The server's free space is never asked for: only what this store wrote
+    // is reported, in whole mebibytes (truncated toward zero). The clamp keeps
+    // a 32-bit long from overflowing on an absurd account.
+    const double mebibytes = static_cast<double>(usedBytes) / 1048576.0;
+    if (mebibytes >= static_cast<double>(LONG_MAX)) {
+        second = LONG_MAX;
+    } else if (mebibytes <= static_cast<double>(LONG_MIN)) {
+        second = LONG_MIN;
+    } else {
+        second = static_cast<long>(mebibytes);
+    }
+}
+
+long long FTPFileSystemImpl::getUsedBytes() {
+    KDMutexLocker space(spaceLock, kLockSource, __LINE__);
+    return usedBytes;
+}
+
+FtpFileHandleManager* FTPFileSystemImpl::getHandleManager() { return handleManager; }

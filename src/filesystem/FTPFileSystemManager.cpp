@@ -1,0 +1,119 @@
+// The registry of stores, keyed by the location text as the host gave it.
+#include "filesystem/FTPFileSystemManager.h"
+
+#include <string>
+#include <vector>
+
+#include "filesystem/FTPFileSystemImpl.h"
+#include "host/StringHandler.h"
+#include "location/FTPPath.h"
+
+namespace {
+
+// Source name and line numbers of the registry's lock sites, as the host's
+// lock diagnostics have always known them.
+const char* const kLockSource = "FTPFileSystemManager";
+const int kAddLockLine = 28;
+const int kDeleteLockLine = 50;
+const int kGetLockLine = 67;
+
+// Every store of the registry gets this many handles' worth of open-file
+// table.
+const int kStoreCapacity = 1024;
+
+void splitLocation(const std::string& location, std::vector<std::string>& parts) {
+    std::string text(location);
+    for (std::string::size_type i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\') {
+            text[i] = '/';
+        }
+    }
+    StringHandler::split(text, parts, "/");
+}
+
+}  // namespace
+
+FTPFileSystemManager* FTPFileSystemManager::getInstance() {
+    // Made on first use (thread-safe), destroyed at process exit, which
+    // releases every registered store.
+    static FTPFileSystemManager instance;
+    return &instance;
+}
+
+FTPFileSystemManager::FTPFileSystemManager() {}
+
+FTPFileSystemManager::~FTPFileSystemManager() {}
+
+int FTPFileSystemManager::addFTPFileSystem(const std::string& location) {
+    KDMutexLocker guard(lock, kLockSource, kAddLockLine);
+    FTPPath parsed;
+    if (parsed.create(location) == 0) {
+        return -1;
+    }
+    const std::string server = parsed.getServerAddress();
+    const std::string user = parsed.getUserName();
+    const std::string password = parsed.getPassword();
+    // The path is part of the key only: a store serves a whole server login,
+    // and the host names its directories with full paths.
+    if (!FTPFileSystemImpl::textsFit(server.c_str(), user.c_str(), password.c_str())) {
+        return -1;
+    }
+    if (fileSystems.find(location) != fileSystems.end()) {
+        return 0;  // already registered: no second store, no reconnection
+    }
+    SafePointer<FTPFileSystem> store(
+        new FTPFileSystem(server.c_str(), user.c_str(), password.c_str(), kStoreCapacity));
+    fileSystems.insert(std::make_pair(location, store));
+    return 0;
+}
+
+int FTPFileSystemManager::getFTPFileSystem(const std::string& location,
+                                           SafePointer<FTPFileSystem>& out) {
+    KDMutexLocker guard(lock, kLockSource, kGetLockLine);
+    // A covering test, not an exact lookup: any path below a registered
+    // location finds that location's store.
+    for (std::map<std::string, SafePointer<FTPFileSystem> >::iterator it = fileSystems.begin();
+         it != fileSystems.end(); ++it) {
+        if (isSameDiskDir(it->first, location)) {
+            out = it->second;
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int FTPFileSystemManager::deleteFileSystem(const std::string& location) {
+    KDMutexLocker guard(lock, kLockSource, kDeleteLockLine);
+    std::map<std::string, SafePointer<FTPFileSystem> >::iterator it = fileSystems.find(location);
+    if (it == fileSystems.end()) {
+        return -1;
+    }
+    // Dropping the registry's reference destroys the store when nobody else
+    // holds it, which runs its uninit (QUIT) under this lock: the registry
+    // lock comes before any store lock.
+    fileSystems.erase(it);
+    return 0;
+}
+
+bool FTPFileSystemManager::isSameDiskDir(const std::string& registered,
+                                         const std::string& location) {
+    std::vector<std::string> r;
+    std::vector<std::string> l;
+    splitLocation(registered, r);
+    splitLocation(location, l);
+    if (r.size() > l.size()) {
+        return false;
+    }
+    if (r.size() == 1) {
+        return true;
+    }
+    // The registered location's last component is deliberately not compared:
+    // everything that shares its parent (same credentials, server and parent
+    // directories) is the same disk.
+    for (size_t i = 0; i + 1 < r.size(); ++i) {
+        if (r[i] != l[i]) {
+            return false;
+        }
+    }
+    return true;
+}
