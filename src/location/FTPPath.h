@@ -15,7 +15,18 @@ namespace NS_FTPPath {
 extern const char* FTPPathBegin;
 
 // Each returns non-zero on success, 0 on failure (parseUserName: the position
-// of the "(" ending the name, 0 on failure).
+// of the "(" ending the name, 0 on failure). On failure the out-parameters may
+// already be changed (parseUserName clears `user` first).
+//
+// splitInfo: cuts at the last "@"; fails on an empty text or one without "@".
+// parseUserName: unescapes up to the first unescaped "("; fails when there is
+//   none or when it is the first character (empty user name).
+// parseUserInfo: the password runs from that "(" to the last ")"; fails when
+//   there is no ")" after the "(".
+// convertUserName: puts "*" before every "(", "*" and "@" of `user`.
+// parseServerInfo: everything after the first "ftp://", backslashes turned
+//   into slashes, split at the first "/"; the first "//" of the path folded and
+//   trailing slashes removed (the root is ""). Fails without "ftp://".
 int splitInfo(const std::string& text, std::string& userInfo, std::string& serverInfo);
 int parseUserInfo(const std::string& userInfo, std::string& user, std::string& password);
 int parseUserName(const std::string& userInfo, std::string& user);
