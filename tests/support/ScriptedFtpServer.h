@@ -49,8 +49,8 @@ struct Reply {
     // Reply lines separated by '\n'; each line goes out followed by CR LF,
     // unless `raw` is set, in which case the bytes go out exactly as given.
     // In a PASV reply "{pasv}" is replaced by "127,0,0,1,p1,p2" of the data
-    // socket the server just opened. Empty text with `silent` unset means the
-    // default reply for the command.
+    // socket the server just opened. Empty text means the default reply for
+    // the command (with `closeControl`: nothing is sent before closing).
     std::string text;
     bool raw = false;
     // Wait this long before answering.
@@ -117,8 +117,9 @@ public:
     void setGreeting(Reply greeting);
     // Queues a one-shot reply for `key`: either an exact command line
     // ("CWD /d/e") or a verb ("CWD"). An exact-line entry wins over a verb
-    // entry; a queued reply wins over a set one. Queued replies are used in
-    // order, one per matching command, on any connection.
+    // entry (exact-line entries are looked at first, queued then set, then
+    // verb entries, queued then set). Queued replies are used in order, one per
+    // matching command, on any connection.
     void queueReply(const std::string& key, Reply reply);
     // Sets the reply for `key` for every later matching command until cleared.
     void setReply(const std::string& key, Reply reply);
@@ -185,7 +186,6 @@ private:
     mutable std::condition_variable changed_;
     // Guarded by mutex_.
     std::vector<std::thread> sessionThreads_;
-    std::vector<int> sessionFds_;
     Reply greeting_{"220 ready"};
     std::map<std::string, Script> scripts_;
     std::string listing_;

@@ -1,1 +1,0 @@
-// Intentionally small: support sources are added beside it.
