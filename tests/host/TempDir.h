@@ -1,0 +1,39 @@
+// A fresh folder below /tmp for one test, removed with its contents when the
+// test ends.
+#ifndef FTPDISK_TESTS_HOST_TEMPDIR_H
+#define FTPDISK_TESTS_HOST_TEMPDIR_H
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/ftpdisk_host_XXXXXX";
+        const char* made = mkdtemp(pattern);
+        path_ = made != nullptr ? made : "";
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// The whole content of a file, "" when it cannot be read.
+inline std::string readWholeFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+#endif  // FTPDISK_TESTS_HOST_TEMPDIR_H
