@@ -60,8 +60,9 @@ private:
     FreeFtpToolBuff(const FreeFtpToolBuff&);
     FreeFtpToolBuff& operator=(const FreeFtpToolBuff&);
 
-    std::vector<SafePointer<FreeFTPInfo> > idleList;  // Guarded by lock.
-    GThread* monitorThread;
+    // Guarded by lock. Oldest first: new entries are appended.
+    std::vector<SafePointer<FreeFTPInfo> > idleList FTPDISK_GUARDED_BY(lock);
+    GThread* monitorThread;  // owned; created by the constructor, started by start()
     std::atomic<bool> paused;  // written by start/stop, read by the monitor pass
     KDMutex lock;
 };

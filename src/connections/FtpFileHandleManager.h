@@ -29,15 +29,24 @@ public:
                          int firstHandle, int handleLimit, int maxOpenFiles);
     virtual ~FtpFileHandleManager();
 
-    // A handle, or -1.
+    // A handle, or -1 (path of 256 characters or more, too many open files,
+    // path already open, no free number, no connection, transfer refused).
+    // Once a number is reserved, a later failure keeps it reserved.
     int open(const char* path, int mode);
     // 0, or -1 (unknown handle, failed final reply, unusable connection).
     int close(int handle);
+    // True with the open file in `out`; false with `out` untouched when the
+    // handle is not open.
     bool getFileHandler(int handle, SafePointer<FtpFileHandler>& out);
+    // Reserves the lowest free handle number for `path`: the number, or -1
+    // when `path` is already open or every number is taken.
     // REQUIRES: mutex is held.
-    int getFileHandleID(const char* path);
+    int getFileHandleID(const char* path) FTPDISK_REQUIRES(mutex);
+    // A logged-in connection, pooled or new: true with it in `out`; false when
+    // a new one could not connect or log in (`out` then holds that unusable
+    // connection or is left as it was).
     // REQUIRES: mutex is held.
-    bool getPFTPTool(SafePointer<FTPTool>& out);
+    bool getPFTPTool(SafePointer<FTPTool>& out) FTPDISK_REQUIRES(mutex);
 
     // The pool (tests and diagnostics).
     SafePointer<FreeFtpToolBuff>& getFreeToolBuff();
@@ -47,7 +56,8 @@ private:
     FtpFileHandleManager& operator=(const FtpFileHandleManager&);
 
     SafePointer<FreeFtpToolBuff> freeToolBuff;
-    std::vector<SafePointer<FtpFileHandler> > fileHandlers;  // Guarded by mutex.
+    // Guarded by mutex. In order of opening.
+    std::vector<SafePointer<FtpFileHandler> > fileHandlers FTPDISK_GUARDED_BY(mutex);
     int32_t handleLimit;
     int32_t firstHandle;
     int32_t maxOpenFiles;
@@ -55,7 +65,8 @@ private:
     char server[kFtpTableTextSize];
     char user[kFtpTableTextSize];
     char password[kFtpTableTextSize];
-    std::map<int32_t, bool> handleInUse;  // Guarded by mutex.
+    // Guarded by mutex. One entry per number firstHandle..handleLimit-1.
+    std::map<int32_t, bool> handleInUse FTPDISK_GUARDED_BY(mutex);
 };
 
 #endif  // FTPDISK_CONNECTIONS_FTPFILEHANDLEMANAGER_H

@@ -1,0 +1,144 @@
+#include "connections/FtpFileHandler.h"
+
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+// FTPTool's data operations take a signed length; a larger request is cut to
+// what one call can report back.
+int clampLength(unsigned int len) {
+    return len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
+}
+
+// Closes a data connection's socket and frees its record without reading the
+// final reply.
+void releaseDataConnection(NetBuf* data) {
+    if (data->handle >= 0) {
+        ::close(data->handle);
+        data->handle = -1;
+    }
+    free(data->buffer);
+    free(data);
+}
+
+}  // namespace
+
+FtpFileHandler::FtpFileHandler(SafePointer<FTPTool>& tool, int mode, int fileHandle,
+                               const char* fileName)
+    : ftpTool(tool), dataConnection(NULL), mode(mode), fileHandle(fileHandle) {
+    memset(this->fileName, 0, sizeof this->fileName);
+    if (fileName != NULL) {
+        // The open-file table refuses paths of 256 characters or more before
+        // it gets here; the bound only keeps a direct caller from overflowing
+        // the field (a longer path is cut, never written past the end).
+        strncpy(this->fileName, fileName, sizeof this->fileName - 1);
+    }
+}
+
+FtpFileHandler::~FtpFileHandler() {
+    // A handler dropped without close (its table was destroyed, or the host
+    // never closed the handle) still owns its data connection. It is released
+    // without traffic: no final reply is awaited on this path, but no socket
+    // or record may outlive the handler either.
+    if (dataConnection != NULL) {
+        releaseDataConnection(dataConnection);
+        dataConnection = NULL;
+    }
+}
+
+bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/,
+                          const char* /*password*/) {
+    // The connection is already logged in; the three texts are accepted for
+    // the callers' sake and deliberately not used.
+    int kind;
+    switch (mode) {
+        case kFtpModeRead:
+            kind = kFtpRetr;
+            break;
+        case kFtpModeWrite:
+        case kFtpModeWrite2:
+            kind = kFtpStor;
+            break;
+        case kFtpModeAppend:
+            kind = kFtpAppe;
+            break;
+        default:
+            return false;
+    }
+    if (dataConnection != NULL) {
+        return false;  // one transfer per handler
+    }
+    return ftpTool->dataConnect(fileName, kind, 'I', &dataConnection) != 0;
+}
+
+int FtpFileHandler::read(char* buf, unsigned int len) {
+    if (dataConnection == NULL) {
+        return -1;
+    }
+    const int result = ftpTool->read(buf, clampLength(len), dataConnection);
+    if (result < 0) {
+        // The transfer's state is unknown now: the table must quit the
+        // connection instead of pooling it.
+        ftpTool->setUsable(false);
+    }
+    return result;
+}
+
+int FtpFileHandler::write(const char* buf, unsigned int len) {
+    if (dataConnection == NULL) {
+        return -1;
+    }
+    const int result = ftpTool->write(buf, clampLength(len), dataConnection);
+    if (result < 0) {
+        ftpTool->setUsable(false);
+    }
+    return result;
+}
+
+int FtpFileHandler::aioWrite(const char* buf, unsigned int len) {
+    if (dataConnection == NULL) {
+        return -1;
+    }
+    // Set on every call: the asynchronous write must never block the
+    // recorder's thread, whatever was done to the socket before.
+    int nonBlocking = 1;
+    if (ioctl(dataConnection->handle, FIONBIO, &nonBlocking) != 0) {
+        return -1;  // nothing was sent; the connection itself is not at fault
+    }
+    const int result = ftpTool->aioWrite(buf, len, dataConnection);
+    if (result < 0) {
+        ftpTool->setUsable(false);
+    }
+    return result;
+}
+
+int FtpFileHandler::aioReturn(int milliseconds) {
+    if (dataConnection == NULL) {
+        return -2;
+    }
+    // A time-out (-1) or error (-2) here is reported, not judged: the final
+    // reply read by close decides whether the connection is kept.
+    return ftpTool->aioReturn(milliseconds, dataConnection);
+}
+
+int FtpFileHandler::close() {
+    if (dataConnection == NULL) {
+        return -1;
+    }
+    NetBuf* data = dataConnection;
+    // closeData releases the record whatever the final reply says.
+    dataConnection = NULL;
+    return ftpTool->closeData(data) == 1 ? 0 : -1;
+}
+
+int FtpFileHandler::getMode() { return mode; }
+
+int FtpFileHandler::getFileHandle() { return fileHandle; }
+
+const char* FtpFileHandler::getFileName() { return fileName; }
+
+SafePointer<FTPTool>& FtpFileHandler::getPFTPTool() { return ftpTool; }
