@@ -1,0 +1,287 @@
+// check: walks one location through everything a recorder does with it and
+// prints one line per step with its result and time, then a verdict.
+//
+//   ok    init        3.21 ms  logged in to 127.0.0.1:2121 as rec
+//   FAIL  write       3.05 s   writing to the server failed after 65536 bytes
+//   skip  list                 not run: write failed
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <iostream>
+#include <vector>
+
+#include "Commands.h"
+#include "ToolFormat.h"
+
+namespace ftpdisk_tool {
+
+namespace {
+
+// Big enough to need several sends and cross block boundaries, small enough
+// to pass quickly over a slow uplink.
+constexpr unsigned kProbeSize = 256 * 1024 + 123;
+constexpr unsigned kBlock = 64 * 1024;
+
+// Byte i of the probe file; 251 is prime, so the pattern never lines up with
+// block sizes and a shifted or repeated block shows as a mismatch.
+char probeByte(std::size_t i) { return static_cast<char>((i * 7 + 3) % 251); }
+
+class StepPrinter {
+public:
+    // Runs `body` as one step unless an earlier step it needs has failed.
+    // `body` returns true on success and fills `detail` either way.
+    bool run(const std::string& name, bool prerequisite, const std::string& skipReason,
+             const std::function<bool(std::string&)>& body) {
+        ++steps_;
+        if (!prerequisite) {
+            ++skipped_;
+            print("skip", name, "", "not run: " + skipReason);
+            return false;
+        }
+        std::string detail;
+        const double start = monotonicSeconds();
+        const bool ok = body(detail);
+        const double seconds = monotonicSeconds() - start;
+        print(ok ? "ok" : "FAIL", name, humanMillis(seconds), detail);
+        if (ok) {
+            ++passed_;
+        } else if (firstFailure_.empty()) {
+            firstFailure_ = name + " (" + detail + ")";
+        }
+        return ok;
+    }
+
+    int steps() const { return steps_; }
+    int passed() const { return passed_; }
+    int skipped() const { return skipped_; }
+    const std::string& firstFailure() const { return firstFailure_; }
+
+private:
+    static void print(const std::string& result, const std::string& name, const std::string& time,
+                      const std::string& detail) {
+        char line[96];
+        std::snprintf(line, sizeof line, "  %-4s  %-9s %10s  ", result.c_str(), name.c_str(),
+                      time.c_str());
+        std::cout << line << detail << std::endl;
+    }
+
+    int steps_ = 0;
+    int passed_ = 0;
+    int skipped_ = 0;
+    std::string firstFailure_;
+};
+
+std::string childPath(const std::string& dir, const std::string& name) {
+    return dir == "/" ? "/" + name : dir + "/" + name;
+}
+
+}  // namespace
+
+int runCheck(const Arguments& args) {
+    Session session("check");
+    // A text that is not a location is a usage error, reported before any step.
+    int status = session.registerLocation(args.positional[0]);
+    if (status != kExitOk) {
+        return status;
+    }
+    const Location& location = session.location();
+    FTPFileSystem* store = session.store();
+    std::cout << "checking " << location.masked() << std::endl;
+
+    StepPrinter steps;
+    steps.run("register", true, "", [&](std::string& detail) {
+        detail = "store for server " + location.server + ", user " + location.user +
+                 ", base " + (location.base.empty() ? "/" : location.base);
+        return true;
+    });
+    const bool ready = steps.run("init", true, "", [&](std::string& detail) {
+        if (session.init(true) != kExitOk) {
+            detail = "cannot connect to " + location.server + " or log in as " + location.user;
+            return false;
+        }
+        detail = "connected and logged in";
+        return true;
+    });
+
+    // A name of its own per run, so that two checks never meet and a left-over
+    // directory says where it came from.
+    std::string dirName = ".ftpdisk-check-" + std::to_string(::getpid()) + "-" +
+                          std::to_string(static_cast<long long>(std::time(nullptr)));
+    std::string dir;
+    std::string problem;
+    if (!remotePathBelow(location.base, dirName, dir, problem)) {
+        return fail("check", problem, kExitUsage);
+    }
+    const std::string file = childPath(dir, "probe.dat");
+    if (file.size() > kMaxRemotePath) {
+        return fail("check", "the location's path is too long to hold a test file", kExitUsage);
+    }
+
+    const bool made = steps.run("mkdir", ready, "init failed", [&](std::string& detail) {
+        detail = dir;
+        if (store->createDir(dir.c_str()) != 0) {
+            detail = "cannot create " + dir;
+            return false;
+        }
+        if (!store->isDirExist(dir.c_str())) {
+            detail = "created " + dir + " but cannot change into it";
+            return false;
+        }
+        return true;
+    });
+
+    const bool written = steps.run("write", made, "mkdir failed", [&](std::string& detail) {
+        std::vector<char> data(kProbeSize);
+        for (std::size_t i = 0; i < data.size(); ++i) {
+            data[i] = probeByte(i);
+        }
+        const double start = monotonicSeconds();
+        const int handle = store->open(file.c_str(), 2);
+        if (handle < 0) {
+            detail = "cannot open " + file + " for writing";
+            return false;
+        }
+        std::size_t sent = 0;
+        while (sent < data.size()) {
+            const unsigned chunk = static_cast<unsigned>(std::min<std::size_t>(kBlock, data.size() - sent));
+            const int n = store->write(handle, data.data() + sent, chunk);
+            if (n <= 0) {
+                break;
+            }
+            sent += static_cast<std::size_t>(n);
+        }
+        const int closed = store->close(handle);
+        if (sent != data.size()) {
+            detail = "writing to the server failed after " + std::to_string(sent) + " bytes";
+            return false;
+        }
+        if (closed != 0) {
+            detail = "the server did not confirm " + file;
+            return false;
+        }
+        const double seconds = monotonicSeconds() - start;
+        detail = file + ", " + std::to_string(sent) + " bytes, " +
+                 humanRate(seconds > 0 ? static_cast<double>(sent) / seconds : 0);
+        return true;
+    });
+
+    steps.run("list", written, "write failed", [&](std::string& detail) {
+        std::vector<std::string> names;
+        if (!store->getFileList(dir.c_str(), names, "")) {
+            detail = "cannot list " + dir;
+            return false;
+        }
+        if (std::find(names.begin(), names.end(), "probe.dat") == names.end()) {
+            detail = "probe.dat missing from the listing of " + dir + " (" +
+                     std::to_string(names.size()) + " files listed)";
+            return false;
+        }
+        detail = "probe.dat listed in " + dir;
+        return true;
+    });
+
+    steps.run("measure", written, "write failed", [&](std::string& detail) {
+        const long long length = store->getFileLength(file.c_str());
+        detail = "length " + std::to_string(length) + ", expected " + std::to_string(kProbeSize);
+        return length == static_cast<long long>(kProbeSize);
+    });
+
+    steps.run("read", written, "write failed", [&](std::string& detail) {
+        const int handle = store->open(file.c_str(), 1);
+        if (handle < 0) {
+            detail = "cannot open " + file + " for reading";
+            return false;
+        }
+        std::vector<char> buffer(kBlock);
+        std::size_t got = 0;
+        std::size_t firstBad = static_cast<std::size_t>(-1);
+        bool readFailed = false;
+        for (;;) {
+            const int n = store->read(handle, buffer.data(), kBlock);
+            if (n < 0) {
+                readFailed = true;
+                break;
+            }
+            if (n == 0) {
+                break;
+            }
+            for (int i = 0; i < n && firstBad == static_cast<std::size_t>(-1); ++i) {
+                if (buffer[static_cast<std::size_t>(i)] != probeByte(got + static_cast<std::size_t>(i))) {
+                    firstBad = got + static_cast<std::size_t>(i);
+                }
+            }
+            got += static_cast<std::size_t>(n);
+        }
+        const int closed = store->close(handle);
+        if (readFailed) {
+            detail = "reading from the server failed after " + std::to_string(got) + " bytes";
+            return false;
+        }
+        if (closed != 0) {
+            detail = "the server did not confirm the end of " + file;
+            return false;
+        }
+        if (got != kProbeSize) {
+            detail = "read " + std::to_string(got) + " bytes, wrote " + std::to_string(kProbeSize);
+            return false;
+        }
+        if (firstBad != static_cast<std::size_t>(-1)) {
+            detail = "content differs from what was written at byte " + std::to_string(firstBad);
+            return false;
+        }
+        detail = std::to_string(got) + " bytes read back, content matches";
+        return true;
+    });
+
+    steps.run("delete", written, "write failed", [&](std::string& detail) {
+        if (store->deleteFile(file.c_str()) != 0) {
+            detail = "cannot delete " + file;
+            return false;
+        }
+        std::vector<std::string> names;
+        if (store->getFileList(dir.c_str(), names, "") &&
+            std::find(names.begin(), names.end(), "probe.dat") != names.end()) {
+            detail = "deleted " + file + " but it is still listed";
+            return false;
+        }
+        detail = file;
+        return true;
+    });
+
+    // Runs whenever the directory was made, so that a failed write leaves
+    // nothing behind (removeDir takes any file still in it).
+    steps.run("rmdir", made, "mkdir failed", [&](std::string& detail) {
+        if (store->removeDir(dir.c_str()) != 0) {
+            detail = "cannot remove " + dir;
+            return false;
+        }
+        if (store->isDirExist(dir.c_str())) {
+            detail = "removed " + dir + " but it still exists";
+            return false;
+        }
+        detail = dir;
+        return true;
+    });
+
+    steps.run("release", ready, "init failed", [&](std::string& detail) {
+        detail = "logged out";
+        return store->uninit() == 0;
+    });
+
+    if (steps.passed() == steps.steps()) {
+        std::cout << "verdict: PASS: " << location.masked()
+                  << " can hold recordings (" << steps.passed() << " of " << steps.steps()
+                  << " steps passed)" << std::endl;
+        return kExitOk;
+    }
+    std::cout << "verdict: FAIL: " << location.masked() << " is not usable: "
+              << steps.steps() - steps.passed() - steps.skipped() << " of " << steps.steps()
+              << " steps failed, " << steps.skipped() << " skipped; first failure: "
+              << steps.firstFailure() << std::endl;
+    return kExitFailed;
+}
+
+}  // namespace ftpdisk_tool

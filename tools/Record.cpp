@@ -1,0 +1,457 @@
+// record: a stand-in recorder. One thread per camera makes its day/camera
+// directory and writes fixed-rate segment files through open, write (or
+// aioWrite + aioReturn) and close, rolling to a new file every segment.
+//
+// Layout and content, so that anyone can verify the server's disk:
+//   <base>/<YYYY-MM-DD>/cam<NN>/<SSSSS>_<HHMMSS>.dat
+// where NN is the camera (01..), SSSSS the segment number (00001..) and
+// HHMMSS the local time the segment was opened. Byte i of a segment file is
+// (seed + i) mod 251 with seed = (31 * camera + segment) mod 251.
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "Commands.h"
+#include "ToolFormat.h"
+
+namespace ftpdisk_tool {
+
+namespace {
+
+// Cameras hand the recorder data ten times a second.
+constexpr double kTick = 0.1;
+constexpr int kPatternPeriod = 251;
+// How long aioReturn may wait for the socket in one call, and how many such
+// waits in a row a camera sits out before it calls the write failed.
+constexpr int kAioWaitMillis = 1000;
+constexpr int kAioMaxWaits = 30;
+
+struct Settings {
+    int cameras = 1;
+    double seconds = 10;
+    double megabits = 4;
+    double segment = 60;
+    bool aio = false;
+};
+
+// Call durations for percentiles. Exact up to kMaxSamples calls; beyond that
+// a uniform random sample of that size (reservoir sampling), so that a
+// day-long run keeps a bounded amount of memory. The count and the maximum
+// stay exact.
+class LatencySamples {
+public:
+    static constexpr std::size_t kMaxSamples = 100000;
+
+    void add(double seconds) {
+        ++count_;
+        max_ = std::max(max_, seconds);
+        if (samples_.size() < kMaxSamples) {
+            samples_.push_back(seconds);
+            return;
+        }
+        std::uniform_int_distribution<long long> pick(0, count_ - 1);
+        const long long slot = pick(random_);
+        if (slot < static_cast<long long>(kMaxSamples)) {
+            samples_[static_cast<std::size_t>(slot)] = seconds;
+        }
+    }
+
+    void merge(const LatencySamples& other) {
+        for (double s : other.samples_) {
+            add(s);
+        }
+        // Calls beyond the other's sample still happened.
+        count_ += other.count_ - static_cast<long long>(other.samples_.size());
+        max_ = std::max(max_, other.max_);
+    }
+
+    const std::vector<double>& samples() const { return samples_; }
+    long long count() const { return count_; }
+    double max() const { return max_; }
+
+private:
+    std::vector<double> samples_;
+    long long count_ = 0;
+    double max_ = 0;
+    std::mt19937_64 random_{12345};
+};
+
+struct CameraResult {
+    int filesComplete = 0;
+    int filesFailed = 0;
+    long long bytes = 0;
+    long long droppedBytes = 0;
+    int failedCalls = 0;
+    double maxLag = 0;
+    LatencySamples openSeconds;
+    LatencySamples closeSeconds;
+    LatencySamples writeSeconds;
+};
+
+// What the status line shows while cameras run; read without stopping them.
+struct LiveCounters {
+    std::atomic<long long> bytes{0};
+    std::atomic<int> files{0};
+    std::atomic<int> failedCalls{0};
+};
+
+class Camera {
+public:
+    Camera(FTPFileSystem* store, const Settings& settings, int number, std::string dir,
+           const std::vector<char>& pattern, double start, LiveCounters& live)
+        : store_(store), settings_(settings), number_(number), dir_(std::move(dir)),
+          pattern_(pattern), start_(start), live_(live) {}
+
+    // The thread body.
+    void run() {
+        const double bytesPerSecond = settings_.megabits * 1e6 / 8;
+        const long long ticks = std::llround(settings_.seconds / kTick);
+        const long long ticksPerSegment = std::max(1LL, std::llround(settings_.segment / kTick));
+
+        const bool dirMade = store_->createDir(dir_.c_str()) == 0;
+        noteCall(dirMade);
+        if (!dirMade) {
+            result.droppedBytes = static_cast<long long>(bytesPerSecond * settings_.seconds);
+            return;
+        }
+
+        for (long long tick = 0; tick < ticks; ++tick) {
+            // Data of this tick is ready when the tick ends: wait for it.
+            const double due = start_ + static_cast<double>(tick + 1) * kTick;
+            const double now = monotonicSeconds();
+            if (now < due) {
+                std::this_thread::sleep_for(std::chrono::duration<double>(due - now));
+            } else {
+                result.maxLag = std::max(result.maxLag, now - due);
+            }
+            if (tick % ticksPerSegment == 0) {
+                closeSegment();
+                openSegment(tick / ticksPerSegment + 1);
+            }
+            const long long before = static_cast<long long>(bytesPerSecond * kTick * static_cast<double>(tick));
+            const long long after =
+                static_cast<long long>(bytesPerSecond * kTick * static_cast<double>(tick + 1));
+            const long long size = after - before;
+            if (handle_ < 0) {
+                result.droppedBytes += size;
+                continue;
+            }
+            const double t0 = monotonicSeconds();
+            const bool ok = settings_.aio ? aioWriteAll(size) : writeAll(size);
+            result.writeSeconds.add(monotonicSeconds() - t0);
+            if (!ok) {
+                // The segment is lost from here on; the next one starts afresh.
+                segmentFailed_ = true;
+                closeSegment();
+            }
+        }
+        closeSegment();
+    }
+
+    CameraResult result;
+
+private:
+    void noteCall(bool ok) {
+        if (!ok) {
+            ++result.failedCalls;
+            live_.failedCalls.fetch_add(1);
+        }
+    }
+
+    void openSegment(long long segment) {
+        std::time_t now = std::time(nullptr);
+        std::tm local;
+        localtime_r(&now, &local);
+        char name[64];
+        std::snprintf(name, sizeof name, "/%05lld_%02d%02d%02d.dat", segment, local.tm_hour,
+                      local.tm_min, local.tm_sec);
+        const std::string path = dir_ + name;
+        seed_ = static_cast<int>((31 * number_ + segment) % kPatternPeriod);
+        offset_ = 0;
+        segmentFailed_ = false;
+        const double t0 = monotonicSeconds();
+        handle_ = store_->open(path.c_str(), 2);
+        result.openSeconds.add(monotonicSeconds() - t0);
+        noteCall(handle_ >= 0);
+        if (handle_ < 0) {
+            ++result.filesFailed;
+        }
+    }
+
+    void closeSegment() {
+        if (handle_ < 0) {
+            return;
+        }
+        const double t0 = monotonicSeconds();
+        const bool closed = store_->close(handle_) == 0;
+        result.closeSeconds.add(monotonicSeconds() - t0);
+        handle_ = -1;
+        noteCall(closed);
+        if (closed && !segmentFailed_) {
+            ++result.filesComplete;
+            live_.files.fetch_add(1);
+        } else {
+            ++result.filesFailed;
+        }
+    }
+
+    const char* dataAt(long long offset) const {
+        return pattern_.data() + (seed_ + offset) % kPatternPeriod;
+    }
+
+    void account(long long n) {
+        offset_ += n;
+        result.bytes += n;
+        live_.bytes.fetch_add(n);
+    }
+
+    bool writeAll(long long size) {
+        while (size > 0) {
+            const int n = store_->write(handle_, dataAt(offset_), static_cast<unsigned>(size));
+            if (n <= 0) {
+                noteCall(false);
+                return false;
+            }
+            account(n);
+            size -= n;
+        }
+        return true;
+    }
+
+    // aioWrite hands the socket what it takes at once; aioReturn waits until
+    // it takes more. Waiting first keeps aioWrite from meeting a full socket.
+    bool aioWriteAll(long long size) {
+        int waits = 0;
+        while (size > 0) {
+            const int ready = store_->aioReturn(handle_, kAioWaitMillis);
+            if (ready == -1 && ++waits < kAioMaxWaits) {
+                continue;
+            }
+            if (ready != 0) {
+                noteCall(false);
+                return false;
+            }
+            waits = 0;
+            const int n = store_->aioWrite(handle_, dataAt(offset_), static_cast<unsigned>(size));
+            if (n <= 0) {
+                noteCall(false);
+                return false;
+            }
+            account(n);
+            size -= n;
+        }
+        return true;
+    }
+
+    FTPFileSystem* store_;
+    const Settings& settings_;
+    int number_;
+    std::string dir_;
+    const std::vector<char>& pattern_;
+    double start_;
+    LiveCounters& live_;
+
+    int handle_ = -1;
+    int seed_ = 0;
+    long long offset_ = 0;
+    bool segmentFailed_ = false;
+};
+
+bool readSettings(const Arguments& args, Settings& out, std::string& problem) {
+    long long whole = 0;
+    auto it = args.values.find("--cameras");
+    if (it != args.values.end()) {
+        if (!parseInt(it->second, whole) || whole < 1 || whole > 64) {
+            problem = "--cameras takes a whole number from 1 to 64, not \"" + it->second + "\"";
+            return false;
+        }
+        out.cameras = static_cast<int>(whole);
+    }
+    struct Real {
+        const char* name;
+        double* target;
+        double limit;
+    } reals[] = {{"--seconds", &out.seconds, 86400},
+                 {"--rate", &out.megabits, 1000},
+                 {"--segment", &out.segment, 86400}};
+    for (const Real& real : reals) {
+        it = args.values.find(real.name);
+        if (it == args.values.end()) {
+            continue;
+        }
+        double value = 0;
+        if (!parsePositiveReal(it->second, value) || value > real.limit) {
+            char limit[32];
+            std::snprintf(limit, sizeof limit, "%g", real.limit);
+            problem = std::string(real.name) + " takes a number above 0 and at most " + limit +
+                      ", not \"" + it->second + "\"";
+            return false;
+        }
+        *real.target = value;
+    }
+    if (out.seconds < kTick || out.segment < kTick) {
+        problem = "--seconds and --segment must be at least 0.1";
+        return false;
+    }
+    out.aio = args.has("--aio");
+    return true;
+}
+
+std::string latencyLine(const char* what, const LatencySamples& calls) {
+    char label[32];
+    std::snprintf(label, sizeof label, "  %-14s ", what);
+    if (calls.count() == 0) {
+        return std::string(label) + "no calls";
+    }
+    const std::vector<double>& s = calls.samples();
+    return std::string(label) + "p50 " + humanMillis(percentile(s, 50)) + "  p90 " +
+           humanMillis(percentile(s, 90)) + "  p99 " + humanMillis(percentile(s, 99)) + "  max " +
+           humanMillis(calls.max()) + "  (" + std::to_string(calls.count()) + " calls)";
+}
+
+std::string megabits(double bytes, double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f Mbit/s", seconds > 0 ? bytes * 8 / 1e6 / seconds : 0);
+    return text;
+}
+
+}  // namespace
+
+int runRecord(const Arguments& args) {
+    Settings settings;
+    std::string problem;
+    if (!readSettings(args, settings, problem)) {
+        return usage("record", problem);
+    }
+    Session session("record");
+    int status = session.open(args.positional[0]);
+    if (status != kExitOk) {
+        return status;
+    }
+
+    std::time_t now = std::time(nullptr);
+    std::tm local;
+    localtime_r(&now, &local);
+    char day[16];
+    std::strftime(day, sizeof day, "%Y-%m-%d", &local);
+    std::vector<std::string> dirs;
+    for (int camera = 1; camera <= settings.cameras; ++camera) {
+        char relative[32];
+        std::snprintf(relative, sizeof relative, "%s/cam%02d", day, camera);
+        std::string dir;
+        if (!session.remotePath(relative, dir)) {
+            return kExitUsage;
+        }
+        if (dir.size() + 17 > kMaxRemotePath) {
+            return fail("record", "the location's path is too long for segment files", kExitUsage);
+        }
+        dirs.push_back(dir);
+    }
+
+    // One shared pattern, long enough to start at any phase and still cover
+    // the biggest single write.
+    const long long tickBytes =
+        static_cast<long long>(std::ceil(settings.megabits * 1e6 / 8 * kTick)) + 1;
+    std::vector<char> pattern(static_cast<std::size_t>(kPatternPeriod + tickBytes));
+    for (std::size_t i = 0; i < pattern.size(); ++i) {
+        pattern[i] = static_cast<char>(i % kPatternPeriod);
+    }
+
+    char rate[32];
+    std::snprintf(rate, sizeof rate, "%g", settings.megabits);
+    std::cout << "recording to " << session.location().masked() << ": " << settings.cameras
+              << " cameras x " << settings.seconds << " s at " << rate << " Mbit/s, "
+              << settings.segment << " s segments, " << (settings.aio ? "aioWrite" : "write")
+              << ", into " << dirs.front().substr(0, dirs.front().rfind('/')) << "/cam.."
+              << std::endl;
+
+    LiveCounters live;
+    const double start = monotonicSeconds();
+    std::vector<std::unique_ptr<Camera>> cameras;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < settings.cameras; ++i) {
+        cameras.emplace_back(new Camera(session.store(), settings, i + 1, dirs[static_cast<std::size_t>(i)],
+                                        pattern, start, live));
+    }
+    for (auto& camera : cameras) {
+        threads.emplace_back(&Camera::run, camera.get());
+    }
+
+    // The status line: redrawn twice a second while cameras run, on a terminal only.
+    const bool terminal = stderrIsTerminal();
+    std::atomic<bool> done{false};
+    std::thread status_line;
+    if (terminal) {
+        status_line = std::thread([&] {
+            while (!done.load()) {
+                const double elapsed = monotonicSeconds() - start;
+                const long long bytes = live.bytes.load();
+                char line[160];
+                std::snprintf(line, sizeof line,
+                              "\r  %6.1f / %g s  files %d  %s  %s  failed calls %d   ",
+                              elapsed, settings.seconds, live.files.load(),
+                              humanBytes(static_cast<double>(bytes)).c_str(),
+                              megabits(static_cast<double>(bytes), elapsed).c_str(),
+                              live.failedCalls.load());
+                std::cerr << line << std::flush;
+                std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            }
+            std::cerr << "\n" << std::flush;
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const double elapsed = monotonicSeconds() - start;
+    done.store(true);
+    if (status_line.joinable()) {
+        status_line.join();
+    }
+
+    CameraResult total;
+    for (const auto& camera : cameras) {
+        const CameraResult& r = camera->result;
+        total.filesComplete += r.filesComplete;
+        total.filesFailed += r.filesFailed;
+        total.bytes += r.bytes;
+        total.droppedBytes += r.droppedBytes;
+        total.failedCalls += r.failedCalls;
+        total.maxLag = std::max(total.maxLag, r.maxLag);
+        total.openSeconds.merge(r.openSeconds);
+        total.closeSeconds.merge(r.closeSeconds);
+        total.writeSeconds.merge(r.writeSeconds);
+    }
+    const double target = settings.megabits * settings.cameras;
+    char targetText[32];
+    std::snprintf(targetText, sizeof targetText, "%.2f Mbit/s", target);
+    char elapsedText[32];
+    std::snprintf(elapsedText, sizeof elapsedText, "%.2f s", elapsed);
+    char lagText[32];
+    std::snprintf(lagText, sizeof lagText, "%.3f s", total.maxLag);
+
+    std::cout << "summary\n"
+              << "  files          " << total.filesComplete << " complete, " << total.filesFailed
+              << " failed\n"
+              << "  bytes          " << total.bytes << " ("
+              << humanBytes(static_cast<double>(total.bytes)) << "), " << total.droppedBytes
+              << " dropped\n"
+              << "  throughput     " << megabits(static_cast<double>(total.bytes), elapsed)
+              << " over " << elapsedText << " (target " << targetText << ")\n"
+              << "  failed calls   " << total.failedCalls << "\n"
+              << latencyLine("open latency", total.openSeconds) << "\n"
+              << latencyLine("close latency", total.closeSeconds) << "\n"
+              << latencyLine("write latency", total.writeSeconds) << "\n"
+              << "  max lag        " << lagText << " behind the cameras\n";
+    const bool passed = total.failedCalls == 0 && total.filesFailed == 0;
+    std::cout << "verdict: " << (passed ? "PASS" : "FAIL") << std::endl;
+    return passed ? kExitOk : kExitFailed;
+}
+
+}  // namespace ftpdisk_tool

@@ -1,0 +1,91 @@
+// Shared plumbing of the ftpdisk subcommands: argument parsing, one-line
+// errors, and a store session that goes through the exported registry exactly
+// as a recorder does (register, fetch, init; uninit and unregister at the end).
+// Used from the command's main thread; a Session's store may be used by any
+// number of threads while the Session lives.
+#ifndef FTPDISK_TOOLS_TOOLCOMMON_H
+#define FTPDISK_TOOLS_TOOLCOMMON_H
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ToolLocation.h"
+#include "filesystem/FTPFileSystem.h"
+#include "foundation/SafePointer.h"
+
+namespace ftpdisk_tool {
+
+// Exit statuses of the command.
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;  // an operation on the store failed
+constexpr int kExitUsage = 2;   // bad arguments or a text that is not a location
+
+// One subcommand's arguments after the subcommand word. Options are
+// "--name value", "--name=value" or flags such as "-r"; "--" ends them.
+struct Arguments {
+    std::vector<std::string> positional;
+    std::map<std::string, std::string> values;
+    std::set<std::string> flags;
+    bool help = false;
+
+    bool has(const std::string& flag) const { return flags.count(flag) != 0; }
+};
+
+// Splits argv. `flagNames` take no value, `valueNames` take one. On an unknown
+// option or a missing value returns false with `problem` set.
+bool parseArguments(int argc, char** argv, const std::set<std::string>& flagNames,
+                    const std::set<std::string>& valueNames, Arguments& out,
+                    std::string& problem);
+
+// "ftpdisk <command>: <message>" on standard error; returns `status`.
+int fail(const std::string& command, const std::string& message, int status);
+// A usage error, pointing at --help.
+int usage(const std::string& command, const std::string& message);
+
+// Whether standard error is a terminal (progress bars and live status lines
+// are drawn there only then).
+bool stderrIsTerminal();
+
+// Seconds on a monotonic clock.
+double monotonicSeconds();
+
+// The store of one location, registered and initialised for the life of the
+// object. open() reports failure as one line on standard error.
+class Session {
+public:
+    explicit Session(std::string command) : command_(std::move(command)) {}
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Parses the location text, registers it and fetches its store. Returns
+    // kExitOk, or kExitUsage for a text that is not a location (after printing
+    // "not a location: ..."), with no store then.
+    int registerLocation(const std::string& text);
+    // Connects and logs in. Returns kExitOk or kExitFailed (message printed
+    // unless `quiet`).
+    int init(bool quiet = false);
+    // registerLocation then init.
+    int open(const std::string& text);
+
+    // The remote path of `relative` below the location's base; prints the
+    // problem and returns false when it is refused.
+    bool remotePath(const std::string& relative, std::string& out);
+
+    const Location& location() const { return location_; }
+    FTPFileSystem* store() { return store_.get(); }
+    const std::string& command() const { return command_; }
+
+private:
+    std::string command_;
+    Location location_;
+    SafePointer<FTPFileSystem> store_;
+    bool registered_ = false;
+    bool initialised_ = false;
+};
+
+}  // namespace ftpdisk_tool
+
+#endif  // FTPDISK_TOOLS_TOOLCOMMON_H

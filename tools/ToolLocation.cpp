@@ -1,0 +1,183 @@
+#include "ToolLocation.h"
+
+#include <vector>
+
+namespace ftpdisk_tool {
+
+const char* const kLocationForm = "user(password)@ftp://server[:port]/path";
+
+namespace {
+
+const char kMarker[] = "ftp://";
+
+// The user name escapes "(", "*" and "@" with a "*" in the text form.
+std::string escapeUser(const std::string& user) {
+    std::string escaped;
+    for (char c : user) {
+        if (c == '(' || c == '*' || c == '@') {
+            escaped += '*';
+        }
+        escaped += c;
+    }
+    return escaped;
+}
+
+std::string tooLong(const char* what, std::size_t length, std::size_t limit) {
+    return std::string(what) + " too long (" + std::to_string(length) + " characters, at most " +
+           std::to_string(limit) + ")";
+}
+
+}  // namespace
+
+std::string Location::masked() const {
+    return escapeUser(user) + "(***)@" + kMarker + server + base;
+}
+
+// 'a*(b(pw)@ftp://h\dir\sub/' -> user "a(b", password "pw", server "h",
+// base "/dir/sub": the same reading the registry gives the text.
+bool parseLocation(const std::string& text, Location& out, std::string& problem) {
+    out = Location();
+    out.text = text;
+    const std::string::size_type at = text.rfind('@');
+    if (text.empty() || at == std::string::npos) {
+        problem = "no \"@\" between the credentials and the server";
+        return false;
+    }
+    const std::string userInfo = text.substr(0, at);
+    const std::string serverInfo = text.substr(at + 1);
+
+    // The user name runs to the first "(" that is not escaped by "*".
+    std::string::size_type open = std::string::npos;
+    for (std::string::size_type i = 0; i < userInfo.size(); ++i) {
+        const char c = userInfo[i];
+        if (c == '(') {
+            open = i;
+            break;
+        }
+        if (c == '*' && i + 1 < userInfo.size()) {
+            out.user += userInfo[++i];
+        } else {
+            out.user += c;
+        }
+    }
+    if (open == std::string::npos) {
+        problem = "no \"(\" after the user name";
+        return false;
+    }
+    if (open == 0) {
+        problem = "empty user name";
+        return false;
+    }
+    const std::string::size_type close = userInfo.rfind(')');
+    if (close == std::string::npos || close < open) {
+        problem = "no \")\" after the password";
+        return false;
+    }
+    out.password = userInfo.substr(open + 1, close - open - 1);
+
+    const std::string::size_type marker = serverInfo.find(kMarker);
+    if (marker == std::string::npos) {
+        problem = "no \"ftp://\" before the server";
+        return false;
+    }
+    std::string rest = serverInfo.substr(marker + sizeof(kMarker) - 1);
+    for (char& c : rest) {
+        if (c == '\\') {
+            c = '/';
+        }
+    }
+    const std::string::size_type slash = rest.find('/');
+    out.server = rest.substr(0, slash);
+    std::string path = slash == std::string::npos ? std::string() : rest.substr(slash);
+    const std::string::size_type doubled = path.find("//");
+    if (path.size() > 1 && doubled != std::string::npos) {
+        path.erase(doubled, 1);
+    }
+    while (!path.empty() && path.back() == '/') {
+        path.pop_back();
+    }
+    out.base = path;
+
+    if (out.server.empty()) {
+        problem = "empty server address";
+        return false;
+    }
+    if (out.server.size() > kMaxServer) {
+        problem = tooLong("server address", out.server.size(), kMaxServer);
+        return false;
+    }
+    if (out.user.size() > kMaxUser) {
+        problem = tooLong("user name", out.user.size(), kMaxUser);
+        return false;
+    }
+    if (out.password.size() > kMaxPassword) {
+        problem = tooLong("password", out.password.size(), kMaxPassword);
+        return false;
+    }
+    return true;
+}
+
+std::string maskLocationText(const std::string& text) {
+    // The credentials are what stands before the last "@"; without one, what
+    // stands before the marker; without that either, the whole text.
+    std::string::size_type end = text.rfind('@');
+    if (end == std::string::npos) {
+        end = text.find(kMarker);
+    }
+    if (end == std::string::npos) {
+        end = text.size();
+    }
+    const std::string credentials = text.substr(0, end);
+    std::string::size_type from = credentials.find('(');
+    std::string::size_type to = std::string::npos;
+    if (from != std::string::npos) {
+        to = credentials.rfind(')');
+        if (to == std::string::npos || to <= from) {
+            to = credentials.size();
+        }
+    } else {
+        // URL-like credentials 'user:password@...'.
+        from = credentials.find(':');
+        to = credentials.size();
+    }
+    if (from == std::string::npos) {
+        return text;
+    }
+    return text.substr(0, from + 1) + "***" + text.substr(to);
+}
+
+bool remotePathBelow(const std::string& base, const std::string& relative, std::string& out,
+                     std::string& problem) {
+    std::vector<std::string> parts;
+    std::string part;
+    const std::string all = relative + "/";
+    for (char c : all) {
+        if (c == '/' || c == '\\') {
+            if (part == "..") {
+                problem = "\"..\" would leave the location: " + relative;
+                return false;
+            }
+            if (!part.empty() && part != ".") {
+                parts.push_back(part);
+            }
+            part.clear();
+        } else {
+            part += c;
+        }
+    }
+    out = base;
+    for (const std::string& p : parts) {
+        out += "/" + p;
+    }
+    if (out.empty()) {
+        out = "/";
+    }
+    if (out.size() > kMaxRemotePath) {
+        problem = "remote path too long (" + std::to_string(out.size()) + " bytes, at most " +
+                  std::to_string(kMaxRemotePath) + ")";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace ftpdisk_tool

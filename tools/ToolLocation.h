@@ -1,0 +1,61 @@
+// The ftpdisk command's view of a location text and of the paths below it.
+//
+// The tool parses the location text itself (the module's parser is internal)
+// with the same rules the registry applies, so that it can echo the location
+// without its password, refuse texts the store's fixed fields could not hold,
+// and place the command's path argument below the location's base directory.
+// Plain functions on values; safe from any thread.
+#ifndef FTPDISK_TOOLS_TOOLLOCATION_H
+#define FTPDISK_TOOLS_TOOLLOCATION_H
+
+#include <string>
+
+namespace ftpdisk_tool {
+
+// The limits that keep the store's fixed text fields and command buffers
+// intact: the store keeps the password in 20 bytes and the open-file table
+// keeps server, user and password in 32 bytes each, all zero-terminated; a
+// transfer command ("STOR " and the path) must fit a 256-byte line.
+constexpr std::size_t kMaxServer = 31;
+constexpr std::size_t kMaxUser = 31;
+constexpr std::size_t kMaxPassword = 19;
+constexpr std::size_t kMaxRemotePath = 250;
+
+// What a command needs to know about one location. Example:
+//   'rec(pw)@ftp://127.0.0.1:2121/video/'
+//   -> user "rec", password "pw", server "127.0.0.1:2121", base "/video"
+struct Location {
+    std::string text;      // exactly as given (the registry's key)
+    std::string user;      // unescaped
+    std::string password;  // never printed; see masked()
+    std::string server;    // host[:port]
+    std::string base;      // "" for the root, else "/dir..." without a trailing "/"
+
+    // The location for display: the password replaced by "***".
+    std::string masked() const;
+};
+
+// Parses `text`. On success returns true and fills `out`. On failure returns
+// false, leaves `out` unspecified and puts one line of explanation into
+// `problem` (never containing the password).
+bool parseLocation(const std::string& text, Location& out, std::string& problem);
+
+// Best-effort masking of a text that may not even parse: whatever stands where
+// a password could be (between "(" and ")" before the last "@", or after a ":"
+// in URL-like credentials) becomes "***".
+std::string maskLocationText(const std::string& text);
+
+// The remote path of `relative` below `base`. A leading "/" in `relative` is
+// still taken below the base; "", "." and "/" name the base itself (the root
+// is "/"). Backslashes count as separators, repeated separators collapse.
+// Returns false with `problem` set when a component is ".." (the tool never
+// leaves its location) or the result would not fit an open file's path field.
+bool remotePathBelow(const std::string& base, const std::string& relative, std::string& out,
+                     std::string& problem);
+
+// The expected form, for error messages.
+extern const char* const kLocationForm;
+
+}  // namespace ftpdisk_tool
+
+#endif  // FTPDISK_TOOLS_TOOLLOCATION_H

@@ -1,0 +1,327 @@
+// put, get and cat: whole files through open/read/write/close on a handle,
+// the same calls a recorder makes, so that a progress bar can follow each
+// block (the store's Get/Put copy a whole file in one call and report nothing
+// until the end).
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <vector>
+
+#include "Commands.h"
+#include "ToolFormat.h"
+
+namespace ftpdisk_tool {
+
+namespace {
+
+// 64 KiB per call keeps the per-call overhead small without holding much
+// memory; the store sends whatever it is given in one go.
+constexpr unsigned kBlock = 64 * 1024;
+
+std::string systemError(int error) {
+    char text[256] = {0};
+    // The GNU strerror_r may return a static text instead of filling ours.
+    return std::string(strerror_r(error, text, sizeof text));
+}
+
+std::string baseName(const std::string& path) {
+    std::string::size_type slash = path.find_last_of("/\\");
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Draws "[####----]  40%  4.00 MiB / 10.0 MiB ..." on standard error, at most
+// five times a second, only when standard error is a terminal.
+class Progress {
+public:
+    explicit Progress(std::int64_t total)
+        : enabled_(stderrIsTerminal()), total_(total), start_(monotonicSeconds()) {}
+
+    void update(std::int64_t done) {
+        if (!enabled_) {
+            return;
+        }
+        const double now = monotonicSeconds();
+        if (now - lastDraw_ < 0.2) {
+            return;
+        }
+        lastDraw_ = now;
+        draw(done, now);
+    }
+
+    void finish(std::int64_t done) {
+        if (enabled_) {
+            draw(done, monotonicSeconds());
+            std::cerr << "\n" << std::flush;
+        }
+    }
+
+    double elapsed() const { return monotonicSeconds() - start_; }
+
+private:
+    void draw(std::int64_t done, double now) {
+        int width = 80;
+        struct winsize size;
+        if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 10) {
+            width = size.ws_col;
+        }
+        std::string line = progressLine(done, total_, now - start_, width - 1);
+        line.resize(static_cast<std::size_t>(width - 1), ' ');
+        std::cerr << "\r" << line << std::flush;
+    }
+
+    bool enabled_;
+    std::int64_t total_;
+    double start_;
+    double lastDraw_ = 0;
+};
+
+// Closes a local descriptor on every way out.
+struct LocalFile {
+    int fd = -1;
+    ~LocalFile() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+};
+
+bool writeAll(int fd, const char* data, std::size_t size, int& error) {
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = errno;
+            return false;
+        }
+        data += n;
+        size -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+std::string rateText(std::int64_t bytes, double seconds) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.2f s", seconds);
+    return std::to_string(bytes) + " bytes in " + text + " (" +
+           humanRate(seconds > 0 ? static_cast<double>(bytes) / seconds : 0) + ")";
+}
+
+// Reads the remote file behind `handle` to `fd` until the server ends the
+// transfer. Returns the byte count, or -1 with `problem` set.
+std::int64_t copyDown(FTPFileSystem* store, int handle, int fd, Progress* progress,
+                      std::string& problem) {
+    std::vector<char> buffer(kBlock);
+    std::int64_t done = 0;
+    for (;;) {
+        const int n = store->read(handle, buffer.data(), kBlock);
+        if (n < 0) {
+            problem = "reading from the server failed after " + std::to_string(done) + " bytes";
+            return -1;
+        }
+        if (n == 0) {
+            return done;
+        }
+        int error = 0;
+        if (!writeAll(fd, buffer.data(), static_cast<std::size_t>(n), error)) {
+            problem = "local write failed: " + systemError(error);
+            return -1;
+        }
+        done += n;
+        if (progress != nullptr) {
+            progress->update(done);
+        }
+    }
+}
+
+}  // namespace
+
+int runPut(const Arguments& args) {
+    Session session("put");
+    int status = session.open(args.positional[0]);
+    if (status != kExitOk) {
+        return status;
+    }
+    const std::string local = args.positional[1];
+    std::string remote;
+    if (!session.remotePath(args.positional.size() > 2 ? args.positional[2] : baseName(local),
+                            remote)) {
+        return kExitUsage;
+    }
+    FTPFileSystem* store = session.store();
+
+    LocalFile in;
+    in.fd = ::open(local.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat info;
+    if (in.fd < 0 || ::fstat(in.fd, &info) != 0) {
+        return fail("put", "cannot read " + local + ": " + systemError(errno), kExitFailed);
+    }
+    if (!S_ISREG(info.st_mode)) {
+        return fail("put", local + " is not a plain file", kExitFailed);
+    }
+    // Like cp: a directory as the target receives the file under its own name.
+    if (store->isDirExist(remote.c_str()) &&
+        !session.remotePath(remote.substr(session.location().base.size()) + "/" + baseName(local),
+                            remote)) {
+        return kExitUsage;
+    }
+
+    const std::int64_t size = info.st_size;
+    const int handle = store->open(remote.c_str(), 2);
+    if (handle < 0) {
+        return fail("put", "cannot open " + remote + " for writing on the server", kExitFailed);
+    }
+    Progress progress(size);
+    std::vector<char> buffer(kBlock);
+    std::int64_t done = 0;
+    std::string problem;
+    while (problem.empty()) {
+        const ssize_t n = ::read(in.fd, buffer.data(), kBlock);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            problem = "cannot read " + local + ": " + systemError(errno);
+            break;
+        }
+        if (n == 0) {
+            break;
+        }
+        // The store may take part of a block; hand it the rest until all is sent.
+        for (ssize_t sent = 0; sent < n;) {
+            const int w = store->write(handle, buffer.data() + sent,
+                                       static_cast<unsigned>(n - sent));
+            if (w <= 0) {
+                problem = "writing to the server failed after " + std::to_string(done + sent) +
+                          " bytes";
+                break;
+            }
+            sent += w;
+        }
+        if (problem.empty()) {
+            done += n;
+            progress.update(done);
+        }
+    }
+    const int closed = store->close(handle);
+    progress.finish(done);
+    if (!problem.empty()) {
+        return fail("put", problem + " (the partial file stays on the server as " + remote + ")",
+                    kExitFailed);
+    }
+    if (closed != 0) {
+        return fail("put", "the server did not confirm the upload of " + remote, kExitFailed);
+    }
+    const long long stored = store->getFileLength(remote.c_str());
+    if (stored != done) {
+        return fail("put",
+                    "the server lists " + remote + " with " + std::to_string(stored) +
+                        " bytes, " + std::to_string(done) + " were sent",
+                    kExitFailed);
+    }
+    std::cout << "put " << local << " -> " << remote << ": " << rateText(done, progress.elapsed())
+              << std::endl;
+    return kExitOk;
+}
+
+int runGet(const Arguments& args) {
+    Session session("get");
+    int status = session.open(args.positional[0]);
+    if (status != kExitOk) {
+        return status;
+    }
+    std::string remote;
+    if (!session.remotePath(args.positional[1], remote)) {
+        return kExitUsage;
+    }
+    std::string local = args.positional.size() > 2 ? args.positional[2] : baseName(remote);
+    struct stat info;
+    if (::stat(local.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        local += "/" + baseName(remote);
+    }
+    FTPFileSystem* store = session.store();
+    if (store->isDirExist(remote.c_str())) {
+        return fail("get", remote + " is a directory", kExitFailed);
+    }
+    const long long expected = store->getFileLength(remote.c_str());
+    const int handle = store->open(remote.c_str(), 1);
+    if (handle < 0) {
+        return fail("get", "cannot open " + remote + " for reading (no such file?)", kExitFailed);
+    }
+    // Written under a side name and renamed at the end, so that a failed
+    // download never leaves a truncated file under the name asked for.
+    const std::string partial = local + ".part";
+    LocalFile out;
+    out.fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out.fd < 0) {
+        const std::string error = systemError(errno);
+        store->close(handle);
+        return fail("get", "cannot create " + partial + ": " + error, kExitFailed);
+    }
+    Progress progress(expected);
+    std::string problem;
+    const std::int64_t done = copyDown(store, handle, out.fd, &progress, problem);
+    const int closed = store->close(handle);
+    progress.finish(done < 0 ? 0 : done);
+    if (problem.empty() && closed != 0) {
+        problem = "the server did not confirm the end of " + remote;
+    }
+    if (problem.empty() && expected >= 0 && done != expected) {
+        problem = "received " + std::to_string(done) + " bytes, the server lists " +
+                  std::to_string(expected);
+    }
+    if (problem.empty() && ::close(out.fd) != 0) {
+        problem = "cannot finish " + partial + ": " + systemError(errno);
+    }
+    out.fd = -1;
+    if (problem.empty() && ::rename(partial.c_str(), local.c_str()) != 0) {
+        problem = "cannot rename " + partial + " to " + local + ": " + systemError(errno);
+    }
+    if (!problem.empty()) {
+        ::unlink(partial.c_str());
+        return fail("get", problem, kExitFailed);
+    }
+    std::cout << "get " << remote << " -> " << local << ": " << rateText(done, progress.elapsed())
+              << std::endl;
+    return kExitOk;
+}
+
+int runCat(const Arguments& args) {
+    Session session("cat");
+    int status = session.open(args.positional[0]);
+    if (status != kExitOk) {
+        return status;
+    }
+    std::string remote;
+    if (!session.remotePath(args.positional[1], remote)) {
+        return kExitUsage;
+    }
+    FTPFileSystem* store = session.store();
+    if (store->isDirExist(remote.c_str())) {
+        return fail("cat", remote + " is a directory", kExitFailed);
+    }
+    const int handle = store->open(remote.c_str(), 1);
+    if (handle < 0) {
+        return fail("cat", "cannot open " + remote + " for reading (no such file?)", kExitFailed);
+    }
+    std::cout.flush();
+    std::string problem;
+    const std::int64_t done = copyDown(store, handle, STDOUT_FILENO, nullptr, problem);
+    const int closed = store->close(handle);
+    if (done < 0) {
+        return fail("cat", problem, kExitFailed);
+    }
+    if (closed != 0) {
+        return fail("cat", "the server did not confirm the end of " + remote, kExitFailed);
+    }
+    return kExitOk;
+}
+
+}  // namespace ftpdisk_tool

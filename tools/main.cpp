@@ -1,0 +1,193 @@
+// ftpdisk: tries an FTP storage location without a recorder, through the same
+// exported store and registry a recorder loads (libftpdisk.so with the POSIX
+// host library).
+#include <signal.h>
+
+#include <cstring>
+#include <iostream>
+#include <vector>
+
+#include "Commands.h"
+
+namespace ftpdisk_tool {
+
+namespace {
+
+#define LOCATION_HELP                                                                     \
+    "LOCATION is user(password)@ftp://server[:port]/path, for example\n"                  \
+    "  'rec(secret)@ftp://127.0.0.1:2121/video'. The store is made from server, user\n"   \
+    "  and password; /path is the base directory, and every PATH argument is taken\n"     \
+    "  below it (a leading / included; \"..\" is refused). Quote the location: the\n"     \
+    "  shell treats ( and ) specially. The password is never printed.\n"
+
+const std::vector<Command>& commands() {
+    static const std::vector<Command> table = {
+        {"check", "walk a location through everything a recorder does, with a verdict",
+         "usage: ftpdisk check LOCATION\n"
+         "\n"
+         "Registers the location, connects and logs in, makes a test directory below\n"
+         "the base, writes a test file, lists it, measures it, reads it back, deletes\n"
+         "it, removes the directory and logs out. Prints one line per step with its\n"
+         "result and time, then a verdict. Exit status 0 only if every step passed.\n"
+         "\n" LOCATION_HELP,
+         {}, {}, 1, 1, runCheck},
+        {"ls", "list the directories and files of a directory",
+         "usage: ftpdisk ls [-l] LOCATION [PATH]\n"
+         "\n"
+         "Lists the subdirectories (with a trailing /) and then the plain files of\n"
+         "PATH (default: the base directory), each group sorted by name.\n"
+         "  -l   show each file's size in bytes (one directory listing per file)\n"
+         "\n" LOCATION_HELP,
+         {"-l"}, {}, 1, 2, runLs},
+        {"du", "total size of a directory tree",
+         "usage: ftpdisk du LOCATION [PATH]\n"
+         "\n"
+         "Adds up the listed sizes of everything below PATH (default: the base\n"
+         "directory), the directory entries' own listed sizes included, as the\n"
+         "recorder's space accounting does. Prints bytes, a readable size and the path.\n"
+         "\n" LOCATION_HELP,
+         {}, {}, 1, 2, runDu},
+        {"df", "the store's space figures",
+         "usage: ftpdisk df LOCATION\n"
+         "\n"
+         "Prints the store's two space figures. The store counts only the bytes it\n"
+         "wrote itself since init and never asks the server, so a fresh store in this\n"
+         "process reports 0 MiB used; use du for what is on the server.\n"
+         "\n" LOCATION_HELP,
+         {}, {}, 1, 1, runDf},
+        {"mkdir", "make a directory and every missing parent",
+         "usage: ftpdisk mkdir LOCATION PATH\n"
+         "\n"
+         "Creates PATH and every missing directory above it.\n"
+         "\n" LOCATION_HELP,
+         {}, {}, 2, 2, runMkdir},
+        {"rm", "delete a file, or a directory tree with -r",
+         "usage: ftpdisk rm [-r] LOCATION PATH\n"
+         "\n"
+         "Deletes the file PATH. With -r, PATH may be a directory: it is removed with\n"
+         "everything below it, depth first; on a failure what was already removed\n"
+         "stays removed. The server's root directory is never removed.\n"
+         "\n" LOCATION_HELP,
+         {"-r"}, {}, 2, 2, runRm},
+        {"mv", "rename a file",
+         "usage: ftpdisk mv LOCATION FROM TO\n"
+         "\n"
+         "Renames FROM to TO, both below the base directory.\n"
+         "\n" LOCATION_HELP,
+         {}, {}, 3, 3, runMv},
+        {"put", "upload a local file",
+         "usage: ftpdisk put LOCATION LOCALFILE [PATH]\n"
+         "\n"
+         "Uploads LOCALFILE to PATH (default: its own name in the base directory; an\n"
+         "existing directory receives the file under its own name) through open,\n"
+         "write and close, then checks the size the server lists. On a terminal a\n"
+         "progress bar with bytes, rate and time left is drawn on standard error.\n"
+         "A failed upload leaves the partial file on the server and says so.\n"
+         "\n" LOCATION_HELP,
+         {}, {}, 2, 3, runPut},
+        {"get", "download a remote file",
+         "usage: ftpdisk get LOCATION PATH [LOCALFILE]\n"
+         "\n"
+         "Downloads PATH to LOCALFILE (default: its own name in the current directory;\n"
+         "an existing directory receives the file under its own name) through open,\n"
+         "read and close. The data goes to LOCALFILE.part first and is renamed only\n"
+         "when complete and of the size the server lists. On a terminal a progress\n"
+         "bar with bytes, rate and time left is drawn on standard error.\n"
+         "\n" LOCATION_HELP,
+         {}, {}, 2, 3, runGet},
+        {"cat", "write a remote file to standard output",
+         "usage: ftpdisk cat LOCATION PATH\n"
+         "\n"
+         "Copies the file PATH to standard output, byte for byte.\n"
+         "\n" LOCATION_HELP,
+         {}, {}, 2, 2, runCat},
+        {"record", "simulate a recorder writing cameras' segment files",
+         "usage: ftpdisk record LOCATION [--cameras N] [--seconds S] [--rate MBIT]\n"
+         "                      [--segment SEC] [--aio]\n"
+         "\n"
+         "Runs N camera threads (default 1, at most 64) for S seconds (default 10).\n"
+         "Each makes <base>/<YYYY-MM-DD>/cam<NN> and writes MBIT megabits per second\n"
+         "(default 4) in ten blocks a second through open, write and close (with\n"
+         "--aio: aioWrite and aioReturn), starting a new file every SEC seconds\n"
+         "(default 60). Files are named <segment:5 digits>_<HHMMSS>.dat; byte i of a\n"
+         "file is (seed + i) mod 251 with seed = (31 * camera + segment) mod 251.\n"
+         "A live status line is drawn on standard error when it is a terminal; the\n"
+         "summary gives files, bytes, throughput, failed calls and open, close and\n"
+         "write latency percentiles. Exit status 0 only if no call failed.\n"
+         "\n" LOCATION_HELP,
+         {"--aio"}, {"--cameras", "--seconds", "--rate", "--segment"}, 1, 1, runRecord},
+    };
+    return table;
+}
+
+void printOverview(std::ostream& out) {
+    out << "usage: ftpdisk COMMAND [OPTIONS] LOCATION [ARGUMENTS]\n"
+           "\n"
+           "Tries an FTP storage location through the recorder's own storage module.\n"
+           "\n"
+           "commands:\n";
+    for (const Command& command : commands()) {
+        std::string name = command.name;
+        name.resize(8, ' ');
+        out << "  " << name << command.synopsis << "\n";
+    }
+    out << "\n"
+           "Run 'ftpdisk COMMAND --help' for a command's arguments.\n"
+           "Exit status: 0 success, 1 a store operation failed, 2 bad arguments.\n"
+           "\n" LOCATION_HELP;
+}
+
+}  // namespace
+
+int runCommand(const Command& command, int argc, char** argv) {
+    Arguments args;
+    std::string problem;
+    if (!parseArguments(argc, argv, command.flags, command.values, args, problem)) {
+        return usage(command.name, problem);
+    }
+    if (args.help) {
+        std::cout << command.help << std::flush;
+        return kExitOk;
+    }
+    const std::size_t count = args.positional.size();
+    if (count < command.minPositional) {
+        return usage(command.name, count == 0 ? "missing LOCATION" : "missing arguments");
+    }
+    if (count > command.maxPositional) {
+        return usage(command.name, "too many arguments");
+    }
+    return command.body(args);
+}
+
+}  // namespace ftpdisk_tool
+
+int main(int argc, char** argv) {
+    using namespace ftpdisk_tool;
+    // A closed standard output must end in an error message, not in a silent
+    // death by signal halfway through a transfer.
+    ::signal(SIGPIPE, SIG_IGN);
+    if (argc < 2) {
+        printOverview(std::cerr);
+        return kExitUsage;
+    }
+    const std::string word = argv[1];
+    if (word == "--help" || word == "-h" || word == "help") {
+        if (word == "help" && argc > 2) {
+            for (const Command& command : commands()) {
+                if (argv[2] == std::string(command.name)) {
+                    std::cout << command.help << std::flush;
+                    return kExitOk;
+                }
+            }
+        }
+        printOverview(std::cout);
+        return kExitOk;
+    }
+    for (const Command& command : commands()) {
+        if (word == command.name) {
+            return runCommand(command, argc - 2, argv + 2);
+        }
+    }
+    std::cerr << "ftpdisk: unknown command \"" << word << "\" (see ftpdisk --help)" << std::endl;
+    return kExitUsage;
+}
