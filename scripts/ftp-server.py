@@ -1,0 +1,94 @@
+#!/usr/bin/python3
+"""Runs one pyftpdlib FTP server on 127.0.0.1 for the ftpdisk tests.
+
+One user with full rights in one root folder; passive data connections on
+loopback; an idle limit after which the server closes a quiet control
+connection. The port actually bound is written to --port-file (written to a
+temporary name and renamed, so a reader never sees half of it) once the
+server listens. The server's own log (every command and reply) goes to
+--log-file. SIGTERM ends the server and every session; SIGUSR1 closes every
+session (control and data connections) at once and keeps listening, the way
+a server ends connections it considers idle.
+
+    /usr/bin/python3 scripts/ftp-server.py --root /tmp/x/home --port 0 \
+        --port-file /tmp/x/port --user rec --password pw --idle-timeout 300
+
+Runs with Debian's Python (python3-pyftpdlib), not any other interpreter.
+"""
+
+import argparse
+import logging
+import os
+import signal
+import sys
+
+from pyftpdlib.authorizers import DummyAuthorizer
+from pyftpdlib.handlers import FTPHandler
+from pyftpdlib.servers import FTPServer
+
+
+class TestHandler(FTPHandler):
+    """Handler class of this server alone, so its settings stay local."""
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--root", required=True)
+    parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--port-file", required=True)
+    parser.add_argument("--user", default="rec")
+    parser.add_argument("--password", default="pw")
+    parser.add_argument("--idle-timeout", type=int, default=300)
+    parser.add_argument("--log-file", default=None)
+    args = parser.parse_args()
+
+    logging.basicConfig(
+        filename=args.log_file,
+        level=logging.DEBUG,
+        format="%(asctime)s %(message)s",
+    )
+
+    authorizer = DummyAuthorizer()
+    # e l r a d f m w M T: every right, writes included.
+    authorizer.add_user(args.user, args.password, args.root, perm="elradfmwMT")
+
+    TestHandler.authorizer = authorizer
+    TestHandler.timeout = args.idle_timeout
+    # A stalled data connection is ended after the same time.
+    TestHandler.dtp_handler.timeout = args.idle_timeout
+    TestHandler.banner = "ftpdisk test server ready."
+
+    server = FTPServer(("127.0.0.1", args.port), TestHandler)
+    server.max_cons = 64
+
+    def stop(signum, frame):
+        server.close_all()
+        sys.exit(0)
+
+    def drop_sessions():
+        for handler in list(server.ioloop.socket_map.values()):
+            if handler is not server:
+                handler.close()
+
+    def close_sessions(signum, frame):
+        # Sockets are closed from the loop, not from inside the signal
+        # handler, which may interrupt the loop at any point.
+        server.ioloop.call_later(0, drop_sessions)
+
+    signal.signal(signal.SIGTERM, stop)
+    signal.signal(signal.SIGUSR1, close_sessions)
+    signal.signal(signal.SIGINT, stop)
+
+    port = server.socket.getsockname()[1]
+    temporary = args.port_file + ".tmp"
+    with open(temporary, "w") as out:
+        out.write("%d\n" % port)
+    os.rename(temporary, args.port_file)
+
+    # A bounded poll lets scheduled work (the idle limit above all) run on
+    # time even while no socket is active.
+    server.serve_forever(timeout=0.2, handle_exit=False)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,134 @@
+// RealFtpServer: one real FTP server of a given kind, started for a test on a
+// free 127.0.0.1 port with a fresh temporary root folder and one user
+// "rec" / "pw" who may read and write everything below that root.
+//
+// The object owns the server's processes and its temporary folder: the
+// destructor ends every process of the server (sessions included), reaps
+// them and deletes the folder. Starting never throws and never skips: when a
+// server cannot start, ready() is false and failure() says why, and the test
+// is expected to fail on it (ASSERT_TRUE(server.ready()) << server.failure()).
+// One thread uses an object; separate objects are independent and may run in
+// parallel test processes.
+//
+// Kinds: pyftpdlib (scripts/ftp-server.py under Debian's /usr/bin/python3),
+// vsftpd (installed, local user rec), proftpd and pure-ftpd (unpacked by
+// scripts/install-deps.sh into FTPDISK_SERVERS_DIR, default
+// /opt/ftpdisk-servers, with their own password files). The daemons need root.
+#ifndef FTPDISK_TESTS_SUPPORT_REALFTPSERVER_H
+#define FTPDISK_TESTS_SUPPORT_REALFTPSERVER_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+enum class FtpServerKind { kPyftpdlib, kVsftpd, kProftpd, kPureftpd };
+
+// "pyftpdlib", "vsftpd", "proftpd", "pureftpd": usable in test names.
+const char* ftpServerKindName(FtpServerKind kind);
+
+// Every kind, in a fixed order, for parameterised tests.
+std::vector<FtpServerKind> allFtpServerKinds();
+
+struct RealFtpServerOptions {
+    // Seconds after which the server closes a control connection that sent
+    // nothing. pure-ftpd counts in whole minutes and gets the rounded-up value.
+    int idleTimeoutSeconds = 300;
+};
+
+class RealFtpServer {
+public:
+    // Starts the server and waits (at most about 10 s) until it accepts a
+    // connection and greets with a 220 reply.
+    explicit RealFtpServer(FtpServerKind kind,
+                           RealFtpServerOptions options = RealFtpServerOptions());
+    ~RealFtpServer();
+
+    RealFtpServer(const RealFtpServer&) = delete;
+    RealFtpServer& operator=(const RealFtpServer&) = delete;
+
+    // True once the server has greeted; false with failure() telling why
+    // (including the tail of the server's own log) otherwise.
+    bool ready() const { return ready_; }
+    const std::string& failure() const { return failure_; }
+
+    FtpServerKind kind() const { return kind_; }
+    const char* name() const { return ftpServerKindName(kind_); }
+
+    // The listening port; 0 when not ready.
+    int port() const { return port_; }
+    static const char* user() { return "rec"; }
+    static const char* password() { return "pw"; }
+
+    // "127.0.0.1:<port>": the server text FTPTool::connect takes.
+    std::string hostPort() const;
+    // "rec(pw)@ftp://127.0.0.1:<port>" followed by `path` (which should start
+    // with '/' when given): the location text of the registry.
+    std::string location(const std::string& path = std::string()) const;
+
+    // Local folder that the FTP user sees as "/". Tests check the bytes the
+    // module stored by reading below it.
+    const std::string& root() const { return root_; }
+    // root() + "/" + relative, for a path given as the FTP user sees it
+    // (leading slashes are ignored).
+    std::string localPath(const std::string& ftpPath) const;
+
+    // Files below root(), for checks and for preparing content. Files written
+    // here get the FTP user's owner so that the server may change them.
+    bool fileExists(const std::string& ftpPath) const;
+    bool dirExists(const std::string& ftpPath) const;
+    // The whole file; false when it cannot be read.
+    bool readFile(const std::string& ftpPath, std::string* bytes) const;
+    bool writeFile(const std::string& ftpPath, const std::string& bytes) const;
+    bool makeDir(const std::string& ftpPath) const;
+
+    // Control connections the server side currently holds open (TCP state
+    // ESTABLISHED on the listening port, as the kernel shows it).
+    int sessionCount() const;
+    // Polls sessionCount() until it equals `count` or `limit` passes; returns
+    // whether it got there.
+    bool waitForSessionCount(int count, std::chrono::milliseconds limit) const;
+
+    // Ends every session from the server's side now (their processes for the
+    // daemons, every connection for pyftpdlib) while the server keeps
+    // listening, as a server does with connections it finds idle; waits (at
+    // most 5 s) until none is left. This is how tests make pure-ftpd drop a
+    // session quickly: its idle limit cannot be shorter than a minute.
+    bool closeSessions();
+
+    // Tail of the server's own log, for failure messages.
+    std::string logTail(size_t maxBytes = 4000) const;
+
+    // The server's process and its session processes as they are now; empty
+    // once stopped.
+    std::vector<pid_t> processes() const;
+
+    // Ends the server and its sessions now (the destructor does it too).
+    void stop();
+
+private:
+    bool start();
+    bool startPyftpdlib();
+    bool startVsftpd();
+    bool startProftpd();
+    bool startPureftpd();
+    bool spawn(const std::vector<std::string>& argv);
+    bool waitForGreeting(std::chrono::milliseconds limit);
+    bool fail(const std::string& why);
+
+    FtpServerKind kind_;
+    RealFtpServerOptions options_;
+    bool ready_ = false;
+    std::string failure_;
+    int port_ = 0;
+    std::string dir_;       // temporary folder of everything below
+    std::string root_;      // dir_ + "/home"
+    std::string logFile_;   // the server's own log
+    std::string outFile_;   // its standard output and error
+    pid_t pid_ = -1;        // the process we started; leads its process group
+    uid_t uid_ = 0;         // owner given to root_ and to files written here
+    gid_t gid_ = 0;
+};
+
+#endif  // FTPDISK_TESTS_SUPPORT_REALFTPSERVER_H
