@@ -15,7 +15,8 @@ public:
     virtual ~FTPFileDescriptor() {}
 
     // 'd' directory, '-' plain file; from Unix listings also 'l' and other
-    // letters of the permission field.
+    // letters of the permission field, stored as the byte value (0 to 255) so
+    // that it does not depend on whether char is signed.
     int32_t type;
     // Bytes as the listing states them; 2 GiB and more wrap (signed 32 bits).
     int32_t size;

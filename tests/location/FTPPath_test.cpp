@@ -40,6 +40,7 @@ TEST(FTPPathCreate, ReadsUserPasswordServerAndPathOfWellFormedTexts) {
         {"a*(b(pw)@ftp://h/p", 1, "a(b", "pw", "h", "/p"},
         {"rec(p@ss)@ftp://h/p", 1, "rec", "p@ss", "h", "/p"},
         {"rec(pw)@ftp://h\\dir\\sub", 1, "rec", "pw", "h", "/dir/sub"},
+        {"rec(pw)@ftp://h\\\\dir\\\\sub", 1, "rec", "pw", "h", "/dir//sub"},
         {"rec(pw)@ftp://h//a//b", 1, "rec", "pw", "h", "/a//b"},
         {"rec(pw)@ftp://nvr-store:ftp/cam1/2020", 1, "rec", "pw", "nvr-store:ftp", "/cam1/2020"},
     };
