@@ -26,8 +26,20 @@ enum FtpOpenType {
 // Resolves "host", "host:21" or "host:service" into an IPv4 address and port:
 // a decimal port is used as is (low 16 bits), a name is looked up as a TCP
 // service ("ftp" without a colon); the host is tried as a dotted address
-// first, then resolved. Returns 1 and fills `address`, or 0 (nothing opened).
+// first, then resolved. Returns 1 and fills `address`, or 0 (nothing opened;
+// `address` may be partly filled).
 int ftpResolveAddress(const char* host, struct sockaddr_in* address);
+
+// Reads the data address out of a reply to "PASV":
+//   "227 Entering Passive Mode (192,168,1,2,4,1)" -> 192.168.1.2 port 1025
+// Six unsigned numbers follow the first '('; each is taken as one byte and
+// missing ones count as 0. Returns 1 and fills `address` (AF_INET, network
+// order), or 0 when the text has no '(' (`address` untouched).
+int ftpParsePassiveReply(const char* response, struct sockaddr_in* address);
+
+// The longest aioReturn waits for `milliseconds`: the thousands as seconds and
+// the remainder, unscaled, as microseconds (1500 -> 1 s 500 us).
+NetBufWaitTime ftpAioWaitTime(int milliseconds);
 
 class FTPTool {
 public:

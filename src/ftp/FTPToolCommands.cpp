@@ -1,0 +1,156 @@
+// FTPTool: single commands (directories, site commands, sizes, renames and
+// deletions). Each builds one line in a zeroed 256-byte buffer and judges the
+// reply by its first digit. An argument that would not fit is refused before
+// anything is sent, leaving `response` as it was.
+//
+// Two limits apply to every line: the command's own (argument length plus the
+// command word, blank and terminator within 256 bytes) and Sendcmd's (at most
+// 253 characters of line, so that "\r\n" and the terminator fit). Sendcmd's is
+// the tighter one for all of them: the longest argument that goes out is 249
+// characters for CWD, MKD and RMD, 248 for RNFR, RNTO, DELE, SITE and SIZE.
+#include "ftp/FTPTool.h"
+
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+
+#include "ftp/FTPToolInternal.h"
+
+using ftptool::kCommandLineSize;
+
+namespace {
+
+// Whether an argument of `length` with `extra` bytes of command word, blank
+// and terminator fits the line buffer.
+bool fits(size_t length, size_t extra) { return length + extra <= kCommandLineSize; }
+
+// Reads one decimal integer the way "%d" does (leading white space, an
+// optional sign, then digits), keeping the low 32 bits of the number so that
+// the result is the same on 32- and 64-bit recorders; false when no digits.
+bool readInteger(const char*& at, int32_t* value) {
+    const char* p = at;
+    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
+    bool negative = false;
+    if (*p == '+' || *p == '-') {
+        negative = *p == '-';
+        ++p;
+    }
+    if (*p < '0' || *p > '9') return false;
+    uint64_t n = 0;
+    while (*p >= '0' && *p <= '9') {
+        n = n * 10 + static_cast<uint64_t>(*p - '0');
+        ++p;
+    }
+    uint32_t low = static_cast<uint32_t>(negative ? 0 - n : n);
+    *value = static_cast<int32_t>(low);
+    at = p;
+    return true;
+}
+
+}  // namespace
+
+int FTPTool::cd(const char* dir) {
+    if (dir == NULL || controlBuf == NULL) return 0;
+    if (!fits(strlen(dir), 6)) return 0;
+    char line[kCommandLineSize];
+    memset(line, 0, sizeof line);
+    // An empty directory means the root.
+    snprintf(line, sizeof line, "CWD %s", dir[0] == '\0' ? "/" : dir);
+    return Sendcmd(line, '2');
+}
+
+int FTPTool::cdup() {
+    if (controlBuf == NULL) return 0;
+    return Sendcmd("CDUP", '2');
+}
+
+int FTPTool::mkdir(const char* dir) {
+    if (dir == NULL || controlBuf == NULL) return 0;
+    if (!fits(strlen(dir), 6)) return 0;
+    char line[kCommandLineSize];
+    memset(line, 0, sizeof line);
+    snprintf(line, sizeof line, "MKD %s", dir);
+    return Sendcmd(line, '2');
+}
+
+int FTPTool::rmdir(const char* dir) {
+    if (dir == NULL || controlBuf == NULL) return 0;
+    if (!fits(strlen(dir), 6)) return 0;
+    char line[kCommandLineSize];
+    memset(line, 0, sizeof line);
+    snprintf(line, sizeof line, "RMD %s", dir);
+    return Sendcmd(line, '2');
+}
+
+int FTPTool::site(const char* command) {
+    if (command == NULL || controlBuf == NULL) return 0;
+    if (!fits(strlen(command), 7)) return 0;
+    char line[kCommandLineSize];
+    memset(line, 0, sizeof line);
+    snprintf(line, sizeof line, "SITE %s", command);
+    return Sendcmd(line, '2');
+}
+
+// "213 1234" stores 1234. The type set first stays in force for later
+// commands on this connection.
+int FTPTool::size(const char* path, int* result, char mode) {
+    if (path == NULL || result == NULL || controlBuf == NULL) return 0;
+    if (!fits(strlen(path), 7)) return 0;
+    char line[kCommandLineSize];
+    memset(line, 0, sizeof line);
+    snprintf(line, sizeof line, "TYPE %c", mode);
+    if (!Sendcmd(line, '2')) return 0;
+    memset(line, 0, sizeof line);
+    snprintf(line, sizeof line, "SIZE %s", path);
+    if (!Sendcmd(line, '2')) return 0;
+    // The reply code, then the size: both must be there.
+    const char* at = controlBuf->response;
+    int32_t code = 0;
+    int32_t bytes = 0;
+    if (!readInteger(at, &code) || !readInteger(at, &bytes)) return 0;
+    *result = bytes;
+    return 1;
+}
+
+int FTPTool::moveFile(const char* from, const char* to) {
+    if (from == NULL || to == NULL || controlBuf == NULL) return 0;
+    if (!fits(strlen(from), 6)) return 0;
+    char line[kCommandLineSize];
+    memset(line, 0, sizeof line);
+    snprintf(line, sizeof line, "RNFR %s", from);
+    if (!Sendcmd(line, '3')) return 0;
+    // RNFR has gone out by now; a destination that does not fit leaves it
+    // pending on the server, and nothing undoes it.
+    if (!fits(strlen(to), 6)) return 0;
+    memset(line, 0, sizeof line);
+    snprintf(line, sizeof line, "RNTO %s", to);
+    return Sendcmd(line, '2');
+}
+
+// "/d/e/a.txt" sends "CWD /", "CWD /d/e", "DELE a.txt"; the connection stays
+// in the file's directory afterwards. A path without "/" is deleted where the
+// connection stands.
+int FTPTool::deleteFile(const char* path) {
+    if (path == NULL || controlBuf == NULL) return 0;
+    // Refused before anything goes out, so that a path that cannot be
+    // deleted does not move the working directory either.
+    if (!fits(strlen(path), 6)) return 0;
+    std::string whole(path);
+    std::string name = whole;
+    std::string::size_type slash = whole.rfind('/');
+    char line[kCommandLineSize];
+    if (slash != std::string::npos) {
+        // Both changes of directory are tried; a failure does not stop the
+        // deletion (the server then judges the name where it stands).
+        Sendcmd("CWD /", '2');
+        memset(line, 0, sizeof line);
+        snprintf(line, sizeof line, "CWD %s", whole.substr(0, slash).c_str());
+        Sendcmd(line, '2');
+        name = whole.substr(slash + 1);
+    }
+    memset(line, 0, sizeof line);
+    snprintf(line, sizeof line, "DELE %s", name.c_str());
+    return Sendcmd(line, '2');
+}

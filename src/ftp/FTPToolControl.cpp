@@ -1,0 +1,449 @@
+// FTPTool: the control connection (connect, login, command and reply,
+// buffered lines, socket waits, teardown).
+#include "ftp/FTPTool.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netdb.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <climits>
+#include <string>
+
+#include "ftp/FTPToolInternal.h"
+#include "host/GlobalEnv.h"
+
+namespace ftptool {
+
+int waitFor(int fd, short events, NetBufWaitTime limit) {
+    if (fd < 0 || limit.seconds < 0 || limit.microseconds < 0) return -1;
+    // Whole milliseconds, rounded up so that a wait never ends before its
+    // limit; a limit that does not fit an int waits as long as poll can.
+    long long ms = static_cast<long long>(limit.seconds) * 1000 +
+                   (static_cast<long long>(limit.microseconds) + 999) / 1000;
+    if (ms > INT_MAX) ms = INT_MAX;
+    struct pollfd p;
+    p.fd = fd;
+    p.events = events;
+    p.revents = 0;
+    int n = ::poll(&p, 1, static_cast<int>(ms));
+    if (n > 0 && (p.revents & POLLNVAL)) return -1;
+    return n;
+}
+
+void setResponse(NetBuf* connection, const char* text) {
+    if (connection == NULL) return;
+    snprintf(connection->response, sizeof connection->response, "%s", text);
+}
+
+namespace {
+// strerror_r comes in two shapes (XSI returns int, GNU returns the text);
+// these overloads take whichever the C library provides.
+__attribute__((unused)) const char* errorText(int result, const char* buffer) {
+    return result == 0 ? buffer : "Unknown error";
+}
+__attribute__((unused)) const char* errorText(const char* result, const char*) {
+    return result;
+}
+}  // namespace
+
+void setErrorResponse(NetBuf* connection, int error) {
+    char buffer[kNetBufResponseSize];
+    buffer[0] = '\0';
+    setResponse(connection, errorText(strerror_r(error, buffer, sizeof buffer), buffer));
+}
+
+bool printReports() { return GlobalEnv::getInstance()->getPrintFlag(); }
+
+void report(const char* format, int result, int error) {
+    printf(format, result, error);
+    fflush(stdout);
+}
+
+}  // namespace ftptool
+
+using ftptool::kCommandLineSize;
+
+namespace {
+
+// Seconds the control socket waits on a single send or receive.
+const int kControlSocketLimit = 10;
+// The readiness wait of the control connection before each receive.
+const int32_t kControlIdleSeconds = 3;
+
+double monotonicSeconds() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// The receive limit set on the socket, in seconds; the control limit when the
+// socket has none (or it cannot be read).
+double receiveLimit(int fd) {
+    struct timeval limit;
+    socklen_t length = sizeof limit;
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, &length) != 0 ||
+        (limit.tv_sec == 0 && limit.tv_usec == 0)) {
+        return kControlSocketLimit;
+    }
+    return static_cast<double>(limit.tv_sec) + static_cast<double>(limit.tv_usec) / 1e6;
+}
+
+// The port of a TCP service name, in network order; false when unknown.
+bool lookUpService(const char* name, uint16_t* port) {
+    struct servent entry;
+    struct servent* result = NULL;
+    char scratch[1024];
+    if (getservbyname_r(name, "tcp", &entry, scratch, sizeof scratch, &result) != 0 ||
+        result == NULL) {
+        return false;
+    }
+    *port = static_cast<uint16_t>(result->s_port);
+    return true;
+}
+
+// The first IPv4 address of a host name; false when it does not resolve.
+bool lookUpHost(const char* name, struct in_addr* address) {
+    struct addrinfo hints;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    struct addrinfo* found = NULL;
+    if (getaddrinfo(name, NULL, &hints, &found) != 0 || found == NULL) return false;
+    bool ok = false;
+    for (struct addrinfo* a = found; a != NULL; a = a->ai_next) {
+        if (a->ai_family == AF_INET && a->ai_addr != NULL) {
+            *address = reinterpret_cast<struct sockaddr_in*>(a->ai_addr)->sin_addr;
+            ok = true;
+            break;
+        }
+    }
+    freeaddrinfo(found);
+    return ok;
+}
+
+}  // namespace
+
+int ftpResolveAddress(const char* host, struct sockaddr_in* address) {
+    if (host == NULL || address == NULL) return 0;
+    std::string name(host);
+    memset(address, 0, sizeof *address);
+    address->sin_family = AF_INET;
+
+    // "host:21" takes the number (low 16 bits) without asking the services
+    // database; "host:ftp" and a bare "host" look the name up.
+    std::string service = "ftp";
+    bool numericPort = false;
+    std::string::size_type colon = name.find(':');
+    if (colon != std::string::npos) {
+        std::string after = name.substr(colon + 1);
+        name.erase(colon);
+        if (!after.empty() && after[0] >= '0' && after[0] <= '9') {
+            unsigned long port = strtoul(after.c_str(), NULL, 10);
+            address->sin_port = htons(static_cast<uint16_t>(port & 0xFFFFu));
+            numericPort = true;
+        } else {
+            service = after;
+        }
+    }
+    if (!numericPort) {
+        uint16_t port = 0;
+        if (!lookUpService(service.c_str(), &port)) return 0;
+        address->sin_port = port;
+    }
+
+    in_addr_t dotted = inet_addr(name.c_str());
+    if (dotted != INADDR_NONE) {
+        address->sin_addr.s_addr = dotted;
+    } else if (!lookUpHost(name.c_str(), &address->sin_addr)) {
+        return 0;
+    }
+    return 1;
+}
+
+FTPTool::FTPTool() : controlBuf(NULL), usable(true) {}
+
+FTPTool::~FTPTool() {
+    quit();
+    // quit() keeps the record when "QUIT" is not answered 2xx; nothing may
+    // outlive the tool, so whatever is left is released here.
+    Empty();
+}
+
+void FTPTool::setUsable(bool value) { usable = value; }
+
+bool FTPTool::getUsable() { return usable; }
+
+int FTPTool::flush() { return 0; }
+
+NetBuf* FTPTool::getControlBuf() const { return controlBuf; }
+
+const char* FTPTool::getResponse() const { return controlBuf != NULL ? controlBuf->response : ""; }
+
+int FTPTool::connect(const char* host) {
+    // A second connect replaces the first connection; its record and socket
+    // are released (without traffic) rather than lost.
+    Empty();
+
+    struct sockaddr_in address;
+    if (!ftpResolveAddress(host, &address)) return 0;
+
+    int fd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (fd < 0) return 0;
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (::connect(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0) {
+        close(fd);
+        return 0;
+    }
+
+    NetBuf* control = static_cast<NetBuf*>(calloc(1, sizeof(NetBuf)));
+    char* buffer = static_cast<char*>(malloc(kNetBufSize));
+    if (control == NULL || buffer == NULL) {
+        free(control);
+        free(buffer);
+        close(fd);
+        return 0;
+    }
+    control->buffer = buffer;
+    control->readPos = buffer;
+    control->writePos = buffer;
+    control->available = 0;
+    control->spaceLeft = kNetBufSize;
+    control->handle = fd;
+    control->direction = kNetBufControl;
+    control->control = NULL;
+    control->connectionMode = kNetBufPassive;
+    // Deliberately short: a server that takes longer than this to start a
+    // reply fails the command, and the caller drops the connection.
+    control->idleTime.seconds = kControlIdleSeconds;
+    control->idleTime.microseconds = 0;
+    controlBuf = control;
+
+    setTimeOutLen(controlBuf, 1, kControlSocketLimit);
+    setTimeOutLen(controlBuf, 2, kControlSocketLimit);
+    // On a refused greeting the record stays: the caller destroys the tool.
+    return Readresp('2', controlBuf);
+}
+
+int FTPTool::login(const char* user, const char* password) {
+    if (user == NULL || password == NULL || controlBuf == NULL) return 0;
+    // Each line is built in a 64-byte buffer: "USER " + 57 + terminator.
+    const size_t kLongest = 57;
+    if (strlen(user) > kLongest || strlen(password) > kLongest) return 0;
+    char line[64];
+    snprintf(line, sizeof line, "USER %s", user);
+    if (!Sendcmd(line, '3')) {
+        // A server that needs no password accepts the user with 2xx.
+        return controlBuf != NULL && controlBuf->response[0] == '2';
+    }
+    snprintf(line, sizeof line, "PASS %s", password);
+    return Sendcmd(line, '2');
+}
+
+int FTPTool::Sendcmd(const char* command, char expected) {
+    if (command == NULL || controlBuf == NULL || controlBuf->direction != kNetBufControl) return 0;
+    // The line with "\r\n" and its terminator must fit in 256 bytes: at most
+    // 253 characters of command.
+    if (strlen(command) + 3 >= kCommandLineSize + 1) return 0;
+    char line[kCommandLineSize];
+    memset(line, 0, sizeof line);
+    int length = snprintf(line, sizeof line, "%s\r\n", command);
+    // One send; a short write is not completed (the reply then fails).
+    if (send(controlBuf->handle, line, static_cast<size_t>(length), MSG_NOSIGNAL) < 1) return 0;
+    return Readresp(expected, controlBuf);
+}
+
+int FTPTool::Readresp(char expected, NetBuf* connection) {
+    if (controlBuf == NULL || connection == NULL) return 0;
+    // A time-out before any byte leaves `response` as it was, so the previous
+    // reply is judged again; that is how this client has always behaved.
+    if (Readline(connection->response, kNetBufResponseSize, connection) == -1) return 0;
+    if (connection->response[3] == '-') {
+        // "220-Welcome" ... "220 ready": read until a line opens with the code
+        // and a blank. Silence inside the reply is waited out, but only for as
+        // long as the socket's own receive limit, so that a server that stops
+        // half-way cannot hold the caller for ever.
+        char closing[5];
+        memcpy(closing, connection->response, 3);
+        closing[3] = ' ';
+        closing[4] = '\0';
+        double limit = receiveLimit(connection->handle);
+        double quietSince = monotonicSeconds();
+        for (;;) {
+            int n = Readline(connection->response, kNetBufResponseSize, connection);
+            if (n == -1) return 0;
+            if (n > 0) {
+                if (strncmp(connection->response, closing, 4) == 0) break;
+                quietSince = monotonicSeconds();
+            } else if (monotonicSeconds() - quietSince > limit) {
+                return 0;
+            }
+        }
+    }
+    return connection->response[0] == expected ? 1 : 0;
+}
+
+int FTPTool::Readline(char* out, int capacity, NetBuf* connection) {
+    if (connection == NULL || out == NULL || controlBuf == NULL) return 0;
+    if (connection->direction != kNetBufControl && connection->direction != kNetBufDataRead) {
+        return -1;
+    }
+    if (connection->buffer == NULL) return -1;
+    if (capacity < 1) return 0;
+
+    int stored = 0;
+    char* at = out;
+    bool endOfStream = false;
+    for (;;) {
+        if (connection->available > 0) {
+            int take = connection->available < capacity - 1 ? connection->available : capacity - 1;
+            char* lineEnd = static_cast<char*>(memchr(connection->readPos, '\n', take));
+            if (lineEnd != NULL) take = static_cast<int>(lineEnd - connection->readPos) + 1;
+            memcpy(at, connection->readPos, take);
+            at += take;
+            *at = '\0';
+            stored += take;
+            capacity -= take;
+            connection->readPos += take;
+            connection->available -= take;
+            if (lineEnd != NULL) {
+                // "220 ready\r\n" is returned as "220 ready\n".
+                if (stored >= 2 && at[-2] == '\r') {
+                    at[-2] = '\n';
+                    at[-1] = '\0';
+                    --stored;
+                }
+                return stored;
+            }
+        }
+        if (capacity <= 1) {
+            *at = '\0';
+            return stored;
+        }
+        if (connection->writePos == connection->readPos) {
+            connection->readPos = connection->buffer;
+            connection->writePos = connection->buffer;
+            connection->available = 0;
+            connection->spaceLeft = kNetBufSize;
+        }
+        if (endOfStream) return stored > 0 ? stored : -1;
+        if (connection->spaceLeft <= 0) return stored;
+        if (!Socketwait(connection)) return stored;
+        ssize_t got = recv(connection->handle, connection->writePos,
+                           static_cast<size_t>(connection->spaceLeft), 0);
+        if (got < 0) return -1;
+        if (got == 0) endOfStream = true;
+        connection->writePos += got;
+        connection->available += static_cast<int32_t>(got);
+        connection->spaceLeft -= static_cast<int32_t>(got);
+    }
+}
+
+int FTPTool::Writeline(const char* data, int length, NetBuf* connection) {
+    if (connection == NULL || connection->direction != kNetBufDataWrite) return -1;
+    if (length < 1) return length;
+    if (data == NULL || connection->buffer == NULL) return -1;
+
+    // "a\nb" goes out as "a\r\nb"; an LF that already follows a CR is left
+    // alone. When the socket is not writable in time the count returned is
+    // that of the input bytes whose output has gone out, so a caller that
+    // retries from there loses nothing.
+    char* buffer = connection->buffer;
+    int buffered = 0;
+    int sentUpTo = 0;
+    char previous = '\0';
+    for (int consumed = 0; consumed < length; ++consumed) {
+        char c = data[consumed];
+        if (c == '\n' && previous != '\r') {
+            if (buffered == kNetBufSize) {
+                if (!Socketwait(connection)) return sentUpTo;
+                ssize_t sent = send(connection->handle, buffer, kNetBufSize, MSG_NOSIGNAL);
+                if (sent != kNetBufSize) {
+                    int error = errno;
+                    if (ftptool::printReports())
+                        ftptool::report("write(1) returned %d, errno = %d\n", static_cast<int>(sent), error);
+                    return -1;
+                }
+                buffered = 0;
+                sentUpTo = consumed;
+            }
+            buffer[buffered++] = '\r';
+        }
+        if (buffered == kNetBufSize) {
+            if (!Socketwait(connection)) return sentUpTo;
+            ssize_t sent = send(connection->handle, buffer, kNetBufSize, MSG_NOSIGNAL);
+            if (sent != kNetBufSize) {
+                int error = errno;
+                if (ftptool::printReports())
+                    ftptool::report("write(2) returned %d, errno = %d\n", static_cast<int>(sent), error);
+                return -1;
+            }
+            buffered = 0;
+            sentUpTo = consumed;
+        }
+        buffer[buffered++] = c;
+        previous = c;
+    }
+    if (!Socketwait(connection)) return sentUpTo;
+    ssize_t sent = send(connection->handle, buffer, static_cast<size_t>(buffered), MSG_NOSIGNAL);
+    if (sent != buffered) {
+        int error = errno;
+        if (ftptool::printReports())
+            ftptool::report("write(3) returned %d, errno = %d\n", static_cast<int>(sent), error);
+        return -1;
+    }
+    return length;
+}
+
+int FTPTool::Socketwait(NetBuf* connection) {
+    if (connection == NULL) return 0;
+    short events = connection->direction == kNetBufDataWrite ? POLLOUT : POLLIN;
+    return ftptool::waitFor(connection->handle, events, connection->idleTime) > 0 ? 1 : 0;
+}
+
+void FTPTool::setTimeOutLen(NetBuf* connection, int kind, int seconds) {
+    if (connection == NULL) return;
+    int option;
+    if (kind == 1) {
+        option = SO_RCVTIMEO;
+    } else if (kind == 2) {
+        option = SO_SNDTIMEO;
+    } else {
+        return;
+    }
+    struct timeval limit;
+    limit.tv_sec = seconds;
+    limit.tv_usec = 0;
+    setsockopt(connection->handle, SOL_SOCKET, option, &limit, sizeof limit);
+}
+
+int FTPTool::quit() {
+    if (controlBuf == NULL) return 1;
+    // A refused "QUIT" keeps the connection as it is; only Empty() (or the
+    // destructor) releases it then.
+    if (!Sendcmd("QUIT", '2')) return 0;
+    Empty();
+    return 1;
+}
+
+int FTPTool::Empty() {
+    if (controlBuf != NULL) {
+        if (controlBuf->handle != -1) {
+            close(controlBuf->handle);
+            controlBuf->handle = -1;
+        }
+        free(controlBuf->buffer);
+        controlBuf->buffer = NULL;
+        free(controlBuf);
+        controlBuf = NULL;
+    }
+    return 1;
+}

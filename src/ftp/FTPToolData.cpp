@@ -1,0 +1,373 @@
+// FTPTool: data connections (opening in passive or port mode, the transfer
+// command, reads and writes, the asynchronous write and its completion check,
+// and the final reply on close).
+#include "ftp/FTPTool.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "ftp/FTPToolInternal.h"
+
+using ftptool::kCommandLineSize;
+
+namespace {
+
+// Seconds a data socket waits on a single send or receive.
+const int kDataSocketLimit = 30;
+// Seconds the server has to connect to us in port mode.
+const int32_t kAcceptSeconds = 5;
+
+// Adds a read or written amount to the record and calls the progress
+// callback once more than `callbackBytes` have moved since the last call.
+void account(NetBuf* data, int moved) {
+    if (moved <= 0) return;
+    data->transferred += moved;
+    if (data->progressCallback != NULL && data->callbackBytes != 0) {
+        data->sinceCallback += moved;
+        if (data->sinceCallback > data->callbackBytes) {
+            data->progressCallback(data, data->transferred, data->progressArg);
+            data->sinceCallback = 0;
+        }
+    }
+}
+
+// Reads one unsigned decimal number the way "%u" does (leading white space, an
+// optional sign, then digits); false when no digits follow.
+bool readUnsigned(const char*& at, unsigned* value) {
+    const char* p = at;
+    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
+    bool negative = false;
+    if (*p == '+' || *p == '-') {
+        negative = *p == '-';
+        ++p;
+    }
+    if (*p < '0' || *p > '9') return false;
+    unsigned long long n = 0;
+    while (*p >= '0' && *p <= '9') {
+        if (n <= 0xFFFFFFFFull) n = n * 10 + static_cast<unsigned>(*p - '0');
+        ++p;
+    }
+    if (n > 0xFFFFFFFFull) n = 0xFFFFFFFFull;
+    unsigned result = static_cast<unsigned>(n);
+    *value = negative ? 0u - result : result;
+    at = p;
+    return true;
+}
+
+}  // namespace
+
+int ftpParsePassiveReply(const char* response, struct sockaddr_in* address) {
+    if (response == NULL || address == NULL) return 0;
+    const char* open = strchr(response, '(');
+    if (open == NULL) return 0;
+    // "%u,%u,%u,%u,%u,%u": reading stops at the first number or comma that is
+    // missing; the count read is not checked, so missing numbers stay 0.
+    unsigned numbers[6] = {0, 0, 0, 0, 0, 0};
+    const char* at = open + 1;
+    for (int i = 0; i < 6; ++i) {
+        if (i > 0) {
+            if (*at != ',') break;
+            ++at;
+        }
+        if (!readUnsigned(at, &numbers[i])) break;
+    }
+    unsigned char bytes[4];
+    for (int i = 0; i < 4; ++i) bytes[i] = static_cast<unsigned char>(numbers[i]);
+    memset(address, 0, sizeof *address);
+    address->sin_family = AF_INET;
+    memcpy(&address->sin_addr, bytes, 4);
+    unsigned port = (numbers[4] & 0xFFu) * 256u + (numbers[5] & 0xFFu);
+    address->sin_port = htons(static_cast<uint16_t>(port));
+    return 1;
+}
+
+NetBufWaitTime ftpAioWaitTime(int milliseconds) {
+    // The remainder is used as microseconds without scaling: 1500 waits
+    // 1 s 500 us. Callers pass their limits with that in mind.
+    NetBufWaitTime limit;
+    limit.seconds = milliseconds / 1000;
+    limit.microseconds = milliseconds % 1000;
+    return limit;
+}
+
+int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
+    if (controlBuf == NULL || out == NULL) return 0;
+    if (path == NULL && (type == kFtpRetr || type == kFtpStor)) {
+        ftptool::setResponse(controlBuf, "Missing path argument for file transfer\n");
+        return 0;
+    }
+    // The type goes out before `type` and `mode` are checked.
+    char line[kCommandLineSize];
+    snprintf(line, sizeof line, "TYPE %c", static_cast<char>(mode));
+    if (!Sendcmd(line, '2')) return 0;
+
+    const char* word;
+    int direction;
+    switch (type) {
+    case kFtpNlst: word = "NLST"; direction = kNetBufDataRead; break;
+    case kFtpList: word = "LIST"; direction = kNetBufDataRead; break;
+    case kFtpRetr: word = "RETR"; direction = kNetBufDataRead; break;
+    case kFtpStor: word = "STOR"; direction = kNetBufDataWrite; break;
+    // APPE without a path is sent as is: the server decides.
+    case kFtpAppe: word = "APPE"; direction = kNetBufDataWrite; break;
+    default:
+        snprintf(controlBuf->response, sizeof controlBuf->response, "Invalid open type %d\n", type);
+        return 0;
+    }
+    memset(line, 0, sizeof line);
+    if (path != NULL) {
+        if (4 + 1 + strlen(path) > kCommandLineSize - 1) return 0;
+        snprintf(line, sizeof line, "%s %s", word, path);
+    } else {
+        snprintf(line, sizeof line, "%s", word);
+    }
+
+    if (!OpenPort(out, mode, direction)) return 0;
+    setTimeOutLen(*out, 1, kDataSocketLimit);
+    setTimeOutLen(*out, 2, kDataSocketLimit);
+
+    if (!Sendcmd(line, '1')) {
+        // A refused transfer has no closing reply to wait for.
+        (*out)->control = NULL;
+        closeData(*out);
+        *out = NULL;
+        return 0;
+    }
+    if (controlBuf->connectionMode == kNetBufPort && !AcceptConnection(*out)) {
+        // AcceptConnection has already closed the listening socket; the
+        // record's handle may read 0 after a failed accept, which is not
+        // ours to close.
+        (*out)->handle = -1;
+        closeData(*out);
+        *out = NULL;
+        return 0;
+    }
+    return 1;
+}
+
+int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
+    if (controlBuf == NULL || out == NULL) return 0;
+    if (controlBuf->direction != kNetBufControl) return 0;
+    if (direction != kNetBufDataRead && direction != kNetBufDataWrite) {
+        snprintf(controlBuf->response, sizeof controlBuf->response, "Invalid direction %d\n",
+                 direction);
+        return 0;
+    }
+    if (mode != 'A' && mode != 'I') {
+        snprintf(controlBuf->response, sizeof controlBuf->response, "Invalid mode %c\n",
+                 static_cast<char>(mode));
+        return 0;
+    }
+
+    bool portMode = controlBuf->connectionMode == kNetBufPort;
+    struct sockaddr_in address;
+    memset(&address, 0, sizeof address);
+    if (!portMode) {
+        if (!Sendcmd("PASV", '2')) return 0;
+        if (!ftpParsePassiveReply(controlBuf->response, &address)) return 0;
+    } else {
+        socklen_t length = sizeof address;
+        if (getsockname(controlBuf->handle, reinterpret_cast<struct sockaddr*>(&address),
+                        &length) != 0) {
+            return 0;
+        }
+    }
+
+    int fd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (fd < 0) return 0;
+    int on = 1;
+    struct linger noLinger;
+    noLinger.l_onoff = 0;
+    noLinger.l_linger = 0;
+    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &noLinger, sizeof noLinger) != 0) {
+        close(fd);
+        return 0;
+    }
+
+    if (!portMode) {
+        if (::connect(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0) {
+            close(fd);
+            return 0;
+        }
+    } else {
+        // Listen on the address the server already reaches us at, on a port
+        // the system picks, and announce it.
+        address.sin_port = 0;
+        if (bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0 ||
+            listen(fd, 1) != 0) {
+            close(fd);
+            return 0;
+        }
+        socklen_t length = sizeof address;
+        if (getsockname(fd, reinterpret_cast<struct sockaddr*>(&address), &length) != 0) {
+            close(fd);
+            return 0;
+        }
+        const unsigned char* a = reinterpret_cast<const unsigned char*>(&address.sin_addr);
+        unsigned port = ntohs(address.sin_port);
+        char line[kCommandLineSize];
+        snprintf(line, sizeof line, "PORT %d,%d,%d,%d,%d,%d", a[0], a[1], a[2], a[3],
+                 static_cast<int>(port >> 8), static_cast<int>(port & 0xFF));
+        if (!Sendcmd(line, '2')) {
+            close(fd);
+            return 0;
+        }
+    }
+
+    NetBuf* data = static_cast<NetBuf*>(calloc(1, sizeof(NetBuf)));
+    char* buffer = NULL;
+    if (data != NULL && mode == 'A') buffer = static_cast<char*>(malloc(kNetBufSize));
+    if (data == NULL || (mode == 'A' && buffer == NULL)) {
+        free(data);
+        free(buffer);
+        close(fd);
+        return 0;
+    }
+    // Every field is set, the line buffer's included, so that ASCII transfers
+    // start from an empty buffer.
+    data->buffer = buffer;
+    data->readPos = buffer;
+    data->writePos = buffer;
+    data->available = 0;
+    data->spaceLeft = buffer != NULL ? kNetBufSize : 0;
+    data->handle = fd;
+    data->direction = direction;
+    data->connectionMode = controlBuf->connectionMode;
+    data->idleTime = controlBuf->idleTime;
+    data->control = portMode ? NULL : controlBuf;
+    data->progressArg = controlBuf->progressArg;
+    data->callbackBytes = controlBuf->callbackBytes;
+    bool waits = controlBuf->idleTime.seconds != 0 || controlBuf->idleTime.microseconds != 0;
+    data->progressCallback = waits ? controlBuf->progressCallback : NULL;
+    data->transferred = 0;
+    data->sinceCallback = 0;
+    *out = data;
+    return 1;
+}
+
+int FTPTool::AcceptConnection(NetBuf* data) {
+    if (data == NULL || controlBuf == NULL) return 0;
+    struct pollfd ready[2];
+    ready[0].fd = data->handle;
+    ready[0].events = POLLIN;
+    ready[0].revents = 0;
+    ready[1].fd = controlBuf->handle;
+    ready[1].events = POLLIN;
+    ready[1].revents = 0;
+    int n = poll(ready, 2, kAcceptSeconds * 1000);
+    if (n > 0 && ((ready[0].revents | ready[1].revents) & POLLNVAL)) {
+        n = -1;
+        errno = EBADF;
+    }
+    if (n < 0) {
+        ftptool::setErrorResponse(controlBuf, errno);
+        close(data->handle);
+        data->handle = -1;
+        return 0;
+    }
+    if (n == 0) {
+        ftptool::setResponse(controlBuf, "timed out waiting for connection");
+        close(data->handle);
+        data->handle = -1;
+        return 0;
+    }
+    if (ready[0].revents != 0) {
+        int accepted = accept(data->handle, NULL, NULL);
+        int error = errno;
+        close(data->handle);
+        if (accepted < 0) {
+            ftptool::setErrorResponse(controlBuf, error);
+            // 0 rather than -1: kept as this client has always left it.
+            data->handle = 0;
+            return 0;
+        }
+        data->handle = accepted;
+        data->control = controlBuf;
+        return 1;
+    }
+    // The server answered on the control connection instead of connecting.
+    close(data->handle);
+    data->handle = -1;
+    Readresp('2', controlBuf);
+    return 0;
+}
+
+int FTPTool::read(char* buf, int length, NetBuf* data) {
+    if (data == NULL || data->direction != kNetBufDataRead) return 0;
+    if (buf == NULL || length < 0) return -1;
+    int result;
+    if (data->buffer != NULL) {
+        result = Readline(buf, length, data);
+    } else {
+        if (!Socketwait(data)) return -1;
+        result = static_cast<int>(recv(data->handle, buf, static_cast<size_t>(length), 0));
+    }
+    account(data, result);
+    return result;
+}
+
+int FTPTool::write(const char* buf, int length, NetBuf* data) {
+    if (data == NULL || data->direction != kNetBufDataWrite) return 0;
+    if (buf == NULL || length < 0) return -1;
+    int result;
+    if (data->buffer != NULL) {
+        result = Writeline(buf, length, data);
+    } else {
+        if (!Socketwait(data)) return -1;
+        // One send: a partial send is returned as it is.
+        result = static_cast<int>(send(data->handle, buf, static_cast<size_t>(length), MSG_NOSIGNAL));
+    }
+    account(data, result);
+    return result;
+}
+
+int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
+    if (data == NULL || data->direction != kNetBufDataWrite) return 0;
+    if (buf == NULL) return -1;
+    // No readiness wait and no accounting: completion is checked separately
+    // with aioReturn.
+    return static_cast<int>(send(data->handle, buf, length, MSG_NOSIGNAL));
+}
+
+int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
+    if (data == NULL || milliseconds < 0) return -2;
+    struct pollfd ready;
+    ready.fd = data->handle;
+    ready.events = POLLOUT | POLLPRI;
+    ready.revents = 0;
+    NetBufWaitTime limit = ftpAioWaitTime(milliseconds);
+    int timeoutMs = limit.seconds * 1000 + (limit.microseconds + 999) / 1000;
+    int n = poll(&ready, 1, timeoutMs);
+    if (n == 0) return -1;
+    if (n < 0 || (ready.revents & POLLNVAL)) return -2;
+    // An error or hang-up counts as writable, as select reports it: the next
+    // write then returns the error.
+    if (ready.revents & (POLLOUT | POLLERR | POLLHUP)) return 0;
+    return -2;
+}
+
+int FTPTool::closeData(NetBuf* data) {
+    if (data == NULL) return 0;
+    if (data->direction != kNetBufDataRead && data->direction != kNetBufDataWrite) return 0;
+    free(data->buffer);
+    data->buffer = NULL;
+    if (data->handle >= 0) {
+        shutdown(data->handle, SHUT_RDWR);
+        close(data->handle);
+    }
+    data->handle = -1;
+    NetBuf* control = data->control;
+    free(data);
+    if (control == NULL) return 1;
+    // The closing reply can only be read while the control connection the
+    // transfer was opened on is still this tool's.
+    if (control != controlBuf) return 0;
+    return Readresp('2', control);
+}

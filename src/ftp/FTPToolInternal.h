@@ -1,0 +1,36 @@
+// Helpers shared by the FTPTool sources (control connection, data connections,
+// single commands). Stateless; any thread may call them.
+#ifndef FTPDISK_FTP_FTPTOOLINTERNAL_H
+#define FTPDISK_FTP_FTPTOOLINTERNAL_H
+
+#include "ftp/NetBuf.h"
+
+namespace ftptool {
+
+// Every command line is built in a buffer of this size (line end and
+// terminator included).
+enum { kCommandLineSize = 256 };
+
+// Waits until `fd` is ready for `events` (poll flags) for at most `limit`.
+// Returns poll's result: 1 ready, 0 time-out, -1 error (EINTR included: a
+// signal ends the wait like an error, nothing retries). poll is used rather
+// than select so that descriptors above FD_SETSIZE, which a long-running
+// recorder can reach, never write past an fd_set.
+int waitFor(int fd, short events, NetBufWaitTime limit);
+
+// Copies `text` into `connection->response`, cut to fit and terminated.
+void setResponse(NetBuf* connection, const char* text);
+
+// The system's text for `error` copied into `connection->response`.
+void setErrorResponse(NetBuf* connection, int error);
+
+// Whether the host wants the socket-write reports on standard output.
+bool printReports();
+
+// Prints one socket-write report ("write(1) returned %d, errno = %d\n" and its
+// siblings) on standard output and flushes it.
+void report(const char* format, int result, int error);
+
+}  // namespace ftptool
+
+#endif  // FTPDISK_FTP_FTPTOOLINTERNAL_H
