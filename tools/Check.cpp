@@ -35,8 +35,8 @@ public:
     // `body` returns true on success and fills `detail` either way.
     bool run(const std::string& name, bool prerequisite, const std::string& skipReason,
              const std::function<bool(std::string&)>& body) {
-        ++steps_;
         if (!prerequisite) {
+            ++steps_;
             ++skipped_;
             print("skip", name, "", "not run: " + skipReason);
             return false;
@@ -44,14 +44,19 @@ public:
         std::string detail;
         const double start = monotonicSeconds();
         const bool ok = body(detail);
-        const double seconds = monotonicSeconds() - start;
+        report(name, ok, monotonicSeconds() - start, detail);
+        return ok;
+    }
+
+    // A step that ran before the printer existed.
+    void report(const std::string& name, bool ok, double seconds, const std::string& detail) {
+        ++steps_;
         print(ok ? "ok" : "FAIL", name, humanMillis(seconds), detail);
         if (ok) {
             ++passed_;
         } else if (firstFailure_.empty()) {
             firstFailure_ = name + " (" + detail + ")";
         }
-        return ok;
     }
 
     int steps() const { return steps_; }
@@ -83,7 +88,9 @@ std::string childPath(const std::string& dir, const std::string& name) {
 int runCheck(const Arguments& args) {
     Session session("check");
     // A text that is not a location is a usage error, reported before any step.
+    const double registerStart = monotonicSeconds();
     int status = session.registerLocation(args.positional[0]);
+    const double registerSeconds = monotonicSeconds() - registerStart;
     if (status != kExitOk) {
         return status;
     }
@@ -92,11 +99,9 @@ int runCheck(const Arguments& args) {
     std::cout << "checking " << location.masked() << std::endl;
 
     StepPrinter steps;
-    steps.run("register", true, "", [&](std::string& detail) {
-        detail = "store for server " + location.server + ", user " + location.user +
-                 ", base " + (location.base.empty() ? "/" : location.base);
-        return true;
-    });
+    steps.report("register", true, registerSeconds,
+                 "store for server " + location.server + ", user " + location.user + ", base " +
+                     (location.base.empty() ? "/" : location.base));
     const bool ready = steps.run("init", true, "", [&](std::string& detail) {
         if (session.init(true) != kExitOk) {
             detail = "cannot connect to " + location.server + " or log in as " + location.user;
