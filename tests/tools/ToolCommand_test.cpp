@@ -1,0 +1,539 @@
+// The ftpdisk command, run as its own process against a real FTP server on
+// 127.0.0.1: what each subcommand prints, its exit status, and the bytes it
+// leaves on the server's disk.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <regex>
+#include <sstream>
+
+#include "ToolRunner.h"
+#include "support/RealFtpServer.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string readLocal(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream all;
+    all << in.rdbuf();
+    return all.str();
+}
+
+void writeLocal(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary);
+    out << bytes;
+}
+
+std::string randomBytes(std::size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (char& c : bytes) {
+        c = static_cast<char>(random());
+    }
+    return bytes;
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        out.push_back(line);
+    }
+    return out;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// One pyftpdlib server for the whole suite; every test works below a base
+// directory of its own, named after the test.
+class ToolCommand : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { server_ = new RealFtpServer(FtpServerKind::kPyftpdlib); }
+    static void TearDownTestSuite() {
+        delete server_;
+        server_ = nullptr;
+    }
+
+    void SetUp() override {
+        ASSERT_TRUE(server_->ready()) << server_->failure();
+        base_ = std::string("/") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        ASSERT_TRUE(server_->makeDir(base_)) << base_;
+        char pattern[] = "/tmp/ftpdisk-tool-test-XXXXXX";
+        ASSERT_NE(nullptr, ::mkdtemp(pattern));
+        work_ = pattern;
+    }
+
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(work_, ignored);
+    }
+
+    RealFtpServer& server() { return *server_; }
+    std::string location() const { return server_->location(base_); }
+    // A run whose output must never show the password "pw" of the location.
+    ToolRun run(const std::vector<std::string>& args) {
+        ToolRun result = runTool(args, work_);
+        EXPECT_FALSE(result.timedOut) << result.transcript();
+        EXPECT_FALSE(contains(result.out + result.err, "(pw)")) << result.transcript();
+        return result;
+    }
+
+    static RealFtpServer* server_;
+    std::string base_;
+    std::string work_;
+};
+
+RealFtpServer* ToolCommand::server_ = nullptr;
+
+// --- help and usage errors (no server needed, but they share the fixture) ---
+
+TEST_F(ToolCommand, EveryCommandAnswersHelpWithItsUsageAndStatusZero) {
+    for (const char* command :
+         {"check", "ls", "du", "df", "mkdir", "rm", "mv", "put", "get", "cat", "record"}) {
+        const ToolRun result = run({command, "--help"});
+        EXPECT_EQ(0, result.status) << command << "\n" << result.transcript();
+        EXPECT_EQ(0u, result.out.rfind(std::string("usage: ftpdisk ") + command, 0))
+            << command << "\n" << result.transcript();
+        EXPECT_TRUE(contains(result.out, "user(password)@ftp://server[:port]/path"))
+            << command << "\n" << result.transcript();
+        EXPECT_EQ("", result.err) << command;
+    }
+}
+
+TEST_F(ToolCommand, OverviewNamesEveryCommand) {
+    const ToolRun result = run({"--help"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    for (const char* command :
+         {"check", "ls", "du", "df", "mkdir", "rm", "mv", "put", "get", "cat", "record"}) {
+        EXPECT_TRUE(contains(result.out, std::string("\n  ") + command + " "))
+            << command << "\n" << result.transcript();
+    }
+    const ToolRun bare = run({});
+    EXPECT_EQ(2, bare.status) << bare.transcript();
+    EXPECT_TRUE(contains(bare.err, "usage: ftpdisk COMMAND")) << bare.transcript();
+}
+
+TEST_F(ToolCommand, UsageErrorsAreOneLineOnStandardErrorWithStatusTwo) {
+    const struct {
+        std::vector<std::string> args;
+        const char* message;
+    } cases[] = {
+        {{"frobnicate"}, "ftpdisk: unknown command \"frobnicate\""},
+        {{"ls"}, "ftpdisk ls: missing LOCATION"},
+        {{"mv", "rec(pw)@ftp://127.0.0.1:1/x", "a"}, "ftpdisk mv: missing arguments"},
+        {{"df", "rec(pw)@ftp://127.0.0.1:1/x", "extra"}, "ftpdisk df: too many arguments"},
+        {{"ls", "--color", "rec(pw)@ftp://127.0.0.1:1/x"}, "ftpdisk ls: unknown option --color"},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--cameras"},
+         "ftpdisk record: option --cameras needs a value"},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--cameras", "0"},
+         "ftpdisk record: --cameras takes a whole number from 1 to 64, not \"0\""},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--rate=fast"},
+         "ftpdisk record: --rate takes a number above 0"},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--seconds", "-3"},
+         "ftpdisk record: --seconds takes a number above 0"},
+    };
+    for (const auto& c : cases) {
+        const ToolRun result = run(c.args);
+        std::string words;
+        for (const std::string& a : c.args) {
+            words += a + " ";
+        }
+        EXPECT_EQ(2, result.status) << words << "\n" << result.transcript();
+        EXPECT_EQ(0u, result.err.rfind(c.message, 0)) << words << "\n" << result.transcript();
+        EXPECT_EQ(1u, lines(result.err).size()) << words << "\n" << result.transcript();
+        EXPECT_EQ("", result.out) << words;
+    }
+}
+
+TEST_F(ToolCommand, TextThatIsNotALocationIsNamedAsSuchWithoutItsPassword) {
+    const struct {
+        const char* text;
+        const char* shown;
+    } cases[] = {
+        {"rec(s3cr3t)ftp://127.0.0.1/x", "not a location: rec(***)ftp://127.0.0.1/x"},
+        {"rec(s3cr3t)@127.0.0.1/x", "not a location: rec(***)@127.0.0.1/x"},
+        {"rec:s3cr3t@ftp://127.0.0.1/x", "not a location: rec:***@ftp://127.0.0.1/x"},
+        {"rec(s3cr3t-but-far-too-long)@ftp://127.0.0.1/x",
+         "not a location: rec(***)@ftp://127.0.0.1/x (password too long"},
+    };
+    for (const auto& c : cases) {
+        for (const char* command : {"ls", "check", "record"}) {
+            const ToolRun result = run({command, c.text});
+            EXPECT_EQ(2, result.status) << c.text << "\n" << result.transcript();
+            EXPECT_TRUE(contains(result.err, c.shown)) << c.text << "\n" << result.transcript();
+            EXPECT_TRUE(contains(result.err, "expected user(password)@ftp://server[:port]/path"))
+                << c.text << "\n" << result.transcript();
+            EXPECT_FALSE(contains(result.out + result.err, "s3cr3t"))
+                << c.text << "\n" << result.transcript();
+            EXPECT_EQ(1u, lines(result.err).size()) << c.text << "\n" << result.transcript();
+        }
+    }
+}
+
+TEST_F(ToolCommand, PathsThatWouldLeaveTheLocationAreRefused) {
+    const ToolRun result = run({"rm", location(), "../other"});
+    EXPECT_EQ(2, result.status) << result.transcript();
+    EXPECT_TRUE(contains(result.err, "\"..\" would leave the location")) << result.transcript();
+}
+
+// --- check ---
+
+TEST_F(ToolCommand, CheckPassesEveryStepAndLeavesNothingBehind) {
+    const ToolRun result = run({"check", location()});
+    ASSERT_EQ(0, result.status) << result.transcript();
+    const std::vector<std::string> out = lines(result.out);
+    ASSERT_EQ(12u, out.size()) << result.transcript();
+    EXPECT_EQ("checking rec(***)@ftp://" + server().hostPort() + base_, out[0]);
+    const char* steps[] = {"register", "init", "mkdir", "write", "list",
+                           "measure",  "read", "delete", "rmdir", "release"};
+    for (std::size_t i = 0; i < 10; ++i) {
+        const std::regex line(std::string("  ok    ") + steps[i] + " +[0-9.]+ (ms|s)  .*");
+        EXPECT_TRUE(std::regex_match(out[i + 1], line)) << out[i + 1];
+    }
+    EXPECT_EQ("verdict: PASS: rec(***)@ftp://" + server().hostPort() + base_ +
+                  " can hold recordings (10 of 10 steps passed)",
+              out[11]);
+    EXPECT_EQ("", result.err);
+    EXPECT_TRUE(fs::is_empty(server().localPath(base_))) << "the check left files behind";
+}
+
+TEST_F(ToolCommand, CheckWithARefusedLoginFailsAtInitAndSkipsTheRest) {
+    const std::string wrong = "rec(wr0ngpass)@ftp://" + server().hostPort() + base_;
+    const ToolRun result = run({"check", wrong});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_FALSE(contains(result.out + result.err, "wr0ngpass")) << result.transcript();
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  cannot connect to 127.0.0.1:[0-9]+ "
+                               "or log in as rec\n")))
+        << result.transcript();
+    for (const char* step : {"mkdir", "write", "list", "measure", "read", "delete", "rmdir",
+                             "release"}) {
+        EXPECT_TRUE(contains(result.out, std::string("  skip  ") + step)) << step << "\n"
+                                                                        << result.transcript();
+    }
+    EXPECT_TRUE(contains(result.out, "verdict: FAIL: rec(***)@ftp://" + server().hostPort() +
+                                         base_ +
+                                         " is not usable: 1 of 10 steps failed, 8 skipped; "
+                                         "first failure: init (cannot connect"))
+        << result.transcript();
+}
+
+TEST_F(ToolCommand, CheckOfAPortWithoutAServerFailsAtInit) {
+    // Nothing listens on port 1 of the loopback: the connect is refused at once.
+    const ToolRun result = run({"check", "rec(pw)@ftp://127.0.0.1:1/x"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "  FAIL  init")) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "verdict: FAIL")) << result.transcript();
+}
+
+// --- directories and files ---
+
+TEST_F(ToolCommand, LsListsDirectoriesThenFilesBelowTheBase) {
+    ASSERT_TRUE(server().makeDir(base_ + "/2026-11-22"));
+    ASSERT_TRUE(server().makeDir(base_ + "/2026-11-21"));
+    ASSERT_TRUE(server().writeFile(base_ + "/b.dat", "12345"));
+    ASSERT_TRUE(server().writeFile(base_ + "/a.dat", std::string(70000, 'x')));
+
+    ToolRun result = run({"ls", location()});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("2026-11-21/\n2026-11-22/\na.dat\nb.dat\n", result.out) << result.transcript();
+
+    result = run({"ls", "-l", location(), "/"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("d             -  2026-11-21/\n"
+              "d             -  2026-11-22/\n"
+              "-         70000  a.dat\n"
+              "-             5  b.dat\n",
+              result.out)
+        << result.transcript();
+
+    result = run({"ls", location(), "2026-11-22"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("", result.out) << result.transcript();
+}
+
+TEST_F(ToolCommand, LsOfAMissingDirectorySaysSo) {
+    const ToolRun result = run({"ls", location(), "nowhere"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk ls: no such directory: " + base_ + "/nowhere\n", result.err);
+}
+
+TEST_F(ToolCommand, DuAddsUpEveryListedSizeBelowThePath) {
+    ASSERT_TRUE(server().makeDir(base_ + "/day"));
+    ASSERT_TRUE(server().makeDir(base_ + "/day/cam01"));
+    ASSERT_TRUE(server().writeFile(base_ + "/day/cam01/1.dat", std::string(1000, 'a')));
+    ASSERT_TRUE(server().writeFile(base_ + "/day/cam01/2.dat", std::string(2345, 'b')));
+    ASSERT_TRUE(server().writeFile(base_ + "/day/top.dat", std::string(7, 'c')));
+    // The store counts directories' own listed sizes too: add them the same way.
+    long long expected = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(server().localPath(base_ + "/day"))) {
+        struct stat info;
+        ASSERT_EQ(0, ::stat(entry.path().c_str(), &info));
+        expected += info.st_size;
+    }
+    const ToolRun result = run({"du", location(), "day"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ(0u, result.out.rfind(std::to_string(expected) + "\t", 0)) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "\t" + base_ + "/day\n")) << result.transcript();
+}
+
+TEST_F(ToolCommand, DfShowsTheFreshStoresOwnAccount) {
+    const ToolRun result = run({"df", location()});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("location      rec(***)@ftp://" + server().hostPort() + base_ +
+                  "\n"
+                  "first figure  0\n"
+                  "used          0 MiB (written through this store since init)\n",
+              result.out);
+}
+
+TEST_F(ToolCommand, MkdirMakesEveryMissingDirectoryBelowTheBase) {
+    const ToolRun result = run({"mkdir", location(), "2026-11-22/cam01/x"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("created directory " + base_ + "/2026-11-22/cam01/x\n", result.out);
+    EXPECT_TRUE(server().dirExists(base_ + "/2026-11-22/cam01/x"));
+}
+
+TEST_F(ToolCommand, RmDeletesAFileAndRefusesADirectoryWithoutR) {
+    ASSERT_TRUE(server().writeFile(base_ + "/a.dat", "abc"));
+    ASSERT_TRUE(server().makeDir(base_ + "/d"));
+    ASSERT_TRUE(server().writeFile(base_ + "/d/in.dat", "xyz"));
+
+    ToolRun result = run({"rm", location(), "a.dat"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("removed " + base_ + "/a.dat\n", result.out);
+    EXPECT_FALSE(server().fileExists(base_ + "/a.dat"));
+
+    result = run({"rm", location(), "a.dat"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk rm: cannot remove " + base_ + "/a.dat (no such file?)\n", result.err);
+
+    result = run({"rm", location(), "d"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk rm: " + base_ + "/d is a directory (use -r to remove it with its contents)\n",
+              result.err);
+    EXPECT_TRUE(server().fileExists(base_ + "/d/in.dat"));
+
+    result = run({"rm", "-r", location(), "d"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("removed directory " + base_ + "/d\n", result.out);
+    EXPECT_FALSE(server().dirExists(base_ + "/d"));
+}
+
+TEST_F(ToolCommand, MvRenamesAFileBelowTheBase) {
+    ASSERT_TRUE(server().writeFile(base_ + "/old.dat", "payload"));
+    const ToolRun result = run({"mv", location(), "old.dat", "new.dat"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("renamed " + base_ + "/old.dat to " + base_ + "/new.dat\n", result.out);
+    std::string bytes;
+    EXPECT_TRUE(server().readFile(base_ + "/new.dat", &bytes));
+    EXPECT_EQ("payload", bytes);
+    EXPECT_FALSE(server().fileExists(base_ + "/old.dat"));
+}
+
+// --- transfers ---
+
+TEST_F(ToolCommand, PutStoresTheFileByteForByteWithoutProgressOffATerminal) {
+    const std::string bytes = randomBytes(3 * 65536 + 17, 1);
+    writeLocal(work_ + "/clip.bin", bytes);
+    ToolRun result = run({"put", location(), "clip.bin", "up/clip.bin"});
+    // The parent directory does not exist: the server refuses the upload.
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk put: cannot open " + base_ + "/up/clip.bin for writing on the server\n",
+              result.err);
+
+    ASSERT_TRUE(server().makeDir(base_ + "/up"));
+    result = run({"put", location(), "clip.bin", "up"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("", result.err) << "no progress bar when standard error is not a terminal";
+    EXPECT_EQ(0u, result.out.rfind("put clip.bin -> " + base_ + "/up/clip.bin: " +
+                                        std::to_string(bytes.size()) + " bytes in ",
+                                    0))
+        << result.transcript();
+    std::string stored;
+    ASSERT_TRUE(server().readFile(base_ + "/up/clip.bin", &stored));
+    EXPECT_TRUE(stored == bytes) << "stored " << stored.size() << " bytes";
+}
+
+TEST_F(ToolCommand, PutOfAMissingLocalFileSaysWhy) {
+    const ToolRun result = run({"put", location(), "absent.bin"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk put: cannot read absent.bin: No such file or directory\n", result.err);
+}
+
+TEST_F(ToolCommand, GetFetchesTheFileByteForByte) {
+    const std::string bytes = randomBytes(200000, 2);
+    ASSERT_TRUE(server().writeFile(base_ + "/rec.dat", bytes));
+    const ToolRun result = run({"get", location(), "rec.dat", "copy.dat"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("", result.err);
+    EXPECT_EQ(0u, result.out.rfind("get " + base_ + "/rec.dat -> copy.dat: 200000 bytes in ", 0))
+        << result.transcript();
+    EXPECT_TRUE(readLocal(work_ + "/copy.dat") == bytes);
+    EXPECT_FALSE(fs::exists(work_ + "/copy.dat.part"));
+}
+
+TEST_F(ToolCommand, GetOfAMissingFileFailsAndCreatesNothing) {
+    const ToolRun result = run({"get", location(), "absent.dat"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk get: cannot open " + base_ + "/absent.dat for reading (no such file?)\n",
+              result.err);
+    EXPECT_TRUE(fs::is_empty(work_) || !fs::exists(work_ + "/absent.dat"));
+    EXPECT_FALSE(fs::exists(work_ + "/absent.dat.part"));
+}
+
+TEST_F(ToolCommand, CatWritesTheFileToStandardOutput) {
+    const std::string bytes = randomBytes(100000, 3);
+    ASSERT_TRUE(server().writeFile(base_ + "/x.bin", bytes));
+    const ToolRun result = run({"cat", location(), "x.bin"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_TRUE(result.out == bytes) << "got " << result.out.size() << " bytes";
+    EXPECT_EQ("", result.err);
+}
+
+TEST_F(ToolCommand, PutAndGetDrawAProgressBarOnATerminal) {
+    writeLocal(work_ + "/big.bin", randomBytes(2 << 20, 4));
+    ToolRun result = runToolOnTerminal({"put", location(), "big.bin"}, work_);
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_TRUE(std::regex_search(result.out,
+                                  std::regex("\r\\[#+\\]  100%  2\\.00 MiB / 2\\.00 MiB  .*/s  ETA")))
+        << result.transcript();
+    EXPECT_FALSE(contains(result.out, "(pw)"));
+
+    result = runToolOnTerminal({"get", location(), "big.bin", "back.bin"}, work_);
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "100%  2.00 MiB / 2.00 MiB")) << result.transcript();
+    EXPECT_TRUE(readLocal(work_ + "/back.bin") == readLocal(work_ + "/big.bin"));
+}
+
+// --- record ---
+
+struct SummaryFigures {
+    long long files = -1;
+    long long failedFiles = -1;
+    long long bytes = -1;
+    long long failedCalls = -1;
+};
+
+SummaryFigures readSummary(const std::string& out) {
+    SummaryFigures figures;
+    std::smatch m;
+    if (std::regex_search(out, m, std::regex("\n  files +([0-9]+) complete, ([0-9]+) failed\n"))) {
+        figures.files = std::stoll(m[1]);
+        figures.failedFiles = std::stoll(m[2]);
+    }
+    if (std::regex_search(out, m, std::regex("\n  bytes +([0-9]+) "))) {
+        figures.bytes = std::stoll(m[1]);
+    }
+    if (std::regex_search(out, m, std::regex("\n  failed calls +([0-9]+)\n"))) {
+        figures.failedCalls = std::stoll(m[1]);
+    }
+    return figures;
+}
+
+// Walks the day/camera tree below `dir` and checks every segment file's
+// pattern; returns the number of files and adds their sizes to `bytes`.
+int checkSegments(const std::string& dir, long long& bytes, std::vector<std::string>& problems) {
+    int files = 0;
+    const std::regex name(".*/cam([0-9]{2})/([0-9]{5})_[0-9]{6}\\.dat");
+    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+        if (!entry.is_regular_file()) {
+            continue;
+        }
+        ++files;
+        const std::string path = entry.path().string();
+        std::smatch m;
+        if (!std::regex_match(path, m, name)) {
+            problems.push_back("unexpected file " + path);
+            continue;
+        }
+        const int seed = (31 * std::stoi(m[1]) + std::stoi(m[2])) % 251;
+        const std::string content = readLocal(path);
+        bytes += static_cast<long long>(content.size());
+        for (std::size_t i = 0; i < content.size(); ++i) {
+            if (static_cast<unsigned char>(content[i]) != (seed + i) % 251) {
+                problems.push_back(path + " differs at byte " + std::to_string(i));
+                break;
+            }
+        }
+    }
+    return files;
+}
+
+void expectRecording(const ToolRun& result, const std::string& localBase, long long files,
+                     long long bytes) {
+    const SummaryFigures figures = readSummary(result.out);
+    EXPECT_EQ(files, figures.files) << result.transcript();
+    EXPECT_EQ(0, figures.failedFiles) << result.transcript();
+    EXPECT_EQ(bytes, figures.bytes) << result.transcript();
+    EXPECT_EQ(0, figures.failedCalls) << result.transcript();
+    for (const char* latency : {"open latency", "close latency", "write latency"}) {
+        EXPECT_TRUE(std::regex_search(
+            result.out, std::regex(std::string("\n  ") + latency +
+                                   " +p50 [0-9.]+ ms  p90 [0-9.]+ ms  p99 [0-9.]+ ms  max [0-9.]+ ms")))
+            << latency << "\n" << result.transcript();
+    }
+    EXPECT_TRUE(contains(result.out, "\nverdict: PASS\n")) << result.transcript();
+
+    long long onDisk = 0;
+    std::vector<std::string> problems;
+    EXPECT_EQ(files, checkSegments(localBase, onDisk, problems));
+    EXPECT_EQ(bytes, onDisk);
+    for (const std::string& p : problems) {
+        ADD_FAILURE() << p;
+    }
+}
+
+TEST_F(ToolCommand, RecordWritesEveryCamerasSegmentsWithTheirPattern) {
+    // 2 cameras x 1 s at 2 Mbit/s = 250000 bytes each, in segments of 0.5 s.
+    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1",
+                                "--rate", "2", "--segment", "0.5"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("", result.err) << "no status line when standard error is not a terminal";
+    EXPECT_EQ(0u, result.out.rfind("recording to rec(***)@ftp://" + server().hostPort() + base_ +
+                                       ": 2 cameras x 1 s at 2 Mbit/s, 0.5 s segments, write, into " +
+                                       base_ + "/",
+                                   0))
+        << result.transcript();
+    expectRecording(result, server().localPath(base_), 4, 500000);
+}
+
+TEST_F(ToolCommand, RecordThroughAioWritesTheSameBytes) {
+    const ToolRun result = run({"record", location(), "--cameras=3", "--seconds=0.5", "--rate=8",
+                                "--segment=1", "--aio"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "1 s segments, aioWrite")) << result.transcript();
+    // 3 cameras x 0.5 s at 1 MB/s, one (short) segment each.
+    expectRecording(result, server().localPath(base_), 3, 1500000);
+}
+
+TEST_F(ToolCommand, RecordShowsALiveStatusLineOnATerminal) {
+    const ToolRun result = runToolOnTerminal(
+        {"record", location(), "--seconds", "1", "--rate", "1", "--segment", "1"}, work_);
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\r +[0-9.]+ / 1 s  files [0-9]+  [0-9.]+ [KM]?i?B  [0-9.]+ Mbit/s  "
+                               "failed calls 0")))
+        << result.transcript();
+    EXPECT_TRUE(contains(result.out, "verdict: PASS")) << result.transcript();
+}
+
+TEST_F(ToolCommand, RecordToAServerThatRefusesTheLoginFails) {
+    const ToolRun result =
+        run({"record", "rec(nope)@ftp://" + server().hostPort() + base_, "--seconds", "0.2"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk record: cannot connect to " + server().hostPort() + " or log in as rec\n",
+              result.err);
+    EXPECT_FALSE(contains(result.out + result.err, "nope"));
+}
+
+}  // namespace

@@ -1,0 +1,172 @@
+#include "ToolRunner.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::vector<std::string> toolEnvironment(const std::string& workDir) {
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry = *e;
+        if (entry.rfind("FTPDISK_LOG_ROOT=", 0) != 0) {
+            env.push_back(entry);
+        }
+    }
+    env.push_back("FTPDISK_LOG_ROOT=" + (workDir.empty() ? std::string("/tmp") : workDir) +
+                  "/logroot");
+    return env;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+    std::vector<char*> out;
+    for (std::string& t : texts) {
+        out.push_back(&t[0]);
+    }
+    out.push_back(nullptr);
+    return out;
+}
+
+int waitStatus(pid_t pid) {
+    int raw = 0;
+    while (::waitpid(pid, &raw, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+}
+
+// Reads every descriptor in `fds` into the matching text until all reach
+// their end or the deadline passes; returns false on the deadline.
+bool drain(std::vector<int> fds, std::vector<std::string*> texts, Clock::time_point deadline) {
+    char buffer[65536];
+    while (!fds.empty()) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            return false;
+        }
+        std::vector<pollfd> polls;
+        for (int fd : fds) {
+            polls.push_back(pollfd{fd, POLLIN, 0});
+        }
+        const int ready = ::poll(polls.data(), polls.size(), static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        for (std::size_t i = polls.size(); i-- > 0;) {
+            if (polls[i].revents == 0) {
+                continue;
+            }
+            const ssize_t n = ::read(fds[i], buffer, sizeof buffer);
+            if (n > 0) {
+                texts[i]->append(buffer, static_cast<std::size_t>(n));
+            } else if (n == 0 || errno != EINTR) {
+                // End of data (a pseudo-terminal says EIO once the child is gone).
+                fds.erase(fds.begin() + static_cast<long>(i));
+                texts.erase(texts.begin() + static_cast<long>(i));
+            }
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string ToolRun::transcript() const {
+    return "status " + std::to_string(status) + (timedOut ? " (timed out)" : "") +
+           "\n--- stdout\n" + out + "--- stderr\n" + err;
+}
+
+ToolRun runTool(const std::vector<std::string>& args, const std::string& workDir,
+                std::chrono::seconds limit) {
+    ToolRun run;
+    std::vector<std::string> argv{FTPDISK_TOOL_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<std::string> env = toolEnvironment(workDir);
+    std::vector<char*> argp = pointers(argv);
+    std::vector<char*> envp = pointers(env);
+
+    int outPipe[2];
+    int errPipe[2];
+    if (::pipe2(outPipe, O_CLOEXEC) != 0) {
+        return run;
+    }
+    if (::pipe2(errPipe, O_CLOEXEC) != 0) {
+        ::close(outPipe[0]);
+        ::close(outPipe[1]);
+        return run;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    if (!workDir.empty()) {
+        posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
+    }
+    pid_t pid = -1;
+    const int spawned = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(outPipe[1]);
+    ::close(errPipe[1]);
+    if (spawned != 0) {
+        ::close(outPipe[0]);
+        ::close(errPipe[0]);
+        run.err = "cannot start " + argv[0];
+        return run;
+    }
+    if (!drain({outPipe[0], errPipe[0]}, {&run.out, &run.err}, Clock::now() + limit)) {
+        run.timedOut = true;
+        ::kill(pid, SIGKILL);
+    }
+    ::close(outPipe[0]);
+    ::close(errPipe[0]);
+    run.status = waitStatus(pid);
+    return run;
+}
+
+ToolRun runToolOnTerminal(const std::vector<std::string>& args, const std::string& workDir,
+                          std::chrono::seconds limit) {
+    ToolRun run;
+    std::vector<std::string> argv{FTPDISK_TOOL_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<std::string> env = toolEnvironment(workDir);
+    std::vector<char*> argp = pointers(argv);
+    std::vector<char*> envp = pointers(env);
+
+    struct winsize size = {};
+    size.ws_row = 40;
+    size.ws_col = 100;
+    int master = -1;
+    const pid_t pid = ::forkpty(&master, nullptr, nullptr, &size);
+    if (pid < 0) {
+        run.err = "forkpty failed";
+        return run;
+    }
+    if (pid == 0) {
+        if (!workDir.empty() && ::chdir(workDir.c_str()) != 0) {
+            ::_exit(126);
+        }
+        ::execve(argp[0], argp.data(), envp.data());
+        ::_exit(127);
+    }
+    if (!drain({master}, {&run.out}, Clock::now() + limit)) {
+        run.timedOut = true;
+        ::kill(pid, SIGKILL);
+    }
+    ::close(master);
+    run.status = waitStatus(pid);
+    return run;
+}
