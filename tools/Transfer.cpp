@@ -114,10 +114,10 @@ std::string rateText(std::int64_t bytes, double seconds) {
            humanRate(seconds > 0 ? static_cast<double>(bytes) / seconds : 0) + ")";
 }
 
-// Reads the remote file behind `handle` to `fd` until the server ends the
-// transfer. Returns the byte count, or -1 with `problem` set.
-std::int64_t copyDown(FTPFileSystem* store, int handle, int fd, Progress* progress,
-                      std::string& problem) {
+// Reads the remote file behind `handle` to `fd` (named `destination` in
+// messages) until the server ends the transfer. Returns the byte count, or -1 with `problem` set.
+std::int64_t copyDown(FTPFileSystem* store, int handle, int fd, const std::string& destination,
+                      Progress* progress, std::string& problem) {
     std::vector<char> buffer(kBlock);
     std::int64_t done = 0;
     for (;;) {
@@ -131,7 +131,7 @@ std::int64_t copyDown(FTPFileSystem* store, int handle, int fd, Progress* progre
         }
         int error = 0;
         if (!writeAll(fd, buffer.data(), static_cast<std::size_t>(n), error)) {
-            problem = "local write failed: " + systemError(error);
+            problem = "cannot write to " + destination + ": " + systemError(error);
             return -1;
         }
         done += n;
@@ -267,7 +267,7 @@ int runGet(const Arguments& args) {
     }
     Progress progress(expected);
     std::string problem;
-    const std::int64_t done = copyDown(store, handle, out.fd, &progress, problem);
+    const std::int64_t done = copyDown(store, handle, out.fd, partial, &progress, problem);
     const int closed = store->close(handle);
     progress.finish(done < 0 ? 0 : done);
     if (problem.empty() && closed != 0) {
@@ -313,7 +313,7 @@ int runCat(const Arguments& args) {
     }
     std::cout.flush();
     std::string problem;
-    const std::int64_t done = copyDown(store, handle, STDOUT_FILENO, nullptr, problem);
+    const std::int64_t done = copyDown(store, handle, STDOUT_FILENO, "standard output", nullptr, problem);
     const int closed = store->close(handle);
     if (done < 0) {
         return fail("cat", problem, kExitFailed);
