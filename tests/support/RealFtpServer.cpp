@@ -537,6 +537,8 @@ bool RealFtpServer::startProftpd() {
          << "RequireValidShell off\n"
             "DefaultRoot ~\n"
             "AllowOverwrite on\n"
+            // Append ("APPE") is refused with 451 unless this is on.
+            "AllowStoreRestart on\n"
             "Umask 022\n"
          << "TimeoutIdle " << options_.idleTimeoutSeconds << "\n"
          << "TimeoutNoTransfer " << options_.idleTimeoutSeconds << "\n"
