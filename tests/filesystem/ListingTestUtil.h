@@ -1,0 +1,196 @@
+// Helpers of the listing and enumeration tests: a store logged in to a
+// scripted FTP server, listing text as servers send it, a temporary folder,
+// and a way to see when the store has consumed the bytes of a data
+// connection, so that a test can move the host's hand-driven clock at a known
+// point of a transfer instead of sleeping.
+#ifndef FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
+#define FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
+
+#include <dirent.h>
+#include <linux/tcp.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <initializer_list>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/ScriptedFtpServer.h"
+#include "filesystem/FTPFileSystemImpl.h"
+
+namespace listingtest {
+
+using Entries = std::vector<SafePointer<FTPConst::FTPFileDescriptor> >;
+
+// The lines, each ended by CR LF as a server sends them on the data
+// connection.
+inline std::string crlf(std::initializer_list<std::string> lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line;
+        text += "\r\n";
+    }
+    return text;
+}
+
+// "type size name" of every entry, for comparisons that print well.
+inline std::vector<std::string> describe(const Entries& entries) {
+    std::vector<std::string> out;
+    for (const auto& entry : entries) {
+        out.push_back(std::string(1, static_cast<char>(entry->type)) + " " +
+                      std::to_string(entry->size) + " " + entry->name);
+    }
+    return out;
+}
+
+// A store built on a scripted server and logged in. commandsSinceLogin() is
+// what the server received after "USER rec" and "PASS pw".
+class ScriptedStore {
+public:
+    ScriptedStore()
+        : store_(new FTPFileSystemImpl(server_.address().c_str(), "rec", "pw", 1024)) {}
+
+    // Logs in; true when init gave 0 and the server saw exactly the login.
+    bool init() {
+        if (store_->init() != 0) {
+            return false;
+        }
+        const std::vector<std::string> login{"USER rec", "PASS pw"};
+        if (server_.commands() != login) {
+            return false;
+        }
+        mark_ = server_.commands().size();
+        return true;
+    }
+
+    ftptest::ScriptedFtpServer& server() { return server_; }
+    FTPFileSystemImpl& store() { return *store_; }
+
+    std::vector<std::string> commandsSinceLogin() const {
+        const std::vector<std::string> all = server_.commands();
+        return std::vector<std::string>(all.begin() + static_cast<long>(mark_), all.end());
+    }
+
+private:
+    ftptest::ScriptedFtpServer server_;
+    std::unique_ptr<FTPFileSystemImpl> store_;
+    size_t mark_ = 0;
+};
+
+// A temporary local folder, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/ftpdisk-listing-XXXXXX";
+        const char* made = mkdtemp(pattern);
+        path_ = made != nullptr ? made : "";
+    }
+    ~TempDir() {
+        if (!path_.empty()) {
+            const std::string command = "rm -rf '" + path_ + "'";
+            if (system(command.c_str()) != 0) {
+                // Left in /tmp; nothing more to do in a destructor.
+            }
+        }
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// The lines of a local text file, without their line ends; empty when the
+// file does not exist.
+inline std::vector<std::string> readLines(const std::string& path) {
+    std::vector<std::string> lines;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// The inode numbers of the sockets this process holds open now.
+inline std::set<ino_t> openSockets() {
+    std::set<ino_t> sockets;
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return sockets;
+    }
+    while (dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        struct stat st;
+        if (::fstat(atoi(entry->d_name), &st) == 0 && S_ISSOCK(st.st_mode)) {
+            sockets.insert(st.st_ino);
+        }
+    }
+    ::closedir(dir);
+    return sockets;
+}
+
+// Waits until a TCP socket of this process that did not exist in `before`
+// has received at least `bytes` bytes and holds none of them unread: the
+// in-process reader of a data connection (the store) has taken them all with
+// its own read calls. Both ends of a scripted transfer live in this process;
+// the server's end of a LIST receives nothing, so the only new socket with
+// received bytes is the store's. False when `limit` passes first.
+inline bool waitUntilConsumed(const std::set<ino_t>& before, uint64_t bytes,
+                              std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        DIR* dir = ::opendir("/proc/self/fd");
+        if (dir != nullptr) {
+            bool done = false;
+            while (dirent* entry = ::readdir(dir)) {
+                if (entry->d_name[0] == '.') {
+                    continue;
+                }
+                const int fd = atoi(entry->d_name);
+                struct stat st;
+                if (::fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode) || before.count(st.st_ino)) {
+                    continue;
+                }
+                struct tcp_info info;
+                socklen_t length = sizeof info;
+                int unread = 0;
+                if (::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+                    length >= offsetof(struct tcp_info, tcpi_bytes_received) +
+                                  sizeof info.tcpi_bytes_received &&
+                    info.tcpi_bytes_received >= bytes && ::ioctl(fd, FIONREAD, &unread) == 0 &&
+                    unread == 0) {
+                    done = true;
+                }
+            }
+            ::closedir(dir);
+            if (done) {
+                return true;
+            }
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+}  // namespace listingtest
+
+#endif  // FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
