@@ -1,4 +1,4 @@
-#include "FdCount.h"
+#include "support/FdCount.h"
 
 #include <dirent.h>
 

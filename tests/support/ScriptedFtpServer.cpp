@@ -1,4 +1,4 @@
-#include "ScriptedFtpServer.h"
+#include "support/ScriptedFtpServer.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -183,6 +183,14 @@ void ScriptedFtpServer::clearReply(const std::string& key) {
 void ScriptedFtpServer::setListing(std::string body) {
     std::lock_guard<std::mutex> lock(mutex_);
     listing_ = std::move(body);
+}
+
+void ScriptedFtpServer::releaseDataStalls() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stallsReleased_ = true;
+    }
+    changed_.notify_all();
 }
 
 void ScriptedFtpServer::putFile(const std::string& path, std::string bytes) {
@@ -402,6 +410,12 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
     if (verb == "PASV") {
         closeFd(s.passiveFd);
         s.portSet = false;
+        if (useDefault) text = "227 Entering Passive Mode ({pasv})";
+        if (text.find("{pasv}") == std::string::npos) {
+            // A scripted reply that announces no address gets no data socket.
+            sendControl(s, reply, text);
+            return;
+        }
         int fd = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -419,7 +433,6 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
         unsigned port = ntohs(address.sin_port);
         std::string numbers = "127,0,0,1," + std::to_string(port / 256) + "," +
                               std::to_string(port % 256);
-        if (useDefault) text = "227 Entering Passive Mode ({pasv})";
         sendControl(s, reply, replaceAll(text, "{pasv}", numbers));
         return;
     }
@@ -576,7 +589,11 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
             sendControl(s, refusal, "425 Cannot open data connection");
             return;
         }
-        pause(reply.dataStall);
+        if (reply.dataStall.count() > 0) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait_for(lock, reply.dataStall,
+                              [&] { return stopping_.load() || stallsReleased_; });
+        }
         size_t limit = reply.closeDataAfter < 0 ? std::string::npos
                                                 : static_cast<size_t>(reply.closeDataAfter);
         if (reading) {

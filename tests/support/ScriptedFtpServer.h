@@ -48,8 +48,9 @@ struct Reply {
 
     // Reply lines separated by '\n'; each line goes out followed by CR LF,
     // unless `raw` is set, in which case the bytes go out exactly as given.
-    // In a PASV reply "{pasv}" is replaced by "127,0,0,1,p1,p2" of the data
-    // socket the server just opened. Empty text means the default reply for
+    // In a PASV reply "{pasv}" is replaced by "127,0,0,1,p1,p2" of a data
+    // socket the server opens for it; a scripted PASV text without "{pasv}"
+    // opens no data socket. Empty text means the default reply for
     // the command (with `closeControl`: nothing is sent before closing).
     std::string text;
     bool raw = false;
@@ -85,7 +86,8 @@ struct Reply {
     size_t pieceBytes = 0;
     Millis pieceDelay{0};
     // After the data connection is established, neither read nor write it for
-    // this long (fills the client's send buffer on uploads).
+    // this long, or until releaseDataStalls() (fills the client's send buffer
+    // on uploads).
     Millis dataStall{0};
     // On a read transfer: after the body, keep the data connection open until
     // the client closes it, and only then send the final reply.
@@ -126,6 +128,8 @@ public:
     void clearReply(const std::string& key);
     // Body of LIST and NLST transfers.
     void setListing(std::string body);
+    // Ends every current and later `dataStall` at once.
+    void releaseDataStalls();
 
     // --- Stored files -----------------------------------------------------------
     void putFile(const std::string& path, std::string bytes);
@@ -195,6 +199,7 @@ private:
     int connections_ = 0;
     int closedConnections_ = 0;
     int dataConnections_ = 0;
+    bool stallsReleased_ = false;
 };
 
 }  // namespace ftptest
