@@ -6,10 +6,12 @@
 // handles of 1 or more. Nothing throws except SafePointer misuse.
 //
 // Create stores through FTPFileSystemManager; a direct caller must keep the
-// server under 48, the user under 32 and the password under 20 characters (and
-// all three under 32 for the open-file table): longer texts are refused by
-// leaving the store permanently uninitialised (init returns -1) and every
-// operation failing.
+// server and the user at most 31 characters and the password at most 19 (the
+// store's fields are 48, 32 and 20 bytes, the open-file table's 32 each, all
+// with the terminator). Longer texts, and null pointers, are never copied: the
+// store is built with empty texts and refused for good, so init returns -1
+// without any traffic, reinit likewise, path operations fail as uninitialised
+// and open (hence Get and Put) returns -1.
 #ifndef FTPDISK_FILESYSTEM_FTPFILESYSTEM_H
 #define FTPDISK_FILESYSTEM_FTPFILESYSTEM_H
 

@@ -1,0 +1,253 @@
+// Lock sites and lock order of the store and the registry, observed through a
+// recording KDMutex linked into this program only.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "filesystem/FTPFileSystemImpl.h"
+#include "filesystem/FTPFileSystemManager.h"
+#include "support/ScriptedFtpServer.h"
+#include "RecordingMutex.h"
+#include "StoreTestUtil.h"
+
+namespace {
+
+using lockrecord::Event;
+
+class CountingAction : public IFileScanAction {
+public:
+    int onFile(const char*) override { return ++calls; }
+    int calls = 0;
+};
+
+std::string describe(const Event& e) {
+    std::string text = std::string(e.lock ? "Lock " : "Unlock ") + e.file + ":" +
+                       std::to_string(e.line) + " holding";
+    for (const lockrecord::Held& h : e.before) text += " " + h.file;
+    return text;
+}
+
+// Lock events taken with `file` as source name.
+std::vector<Event> locksNamed(const std::vector<Event>& events, const std::string& file) {
+    std::vector<Event> out;
+    for (const Event& e : events) {
+        if (e.lock && e.file == file) out.push_back(e);
+    }
+    return out;
+}
+
+TEST(LockSites, TheRegistryLocksAtItsThreeSitesAndUnlocksThroughTheScopedLock) {
+    ftptest::ScriptedFtpServer server;
+    FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
+    const std::string location = "rec(pw)@ftp://" + server.address() + "/rec";
+
+    lockrecord::start();
+    ASSERT_EQ(registry->addFTPFileSystem(location), 0);
+    std::vector<Event> events = lockrecord::stop();
+    std::vector<Event> registryLocks = locksNamed(events, "FTPFileSystemManager");
+    ASSERT_EQ(registryLocks.size(), 1u);
+    EXPECT_EQ(registryLocks[0].line, 28);
+    const void* registryMutex = registryLocks[0].mutex;
+
+    lockrecord::start();
+    SafePointer<FTPFileSystem> store;
+    ASSERT_EQ(registry->getFTPFileSystem(location, store), 1);
+    events = lockrecord::stop();
+    registryLocks = locksNamed(events, "FTPFileSystemManager");
+    ASSERT_EQ(registryLocks.size(), 1u);
+    EXPECT_EQ(registryLocks[0].line, 67);
+
+    lockrecord::start();
+    ASSERT_EQ(registry->deleteFileSystem(location), 0);
+    events = lockrecord::stop();
+    registryLocks = locksNamed(events, "FTPFileSystemManager");
+    ASSERT_EQ(registryLocks.size(), 1u);
+    EXPECT_EQ(registryLocks[0].line, 50);
+
+    // Every unlock of the registry's mutex cites the scoped lock's own site.
+    lockrecord::start();
+    registry->getFTPFileSystem(location, store);
+    registry->addFTPFileSystem("not a location");
+    registry->deleteFileSystem(location);
+    events = lockrecord::stop();
+    int unlocks = 0;
+    for (const Event& e : events) {
+        if (!e.lock && e.mutex == registryMutex) {
+            ++unlocks;
+            EXPECT_EQ(e.file, "technic/KDMutex");
+            EXPECT_EQ(e.line, 71);
+        }
+    }
+    EXPECT_EQ(unlocks, 3);
+}
+
+// The store's three locks, told apart by operations that take exactly one.
+struct StoreLocks {
+    const void* operation = nullptr;
+    const void* space = nullptr;
+    const void* scan = nullptr;
+};
+
+StoreLocks identifyStoreLocks(FTPFileSystemImpl& store) {
+    StoreLocks locks;
+    lockrecord::start();
+    store.getUsedBytes();
+    std::vector<Event> events = lockrecord::stop();
+    if (events.size() == 2) locks.space = events[0].mutex;
+    lockrecord::start();
+    store.isDirExist("/");  // uninitialised: the operation lock only
+    events = lockrecord::stop();
+    if (events.size() == 2) locks.operation = events[0].mutex;
+    CountingAction action;
+    lockrecord::start();
+    store.scan("/", &action, "");  // uninitialised: the scan lock only
+    events = lockrecord::stop();
+    if (events.size() == 2) locks.scan = events[0].mutex;
+    return locks;
+}
+
+TEST(LockSites, EveryStoreLockIsTakenInTheStoresNameAndReleasedThroughTheScopedLock) {
+    ftptest::ScriptedFtpServer server;
+    server.setListing(storetest::unixLine('-', "10", "a.dat"));
+    FTPFileSystemImpl store(server.address().c_str(), "rec", "pw", 1024);
+    const StoreLocks locks = identifyStoreLocks(store);
+    ASSERT_NE(locks.space, nullptr);
+    ASSERT_NE(locks.operation, nullptr);
+    ASSERT_NE(locks.scan, nullptr);
+    const std::set<const void*> storeMutexes = {locks.space, locks.operation, locks.scan};
+
+    lockrecord::start();
+    ASSERT_EQ(store.init(), 0);
+    EXPECT_EQ(store.createDir("/rec/d1"), 0);
+    EXPECT_TRUE(store.isDirExist("/rec"));
+    EXPECT_EQ(store.getFileLength("/a.dat"), 10);
+    EXPECT_EQ(store.deleteFile("/a.dat"), 0);
+    CountingAction action;
+    EXPECT_TRUE(store.scan("/", &action, ""));
+    store.updateSpaceInfo(5, true);
+    long first = 0, second = 0;
+    store.getDiskSpaceInfo(first, second);
+    EXPECT_EQ(store.uninit(), 0);
+    const std::vector<Event> events = lockrecord::stop();
+
+    int storeLocks = 0;
+    for (const Event& e : events) {
+        if (storeMutexes.count(e.mutex) == 0) continue;
+        if (e.lock) {
+            ++storeLocks;
+            EXPECT_EQ(e.file, "FTPFileSystemImpl") << describe(e);
+            EXPECT_GT(e.line, 0) << describe(e);
+        } else {
+            EXPECT_EQ(e.file, "technic/KDMutex") << describe(e);
+            EXPECT_EQ(e.line, 71) << describe(e);
+        }
+    }
+    EXPECT_GE(storeLocks, 10);
+}
+
+// Calibrates which mutex is which by calls that take exactly one store lock,
+// appending the events seen to `all`.
+const void* onlyLockOf(std::vector<Event>& all, const std::function<void()>& call) {
+    lockrecord::start();
+    call();
+    std::vector<Event> events = lockrecord::stop();
+    all.insert(all.end(), events.begin(), events.end());
+    for (const Event& e : events) {
+        if (e.lock && e.file == "FTPFileSystemImpl") return e.mutex;
+    }
+    return nullptr;
+}
+
+TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceAndNeverStoreWithTable) {
+    ftptest::ScriptedFtpServer server;
+    server.setListing(storetest::unixLine('-', "10", "a.dat"));
+    server.putFile("/rec/in.dat", "0123456789");
+    storetest::TempDir local;
+    ASSERT_TRUE(storetest::writeLocalFile(local.file("up.dat"), "upload"));
+
+    FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
+    const std::string location = "rec(pw)@ftp://" + server.address() + "/rec";
+    ASSERT_EQ(registry->addFTPFileSystem(location), 0);
+
+    std::vector<Event> events;
+    std::set<const void*> scanLocks, operationLocks, spaceLocks;
+    {
+        SafePointer<FTPFileSystem> store;
+        ASSERT_EQ(registry->getFTPFileSystem(location, store), 1);
+        ASSERT_EQ(store->init(), 0);
+        long first = 0, second = 0;
+        spaceLocks.insert(onlyLockOf(events, [&] { store->getDiskSpaceInfo(first, second); }));
+        operationLocks.insert(onlyLockOf(events, [&] { store->isDirExist("/"); }));
+        CountingAction action;
+        // scan takes its own lock first.
+        scanLocks.insert(onlyLockOf(events, [&] { store->scan("/rec", &action, ""); }));
+
+        lockrecord::start();
+        EXPECT_EQ(store->createDir("/rec"), 0);
+        EXPECT_TRUE(store->scan("/rec", &action, ""));
+        EXPECT_EQ(store->deleteFile("/rec/a.dat"), 0);
+        const int h = store->open("/rec/out.dat", 2);
+        EXPECT_GE(h, 1);
+        EXPECT_EQ(store->write(h, "abc", 3), 3);
+        EXPECT_EQ(store->close(h), 0);
+        EXPECT_EQ(store->Put(local.file("up.dat").c_str(), "/rec/up.dat"), 0);
+        EXPECT_EQ(store->Get(local.file("in.dat").c_str(), "/rec/in.dat"), 0);
+        std::vector<Event> more = lockrecord::stop();
+        events.insert(events.end(), more.begin(), more.end());
+    }
+    // The registry holds the last reference: deleting runs uninit under its
+    // lock.
+    lockrecord::start();
+    ASSERT_EQ(registry->deleteFileSystem(location), 0);
+    std::vector<Event> more = lockrecord::stop();
+    events.insert(events.end(), more.begin(), more.end());
+    ASSERT_EQ(spaceLocks.size(), 1u);
+    ASSERT_EQ(operationLocks.size(), 1u);
+    ASSERT_EQ(scanLocks.size(), 1u);
+    ASSERT_EQ(spaceLocks.count(nullptr), 0u);
+
+    auto category = [](const std::string& file) -> std::string {
+        if (file == "FTPFileSystemManager") return "registry";
+        if (file == "FTPFileSystemImpl") return "store";
+        if (file.find("FtpFileHandleManager") != std::string::npos) return "table";
+        if (file.find("FreeFtpToolBuff") != std::string::npos) return "pool";
+        return "other";
+    };
+    auto rank = [&](const void* mutex) {
+        if (scanLocks.count(mutex)) return 1;
+        if (operationLocks.count(mutex)) return 2;
+        if (spaceLocks.count(mutex)) return 3;
+        return 0;
+    };
+    int storeUnderRegistry = 0;
+    int tableLocks = 0;
+    int nestedStoreLocks = 0;
+    for (const Event& e : events) {
+        if (!e.lock) continue;
+        const std::string taking = category(e.file);
+        if (taking == "table") ++tableLocks;
+        for (const lockrecord::Held& h : e.before) {
+            const std::string held = category(h.file);
+            EXPECT_NE(taking, "registry") << "registry lock taken while holding: " << describe(e);
+            if (held == "store") {
+                // The store's and the table's locks are never held together.
+                EXPECT_EQ(taking, "store") << describe(e);
+            }
+            if (taking == "store" && held == "registry") ++storeUnderRegistry;
+            if (taking == "store" && held == "store") {
+                ++nestedStoreLocks;
+                EXPECT_LT(rank(h.mutex), rank(e.mutex)) << describe(e);
+                EXPECT_NE(rank(e.mutex), 0) << describe(e);
+            }
+        }
+    }
+    // The scenario exercised each rule.
+    EXPECT_GT(storeUnderRegistry, 0);
+    EXPECT_GT(tableLocks, 0);
+    EXPECT_GT(nestedStoreLocks, 0);
+}
+
+}  // namespace

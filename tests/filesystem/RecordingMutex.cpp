@@ -1,0 +1,76 @@
+#include "RecordingMutex.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "host/technic/KDMutex.h"
+
+namespace lockrecord {
+namespace {
+
+std::mutex& recordMutex() {
+    static std::mutex* m = new std::mutex;  // used by threads at exit too
+    return *m;
+}
+
+bool recording = false;          // guarded by recordMutex()
+std::vector<Event>* events() {   // guarded by recordMutex()
+    static std::vector<Event>* all = new std::vector<Event>;
+    return all;
+}
+
+thread_local std::vector<Held> heldByThisThread;
+
+}  // namespace
+
+void start() {
+    std::lock_guard<std::mutex> guard(recordMutex());
+    events()->clear();
+    recording = true;
+}
+
+std::vector<Event> stop() {
+    std::lock_guard<std::mutex> guard(recordMutex());
+    recording = false;
+    std::vector<Event> out;
+    out.swap(*events());
+    return out;
+}
+
+}  // namespace lockrecord
+
+struct KDMutex::Impl {
+    std::mutex mutex;
+};
+
+KDMutex::KDMutex() : impl(new Impl) {}
+KDMutex::~KDMutex() { delete impl; }
+
+void KDMutex::Lock(const char* file, int line) {
+    const std::string name = file != nullptr ? file : "";
+    {
+        std::lock_guard<std::mutex> guard(lockrecord::recordMutex());
+        if (lockrecord::recording) {
+            lockrecord::events()->push_back(
+                lockrecord::Event{this, name, line, true, lockrecord::heldByThisThread});
+        }
+    }
+    impl->mutex.lock();
+    lockrecord::heldByThisThread.push_back(lockrecord::Held{this, name});
+}
+
+void KDMutex::Unlock(const char* file, int line) {
+    std::vector<lockrecord::Held>& held = lockrecord::heldByThisThread;
+    for (size_t i = held.size(); i > 0; --i) {
+        if (held[i - 1].mutex == this) {
+            held.erase(held.begin() + static_cast<std::ptrdiff_t>(i - 1));
+            break;
+        }
+    }
+    impl->mutex.unlock();
+    std::lock_guard<std::mutex> guard(lockrecord::recordMutex());
+    if (lockrecord::recording) {
+        lockrecord::events()->push_back(
+            lockrecord::Event{this, file != nullptr ? file : "", line, false, {}});
+    }
+}
