@@ -28,11 +28,11 @@ say() { printf '\n=== %s\n' "$*"; }
 die() { printf 'demo: FAIL: %s\n' "$*" >&2; exit 1; }
 
 say "installing what is missing"
-scripts/install-deps.sh
+timeout 1800 scripts/install-deps.sh
 
 say "building the ftpdisk command (release preset)"
-cmake --preset release >/dev/null
-cmake --build --preset release -j "${FTPDISK_JOBS:-2}" --target ftpdisk_tool
+timeout 600 cmake --preset release >/dev/null
+timeout 3600 cmake --build --preset release -j "${FTPDISK_JOBS:-2}" --target ftpdisk_tool
 tool=build/release/tools/ftpdisk
 [ -x "${tool}" ] || die "${tool} was not built"
 

@@ -11,6 +11,7 @@
 #include <random>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "ToolRunner.h"
 #include "support/RealFtpServer.h"
@@ -525,6 +526,37 @@ TEST_F(ToolCommand, RecordShowsALiveStatusLineOnATerminal) {
                                "failed calls 0")))
         << result.transcript();
     EXPECT_TRUE(contains(result.out, "verdict: PASS")) << result.transcript();
+}
+
+TEST_F(ToolCommand, RecordCountsFailedCallsWhenTheServerGoesAwayAndStillEndsOnTime) {
+    // A server of this test alone, stopped once the first segment is on its disk.
+    RealFtpServer own(FtpServerKind::kPyftpdlib);
+    ASSERT_TRUE(own.ready()) << own.failure();
+    ToolRun result;
+    std::thread recorder([&] {
+        result = runTool({"record", own.location("/video"), "--cameras", "2", "--seconds", "4",
+                          "--rate", "4", "--segment", "0.5"},
+                         work_);
+    });
+    bool segmentSeen = false;
+    for (int i = 0; i < 1000 && !segmentSeen; ++i) {
+        std::error_code ignored;
+        if (fs::exists(own.localPath("/video"), ignored)) {
+            for (const auto& entry : fs::recursive_directory_iterator(own.localPath("/video"), ignored)) {
+                segmentSeen = segmentSeen || entry.path().extension() == ".dat";
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    own.stop();
+    recorder.join();
+    ASSERT_TRUE(segmentSeen) << result.transcript();
+    EXPECT_FALSE(result.timedOut) << result.transcript();
+    EXPECT_EQ(1, result.status) << result.transcript();
+    const SummaryFigures figures = readSummary(result.out);
+    EXPECT_GT(figures.failedCalls, 0) << result.transcript();
+    EXPECT_GT(figures.failedFiles, 0) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "\nverdict: FAIL\n")) << result.transcript();
 }
 
 TEST_F(ToolCommand, RecordToAServerThatRefusesTheLoginFails) {
