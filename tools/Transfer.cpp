@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -105,6 +106,13 @@ bool writeAll(int fd, const char* data, std::size_t size, int& error) {
         size -= static_cast<std::size_t>(n);
     }
     return true;
+}
+
+// Listings carry sizes as signed 32-bit numbers, so a file of 2 GiB or more
+// is listed with its size wrapped: compare on what the listing can express.
+bool matchesListedSize(long long listed, std::int64_t actual) {
+    return listed == actual ||
+           listed == static_cast<std::int32_t>(static_cast<std::uint32_t>(actual));
 }
 
 std::string rateText(std::int64_t bytes, double seconds) {
@@ -220,7 +228,7 @@ int runPut(const Arguments& args) {
         return fail("put", "the server did not confirm the upload of " + remote, kExitFailed);
     }
     const long long stored = store->getFileLength(remote.c_str());
-    if (stored != done) {
+    if (!matchesListedSize(stored, done)) {
         return fail("put",
                     "the server lists " + remote + " with " + std::to_string(stored) +
                         " bytes, " + std::to_string(done) + " were sent",
@@ -265,6 +273,7 @@ int runGet(const Arguments& args) {
         store->close(handle);
         return fail("get", "cannot create " + partial + ": " + error, kExitFailed);
     }
+    // A wrapped (negative) listed size leaves the total unknown.
     Progress progress(expected);
     std::string problem;
     const std::int64_t done = copyDown(store, handle, out.fd, partial, &progress, problem);
@@ -273,7 +282,7 @@ int runGet(const Arguments& args) {
     if (problem.empty() && closed != 0) {
         problem = "the server did not confirm the end of " + remote;
     }
-    if (problem.empty() && expected >= 0 && done != expected) {
+    if (problem.empty() && expected != -1 && !matchesListedSize(expected, done)) {
         problem = "received " + std::to_string(done) + " bytes, the server lists " +
                   std::to_string(expected);
     }
