@@ -36,7 +36,7 @@ struct Location {
 };
 
 // Parses `text`. On success returns true and fills `out`. On failure returns
-// false, leaves `out` unspecified and puts one line of explanation into
+// false, leaves `out` partly filled and puts one line of explanation into
 // `problem` (never containing the password).
 bool parseLocation(const std::string& text, Location& out, std::string& problem);
 
