@@ -1,5 +1,7 @@
 // FTPTool: one FTP client connection (control connection plus the data
-// connections opened on it), IPv4 only, passive mode.
+// connections opened on it), IPv4 only. Data connections are passive; port
+// mode (connectionMode 2 in the control record) is there but the module never
+// selects it.
 //
 // Replies are judged by the first character of their last line only. Every
 // operation reports success as non-zero and failure as 0 (Readline/Writeline
@@ -55,36 +57,92 @@ public:
 
     // --- Control connection -------------------------------------------------
     // 1 when connected and the greeting is 2xx. A previous control record is
-    // released first (without traffic).
+    // released first (without traffic). After a refused greeting the new
+    // record stays in place for the owner to release.
     int connect(const char* host);
+    // "USER", then "PASS" when the server answers 3xx; a 2xx answer to "USER"
+    // is a login without password. Names or passwords over 57 characters are
+    // refused before anything is sent.
     int login(const char* user, const char* password);
+    // Sends one line (at most 253 characters before "\r\n") and reads the
+    // reply; 1 when its first character is `expected`.
     int Sendcmd(const char* command, char expected);
+    // Reads one reply, multi-line replies whole, into connection->response.
+    // A reply that does not start within the readiness wait leaves the
+    // previous text in place and that text is judged. Silence inside a
+    // multi-line reply is waited out for as long as the socket's receive limit.
     int Readresp(char expected, NetBuf* connection);
+    // One line ending in LF (CR LF becomes LF) into `out`, terminated; a line
+    // that does not fit comes in pieces of capacity - 1 bytes. Returns the
+    // bytes stored (0 when nothing came within the readiness wait), or -1 on
+    // a receive error, at the end of the stream with nothing read, or for a
+    // connection that is neither control nor data read.
     int Readline(char* out, int capacity, NetBuf* connection);
+    // Sends `data` with a CR inserted before every bare LF (ASCII data
+    // connections). Returns `length`, -1 when a send fails, or, when the
+    // socket does not become writable in time, the count of input bytes whose
+    // output has gone out.
     int Writeline(const char* data, int length, NetBuf* connection);
+    // 1 when the socket is ready (writable for a data write connection,
+    // readable otherwise) within connection->idleTime, else 0.
     int Socketwait(NetBuf* connection);
+    // kind 1: receive limit, kind 2: send limit, in whole seconds.
     void setTimeOutLen(NetBuf* connection, int kind, int seconds);
+    // 1 when "QUIT" was answered 2xx (the connection is then released) or
+    // there is no connection; 0 keeps the connection as it is.
     int quit();
+    // Closes and frees the control record without traffic; always 1.
     int Empty();
 
     // --- Data connections ---------------------------------------------------
+    // Sends "TYPE <mode>", opens the data connection and sends the transfer
+    // command of `type` (FtpOpenType), expecting 1xx. On success stores the
+    // data record in *out; on failure *out is null or untouched and the
+    // reason (server reply or local text) is in the control response.
     int dataConnect(const char* path, int type, int mode, NetBuf** out);
+    // Opens the data socket: passive ("PASV" and connect) or port mode
+    // (listen and "PORT"); *out is set only on success.
     int OpenPort(NetBuf** out, int mode, int direction);
+    // Port mode: waits up to 5 s for the server to connect to the listening
+    // socket, which is closed in every case; 1 with data->handle the
+    // accepted socket.
     int AcceptConnection(NetBuf* data);
+    // Bytes read, 0 at the end of the data (or for a connection that is not a
+    // data read), -1 when nothing arrives within the readiness wait or on an
+    // error. ASCII connections read one line per call.
     int read(char* buf, int length, NetBuf* data);
+    // Bytes written (a partial send is returned as it is), 0 for a connection
+    // that is not a data write, -1 when the socket is not writable within the
+    // readiness wait or on an error.
     int write(const char* buf, int length, NetBuf* data);
+    // One send without readiness wait or accounting; its result as it is.
     int aioWrite(const char* buf, unsigned int length, NetBuf* data);
+    // 0 when the data socket is writable within the limit (see
+    // ftpAioWaitTime), -1 on time-out, -2 on an error.
     int aioReturn(int milliseconds, NetBuf* data);
+    // Closes and frees the data record (the pointer dangles afterwards), then
+    // reads the final reply: its outcome for '2', or 1 when none is awaited.
+    // 0 for a record that is not a data connection, or when the control
+    // connection it belongs to is no longer this tool's.
     int closeData(NetBuf* data);
 
     // --- Single commands ----------------------------------------------------
-    int cd(const char* dir);
+    // Each sends its line(s) and judges the reply by its first digit; a null
+    // or overlong argument is refused before anything is sent and leaves
+    // `response` as it was.
+    int cd(const char* dir);  // "" means "/"
     int cdup();
     int mkdir(const char* dir);
     int rmdir(const char* dir);
     int site(const char* command);
+    // "TYPE <mode>" then "SIZE <path>"; stores the size (low 32 bits) in
+    // *size only on success.
     int size(const char* path, int* size, char mode);
+    // "RNFR" (3xx expected) then "RNTO" (2xx expected).
     int moveFile(const char* from, const char* to);
+    // Changes into the file's directory ("CWD /", "CWD <dir>", outcomes
+    // ignored) when the path holds a "/", then "DELE <name>". The connection
+    // is left in that directory.
     int deleteFile(const char* path);
 
     // The control record (null while not connected) and its last reply text

@@ -205,6 +205,7 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
             close(fd);
             return 0;
         }
+        // Closed on this failure too: nothing else would ever close it.
         socklen_t length = sizeof address;
         if (getsockname(fd, reinterpret_cast<struct sockaddr*>(&address), &length) != 0) {
             close(fd);

@@ -9,9 +9,12 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "ftp/FTPTool.h"
 #include "support/FdCount.h"
 #include "support/ScriptedFtpServer.h"
 
@@ -140,6 +143,47 @@ TEST(ScriptedFtpServer, WaitingForCommandsGivesUpAtItsLimit) {
     ScriptedFtpServer server;
     EXPECT_FALSE(server.waitForCommands(1, Millis(50)));
     EXPECT_FALSE(server.waitForClosedConnections(1, Millis(50)));
+}
+
+// Tools share nothing: several threads, each with its own tool, store and
+// fetch their own files on one server at the same time.
+TEST(ScriptedFtpServer, ServesSeveralToolsOnSeparateThreadsAtOnce) {
+    ScriptedFtpServer server;
+    const int kThreads = 4;
+    std::vector<int> results(kThreads, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&server, &results, t] {
+            FTPTool tool;
+            if (tool.connect(server.address().c_str()) != 1 || tool.login("rec", "pw") != 1) return;
+            const std::string name = "/t" + std::to_string(t);
+            const std::string bytes(20000 + t, static_cast<char>('a' + t));
+            NetBuf* d = nullptr;
+            if (tool.dataConnect(name.c_str(), kFtpStor, 'I', &d) != 1) return;
+            size_t at = 0;
+            for (int i = 0; i < 100 && at < bytes.size(); ++i) {
+                int n = tool.write(bytes.data() + at, static_cast<int>(bytes.size() - at), d);
+                if (n <= 0) break;
+                at += static_cast<size_t>(n);
+            }
+            if (tool.closeData(d) != 1) return;
+            int size = 0;
+            if (tool.size(name.c_str(), &size, 'I') != 1) return;
+            results[t] = size;
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_EQ(results[t], 20000 + t) << "thread " << t;
+        EXPECT_EQ(server.file("/t" + std::to_string(t)),
+                  std::string(20000 + t, static_cast<char>('a' + t)))
+            << "thread " << t;
+    }
+    // USER, PASS, TYPE, PASV, STOR, TYPE, SIZE, QUIT on every connection.
+    for (int c = 1; c <= kThreads; ++c) {
+        EXPECT_EQ(server.commandsOn(c).size(), 8u) << "connection " << c;
+    }
+    EXPECT_EQ(server.connectionCount(), kThreads);
 }
 
 }  // namespace
