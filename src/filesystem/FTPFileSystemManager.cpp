@@ -95,6 +95,9 @@ int FTPFileSystemManager::deleteFileSystem(const std::string& location) {
     return 0;
 }
 
+// "rec(pw)@ftp://10.0.0.5/rec/a" splits into "rec(pw)@ftp:", "", "10.0.0.5",
+// "rec", "a"; it covers "rec(pw)@ftp://10.0.0.5/rec/b/x" (the first four parts
+// agree) but not "rec(pw2)@ftp://10.0.0.5/rec/a".
 bool FTPFileSystemManager::isSameDiskDir(const std::string& registered,
                                          const std::string& location) {
     std::vector<std::string> r;

@@ -2,6 +2,7 @@
 // location, removing, and the lifetime of stores that callers still hold.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -201,6 +202,23 @@ TEST_F(Registry, LocationsWhoseTextsWouldNotFitAreRefusedWithoutAStore) {
             EXPECT_EQ(registry->deleteFileSystem(text), 0) << label;
         }
     }
+}
+
+TEST(RegistryAtExit, StoresStillRegisteredAtProcessExitAreReleasedCleanly) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // The child registers stores (one of them held by a second reference)
+    // and exits: destroying the registry destroys them, with their monitor
+    // threads, during static destruction.
+    EXPECT_EXIT(
+        {
+            FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
+            const bool added = registry->addFTPFileSystem("rec(pw)@ftp://127.0.0.1:1/a") == 0 &&
+                               registry->addFTPFileSystem("rec(pw)@ftp://127.0.0.1:1/b/c") == 0;
+            static SafePointer<FTPFileSystem> held;
+            registry->getFTPFileSystem("rec(pw)@ftp://127.0.0.1:1/a", held);
+            std::exit(added && !held.isNull() ? 7 : 1);
+        },
+        ::testing::ExitedWithCode(7), "");
 }
 
 // --- The covering rule on its own -------------------------------------------------------
