@@ -2,19 +2,45 @@
 //
 // Records are recycled, never freed: a stale SafePointer may still look at a
 // record after its object is gone, and must then find it invalid rather than
-// freed memory. A recycled record is re-armed under its own lock, so a holder
-// that is still unlocking the record after handing it back finishes first.
+// freed memory. A recycled record first waits until the holder that handed it
+// back has unlocked it, then gets a fresh lock before it is re-armed.
+//
+// Why a fresh lock: SafePointer deletes an object while holding that object's
+// record lock, and the object's own SafePointer members then lock their
+// records inside it. Owner-then-member is a safe order, but a recycled record
+// can be a member's record once and an owner's record later. Had it kept the
+// same lock, lock-order checkers (ThreadSanitizer) would see both orders on
+// one lock and report a deadlock that cannot happen; a destroyed and
+// re-initialised lock is a new lock to them.
 #include "host/RefCountManager.h"
 
+#include <pthread.h>
+
+#include <cstddef>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
 
 struct ref_count::State {
-    std::mutex mutex;
+    State() { pthread_mutex_init(&mutex, nullptr); }
+    ~State() { pthread_mutex_destroy(&mutex); }
+
+    // Called with no holder left: the record was handed back and its last
+    // holder has unlocked it.
+    void renewLock() {
+        pthread_mutex_destroy(&mutex);
+        pthread_mutex_init(&mutex, nullptr);
+    }
+
+    pthread_mutex_t mutex;
     void* pointer = nullptr;
     mutable int count = 0;
     bool valid = false;
+    // Lookups that found this record by address and are about to take its
+    // lock. Guarded by the registry's mutex. A handed-back record is renewed
+    // only while none is pending, so no thread ever waits on a lock that is
+    // being destroyed.
+    int pins = 0;
 };
 
 class RefCountManager::Impl {
@@ -28,15 +54,15 @@ ref_count::ref_count() : state(new State) {}
 ref_count::~ref_count() { delete state; }
 
 int ref_count::lock() {
-    state->mutex.lock();
+    pthread_mutex_lock(&state->mutex);
     if (!state->valid) {
-        state->mutex.unlock();
+        pthread_mutex_unlock(&state->mutex);
         return 1;
     }
     return 0;
 }
 
-void ref_count::unLock() { state->mutex.unlock(); }
+void ref_count::unLock() { pthread_mutex_unlock(&state->mutex); }
 
 void* ref_count::getPointer() const { return state->pointer; }
 
@@ -74,33 +100,61 @@ ref_count* RefCountManager::retrieveRefCount(void* object, const char* /*typeNam
     for (;;) {
         ref_count* record = nullptr;
         bool existing = false;
+        bool recycled = false;
         {
             std::lock_guard<std::mutex> guard(impl->mutex);
             auto found = impl->byObject.find(object);
             if (found != impl->byObject.end()) {
                 record = found->second;
                 existing = true;
-            } else if (!impl->freeList.empty()) {
-                record = impl->freeList.back();
-                impl->freeList.pop_back();
+                ++record->state->pins;
             } else {
-                record = new ref_count;
+                // Most recently handed back first, skipping records that a
+                // lookup still has pinned. Once a record is out of byObject it
+                // cannot be pinned again.
+                for (size_t i = impl->freeList.size(); i > 0; --i) {
+                    if (impl->freeList[i - 1]->state->pins == 0) {
+                        record = impl->freeList[i - 1];
+                        impl->freeList.erase(impl->freeList.begin() +
+                                             static_cast<std::ptrdiff_t>(i - 1));
+                        recycled = true;
+                        break;
+                    }
+                }
+                if (record == nullptr) {
+                    record = new ref_count;
+                }
             }
         }
+        pthread_mutex_t* recordLock = &record->state->mutex;
         if (existing) {
-            std::lock_guard<std::mutex> recordGuard(record->state->mutex);
-            if (record->state->valid && record->state->pointer == object) {
+            pthread_mutex_lock(recordLock);
+            const bool same = record->state->valid && record->state->pointer == object;
+            if (same) {
                 ++record->state->count;
+            }
+            pthread_mutex_unlock(recordLock);
+            {
+                std::lock_guard<std::mutex> guard(impl->mutex);
+                --record->state->pins;
+            }
+            if (same) {
                 return record;
             }
-            continue;  // handed back meanwhile: make a fresh record
+            continue;  // handed back meanwhile (the address was reused): make a fresh record
         }
-        {
-            std::lock_guard<std::mutex> recordGuard(record->state->mutex);
-            record->state->pointer = object;
-            record->state->count = 1;
-            record->state->valid = true;
+        if (recycled) {
+            // The holder that handed the record back may still hold its lock
+            // (it unlocks after returnbackRefCount): wait for it to let go.
+            pthread_mutex_lock(recordLock);
+            pthread_mutex_unlock(recordLock);
+            record->state->renewLock();
         }
+        pthread_mutex_lock(recordLock);
+        record->state->pointer = object;
+        record->state->count = 1;
+        record->state->valid = true;
+        pthread_mutex_unlock(recordLock);
         std::lock_guard<std::mutex> guard(impl->mutex);
         impl->byObject[object] = record;
         return record;
