@@ -1,10 +1,8 @@
 #include "connections/FtpFileHandler.h"
 
 #include <limits.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 namespace {
 
@@ -12,17 +10,6 @@ namespace {
 // what one call can report back.
 int clampLength(unsigned int len) {
     return len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
-}
-
-// Closes a data connection's socket and frees its record without reading the
-// final reply.
-void releaseDataConnection(NetBuf* data) {
-    if (data->handle >= 0) {
-        ::close(data->handle);
-        data->handle = -1;
-    }
-    free(data->buffer);
-    free(data);
 }
 
 }  // namespace
@@ -45,7 +32,9 @@ FtpFileHandler::~FtpFileHandler() {
     // without traffic: no final reply is awaited on this path, but no socket
     // or record may outlive the handler either.
     if (dataConnection != NULL) {
-        releaseDataConnection(dataConnection);
+        // Without its control record closeData awaits no final reply.
+        dataConnection->control = NULL;
+        ftpTool->closeData(dataConnection);
         dataConnection = NULL;
     }
 }

@@ -13,6 +13,7 @@
 
 #include "ConnectionsTestUtil.h"
 #include "connections/FtpFileHandleManager.h"
+#include "support/FdCount.h"
 
 namespace {
 
@@ -254,10 +255,12 @@ TEST_F(FtpFileHandleManagerTest, TheMonitorThreadLivesExactlyAsLongAsTheTable) {
     EXPECT_EQ(0, conntest::threadsNamed(conntest::monitorThreadName()));
 }
 
-TEST_F(FtpFileHandleManagerTest, DestroyingTheTableQuitsOpenAndPooledConnections) {
+TEST_F(FtpFileHandleManagerTest, DestroyingTheTableQuitsOpenAndPooledConnectionsAndLeaksNoSocket) {
+    const int descriptorsBefore = ftptest::openDescriptorCount();
     {
         auto files = table(1, 8, 8);
         ASSERT_EQ(1, files->open("/open.dat", 2));
+        EXPECT_EQ(4, writeAll(*files, 1, "open"));
         ASSERT_EQ(2, files->open("/pooled.dat", 2));
         EXPECT_EQ(0, files->close(2));
         EXPECT_EQ(1u, files->getFreeToolBuff()->idleCount());
@@ -265,6 +268,10 @@ TEST_F(FtpFileHandleManagerTest, DestroyingTheTableQuitsOpenAndPooledConnections
     EXPECT_TRUE(server.waitForClosedConnections(2));
     EXPECT_EQ("QUIT", server.commandsOn(1).back());
     EXPECT_EQ("QUIT", server.commandsOn(2).back());
+    // The open file's data connection was released without a final reply
+    // being awaited; what had been written still arrived.
+    EXPECT_EQ(std::string("open"), server.file("/open.dat").value_or("<missing>"));
+    EXPECT_EQ(descriptorsBefore, ftptest::waitForDescriptorCount(descriptorsBefore));
 }
 
 }  // namespace
