@@ -373,6 +373,54 @@ TEST_F(ListingRetrieval, ListingsLeaveNoDescriptorOpen) {
     EXPECT_EQ(ftptest::waitForDescriptorCount(baseline), baseline);
 }
 
+// Lines as servers write them, each served as a whole listing through the
+// scripted server: what the store keeps of them.
+struct LineCase {
+    const char* source;
+    std::string body;
+    Lines entries;
+    long long total;
+};
+
+TEST_F(ListingRetrieval, ServedLinesOfEitherStyleBecomeTheEntriesTheParsersMake) {
+    const LineCase cases[] = {
+        {"Unix directory line",
+         crlf({"drwxr-xr-x 2 user group 4096 Jan 01 10:00 rec"}),
+         {"d 4096 rec"}, 4096},
+        {"Unix self, parent and a dot-file after a directory",
+         crlf({"drwxr-xr-x 2 user group 4096 Jan 01 10:00 rec",
+               "drwxr-xr-x 2 user group 4096 Jan 01 10:00 .",
+               "drwxr-xr-x 9 user group 4096 Jan 01 10:00 ..",
+               "-rw-r--r-- 1 user group 64 Jan 01 10:00 .profile"}),
+         {"d 4096 rec"}, 4096},
+        {"Unix name with a blank after a nine-word line",
+         crlf({"drwxr-xr-x 2 user group 4096 Jan 01 10:00 rec",
+               "-rw-r--r-- 1 u g 100 Jan 01 10:00 my file.dat"}),
+         {"d 4096 rec", "- 100 my"}, 4196},
+        {"Unix link after a nine-word line",
+         crlf({"-rw-r--r-- 1 u g 100 Jan 01 10:00 a.dat",
+               "lrwxrwxrwx 1 u g 5 Jan 01 10:00 latest -> a.dat"}),
+         {"- 100 a.dat", "l 5 latest"}, 105},
+        {"DOS directory, columns padded with many blanks",
+         crlf({"01-15-20  10:30AM       <DIR>          rec"}),
+         {"d 0 rec"}, 0},
+        {"DOS file", crlf({"01-15-20  10:30AM             512 a.dat"}), {"- 512 a.dat"}, 512},
+        {"DOS size with a thousands separator",
+         crlf({"01-15-20  10:30AM           2,048 b.dat"}),
+         {"- 2 b.dat"}, 2},
+        {"DOS marker in lower case", crlf({"01-15-20  10:30AM       <dir>          c"}),
+         {"- 0 c"}, 0},
+    };
+    for (const LineCase& c : cases) {
+        server().setListing(c.body);
+        Entries entries;
+        long long total = 0;
+        ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total)) << c.source;
+        EXPECT_EQ(describe(entries), c.entries) << c.source << ":\n" << c.body;
+        EXPECT_EQ(total, c.total) << c.source << ":\n" << c.body;
+    }
+}
+
 // getFTPFileType decides the style from word counts alone.
 struct StyleCase {
     const char* source;
