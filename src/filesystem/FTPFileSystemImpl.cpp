@@ -104,7 +104,8 @@ FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const
     fillField(this->user, sizeof(this->user), user);
     fillField(this->password, sizeof(this->password), password);
     mainTool = SafePointer<FTPTool>(new FTPTool());
-    // Handles run from 1 to capacity - 1; at most capacity files open.
+    // Handle numbers 1 to capacity - 1 and an open-file limit of capacity: the
+    // numbers run out one file before the limit is reached.
     handleManager =
         new FtpFileHandleManager(this->server, this->user, this->password, 1, capacity, capacity);
 }
