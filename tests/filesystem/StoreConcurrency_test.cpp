@@ -28,6 +28,8 @@ TEST(StoreConcurrency, RegistryAndStoresUsedFromSeveralThreadsNeitherRaceNorDead
         SafePointer<FTPFileSystem> store;
         ASSERT_EQ(registry->getFTPFileSystem(shared, store), 1);
         ASSERT_EQ(store->init(), 0);
+        // The watcher below tests for /rec from its first round on.
+        ASSERT_EQ(store->createDir("/rec"), 0);
     }
 
     const int kChurners = 2;
