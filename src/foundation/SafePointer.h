@@ -62,7 +62,15 @@ public:
         return *this;
     }
 
-    virtual ~SafePointer() { dec_reference(); }
+    // A destructor cannot pass an exception on (it would end the host process
+    // through std::terminate), so a count record that no longer matches is left
+    // as found and the error dropped here; every other release path throws.
+    virtual ~SafePointer() {
+        try {
+            dec_reference();
+        } catch (const KDRuntimeError&) {
+        }
+    }
 
     T* operator->() const {
         if (object == NULL) {
