@@ -8,8 +8,11 @@
 # provides ftp-server), so vsftpd is installed the usual way and proftpd and
 # pure-ftpd are unpacked from their .deb files into ${FTPDISK_SERVERS_DIR}
 # (default /opt/ftpdisk-servers), with the libraries they need installed as
-# ordinary packages. None of them runs as a service: the tests start their own
-# instances on 127.0.0.1 and stop them again.
+# ordinary packages. BusyBox's ftpd is not in Debian's busybox build, so it is
+# built from Debian's busybox source package with just the applets it needs
+# (ftpd, tcpsvd, ls; well under a minute) into ${FTPDISK_SERVERS_DIR}/busybox.
+# None of them runs as a service: the tests start their own instances on
+# 127.0.0.1 and stop them again.
 #
 # The server tests log in as the local user "rec" with password "pw" (vsftpd
 # authenticates local users only), so that user is created here too.
@@ -41,6 +44,8 @@ packages=(
   libssl3 libtinfo6 zlib1g
   # pure-ftpd's libraries
   libsodium23
+  # building BusyBox's ftpd from its Debian source package
+  make gcc bzip2 dpkg-dev libcrypt-dev
   # cross build for the recorder's 32-bit ARM and running its tests
   g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user
 )
@@ -118,10 +123,60 @@ for p in "${unpacked[@]}"; do
   rm -rf "${work}"
 done
 
+# BusyBox with ftpd, from Debian's source package (deb-src of the machine's
+# own Debian release is added when no source list exists).
+busybox_dir="${servers_dir}/busybox"
+if [ -x "${busybox_dir}/busybox" ] && [ -f "${busybox_dir}/.ftpdisk-version" ]; then
+  say "busybox $(cat "${busybox_dir}/.ftpdisk-version") with ftpd already built in ${busybox_dir}"
+else
+  if ! grep -rqsE '^(deb-src|Types:.*deb-src)' /etc/apt/sources.list /etc/apt/sources.list.d/; then
+    codename=$(. /etc/os-release && echo "${VERSION_CODENAME}")
+    say "adding Debian's source list for ${codename} (/etc/apt/sources.list.d/ftpdisk-src.sources)"
+    printf 'Types: deb-src\nURIs: http://deb.debian.org/debian\nSuites: %s\nComponents: main\nSigned-By: /usr/share/keyrings/debian-archive-keyring.gpg\n' \
+      "${codename}" | ${sudo_cmd} tee /etc/apt/sources.list.d/ftpdisk-src.sources >/dev/null
+    updated=no
+  fi
+  apt_update_once
+  work=$(mktemp -d)
+  say "fetching Debian's busybox source package"
+  (cd "${work}" && apt-get source -o APT::Sandbox::User=root busybox >/dev/null)
+  src=$(find "${work}" -maxdepth 1 -mindepth 1 -type d -name 'busybox-*' | head -n 1)
+  version=$(cd "${work}" && ls busybox_*.dsc | sed 's/^busybox_//; s/\.dsc$//')
+  say "building busybox ${version} with ftpd, tcpsvd and ls"
+  (
+    cd "${src}"
+    make allnoconfig >/dev/null
+    for option in BUSYBOX SHOW_USAGE FEATURE_VERBOSE_USAGE FTPD FEATURE_FTPD_WRITE \
+                  FEATURE_FTPD_ACCEPT_BROKEN_LIST FEATURE_FTPD_AUTHENTICATION TCPSVD LS \
+                  FEATURE_LS_TIMESTAMPS FEATURE_LS_USERNAME FEATURE_LS_FILETYPES \
+                  FEATURE_LS_SORTFILES FEATURE_SHADOWPASSWDS USE_BB_PWD_GRP USE_BB_SHADOW; do
+      sed -i "s/^# CONFIG_${option} is not set\$/CONFIG_${option}=y/" .config
+    done
+    # yes ends with SIGPIPE when oldconfig stops reading; that is expected.
+    { yes '' || true; } | make oldconfig >/dev/null
+    if ! make -j "${FTPDISK_JOBS:-2}" busybox >../build.log 2>&1; then
+      tail -n 40 ../build.log
+      exit 1
+    fi
+  )
+  for applet in ftpd tcpsvd; do
+    if ! "${src}/busybox" --list | grep -qx "${applet}"; then
+      say "the busybox build lacks ${applet}"
+      exit 1
+    fi
+  done
+  ${sudo_cmd} rm -rf "${busybox_dir}"
+  ${sudo_cmd} mkdir -p "${busybox_dir}"
+  ${sudo_cmd} install -m 755 "${src}/busybox" "${busybox_dir}/busybox"
+  echo "${version}" | ${sudo_cmd} tee "${busybox_dir}/.ftpdisk-version" >/dev/null
+  rm -rf "${work}"
+fi
+
 # Every unpacked program must find its libraries; say so loudly if not.
 for exe in "${servers_dir}/proftpd-core/usr/sbin/proftpd" \
            "${servers_dir}/pure-ftpd/usr/sbin/pure-ftpd" \
-           "${servers_dir}/pure-ftpd/usr/bin/pure-pw"; do
+           "${servers_dir}/pure-ftpd/usr/bin/pure-pw" \
+           "${servers_dir}/busybox/busybox"; do
   if [ ! -x "${exe}" ]; then
     say "missing ${exe}"
     exit 1

@@ -190,7 +190,7 @@ TEST_P(ServerWithIdleLimitInSeconds, ClosesAnIdleControlConnectionAfterItsIdleTi
 
 INSTANTIATE_TEST_SUITE_P(SecondsKinds, ServerWithIdleLimitInSeconds,
                          ::testing::Values(FtpServerKind::kPyftpdlib, FtpServerKind::kVsftpd,
-                                           FtpServerKind::kProftpd),
+                                           FtpServerKind::kProftpd, FtpServerKind::kBusybox),
                          [](const ::testing::TestParamInfo<FtpServerKind>& info) {
                              return std::string(ftpServerKindName(info.param));
                          });

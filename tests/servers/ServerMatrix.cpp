@@ -641,7 +641,8 @@ int run(std::ostream& out, std::string* problems) {
         << "Servers, as the tests start them (`tests/support/RealFtpServer.h`): pyftpdlib "
         << packageVersion("python3-pyftpdlib") << ", vsftpd " << packageVersion("vsftpd")
         << ", proftpd " << unpackedVersion("proftpd-core") << ", pure-ftpd "
-        << unpackedVersion("pure-ftpd") << " (Debian packages).\n"
+        << unpackedVersion("pure-ftpd") << " (Debian packages), BusyBox ftpd under tcpsvd "
+        << unpackedVersion("busybox") << " (built from Debian's source package).\n"
         << "Each runs on 127.0.0.1 with user `rec`, its root folder as the user's \"/\",\n"
         << "passive data connections on loopback; proftpd with `AllowStoreRestart on`, without\n"
         << "which it refuses `APPE` with 451.\n\n"

@@ -223,13 +223,14 @@ const char* ftpServerKindName(FtpServerKind kind) {
         case FtpServerKind::kVsftpd: return "vsftpd";
         case FtpServerKind::kProftpd: return "proftpd";
         case FtpServerKind::kPureftpd: return "pureftpd";
+        case FtpServerKind::kBusybox: return "busybox";
     }
     return "unknown";
 }
 
 std::vector<FtpServerKind> allFtpServerKinds() {
     return {FtpServerKind::kPyftpdlib, FtpServerKind::kVsftpd, FtpServerKind::kProftpd,
-            FtpServerKind::kPureftpd};
+            FtpServerKind::kPureftpd, FtpServerKind::kBusybox};
 }
 
 RealFtpServer::RealFtpServer(FtpServerKind kind, RealFtpServerOptions options)
@@ -286,6 +287,7 @@ bool RealFtpServer::start() {
             case FtpServerKind::kVsftpd: started = startVsftpd(); break;
             case FtpServerKind::kProftpd: started = startProftpd(); break;
             case FtpServerKind::kPureftpd: started = startPureftpd(); break;
+            case FtpServerKind::kBusybox: started = startBusybox(); break;
         }
         if (!started) return false;  // failure_ says why; nothing to retry
         if (waitForGreeting(milliseconds(10000))) return true;
@@ -574,6 +576,18 @@ bool RealFtpServer::startPureftpd() {
     return spawn({base + "/sbin/pure-ftpd", "-S", "127.0.0.1," + std::to_string(port_), "-4",
                   "-l", "puredb:" + dbFile, "-E", "-A", "-H", "-I", std::to_string(idleMinutes),
                   "-O", "clf:" + logFile_, "-f", "none"});
+}
+
+bool RealFtpServer::startBusybox() {
+    port_ = pickFreePort();
+    if (port_ == 0) return fail("no free port");
+    std::string busybox = serversDir() + "/busybox/busybox";
+    // tcpsvd accepts on the port and runs one ftpd per connection; ftpd
+    // checks rec/pw against the system's password files, chroots to the root
+    // and (-w) allows writes; -t is its idle limit in seconds, -vv logs every
+    // command to standard error.
+    return spawn({busybox, "tcpsvd", "-vE", "127.0.0.1", std::to_string(port_), busybox, "ftpd",
+                  "-w", "-vv", "-t", std::to_string(options_.idleTimeoutSeconds), root_});
 }
 
 std::string RealFtpServer::hostPort() const { return "127.0.0.1:" + std::to_string(port_); }

@@ -13,7 +13,9 @@
 // Kinds: pyftpdlib (scripts/ftp-server.py under Debian's /usr/bin/python3),
 // vsftpd (installed, local user rec), proftpd and pure-ftpd (unpacked by
 // scripts/install-deps.sh into FTPDISK_SERVERS_DIR, default
-// /opt/ftpdisk-servers, with their own password files). The daemons need root.
+// /opt/ftpdisk-servers, with their own password files), and BusyBox's ftpd
+// under its tcpsvd (built by the same script into FTPDISK_SERVERS_DIR/busybox;
+// local user rec). The daemons need root.
 #ifndef FTPDISK_TESTS_SUPPORT_REALFTPSERVER_H
 #define FTPDISK_TESTS_SUPPORT_REALFTPSERVER_H
 
@@ -23,9 +25,10 @@
 #include <string>
 #include <vector>
 
-enum class FtpServerKind { kPyftpdlib, kVsftpd, kProftpd, kPureftpd };
+enum class FtpServerKind { kPyftpdlib, kVsftpd, kProftpd, kPureftpd, kBusybox };
 
-// "pyftpdlib", "vsftpd", "proftpd", "pureftpd": usable in test names.
+// "pyftpdlib", "vsftpd", "proftpd", "pureftpd", "busybox": usable in test
+// names.
 const char* ftpServerKindName(FtpServerKind kind);
 
 // Every kind, in a fixed order, for parameterised tests.
@@ -113,6 +116,7 @@ private:
     bool startVsftpd();
     bool startProftpd();
     bool startPureftpd();
+    bool startBusybox();
     bool spawn(const std::vector<std::string>& argv);
     bool waitForGreeting(std::chrono::milliseconds limit);
     bool fail(const std::string& why);
