@@ -34,10 +34,3 @@ endif()
 if(NOT TARGET GTest::gtest_main)
   add_library(GTest::gtest_main ALIAS gtest_main)
 endif()
-
-# GCC on ARM notes that passing vector<double> iterators by value changed ABI in
-# GCC 7.1. The framework's internals are compiled and linked together here with
-# one compiler, so the note says nothing about this build; keep it out of the
-# output so real diagnostics stand out.
-target_compile_options(gtest PRIVATE -Wno-psabi)
-target_compile_options(gtest_main PRIVATE -Wno-psabi)
