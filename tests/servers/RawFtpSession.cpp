@@ -88,9 +88,12 @@ std::string RawFtpSession::reply() {
     return "";
 }
 
+bool RawFtpSession::send(const std::string& line) {
+    return fd_ >= 0 && sendAll(fd_, line + "\r\n");
+}
+
 std::string RawFtpSession::command(const std::string& line) {
-    if (fd_ < 0 || !sendAll(fd_, line + "\r\n")) return "";
-    return reply();
+    return send(line) ? reply() : "";
 }
 
 bool RawFtpSession::logIn(const std::string& user, const std::string& password) {

@@ -23,6 +23,8 @@ public:
     // The last line of the next reply, without its line end ("230 Login
     // successful."), or "" when the connection ended or stayed silent.
     std::string reply();
+    // Sends `line` with a line end added; false when it could not be sent.
+    bool send(const std::string& line);
     // Sends `line` (a line end is added) and returns reply(); "" when the
     // line could not be sent.
     std::string command(const std::string& line);
