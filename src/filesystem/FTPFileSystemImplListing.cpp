@@ -7,7 +7,7 @@
 // holds scanLock, taken first (lock order: scanLock before opLock), and calls
 // the host's visitor with opLock released so the visitor may call back into the
 // store.
-#include <cstring>
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -96,22 +96,16 @@ bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entri
     }
 
     // Stray zero bytes from a server must not cut a line short: each becomes a
-    // blank (and so splits the word it stood in).
-    std::vector<char> copy(text.size() + 1, '\0');
-    if (!text.empty()) {
-        std::memcpy(&copy[0], text.data(), text.size());
-    }
-    for (std::string::size_type i = 0; i < text.size(); ++i) {
-        if (copy[i] == '\0') {
-            copy[i] = ' ';
-        }
-    }
-    const std::string cleaned(&copy[0], text.size());
+    // blank (and so splits the word it stood in). Done in place: a listing has
+    // no size limit, and on the recorder a second and third copy of a large
+    // one would cost as much memory again each.
+    std::replace(text.begin(), text.end(), '\0', ' ');
 
     // Lines end in CR LF on the wire; a listing with bare line feeds stays one
-    // line.
+    // line. The text is released as soon as it is cut.
     std::vector<std::string> lines;
-    StringHandler::split(cleaned, lines, "\r\n");
+    StringHandler::split(text, lines, "\r\n");
+    std::string().swap(text);
     if (lines.empty()) {
         return true;
     }

@@ -151,6 +151,57 @@ TEST_F(ListingStall, TheSixtySecondsBoundTheWholeListingNotTheGapsBetweenReads) 
     EXPECT_TRUE(std::regex_match(log[0], kStallLine)) << log[0];
 }
 
+TEST_F(ListingStall, AnEndOfDataSeenAfterTheLimitStillCountsAsAStall) {
+    // The whole body arrives at once; the server then keeps the data
+    // connection open, so the store's next read comes back empty-handed (after
+    // its readiness wait) only once the clock has passed 60 seconds. The limit
+    // is asked first: the listing fails and is logged although nothing more
+    // was coming.
+    ftptest::Reply reply("150 Here comes the listing");
+    reply.body = crlf({"-rw-r--r-- 1 rec rec 5 Jan 15 10:31 late.dat"});
+    reply.finalAfterClientClose = true;
+    server().queueReply("LIST", reply);
+    listingtest::Entries entries;
+    long long total = 3;
+    const std::set<ino_t> before = listingtest::openSockets();
+
+    auto listing = std::async(std::launch::async, [&] {
+        return store().getFileDescriptorList("/rec", entries, total);
+    });
+    ASSERT_TRUE(listingtest::waitUntilConsumed(before, reply.body->size(), kWaitLimit));
+    hostcontrol::advanceClock(61.0);
+    ASSERT_EQ(listing.wait_for(kWaitLimit), std::future_status::ready);
+
+    EXPECT_FALSE(listing.get());
+    EXPECT_TRUE(entries.empty()) << ::testing::PrintToString(listingtest::describe(entries));
+    EXPECT_EQ(total, 3);
+    const Lines log = listingtest::readLines(recordErrorLog());
+    ASSERT_EQ(log.size(), 1u) << ::testing::PrintToString(log);
+    EXPECT_TRUE(std::regex_match(log[0], kStallLine)) << log[0];
+}
+
+TEST_F(ListingStall, TheLimitStartsOnceTheDataConnectionIsOpen) {
+    // The clock passes 60 seconds while the store still waits for the answer
+    // to "LIST": that time is not part of the transfer, which then ends at
+    // once and succeeds.
+    ftptest::Reply reply("150 Here comes the listing");
+    reply.delay = ftptest::Millis(800);
+    reply.body = crlf({"-rw-r--r-- 1 rec rec 5 Jan 15 10:31 prompt.dat"});
+    server().queueReply("LIST", reply);
+    std::vector<std::string> names;
+
+    auto listing = std::async(std::launch::async,
+                              [&] { return store().getFileList("/rec", names, ""); });
+    ASSERT_TRUE(server().waitForCommands(2 + mark + 5, kWaitLimit));
+    hostcontrol::advanceClock(61.0);
+    ASSERT_EQ(listing.wait_for(kWaitLimit), std::future_status::ready);
+
+    EXPECT_TRUE(listing.get());
+    EXPECT_EQ(names, Lines{"prompt.dat"});
+    EXPECT_EQ(commands(), (Lines{"CWD /", "CWD /rec", "TYPE I", "PASV", "LIST /rec"}));
+    EXPECT_TRUE(listingtest::readLines(recordErrorLog()).empty());
+}
+
 TEST_F(ListingStall, ASlowListingThatEndsWithinSixtySecondsSucceedsAndLogsNothing) {
     std::string body;
     for (int i = 0; i < 30; ++i) {
