@@ -1,6 +1,7 @@
 #include "listing/LinuxFTPFileParser.h"
 
 #include "host/StringParser.h"
+#include "listing/EntryList.h"
 #include "listing/ListingSize.h"
 
 namespace {
@@ -17,7 +18,7 @@ void LinuxFTPFileParser::getFileDescriptorList(
     std::vector<SafePointer<FTPConst::FTPFileDescriptor> >& entries, long long& total) {
     // Growing the list copies every SafePointer already in it, and each copy
     // takes its count's lock: one reservation up front avoids that.
-    entries.reserve(entries.size() + lines.size());
+    FTPConst::reserveForLines(entries, lines.size());
     StringParser parser;
     for (std::vector<std::string>::const_iterator it = lines.begin(); it != lines.end(); ++it) {
         if (it->empty()) {

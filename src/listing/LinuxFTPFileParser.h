@@ -1,6 +1,6 @@
 // LinuxFTPFileParser: turns the lines of a Unix-style long listing into entry
-// records. No state; one object may serve any number of calls, one thread at a
-// time (each call uses its own word splitter).
+// records. No state: each call uses its own word splitter, so any number of
+// threads may call one object at once, each with its own entry list.
 //
 //   "-rw-r--r--   1 ftp  ftp  1048576 Jan 15 10:30 ch01_20200115.mp4"
 //     -> type '-', size 1048576, name "ch01_20200115.mp4"; total += 1048576

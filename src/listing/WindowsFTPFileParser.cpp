@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "host/StringParser.h"
+#include "listing/EntryList.h"
 #include "listing/ListingSize.h"
 
 namespace FTPConst {
@@ -25,7 +26,7 @@ void WindowsFTPFileParser::getFileDescriptorList(
     std::vector<SafePointer<FTPConst::FTPFileDescriptor> >& entries, long long& total) {
     // Growing the list copies every SafePointer already in it, and each copy
     // takes its count's lock: one reservation up front avoids that.
-    entries.reserve(entries.size() + lines.size());
+    FTPConst::reserveForLines(entries, lines.size());
     const unsigned int markerLength = static_cast<unsigned int>(sizeof(FTPConst::DIR) - 1);
     StringParser parser;
     for (std::vector<std::string>::const_iterator it = lines.begin(); it != lines.end(); ++it) {

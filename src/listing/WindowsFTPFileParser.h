@@ -1,6 +1,6 @@
 // WindowsFTPFileParser: turns the lines of a DOS-style listing into entry
-// records. No state; one object may serve any number of calls, one thread at a
-// time (each call uses its own word splitter).
+// records. No state: each call uses its own word splitter, so any number of
+// threads may call one object at once, each with its own entry list.
 //
 //   "01-15-20  10:30AM       <DIR>          rec"
 //     -> type 'd', size 0, name "rec"

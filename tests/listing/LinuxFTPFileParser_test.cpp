@@ -198,3 +198,23 @@ TEST(LinuxListing, StoresNonAsciiTypeCharactersAsTheirByteValue) {
     // A byte above 127 reads the same whether char is signed or not.
     expectRows({{"garbage", "\xE2rw 1 u g 9 Jan 01 10:00 x", true, 0xE2, 9, "x"}});
 }
+
+TEST(LinuxListing, AppendingListingAfterListingToOneListGrowsItsRoomGeometrically) {
+    // Each reallocation copies every record already in the list; one per call
+    // would make a thousand one-line listings cost a million copies.
+    Entries entries;
+    long long total = 0;
+    LinuxFTPFileParser parser;
+    int reallocations = 0;
+    for (int i = 0; i < 1000; ++i) {
+        const Entries::size_type before = entries.capacity();
+        parser.getFileDescriptorList(
+            std::vector<std::string>(1, "-rw-r--r-- 1 u g 1 Jan 01 10:00 f" + std::to_string(i)),
+            entries, total);
+        if (entries.capacity() != before) ++reallocations;
+    }
+    ASSERT_EQ(1000u, entries.size());
+    EXPECT_EQ("f999", entries[999]->name);
+    EXPECT_EQ(1000, total);
+    EXPECT_LE(reallocations, 11);
+}

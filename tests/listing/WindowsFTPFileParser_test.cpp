@@ -152,3 +152,23 @@ TEST(DosListing, SkipsEmptyLinesAndAppendsEveryOtherLineInOrder) {
     EXPECT_EQ("b.dat", entries[4]->name);
     EXPECT_EQ(10 + 512 - 1073741824LL + 8, total);
 }
+
+TEST(DosListing, AppendingListingAfterListingToOneListGrowsItsRoomGeometrically) {
+    // Each reallocation copies every record already in the list; one per call
+    // would make a thousand one-line listings cost a million copies.
+    Entries entries;
+    long long total = 0;
+    WindowsFTPFileParser parser;
+    int reallocations = 0;
+    for (int i = 0; i < 1000; ++i) {
+        const Entries::size_type before = entries.capacity();
+        parser.getFileDescriptorList(
+            std::vector<std::string>(1, "01-15-20  10:30AM  1 f" + std::to_string(i)), entries,
+            total);
+        if (entries.capacity() != before) ++reallocations;
+    }
+    ASSERT_EQ(1000u, entries.size());
+    EXPECT_EQ("f999", entries[999]->name);
+    EXPECT_EQ(1000, total);
+    EXPECT_LE(reallocations, 11);
+}
