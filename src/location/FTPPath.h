@@ -53,6 +53,11 @@ public:
     // Parses `text` into the fields: 1 on success, 0 on failure. Fields filled
     // before a failing step keep their new values.
     int create(const std::string& text);
+    // The escaped user name, "(", the password, ")@ftp://", the server address
+    // and the path, as they are. create refuses the text when the user name
+    // is empty, and cuts it at the wrong place when the server address or the
+    // path holds an "@" (the text form has no escape for it); a path set by
+    // hand with backslashes, "//" or a trailing "/" comes back normalised.
     std::string toString();
 
 private:

@@ -418,6 +418,27 @@ TEST_F(Enumeration, DiskSpaceFiguresAreZeroAndTheRecordedBytesInWholeMebibytes) 
     EXPECT_TRUE(commands().empty()) << "the server's free space is never asked for";
 }
 
+TEST(EnumerationSpace, UsedBytesBeyondThirtyTwoBitsAndBelowZeroAreReportedTruncatedTowardZero) {
+    FTPFileSystemImpl store("127.0.0.1:1", "rec", "pw", 1024);  // never connects
+    long first = -1;
+    long second = -1;
+
+    // 5 GiB + 1 MiB - 1 byte: the account is 64 bits wide even where long is
+    // 32, and the part below a whole mebibyte is cut off.
+    store.updateSpaceInfo(5LL * 1024 * 1048576 + 1048575, true);
+    store.getDiskSpaceInfo(first, second);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 5120);
+
+    // Nothing keeps the account from going below zero: 1.5 MiB under it reads
+    // as -1, not -2.
+    store.updateSpaceInfo(5LL * 1024 * 1048576 + 1048575 + 1572864, false);
+    EXPECT_EQ(store.getUsedBytes(), -1572864);
+    store.getDiskSpaceInfo(first, second);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, -1);
+}
+
 TEST(EnumerationSpace, AFreshStoreThatRecordedOneByteLessThanAMebibyteReportsZeroAndZero) {
     FTPFileSystemImpl store("127.0.0.1:1", "rec", "pw", 1024);  // never connects
     long first = -1;
