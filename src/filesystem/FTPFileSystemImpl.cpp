@@ -114,7 +114,10 @@ FTPFileSystemImpl::~FTPFileSystemImpl() {
     initialised = false;
     // A snapshot still open would keep a data socket and a record pointing at
     // the main connection's control record: end it while both still exist.
-    dropSnapshotStream();
+    {
+        KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
+        dropSnapshotStream();
+    }
     // Handles still open are only released by the table: their data
     // connections are not closed and no final reply is read.
     delete handleManager;
@@ -137,17 +140,23 @@ int FTPFileSystemImpl::init() {
     if (refused) {
         return -1;
     }
-    // connect releases the previous control record; a snapshot opened on it
-    // must not outlive it.
-    dropSnapshotStream();
-    if (mainTool->connect(server) == 0) {
-        setInitialised(false);
-        return -1;
+    bool loggedIn = false;
+    {
+        // connect releases the previous control record; a snapshot opened on
+        // it must not outlive it, and no snapshot call may start on it while
+        // it is being replaced.
+        KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
+        dropSnapshotStream();
+        if (mainTool->connect(server) != 0) {
+            loggedIn = mainTool->login(user, password) != 0;
+            if (!loggedIn) {
+                // Close the half-open connection rather than leave it to the
+                // next init or the destructor.
+                mainTool->quit();
+            }
+        }
     }
-    if (mainTool->login(user, password) == 0) {
-        // Close the half-open connection rather than leave it to the next
-        // init or the destructor.
-        mainTool->quit();
+    if (!loggedIn) {
         setInitialised(false);
         return -1;
     }
@@ -169,7 +178,9 @@ int FTPFileSystemImpl::uninit() {
     initialised = false;
     // QUIT frees the control record that an open snapshot's data record
     // points at; end the snapshot first so the server's closing reply is read
-    // in order and no dangling record is left.
+    // in order and no dangling record is left. A snapshot call on another
+    // thread finishes first and then finds the stream gone.
+    KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
     dropSnapshotStream();
     if (!mainTool.isNull()) {
         mainTool->quit();
@@ -545,6 +556,7 @@ int FTPFileSystemImpl::Put(const char* localFile, const char* remoteFile) {
 }
 
 int FTPFileSystemImpl::snapshot_open(const char* path, int /*unused*/) {
+    KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
     // One snapshot at a time: a second open would lose the first stream and
     // mix two transfers on one control connection.
     if (snapshotStream != NULL || path == NULL) {
@@ -562,6 +574,7 @@ int FTPFileSystemImpl::snapshot_open(const char* path, int /*unused*/) {
 }
 
 int FTPFileSystemImpl::snapshot_write(const char* buf, unsigned int len) {
+    KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
     int n = -1;
     if (snapshotStream == NULL) {
         errno = EBADF;  // no stream: report it as a write to a closed descriptor
@@ -578,6 +591,7 @@ int FTPFileSystemImpl::snapshot_write(const char* buf, unsigned int len) {
 }
 
 int FTPFileSystemImpl::snapshot_close() {
+    KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
     if (snapshotStream == NULL) {
         return -1;
     }

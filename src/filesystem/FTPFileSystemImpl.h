@@ -4,8 +4,10 @@
 // credentials, the used-bytes account and the open-file table, whose
 // connections are separate. Any host thread may call any operation.
 //
-// Lock order: scanLock before opLock before spaceLock. The table's own locks
-// (FtpFileHandleManager) are never taken while one of these is held.
+// Lock order: scanLock before opLock before spaceLock, and opLock before
+// snapshotLock; spaceLock and snapshotLock are never held together. The
+// table's own locks (FtpFileHandleManager) are never taken while one of these
+// is held.
 #ifndef FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H
 #define FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H
 
@@ -92,8 +94,11 @@ public:
     int Get(const char* localFile, const char* remoteFile);
     int Put(const char* localFile, const char* remoteFile);
     // One snapshot stream on the main tool, deliberately without the
-    // operation lock. -1 when a snapshot is already open, the main tool is not
-    // connected or the server refuses the store.
+    // operation lock: it shares the main connection with the path operations
+    // unguarded. snapshotLock only keeps init, uninit and destruction from
+    // closing the stream, or replacing the connection, under a snapshot call
+    // running on another thread. -1 when a snapshot is already open, the main
+    // tool is not connected or the server refuses the store.
     int snapshot_open(const char* path, int unused);
     int snapshot_write(const char* buf, unsigned int len);
     int snapshot_close();
@@ -136,8 +141,8 @@ private:
     // Sets the flag under spaceLock. REQUIRES: opLock is held.
     void setInitialised(bool value);
     // Closes an open snapshot stream (its final reply is read) and forgets
-    // it. REQUIRES: opLock is held, or the object is being destroyed.
-    void dropSnapshotStream();
+    // it. REQUIRES: snapshotLock is held.
+    void dropSnapshotStream() FTPDISK_REQUIRES(snapshotLock);
 
     SafePointer<FTPTool> mainTool;  // Guarded by opLock (snapshots excepted).
     char server[kStoreServerSize];
@@ -150,7 +155,12 @@ private:
     KDMutex opLock;
     KDMutex scanLock;
     std::atomic<bool> initialised;  // Set under opLock (and spaceLock in init); reinit reads it unlocked.
-    NetBuf* snapshotStream;
+    // Held by every snapshot call for its whole run, and by init and uninit
+    // (after opLock) while they end the stream and connect or quit the main
+    // tool: a writer on one thread never uses a record that another thread
+    // has freed.
+    KDMutex snapshotLock;
+    NetBuf* snapshotStream FTPDISK_GUARDED_BY(snapshotLock);
     // Set before the store is shared (constructor or markRefused), read-only
     // afterwards.
     bool refused;

@@ -148,6 +148,65 @@ TEST(LockSites, EveryStoreLockIsTakenInTheStoresNameAndReleasedThroughTheScopedL
     EXPECT_GE(storeLocks, 10);
 }
 
+// The lock a call takes in the store's name, when it takes exactly one; null
+// otherwise. `held` receives what the thread held when taking it.
+const void* singleStoreLock(const std::vector<Event>& events, std::vector<lockrecord::Held>* held) {
+    const std::vector<Event> locks = locksNamed(events, "FTPFileSystemImpl");
+    if (locks.size() != 1) return nullptr;
+    if (held != nullptr) *held = locks[0].before;
+    return locks[0].mutex;
+}
+
+TEST(LockSites, SnapshotCallsShareOneLockWithInitAndUninitTakenAfterTheOperationLock) {
+    ftptest::ScriptedFtpServer server;
+    FTPFileSystemImpl store(server.address().c_str(), "rec", "pw", 1024);
+    const StoreLocks locks = identifyStoreLocks(store);
+    ASSERT_NE(locks.operation, nullptr);
+    ASSERT_EQ(store.init(), 0);
+
+    std::vector<lockrecord::Held> held;
+    lockrecord::start();
+    ASSERT_EQ(store.snapshot_open("/snap/1.jpg", 0), 0);
+    const void* openLock = singleStoreLock(lockrecord::stop(), &held);
+    EXPECT_TRUE(held.empty());
+    lockrecord::start();
+    ASSERT_EQ(store.snapshot_write("abc", 3), 3);
+    const void* writeLock = singleStoreLock(lockrecord::stop(), &held);
+    EXPECT_TRUE(held.empty());
+    lockrecord::start();
+    ASSERT_EQ(store.snapshot_close(), 0);
+    const void* closeLock = singleStoreLock(lockrecord::stop(), &held);
+    EXPECT_TRUE(held.empty());
+    // Deliberately not the operation lock: snapshots and path operations
+    // share the main connection unguarded.
+    ASSERT_NE(writeLock, nullptr);
+    EXPECT_NE(writeLock, locks.operation);
+    EXPECT_NE(writeLock, locks.space);
+    EXPECT_NE(writeLock, locks.scan);
+    EXPECT_EQ(openLock, writeLock);
+    EXPECT_EQ(closeLock, writeLock);
+
+    // init and uninit take it inside the operation lock, so neither closes the
+    // stream or replaces the connection under a snapshot call.
+    for (int round = 0; round < 2; ++round) {
+        lockrecord::start();
+        if (round == 0) {
+            EXPECT_EQ(store.init(), 0);
+        } else {
+            EXPECT_EQ(store.uninit(), 0);
+        }
+        const std::vector<Event> events = lockrecord::stop();
+        bool takenUnderOperation = false;
+        for (const Event& e : locksNamed(events, "FTPFileSystemImpl")) {
+            if (e.mutex != writeLock) continue;
+            for (const lockrecord::Held& h : e.before) {
+                if (h.mutex == locks.operation) takenUnderOperation = true;
+            }
+        }
+        EXPECT_TRUE(takenUnderOperation) << (round == 0 ? "init" : "uninit");
+    }
+}
+
 // Calibrates which mutex is which by calls that take exactly one store lock,
 // appending the events seen to `all`.
 const void* onlyLockOf(std::vector<Event>& all, const std::function<void()>& call) {
@@ -161,7 +220,7 @@ const void* onlyLockOf(std::vector<Event>& all, const std::function<void()>& cal
     return nullptr;
 }
 
-TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceAndNeverStoreWithTable) {
+TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceOrSnapshotAndNeverStoreWithTable) {
     ftptest::ScriptedFtpServer server;
     server.setListing(storetest::unixLine('-', "10", "a.dat"));
     server.putFile("/rec/in.dat", "0123456789");
@@ -173,7 +232,7 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceAndNeverStoreWi
     ASSERT_EQ(registry->addFTPFileSystem(location), 0);
 
     std::vector<Event> events;
-    std::set<const void*> scanLocks, operationLocks, spaceLocks;
+    std::set<const void*> scanLocks, operationLocks, spaceLocks, snapshotLocks;
     {
         SafePointer<FTPFileSystem> store;
         ASSERT_EQ(registry->getFTPFileSystem(location, store), 1);
@@ -184,6 +243,7 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceAndNeverStoreWi
         CountingAction action;
         // scan takes its own lock first.
         scanLocks.insert(onlyLockOf(events, [&] { store->scan("/rec", &action, ""); }));
+        snapshotLocks.insert(onlyLockOf(events, [&] { store->snapshot_close(); }));
 
         lockrecord::start();
         EXPECT_EQ(store->createDir("/rec"), 0);
@@ -207,7 +267,9 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceAndNeverStoreWi
     ASSERT_EQ(spaceLocks.size(), 1u);
     ASSERT_EQ(operationLocks.size(), 1u);
     ASSERT_EQ(scanLocks.size(), 1u);
+    ASSERT_EQ(snapshotLocks.size(), 1u);
     ASSERT_EQ(spaceLocks.count(nullptr), 0u);
+    ASSERT_EQ(snapshotLocks.count(nullptr), 0u);
 
     auto category = [](const std::string& file) -> std::string {
         if (file == "FTPFileSystemManager") return "registry";
@@ -220,6 +282,7 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceAndNeverStoreWi
         if (scanLocks.count(mutex)) return 1;
         if (operationLocks.count(mutex)) return 2;
         if (spaceLocks.count(mutex)) return 3;
+        if (snapshotLocks.count(mutex)) return 4;
         return 0;
     };
     int storeUnderRegistry = 0;
@@ -241,6 +304,8 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceAndNeverStoreWi
                 ++nestedStoreLocks;
                 EXPECT_LT(rank(h.mutex), rank(e.mutex)) << describe(e);
                 EXPECT_NE(rank(e.mutex), 0) << describe(e);
+                // The space and snapshot locks are never held together.
+                EXPECT_FALSE(rank(h.mutex) == 3 && rank(e.mutex) == 4) << describe(e);
             }
         }
     }

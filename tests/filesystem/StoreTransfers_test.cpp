@@ -1,11 +1,17 @@
 // Whole-file copies (Get, Put) and the snapshot stream against the scripted
 // server: the exact lines sent, the bytes on both sides, and what is left when
 // a transfer fails.
+#include <dirent.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "filesystem/FTPFileSystemImpl.h"
@@ -149,6 +155,31 @@ TEST_F(StoreTransfers, PutFailsWhenTheFinalReplyRefusesTheFile) {
     EXPECT_EQ(store->Put(source.c_str(), "/rec/up.ts"), -1);
 }
 
+TEST_F(StoreTransfers, LocalNamesOutsideAsciiAreUsedByExactlyTheirUtf8Bytes) {
+    // Two-, three- and four-byte characters (the last one outside the basic
+    // plane): the wide conversion must round-trip each to the same bytes.
+    const std::string sourceName = "cam-\xF0\x9F\x93\xB7-\xD0\xB2\xD0\xB8\xD0\xB4-\xE3\x82\xAB.ts";
+    const std::string targetName = "zur\xC3\xBC" "ck-\xF0\x9F\x8E\xA5.ts";
+    const std::string bytes = patternBytes(10000, 21);
+    ASSERT_TRUE(writeLocalFile(local.file(sourceName), bytes));
+    EXPECT_EQ(store->Put(local.file(sourceName).c_str(), "/rec/u.ts"), 0);
+    EXPECT_TRUE(server.file("/rec/u.ts") == std::optional<std::string>(bytes));
+    EXPECT_EQ(store->Get(local.file(targetName).c_str(), "/rec/u.ts"), 0);
+    std::string copied;
+    ASSERT_TRUE(readLocalFile(local.file(targetName), &copied));
+    EXPECT_TRUE(copied == bytes);
+    // Nothing was created under a mangled name.
+    std::set<std::string> names;
+    if (DIR* dir = opendir(local.path().c_str())) {
+        for (struct dirent* entry = readdir(dir); entry != nullptr; entry = readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") names.insert(name);
+        }
+        closedir(dir);
+    }
+    EXPECT_EQ(names, (std::set<std::string>{sourceName, targetName}));
+}
+
 // --- Snapshots ----------------------------------------------------------------------
 
 TEST_F(StoreTransfers, ASnapshotWrittenInOddPiecesArrivesWhole) {
@@ -239,6 +270,59 @@ TEST_F(StoreTransfers, UninitEndsAnOpenSnapshotBeforeQuitting) {
     EXPECT_EQ(server.commands(),
               (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /snap/8.jpg", "QUIT"}));
     EXPECT_EQ(store->snapshot_close(), -1);
+}
+
+TEST_F(StoreTransfers, InitAgainWithAnOpenSnapshotEndsItKeepingItsBytesAndLogsInAfresh) {
+    ASSERT_EQ(store->init(), 0);
+    ASSERT_EQ(store->snapshot_open("/snap/10.jpg", 0), 0);
+    ASSERT_EQ(store->snapshot_write("before", 6), 6);
+    EXPECT_EQ(store->init(), 0);
+    EXPECT_EQ(server.file("/snap/10.jpg"), std::optional<std::string>("before"));
+    EXPECT_EQ(server.commandsOn(1), (Commands{"USER rec", "PASS pw", "TYPE I", "PASV",
+                                              "STOR /snap/10.jpg"}));
+    EXPECT_EQ(server.commandsOn(2), (Commands{"USER rec", "PASS pw"}));
+    EXPECT_EQ(store->snapshot_close(), -1);
+    // The new connection takes a new snapshot.
+    ASSERT_EQ(store->snapshot_open("/snap/11.jpg", 0), 0);
+    EXPECT_EQ(store->snapshot_write("after", 5), 5);
+    EXPECT_EQ(store->snapshot_close(), 0);
+    EXPECT_EQ(server.file("/snap/11.jpg"), std::optional<std::string>("after"));
+}
+
+TEST_F(StoreTransfers, UninitWhileAnotherThreadWritesASnapshotKeepsEveryAcceptedByte) {
+    // The recorder may release the store from one thread while its snapshot
+    // thread is still writing: the writer must see the stream end (-1), never
+    // a closed record, and every byte it was told was taken must be stored.
+    ASSERT_EQ(store->init(), 0);
+    ASSERT_EQ(store->snapshot_open("/snap/race.jpg", 0), 0);
+    const std::string bytes = patternBytes(4 * 1024 * 1024, 12);
+    std::atomic<size_t> accepted{0};
+    std::atomic<int> last{0};
+    testing::internal::CaptureStdout();
+    std::thread writer([&] {
+        size_t done = 0;
+        for (int round = 0; done < bytes.size() && round < 100000; ++round) {
+            const size_t chunk = std::min<size_t>(4096, bytes.size() - done);
+            const int n = store->snapshot_write(bytes.data() + done, static_cast<unsigned int>(chunk));
+            last = n;
+            if (n < 0) break;
+            done += static_cast<size_t>(n);
+            accepted = done;
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (accepted.load() == 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(store->uninit(), 0);
+    writer.join();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(store->snapshot_write("x", 1), -1);
+    const std::optional<std::string> stored = server.file("/snap/race.jpg");
+    ASSERT_TRUE(stored.has_value());
+    EXPECT_EQ(stored->size(), accepted.load());
+    const std::string expected = bytes.substr(0, accepted.load());
+    EXPECT_TRUE(*stored == expected) << "writer's last result " << last.load();
 }
 
 TEST_F(StoreTransfers, DestroyingAStoreWithAnOpenSnapshotKeepsTheBytesWritten) {
