@@ -3,6 +3,7 @@
 // of texts too long for the store's fixed fields.
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -173,6 +174,27 @@ TEST_F(StoreLifecycle, DiskSpaceFiguresAreWholeMebibytesOfTheAccount) {
     impl.getDiskSpaceInfo(first, second);
     EXPECT_EQ(second, -1);
     EXPECT_EQ(server.connectionCount(), 0);
+}
+
+TEST_F(StoreLifecycle, ADiskSpaceFigureBeyondTheRecordersLongStaysAtItsLimit) {
+    // 2^32 MiB either way: more than a 32-bit long holds, so on the recorder
+    // the figure stops at the long's limit instead of wrapping; where long is
+    // wider it is exact.
+    FTPFileSystemImpl impl(server.address().c_str(), "rec", "pw", 1024);
+    const long long mebibytes = 1LL << 32;
+    const long long bytes = mebibytes * 1048576LL;
+    const long largest = std::numeric_limits<long>::max();
+    const long smallest = std::numeric_limits<long>::min();
+    long first = -1;
+    long second = -1;
+    impl.updateSpaceInfo(bytes, true);
+    impl.getDiskSpaceInfo(first, second);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, mebibytes > largest ? largest : static_cast<long>(mebibytes));
+    impl.updateSpaceInfo(2 * bytes, false);
+    impl.getDiskSpaceInfo(first, second);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, -mebibytes < smallest ? smallest : static_cast<long>(-mebibytes));
 }
 
 TEST_F(StoreLifecycle, TheFacadeReportsTheSameSpaceFiguresAndReturnsZero) {
