@@ -111,6 +111,17 @@ TEST_F(Registry, ADifferentPasswordOrParentDirectoryIsAnotherDisk) {
     EXPECT_TRUE(out.isNull());
 }
 
+TEST_F(Registry, AFailedLookupLeavesTheCallersReferenceAsItWas) {
+    ASSERT_EQ(add(location("/rec/a")), 0);
+    SafePointer<FTPFileSystem> out;
+    ASSERT_EQ(registry->getFTPFileSystem(location("/rec/a"), out), 1);
+    FTPFileSystem* const before = out.get();
+    EXPECT_EQ(registry->getFTPFileSystem(location("/rec/a", "rec(other)"), out), 0);
+    EXPECT_EQ(out.get(), before);
+    EXPECT_EQ(registry->getFTPFileSystem("not a location", out), 0);
+    EXPECT_EQ(out.get(), before);
+}
+
 TEST_F(Registry, ALocationWrittenWithBackslashesMatchesTheSameWithSlashes) {
     ASSERT_EQ(add(location("/rec/a")), 0);
     SafePointer<FTPFileSystem> registered;

@@ -203,6 +203,23 @@ TEST_F(StoreLifecycle, TheFacadeReportsTheSameSpaceFiguresAndReturnsZero) {
     EXPECT_EQ(store->getDiskSpaceInfo(first, second), 0);
     EXPECT_EQ(first, 0);
     EXPECT_EQ(second, 0);
+    // Bytes written through a handle of the facade raise the figure it reports.
+    const std::string bytes = storetest::patternBytes(2 * 1048576 + 5, 8);
+    const int handle = store->open("/rec/seg.ts", 2);
+    ASSERT_GE(handle, 1);
+    size_t done = 0;
+    for (int round = 0; done < bytes.size() && round < 10000; ++round) {
+        const int n = store->write(handle, bytes.data() + done,
+                                   static_cast<unsigned int>(bytes.size() - done));
+        if (n <= 0) break;
+        done += static_cast<size_t>(n);
+    }
+    ASSERT_EQ(done, bytes.size());
+    EXPECT_EQ(store->close(handle), 0);
+    first = -1;
+    EXPECT_EQ(store->getDiskSpaceInfo(first, second), 0);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 2);
 }
 
 // --- Texts that must fit the fixed fields ---------------------------------------
