@@ -128,8 +128,9 @@ public:
 
     // --- Single commands ----------------------------------------------------
     // Each sends its line(s) and judges the reply by its first digit; a null
-    // or overlong argument is refused before anything is sent and leaves
-    // `response` as it was.
+    // argument is refused before anything is sent, an overlong one before the
+    // line that would carry it (for moveFile's destination and deleteFile's
+    // path that is after the earlier lines went out).
     int cd(const char* dir);  // "" means "/"
     int cdup();
     int mkdir(const char* dir);
@@ -142,7 +143,8 @@ public:
     int moveFile(const char* from, const char* to);
     // Changes into the file's directory ("CWD /", "CWD <dir>", outcomes
     // ignored) when the path holds a "/", then "DELE <name>". The connection
-    // is left in that directory.
+    // is left in that directory. A path over 250 characters is refused after
+    // the changes of directory, before "DELE".
     int deleteFile(const char* path);
 
     // The control record (null while not connected) and its last reply text

@@ -1,7 +1,9 @@
 // FTPTool: single commands (directories, site commands, sizes, renames and
 // deletions). Each builds one line in a zeroed 256-byte buffer and judges the
 // reply by its first digit. An argument that would not fit is refused before
-// anything is sent, leaving `response` as it was.
+// the line that carries it is sent, leaving `response` as that line found it:
+// RNTO's after RNFR has gone out, deleteFile's after its changes of directory,
+// every other before anything is sent.
 //
 // Two limits apply to every line: the command's own (argument length plus the
 // command word, blank and terminator within 256 bytes) and Sendcmd's (at most
@@ -131,12 +133,12 @@ int FTPTool::moveFile(const char* from, const char* to) {
 
 // "/d/e/a.txt" sends "CWD /", "CWD /d/e", "DELE a.txt"; the connection stays
 // in the file's directory afterwards. A path without "/" is deleted where the
-// connection stands.
+// connection stands. The length of the whole path is checked only once the
+// directory has been changed, just before "DELE": a path too long to delete
+// still moves the connection (callers set their working directory again
+// before relying on it).
 int FTPTool::deleteFile(const char* path) {
     if (path == NULL || controlBuf == NULL) return 0;
-    // Refused before anything goes out, so that a path that cannot be
-    // deleted does not move the working directory either.
-    if (!fits(strlen(path), 6)) return 0;
     std::string whole(path);
     std::string name = whole;
     std::string::size_type slash = whole.rfind('/');
@@ -150,6 +152,7 @@ int FTPTool::deleteFile(const char* path) {
         Sendcmd(line, '2');
         name = whole.substr(slash + 1);
     }
+    if (!fits(whole.size(), 6)) return 0;
     memset(line, 0, sizeof line);
     snprintf(line, sizeof line, "DELE %s", name.c_str());
     return Sendcmd(line, '2');

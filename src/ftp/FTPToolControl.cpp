@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <netdb.h>
 #include <poll.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,7 +15,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <climits>
 #include <string>
 
 #include "ftp/FTPToolInternal.h"
@@ -22,19 +22,23 @@
 
 namespace ftptool {
 
-int waitFor(int fd, short events, NetBufWaitTime limit) {
+int waitFor(int fd, short events, NetBufWaitTime limit, short* revents) {
+    if (revents != NULL) *revents = 0;
     if (fd < 0 || limit.seconds < 0 || limit.microseconds < 0) return -1;
-    // Whole milliseconds, rounded up so that a wait never ends before its
-    // limit; a limit that does not fit an int waits as long as poll can.
-    long long ms = static_cast<long long>(limit.seconds) * 1000 +
-                   (static_cast<long long>(limit.microseconds) + 999) / 1000;
-    if (ms > INT_MAX) ms = INT_MAX;
+    // Microseconds of a second or more carry into the seconds; a limit past
+    // what a 32-bit time_t holds waits as long as it can.
+    int64_t seconds = static_cast<int64_t>(limit.seconds) + limit.microseconds / 1000000;
+    if (seconds > INT32_MAX) seconds = INT32_MAX;
+    struct timespec wait;
+    wait.tv_sec = static_cast<time_t>(seconds);
+    wait.tv_nsec = static_cast<long>(limit.microseconds % 1000000) * 1000L;
     struct pollfd p;
     p.fd = fd;
     p.events = events;
     p.revents = 0;
-    int n = ::poll(&p, 1, static_cast<int>(ms));
+    int n = ::ppoll(&p, 1, &wait, NULL);
     if (n > 0 && (p.revents & POLLNVAL)) return -1;
+    if (n > 0 && revents != NULL) *revents = p.revents;
     return n;
 }
 
@@ -266,7 +270,9 @@ int FTPTool::Readresp(char expected, NetBuf* connection) {
     // A time-out before any byte leaves `response` as it was, so the previous
     // reply is judged again; that is how this client has always behaved.
     if (Readline(connection->response, kNetBufResponseSize, connection) == -1) return 0;
-    if (connection->response[3] == '-') {
+    // Only a line of at least four characters has a fourth one; the bytes
+    // behind a shorter line's terminator are left over from earlier replies.
+    if (strnlen(connection->response, 4) == 4 && connection->response[3] == '-') {
         // "220-Welcome" ... "220 ready": read until a line opens with the code
         // and a blank. Silence inside the reply is waited out, but only for as
         // long as the socket's own receive limit, so that a server that stops

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <poll.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,15 +26,21 @@ const int32_t kAcceptSeconds = 5;
 
 // Adds a read or written amount to the record and calls the progress
 // callback once more than `callbackBytes` have moved since the last call.
+// The counters are signed 32-bit and one data connection can move more than
+// 2 GiB (a recording streamed for hours): `transferred` wraps around modulo
+// 2^32 rather than overflowing, and the distance to the next callback is
+// worked out in 64 bits so that no call is lost at the wrap.
 void account(NetBuf* data, int moved) {
     if (moved <= 0) return;
-    data->transferred += moved;
+    data->transferred = static_cast<int32_t>(static_cast<uint32_t>(data->transferred) +
+                                             static_cast<uint32_t>(moved));
     if (data->progressCallback != NULL && data->callbackBytes != 0) {
-        data->sinceCallback += moved;
-        if (data->sinceCallback > data->callbackBytes) {
+        int64_t since = static_cast<int64_t>(data->sinceCallback) + moved;
+        if (since > data->callbackBytes) {
             data->progressCallback(data, data->transferred, data->progressArg);
-            data->sinceCallback = 0;
+            since = 0;
         }
+        data->sinceCallback = static_cast<int32_t>(since);
     }
 }
 
@@ -339,18 +346,14 @@ int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
 
 int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
     if (data == NULL || milliseconds < 0) return -2;
-    struct pollfd ready;
-    ready.fd = data->handle;
-    ready.events = POLLOUT | POLLPRI;
-    ready.revents = 0;
-    NetBufWaitTime limit = ftpAioWaitTime(milliseconds);
-    int timeoutMs = limit.seconds * 1000 + (limit.microseconds + 999) / 1000;
-    int n = poll(&ready, 1, timeoutMs);
+    short revents = 0;
+    int n = ftptool::waitFor(data->handle, POLLOUT | POLLPRI, ftpAioWaitTime(milliseconds),
+                             &revents);
     if (n == 0) return -1;
-    if (n < 0 || (ready.revents & POLLNVAL)) return -2;
+    if (n < 0) return -2;
     // An error or hang-up counts as writable, as select reports it: the next
     // write then returns the error.
-    if (ready.revents & (POLLOUT | POLLERR | POLLHUP)) return 0;
+    if (revents & (POLLOUT | POLLERR | POLLHUP)) return 0;
     return -2;
 }
 

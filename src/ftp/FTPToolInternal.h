@@ -11,12 +11,14 @@ namespace ftptool {
 // terminator included).
 enum { kCommandLineSize = 256 };
 
-// Waits until `fd` is ready for `events` (poll flags) for at most `limit`.
-// Returns poll's result: 1 ready, 0 time-out, -1 error (EINTR included: a
-// signal ends the wait like an error, nothing retries). poll is used rather
-// than select so that descriptors above FD_SETSIZE, which a long-running
-// recorder can reach, never write past an fd_set.
-int waitFor(int fd, short events, NetBufWaitTime limit);
+// Waits until `fd` is ready for `events` (poll flags) for at most `limit`,
+// seconds and microseconds exactly as given (no rounding to milliseconds).
+// Returns 1 ready (the reported events in *revents when it is not null), 0
+// time-out, -1 error (EINTR included: a signal ends the wait like an error,
+// nothing retries; a negative descriptor or limit is an error too). ppoll is
+// used rather than select so that descriptors above FD_SETSIZE, which a
+// long-running recorder can reach, never write past an fd_set.
+int waitFor(int fd, short events, NetBufWaitTime limit, short* revents = 0);
 
 // Copies `text` into `connection->response`, cut to fit and terminated.
 void setResponse(NetBuf* connection, const char* text);

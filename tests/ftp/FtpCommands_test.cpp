@@ -246,15 +246,23 @@ TEST_F(FtpCommands, AFailingCwdStillSendsTheDelete) {
     EXPECT_STREQ(tool.getResponse(), "550 Not there\n");
 }
 
-TEST_F(FtpCommands, AnOverlongPathIsRefusedBeforeAnyChangeOfDirectory) {
+// The length of the whole path is checked just before "DELE": the changes of
+// directory have gone out by then, and the connection stays where they led.
+TEST_F(FtpCommands, AnOverlongPathIsRefusedAfterTheChangesOfDirectory) {
     connectAndLogin();
-    const std::string path = "/d/" + std::string(248, 'n');  // 251 characters
+    const std::string name(248, 'n');
+    const std::string path = "/d/" + name;  // 251 characters
     EXPECT_EQ(tool.deleteFile(path.c_str()), 0);
+    EXPECT_EQ(afterLogin(), (Lines{"CWD /", "CWD /d"}));
+    EXPECT_STREQ(tool.getResponse(), "250 Directory changed\n");
+    // Without a "/" nothing goes out at all.
+    EXPECT_EQ(tool.deleteFile(std::string(251, 'n').c_str()), 0);
     EXPECT_EQ(tool.deleteFile(nullptr), 0);
-    EXPECT_EQ(afterLogin(), Lines{});
-    const std::string fits = "/d/" + std::string(245, 'n');  // 248 characters
+    EXPECT_EQ(afterLogin(), (Lines{"CWD /", "CWD /d"}));
+    // 250 characters pass.
+    const std::string fits = "/d/" + std::string(247, 'n');
     EXPECT_EQ(tool.deleteFile(fits.c_str()), 1);
-    EXPECT_EQ(afterLogin(), (Lines{"CWD /", "CWD /d", "DELE " + std::string(245, 'n')}));
+    EXPECT_EQ(afterLogin(), (Lines{"CWD /", "CWD /d", "CWD /", "CWD /d", "DELE " + std::string(247, 'n')}));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -225,6 +226,24 @@ TEST_F(FtpControl, AMultiLineReplyThatStopsHalfWayFailsAfterTheReceiveLimit) {
     server.queueReply("CWD", cut);
     EXPECT_EQ(tool.cd("/d"), 0);
     EXPECT_STREQ(tool.getResponse(), "250-first line\n");
+}
+
+// Only a line of four characters or more can open a multi-line reply; a
+// shorter one must not be judged by what an earlier, longer reply left behind
+// its terminator.
+TEST_F(FtpControl, ALineShorterThanFourCharactersNeverOpensAMultiLineReply) {
+    connectAndLogin();
+    shortenWait(100);
+    tool.setTimeOutLen(tool.getControlBuf(), 1, 1);
+    snprintf(tool.getControlBuf()->response, kNetBufResponseSize, "250-earlier reply\n");
+    Reply shortLine("2\n");
+    shortLine.raw = true;
+    server.queueReply("NOOP", shortLine);
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
+    EXPECT_STREQ(tool.getResponse(), "2\n");
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
+    EXPECT_STREQ(tool.getResponse(), "200 OK\n") << "the second NOOP gets its own reply";
+    EXPECT_EQ(afterLogin(), (Lines{"NOOP", "NOOP"}));
 }
 
 TEST_F(FtpControl, AMultiLineReplyCutByTheServerClosingFails) {
