@@ -16,7 +16,7 @@
 
 #include "foundation/SafePointer.h"
 #include "host/StringHandler.h"
-#include "host/StringParser.h"
+#include "listing/LineWords.h"
 #include "listing/FTPFileDescriptor.h"
 #include "listing/ListingSize.h"
 #include "listing/ListingStyle.h"
@@ -54,9 +54,9 @@ inline int32_t referenceSize(const std::string& word) {
 inline void checkStyle(const std::vector<std::string>& lines) {
     const int style = detectListingStyle(lines);
     int expected = FTPConst::kListingUnknown;
-    StringParser parser;
+    FTPConst::LineWords parser;
     for (size_t i = 0; i < lines.size(); ++i) {
-        const int words = parser.Split(lines[i].c_str(), " ");
+        const int words = parser.split(lines[i]);
         if (words == 4) {
             expected = FTPConst::kListingDos;
             break;

@@ -14,19 +14,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     checkTotal(entries, 17, total);
 
     // Walk the lines again and match each kept one to its entry.
-    StringParser words;
+    FTPConst::LineWords words;
     size_t next = 0;
     for (size_t i = 0; i < lines.size(); ++i) {
         if (lines[i].empty()) continue;
-        words.Split(lines[i].c_str(), " ");
-        const std::string name = words.getItem(8);
+        words.split(lines[i]);
+        const std::string name = words.word(8);
         if (!name.empty() && name[0] == '.') continue;
         check(next < entries.size(), "every kept line has an entry");
         const FTPConst::FTPFileDescriptor& entry = *entries[next++];
-        const std::string permissions = words.getItem(0);
+        const std::string permissions = words.word(0);
         const int type = permissions.empty() ? 0 : static_cast<unsigned char>(permissions[0]);
         check(entry.type == type, "type is the first byte of word 0");
-        check(entry.size == referenceSize(words.getItem(4)), "size is word 4 as strtoll reads it");
+        check(entry.size == referenceSize(words.word(4)), "size is word 4 as strtoll reads it");
         check(entry.name == name, "name is word 8");
         check(entry.name.find(' ') == std::string::npos, "names hold no blank");
     }

@@ -11,5 +11,5 @@ KDMutex::~KDMutex() { delete impl; }
 
 // The source name and line are the recorder's lock diagnostics; the POSIX host
 // has none and ignores them.
-void KDMutex::Lock(const char* /*file*/, int /*line*/) { impl->mutex.lock(); }
-void KDMutex::Unlock(const char* /*file*/, int /*line*/) { impl->mutex.unlock(); }
+void KDMutex::Lock(char* /*file*/, int /*line*/) { impl->mutex.lock(); }
+void KDMutex::Unlock(char* /*file*/, int /*line*/) { impl->mutex.unlock(); }

@@ -64,7 +64,7 @@ int ref_count::lock() {
 
 void ref_count::unLock() { pthread_mutex_unlock(&state->mutex); }
 
-void* ref_count::getPointer() const { return state->pointer; }
+void* ref_count::getPointer() { return state->pointer; }
 
 int ref_count::inc_reference() const {
     if (state->count <= 0) {

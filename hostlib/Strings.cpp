@@ -84,18 +84,16 @@ std::string wchar2utf8(const wchar_t* wide) {
 StringParser::StringParser() {}
 StringParser::~StringParser() {}
 
-int StringParser::Split(const char* text, const char* separator) {
-    return Split(text, text != nullptr ? static_cast<unsigned int>(std::strlen(text)) : 0, separator);
-}
-
-int StringParser::Split(const char* text, unsigned int length, const char* separator) {
+int StringParser::Split(char* text, char* separator) {
     starts_.clear();
     lengths_.clear();
     if (text == nullptr) {
         buffer_.clear();
         return 0;
     }
-    buffer_.assign(text, length);
+    // The words are kept in a copy, so this host never writes to the text.
+    buffer_.assign(text);
+    const std::size_t length = buffer_.size();
     const char* sep = (separator != nullptr && *separator != 0) ? separator : " ";
     const std::size_t sepLength = std::strlen(sep);
     const char* data = buffer_.data();
@@ -133,20 +131,11 @@ int StringParser::Split(const char* text, unsigned int length, const char* separ
     return static_cast<int>(starts_.size());
 }
 
-unsigned int StringParser::Getcount() const { return static_cast<unsigned int>(starts_.size()); }
+unsigned int StringParser::Getcount() { return static_cast<unsigned int>(starts_.size()); }
 
-std::string StringParser::getItem(unsigned int index) const {
+std::string StringParser::getItem(unsigned int index) {
     if (index >= starts_.size()) return std::string();
     return buffer_.substr(starts_[index], lengths_[index]);
-}
-
-const char* StringParser::getItemPointer(unsigned int index, unsigned int* length) const {
-    if (index >= starts_.size()) {
-        if (length != nullptr) *length = 0;
-        return "";
-    }
-    if (length != nullptr) *length = lengths_[index];
-    return buffer_.data() + starts_[index];
 }
 
 void StringHandler::split(const std::string& text, std::vector<std::string>& parts,

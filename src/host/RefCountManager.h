@@ -50,7 +50,7 @@ public:
     void unLock();
 
     // The object the record was created for.
-    void* getPointer() const;
+    void* getPointer();
 
     // Adds one holder. Non-zero on success; zero when the count had already
     // reached zero (the object is gone).

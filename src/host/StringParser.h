@@ -2,9 +2,10 @@
 //
 // Split("01-15-20  10:30AM       512 a.dat", " ") gives 4 words: "01-15-20",
 // "10:30AM", "512", "a.dat". A run of separators counts as one, and leading or
-// trailing separators give no empty words. The text is copied once into the
-// parser's own buffer, which is reused by the next Split. One object is used by
-// one thread at a time.
+// trailing separators give no empty words. The signatures are the recorder's
+// own: Split takes writable text and may use it in place, so the caller keeps
+// the text unchanged and alive until it has read the words. One object is used
+// by one thread at a time.
 #ifndef FTPDISK_HOST_STRINGPARSER_H
 #define FTPDISK_HOST_STRINGPARSER_H
 
@@ -18,17 +19,14 @@ public:
     StringParser();
     ~StringParser();
 
-    // Splits `text` at every occurrence of `separator` (a whole string; an empty
-    // or null separator splits at blanks). Returns the number of words.
-    int Split(const char* text, const char* separator);
-    int Split(const char* text, unsigned int length, const char* separator);
+    // Splits the zero-terminated `text` at every occurrence of `separator` (a
+    // whole string; an empty or null separator splits at blanks). Returns the
+    // number of words; a null text gives none.
+    int Split(char* text, char* separator);
 
-    unsigned int Getcount() const;
+    unsigned int Getcount();
     // The word at `index`; an empty word past the last one.
-    std::string getItem(unsigned int index) const;
-    // The same word without copying: pointer into the parser's buffer (valid
-    // until the next Split) and its length; "" and 0 past the last word.
-    const char* getItemPointer(unsigned int index, unsigned int* length) const;
+    std::string getItem(unsigned int index);
 
 private:
     std::string buffer_;

@@ -46,7 +46,7 @@ struct KDMutex::Impl {
 KDMutex::KDMutex() : impl(new Impl) {}
 KDMutex::~KDMutex() { delete impl; }
 
-void KDMutex::Lock(const char* file, int line) {
+void KDMutex::Lock(char* file, int line) {
     const std::string name = file != nullptr ? file : "";
     {
         std::lock_guard<std::mutex> guard(lockrecord::recordMutex());
@@ -59,7 +59,7 @@ void KDMutex::Lock(const char* file, int line) {
     lockrecord::heldByThisThread.push_back(lockrecord::Held{this, name});
 }
 
-void KDMutex::Unlock(const char* file, int line) {
+void KDMutex::Unlock(char* file, int line) {
     std::vector<lockrecord::Held>& held = lockrecord::heldByThisThread;
     for (size_t i = held.size(); i > 0; --i) {
         if (held[i - 1].mutex == this) {

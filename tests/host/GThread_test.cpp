@@ -207,6 +207,9 @@ TEST(KDMutex, KeepsConcurrentIncrementsFromBeingLost) {
     EXPECT_EQ(static_cast<long>(kThreads) * kRounds, counter);
 }
 
+// The host's Lock and Unlock take the source name as writable text.
+char kSite[] = "GThread_test";
+
 TEST(KDMutex, TheScopedHolderReleasesWhenAnExceptionLeavesTheScope) {
     KDMutex mutex;
     try {
@@ -215,8 +218,8 @@ TEST(KDMutex, TheScopedHolderReleasesWhenAnExceptionLeavesTheScope) {
     } catch (const std::runtime_error&) {
     }
     std::future<bool> other = std::async(std::launch::async, [&] {
-        mutex.Lock("GThread_test", __LINE__);
-        mutex.Unlock("GThread_test", __LINE__);
+        mutex.Lock(kSite, __LINE__);
+        mutex.Unlock(kSite, __LINE__);
         return true;
     });
     ASSERT_EQ(std::future_status::ready, other.wait_for(std::chrono::seconds(30)));
@@ -226,7 +229,7 @@ TEST(KDMutex, TheScopedHolderReleasesWhenAnExceptionLeavesTheScope) {
 TEST(KDMutex, LockBlocksAnotherThreadUntilUnlock) {
     KDMutex mutex;
     std::atomic<bool> entered{false};
-    mutex.Lock("GThread_test", __LINE__);
+    mutex.Lock(kSite, __LINE__);
     std::thread other([&] {
         KDMutexLocker guard(mutex, "GThread_test", __LINE__);
         entered.store(true);
@@ -235,7 +238,7 @@ TEST(KDMutex, LockBlocksAnotherThreadUntilUnlock) {
     // look, since proving a negative needs no exact time.
     for (int i = 0; i < 1000; ++i) std::this_thread::yield();
     EXPECT_FALSE(entered.load());
-    mutex.Unlock("GThread_test", __LINE__);
+    mutex.Unlock(kSite, __LINE__);
     other.join();
     EXPECT_TRUE(entered.load());
 }

@@ -2,7 +2,9 @@
 //
 // Every lock of the module is a KDMutex taken with the caller's source name and
 // line, which the host uses for its lock diagnostics. Not recursive. Lock and
-// Unlock must be called by the same thread.
+// Unlock must be called by the same thread. The signatures are the recorder's
+// own (a non-const char* for the source name); the module never passes a
+// name the host could write to, and calls them only through KDMutexLocker.
 #ifndef FTPDISK_HOST_TECHNIC_KDMUTEX_H
 #define FTPDISK_HOST_TECHNIC_KDMUTEX_H
 
@@ -14,8 +16,8 @@ public:
     KDMutex();
     ~KDMutex();
 
-    void Lock(const char* file, int line) FTPDISK_ACQUIRE();
-    void Unlock(const char* file, int line) FTPDISK_RELEASE();
+    void Lock(char* file, int line) FTPDISK_ACQUIRE();
+    void Unlock(char* file, int line) FTPDISK_RELEASE();
 
 private:
     KDMutex(const KDMutex&);
@@ -32,9 +34,12 @@ class FTPDISK_SCOPED_CAPABILITY KDMutexLocker {
 public:
     KDMutexLocker(KDMutex& mutex, const char* file, int line) FTPDISK_ACQUIRE(mutex)
         : mutex_(mutex) {
-        mutex_.Lock(file, line);
+        mutex_.Lock(const_cast<char*>(file), line);
     }
-    ~KDMutexLocker() FTPDISK_RELEASE() { mutex_.Unlock("technic/KDMutex", 71); }
+    ~KDMutexLocker() FTPDISK_RELEASE() {
+        static char unlockSite[] = "technic/KDMutex";
+        mutex_.Unlock(unlockSite, 71);
+    }
 
 private:
     KDMutexLocker(const KDMutexLocker&);
