@@ -512,7 +512,6 @@ std::string unpackedVersion(const char* folder) {
 }
 
 struct Column {
-    FtpServerKind kind;
     std::unique_ptr<RealFtpServer> server;
     std::unique_ptr<FTPFileSystem> store;
 };
@@ -585,7 +584,6 @@ int run(std::ostream& out, std::string* problems) {
     std::vector<Column> columns;
     for (FtpServerKind kind : allFtpServerKinds()) {
         Column column;
-        column.kind = kind;
         column.server.reset(new RealFtpServer(kind));
         if (!column.server->ready()) {
             *problems += column.server->failure() + "\n";

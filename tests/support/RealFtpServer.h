@@ -42,8 +42,9 @@ struct RealFtpServerOptions {
 
 class RealFtpServer {
 public:
-    // Starts the server and waits (at most about 10 s) until it accepts a
-    // connection and greets with a 220 reply.
+    // Starts the server and waits until it accepts a connection and greets
+    // with a 220 reply: at most 10 s per try, three tries with fresh ports
+    // (another process may take a port between choosing and binding it).
     explicit RealFtpServer(FtpServerKind kind,
                            RealFtpServerOptions options = RealFtpServerOptions());
     ~RealFtpServer();
@@ -81,7 +82,8 @@ public:
     // here get the FTP user's owner so that the server may change them.
     bool fileExists(const std::string& ftpPath) const;
     bool dirExists(const std::string& ftpPath) const;
-    // The whole file; false when it cannot be read.
+    // The whole file into *bytes; false, with *bytes untouched, when it
+    // cannot be read.
     bool readFile(const std::string& ftpPath, std::string* bytes) const;
     bool writeFile(const std::string& ftpPath, const std::string& bytes) const;
     bool makeDir(const std::string& ftpPath) const;
