@@ -601,6 +601,40 @@ TEST_F(FtpData, AsciiWritesCrossingTheBufferSizeKeepEveryByte) {
     }
 }
 
+// When the socket stops taking bytes, Writeline reports how much of the
+// input has gone out in full, so that a caller who goes on from there loses
+// nothing: bytes still in the line buffer are not counted as written.
+TEST_F(FtpData, AnAsciiWriteThatStallsCountsOnlyTheInputWhoseOutputWentOut) {
+    connectAndLogin();
+    Reply r;
+    r.dataStall = Millis(20000);
+    server.queueReply("STOR", r);
+    NetBuf* d = nullptr;
+    ASSERT_EQ(tool.dataConnect("/stall.txt", kFtpStor, 'A', &d), 1);
+    // A fixed send buffer, so that readiness ends long before a send could
+    // block, and a short readiness wait.
+    int sendBuffer = 1 << 20;
+    ASSERT_EQ(setsockopt(d->handle, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer), 0);
+    d->idleTime = NetBufWaitTime{0, 200000};
+    std::string input;
+    std::mt19937 gen(10);
+    while (input.size() < (32u << 20)) {
+        input += std::string(gen() % 100, static_cast<char>('a' + gen() % 26));
+        input += (gen() % 2 == 0) ? "\r\n" : "\n";
+    }
+    int written = tool.write(input.data(), static_cast<int>(input.size()), d);
+    ASSERT_GT(written, 0);
+    ASSERT_LT(written, static_cast<int>(input.size()));
+    EXPECT_EQ(d->transferred, written);
+    server.releaseDataStalls();
+    d->idleTime = NetBufWaitTime{3, 0};
+    EXPECT_EQ(tool.closeData(d), 1);
+    const std::string expected = withCrLf(input.substr(0, static_cast<size_t>(written)));
+    ASSERT_TRUE(server.file("/stall.txt").has_value());
+    EXPECT_EQ(server.file("/stall.txt")->size(), expected.size());
+    EXPECT_TRUE(*server.file("/stall.txt") == expected);
+}
+
 class PrintFlag {
 public:
     explicit PrintFlag(bool on) { GlobalEnv::getInstance()->setPrintFlag(on); }
