@@ -199,7 +199,7 @@ int FTPTool::connect(const char* host) {
     struct sockaddr_in address;
     if (!ftpResolveAddress(host, &address)) return 0;
 
-    int fd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) return 0;
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);

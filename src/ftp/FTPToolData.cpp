@@ -186,7 +186,7 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
         }
     }
 
-    int fd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) return 0;
     int on = 1;
     struct linger noLinger;
@@ -287,7 +287,7 @@ int FTPTool::AcceptConnection(NetBuf* data) {
         return 0;
     }
     if (ready[0].revents != 0) {
-        int accepted = accept(data->handle, NULL, NULL);
+        int accepted = accept4(data->handle, NULL, NULL, SOCK_CLOEXEC);
         int error = errno;
         close(data->handle);
         if (accepted < 0) {

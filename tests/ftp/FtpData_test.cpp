@@ -758,4 +758,24 @@ TEST_F(FtpData, CloseDataAfterTheControlConnectionIsGoneReturnsZero) {
     EXPECT_EQ(tool.closeData(d), 0);
 }
 
+
+
+// The recorder may start other programs; none of them must inherit the
+// module's sockets, in passive or port mode.
+TEST_F(FtpData, EverySocketIsClosedOnExec) {
+    server.putFile("/a.bin", "abc");
+    connectAndLogin();
+    EXPECT_NE(fcntl(tool.getControlBuf()->handle, F_GETFD) & FD_CLOEXEC, 0) << "control";
+    NetBuf* d = nullptr;
+    ASSERT_EQ(tool.dataConnect("/a.bin", kFtpRetr, 'I', &d), 1) << tool.getResponse();
+    EXPECT_NE(fcntl(d->handle, F_GETFD) & FD_CLOEXEC, 0) << "passive data";
+    EXPECT_EQ(readAll(tool, d), "abc");
+    EXPECT_EQ(tool.closeData(d), 1);
+    tool.getControlBuf()->connectionMode = kNetBufPort;
+    ASSERT_EQ(tool.dataConnect("/a.bin", kFtpRetr, 'I', &d), 1) << tool.getResponse();
+    EXPECT_NE(fcntl(d->handle, F_GETFD) & FD_CLOEXEC, 0) << "accepted port-mode data";
+    EXPECT_EQ(readAll(tool, d), "abc");
+    EXPECT_EQ(tool.closeData(d), 1);
+}
+
 }  // namespace
