@@ -34,22 +34,22 @@ int FTPFileSystem::getDiskSpaceInfo(long& first, long& second) {
 int FTPFileSystem::createDir(const char* path) { return impl->createDir(path); }
 bool FTPFileSystem::isDirExist(const char* path) { return impl->isDirExist(path); }
 
-bool FTPFileSystem::getFileList(const char* dir, std::vector<std::string>& names,
+int FTPFileSystem::getFileList(const char* dir, std::vector<std::string>& names,
                                 const std::string& filter) {
-    return impl->getFileList(dir, names, filter);
+    return impl->getFileList(dir, names, filter) ? 1 : 0;
 }
 
-bool FTPFileSystem::scan(const char* dir, IFileScanAction* action, const std::string& filter) {
-    return impl->scan(dir, action, filter);
+int FTPFileSystem::scan(const char* dir, IFileScanAction* action, const std::string& filter) {
+    return impl->scan(dir, action, filter) ? 1 : 0;
 }
 
-bool FTPFileSystem::getSubDirList(const char* dir, std::vector<std::string>& names,
+int FTPFileSystem::getSubDirList(const char* dir, std::vector<std::string>& names,
                                   const std::string& filter) {
-    return impl->getSubDirList(dir, names, filter);
+    return impl->getSubDirList(dir, names, filter) ? 1 : 0;
 }
 
-bool FTPFileSystem::getTotalSize(const char* dir, long long& total) {
-    return impl->getTotalSize(dir, total);
+int FTPFileSystem::getTotalSize(const char* dir, long long& total) {
+    return impl->getTotalSize(dir, total) ? 1 : 0;
 }
 
 int FTPFileSystem::createFile(const char* path) { return impl->createFile(path); }

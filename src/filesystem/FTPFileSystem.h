@@ -40,11 +40,12 @@ public:
 
     int createDir(const char* path);
     bool isDirExist(const char* path);
-    bool getFileList(const char* dir, std::vector<std::string>& names, const std::string& filter);
-    bool scan(const char* dir, IFileScanAction* action, const std::string& filter);
-    bool getSubDirList(const char* dir, std::vector<std::string>& names,
-                       const std::string& filter);
-    bool getTotalSize(const char* dir, long long& total);
+    // The four listing calls answer 1 on success and 0 on failure as ints: the
+    // recorder reads a full int result, not a one-byte bool.
+    int getFileList(const char* dir, std::vector<std::string>& names, const std::string& filter);
+    int scan(const char* dir, IFileScanAction* action, const std::string& filter);
+    int getSubDirList(const char* dir, std::vector<std::string>& names, const std::string& filter);
+    int getTotalSize(const char* dir, long long& total);
     int createFile(const char* path);
     bool isFileExist(const char* path);
     int deleteFile(const char* path);

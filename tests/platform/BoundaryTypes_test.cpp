@@ -76,7 +76,18 @@ TEST(BoundaryTypes, TheStoreReportsLengthsAndTotalsIn64BitsAndSpaceInTheRecorder
     EXPECT_TRUE((std::is_same<decltype(&FTPFileSystem::getFileLength),
                               long long (FTPFileSystem::*)(const char*)>::value));
     EXPECT_TRUE((std::is_same<decltype(&FTPFileSystem::getTotalSize),
-                              bool (FTPFileSystem::*)(const char*, long long&)>::value));
+                              int (FTPFileSystem::*)(const char*, long long&)>::value));
+    EXPECT_TRUE((std::is_same<decltype(&FTPFileSystem::getFileList),
+                              int (FTPFileSystem::*)(const char*, std::vector<std::string>&,
+                                                     const std::string&)>::value));
+    EXPECT_TRUE((std::is_same<decltype(&FTPFileSystem::getSubDirList),
+                              int (FTPFileSystem::*)(const char*, std::vector<std::string>&,
+                                                     const std::string&)>::value));
+    EXPECT_TRUE((std::is_same<decltype(&FTPFileSystem::scan),
+                              int (FTPFileSystem::*)(const char*, IFileScanAction*,
+                                                     const std::string&)>::value));
+    EXPECT_TRUE((std::is_same<decltype(&FTPFileSystem::isDirExist),
+                              bool (FTPFileSystem::*)(const char*)>::value));
     EXPECT_TRUE((std::is_same<decltype(&FTPFileSystem::getDiskSpaceInfo),
                               int (FTPFileSystem::*)(long&, long&)>::value));
     EXPECT_TRUE((std::is_same<decltype(&FTPFileSystem::read),
