@@ -63,14 +63,12 @@ public:
     }
 
     // A destructor cannot pass an exception on (it would end the host process
-    // through std::terminate), so a count record that no longer matches is left
-    // as found and the error dropped here; every other release path throws.
-    virtual ~SafePointer() {
-        try {
-            dec_reference();
-        } catch (const KDRuntimeError&) {
-        }
-    }
+    // through std::terminate), so a release that finds the count record no
+    // longer naming this object drops the error here; every other release path
+    // throws. Unlike dec_reference it does not keep the record's lock either:
+    // the record then belongs to another live object, and a lock left held
+    // would hang every later user of that object.
+    virtual ~SafePointer() { release(false); }
 
     T* operator->() const {
         if (object == NULL) {
@@ -107,26 +105,9 @@ public:
         throw KDRuntimeError("not valid pointer in inc_reference ");
     }
 
-    // Removes this pointer's hold; the last holder deletes the object.
-    void dec_reference() {
-        if (object == NULL) {
-            return;
-        }
-        count->lock();  // result deliberately unchecked, see inc_reference
-        if (count->getPointer() == static_cast<void*>(object)) {
-            if (count->dec_reference() != 0) {
-                count->unLock();
-                return;
-            }
-            delete object;
-            object = NULL;
-            ref_count* record = count;
-            RefCountManager::getInstance()->returnbackRefCount(record, typeName());
-            record->unLock();
-            return;
-        }
-        throw KDRuntimeError("not valid pointer in dec_reference");
-    }
+    // Removes this pointer's hold; the last holder deletes the object. A
+    // record that no longer names the object throws, its lock left held.
+    void dec_reference() { release(true); }
 
     void ThrowNullPointerException(const char* text) {
         static_cast<const SafePointer*>(this)->ThrowNullPointerException(text);
@@ -143,6 +124,36 @@ public:
 
 private:
     static const char* typeName() { return typeid(T).name(); }
+
+    // dec_reference (throwOnMismatch true) and the destructor (false).
+    void release(bool throwOnMismatch) {
+        if (object == NULL) {
+            return;
+        }
+        // dec_reference deliberately does not look at the lock's result. The
+        // destructor stops when the lock is refused: the record was handed
+        // back, so its object is gone and nothing is left to release.
+        const bool locked = count->lock() == 0;
+        if (!locked && !throwOnMismatch) {
+            return;
+        }
+        if (count->getPointer() == static_cast<void*>(object)) {
+            if (count->dec_reference() != 0) {
+                count->unLock();
+                return;
+            }
+            delete object;
+            object = NULL;
+            ref_count* record = count;
+            RefCountManager::getInstance()->returnbackRefCount(record, typeName());
+            record->unLock();
+            return;
+        }
+        if (throwOnMismatch) {
+            throw KDRuntimeError("not valid pointer in dec_reference");
+        }
+        count->unLock();
+    }
 
     T* object;
     ref_count* count;

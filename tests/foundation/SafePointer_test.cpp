@@ -3,6 +3,8 @@
 // its count record handed back to the host registry.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <new>
 #include <string>
 #include <typeinfo>
@@ -70,14 +72,32 @@ std::pair<std::string, std::string> captureFailure(F action) {
     return std::make_pair(testing::internal::GetCapturedStdout(), what);
 }
 
-// Storage for a SafePointer that a test leaves stale on purpose: a stale
-// pointer's destructor would throw, so it is built in place and never
-// destroyed (it owns nothing that could leak).
+// Storage for a SafePointer that a test leaves stale on purpose: it is built
+// in place and destroyed only where a test says so (it owns nothing that could
+// leak).
 template <class T>
 struct StalePointerSlot {
     alignas(SafePointer<T>) unsigned char bytes[sizeof(SafePointer<T>)];
     SafePointer<T>* make(const SafePointer<T>& from) { return new (bytes) SafePointer<T>(from); }
 };
+
+// True when another thread can take and release `record`'s lock within a few
+// seconds. When it cannot, the lock is held by this thread (the only one that
+// touched it): it is released here so the other thread ends, and false comes
+// back.
+bool lockableFromAnotherThread(ref_count* record) {
+    std::future<int> other = std::async(std::launch::async, [record] {
+        const int refused = record->lock();
+        if (refused == 0) record->unLock();
+        return refused;
+    });
+    if (other.wait_for(std::chrono::seconds(5)) == std::future_status::ready) {
+        return other.get() == 0;
+    }
+    record->unLock();
+    other.get();
+    return false;
+}
 
 class SafePointerTest : public testing::Test {
 protected:
@@ -249,6 +269,12 @@ TEST_F(SafePointerTest, CopyingFromAPointerWhoseRecordWasHandedBackReportsAlread
     EXPECT_EQ(reportFor<Tracked>("Already destructed 2") + "\n", result.first);
     EXPECT_EQ(reportFor<Tracked>("Already destructed 2"), result.second);
     EXPECT_EQ(1, destroyed) << "nothing is deleted twice";
+
+    // Its destructor finds the record refused and releases nothing.
+    testing::internal::CaptureStdout();
+    stale->~SafePointer<Tracked>();
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(1, destroyed);
 }
 
 // A stale pointer whose record is still valid but whose count already reached
@@ -314,11 +340,13 @@ TEST_F(SafePointerTest, CopyingFromAPointerWhoseRecordNowNamesAnotherObjectThrow
     record->unLock();
 
     // Destroying the stale pointer meets the same mismatch; a destructor cannot
-    // pass the error on, so it is dropped instead of ending the process.
+    // pass the error on, so it is dropped instead of ending the process, and
+    // the other object's record is not left locked.
     testing::internal::CaptureStdout();
     stale->~SafePointer<Tracked>();
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    record->unLock();
+    EXPECT_TRUE(lockableFromAnotherThread(record))
+        << "the stale pointer's destructor left the other object's record locked";
 
     EXPECT_EQ(1, holdersOf(other.get()));
     EXPECT_EQ(0, destroyedNew);
