@@ -156,8 +156,17 @@ ref_count* RefCountManager::retrieveRefCount(void* object, const char* /*typeNam
         record->state->valid = true;
         pthread_mutex_unlock(recordLock);
         std::lock_guard<std::mutex> guard(impl->mutex);
-        impl->byObject[object] = record;
-        return record;
+        if (impl->byObject.find(object) == impl->byObject.end()) {
+            impl->byObject[object] = record;
+            return record;
+        }
+        // Another thread made the first record for this object meanwhile: one
+        // object must never have two records (each would delete it). This one
+        // was seen by nobody else; it goes back, and the caller joins the other.
+        record->state->valid = false;
+        record->state->pointer = nullptr;
+        record->state->count = 0;
+        impl->freeList.push_back(record);
     }
 }
 

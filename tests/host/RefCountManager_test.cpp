@@ -2,6 +2,10 @@
 // process-wide print flag.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "host/GlobalEnv.h"
 #include "host/RefCountManager.h"
 
@@ -98,6 +102,35 @@ TEST_F(RefCountManagerTest, AHandedBackRecordRefusesItsLockUntilHandedOutAgain) 
     EXPECT_EQ(0, again->lock());
     again->unLock();
     release(again);
+}
+
+// Threads that make the first holders of one object at the same moment must
+// all get its one record: two records would each let their last holder delete
+// the object.
+TEST_F(RefCountManagerTest, FirstRetrievesOfOneObjectRacingInFourThreadsShareOneRecord) {
+    const int kThreads = 4;
+    const int kRounds = 300;
+    for (int round = 0; round < kRounds; ++round) {
+        int object = 0;
+        std::atomic<int> ready{0};
+        std::vector<ref_count*> records(kThreads, nullptr);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                ready.fetch_add(1);
+                while (ready.load() < kThreads) std::this_thread::yield();
+                records[t] = manager->retrieveRefCount(&object, kType);
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        for (int t = 1; t < kThreads; ++t) {
+            ASSERT_EQ(records[0], records[t]) << "round " << round << ", thread " << t;
+        }
+        ASSERT_EQ(kThreads, records[0]->getCount()) << "round " << round;
+        ASSERT_EQ(before + 1, manager->liveRecords()) << "round " << round;
+        for (int t = 0; t < kThreads; ++t) release(records[t]);
+        ASSERT_EQ(before, manager->liveRecords()) << "round " << round;
+    }
 }
 
 TEST_F(RefCountManagerTest, HandingBackANullRecordIsHarmless) {
