@@ -43,8 +43,8 @@ public:
     // REQUIRES: mutex is held.
     int getFileHandleID(const char* path) FTPDISK_REQUIRES(mutex);
     // A logged-in connection, pooled or new: true with it in `out`; false when
-    // a new one could not connect or log in (`out` then holds that unusable
-    // connection or is left as it was).
+    // a new one could not connect or log in (`out` then holds that new
+    // connection, not logged in; after a refused login it has been quit).
     // REQUIRES: mutex is held.
     bool getPFTPTool(SafePointer<FTPTool>& out) FTPDISK_REQUIRES(mutex);
 

@@ -10,6 +10,7 @@
 
 #include <future>
 #include <memory>
+#include <vector>
 
 #include "ConnectionsTestUtil.h"
 #include "connections/FreeFtpToolBuff.h"
@@ -124,6 +125,46 @@ TEST_F(FreeFtpToolBuffTest, APassKeepsEntriesYoungerThanThirtySeconds) {
     runOnePass(pool);
     EXPECT_EQ(1u, pool.idleCount());
     EXPECT_FALSE(contains(server.commandsOn(1), "QUIT"));
+}
+
+TEST_F(FreeFtpToolBuffTest, APassQuitsEveryExpiredEntryIncludingOnesSideBySide) {
+    // Each erased entry's successor moves into its place and is judged too.
+    FreeFtpToolBuff pool;
+    pool.stop();
+    std::vector<SafePointer<FTPTool> > tools;
+    for (int i = 0; i < 3; ++i) {
+        tools.push_back(loggedInTool(server));  // connections 1 to 3, at wall 1000
+        pool.addFreeFTPTool(tools.back());
+    }
+    setWall(1025.0);
+    SafePointer<FTPTool> young = loggedInTool(server);  // connection 4
+    pool.addFreeFTPTool(young);
+    tools.clear();
+    setWall(1030.0);
+    runOnePass(pool);
+    EXPECT_EQ(1u, pool.idleCount());
+    for (int connection = 1; connection <= 3; ++connection) {
+        EXPECT_TRUE(contains(server.commandsOn(connection), "QUIT"))
+            << "connection " << connection << ": " << joined(server.commandsOn(connection));
+    }
+    EXPECT_FALSE(contains(server.commandsOn(4), "QUIT")) << joined(server.commandsOn(4));
+    SafePointer<FTPTool> out;
+    ASSERT_TRUE(pool.getFreeFTPTool(out));
+    EXPECT_EQ(young.get(), out.get());
+}
+
+TEST_F(FreeFtpToolBuffTest, AnExpiredEntryWhoseQuitIsRefusedIsRemovedAllTheSame) {
+    FreeFtpToolBuff pool;
+    pool.stop();
+    server.setReply("QUIT", "500 Not now.");
+    SafePointer<FTPTool> refused = loggedInTool(server);  // connection 1
+    pool.addFreeFTPTool(refused);
+    setWall(1031.0);
+    runOnePass(pool);
+    EXPECT_EQ(0u, pool.idleCount());
+    EXPECT_TRUE(contains(server.commandsOn(1), "QUIT")) << joined(server.commandsOn(1));
+    SafePointer<FTPTool> out;
+    EXPECT_FALSE(pool.getFreeFTPTool(out));
 }
 
 TEST_F(FreeFtpToolBuffTest, StartOnARunningPoolReturnsZeroAndChangesNothing) {

@@ -63,6 +63,21 @@ TEST_F(FtpFileHandleManagerTest, TheOpenFileLimitRefusesBeforeAnyTraffic) {
     EXPECT_EQ(1, files->open("/c.dat", 2));
 }
 
+TEST_F(FtpFileHandleManagerTest, TheOpenFileLimitIsCheckedBeforeANumberIsReserved) {
+    auto files = table(1, 5, 2);
+    ASSERT_EQ(1, files->open("/a.dat", 2));
+    ASSERT_EQ(2, files->open("/b.dat", 2));
+    EXPECT_EQ(-1, files->open("/c.dat", 2)) << "two open, limit two";
+    EXPECT_EQ(0, files->close(1));
+    EXPECT_EQ(0, files->close(2));
+    // Two refused transfers keep numbers 1 and 2; number 3 must still be free.
+    server.queueReply("STOR", "553 Could not create file.");
+    server.queueReply("STOR", "553 Could not create file.");
+    EXPECT_EQ(-1, files->open("/d.dat", 2));
+    EXPECT_EQ(-1, files->open("/e.dat", 2));
+    EXPECT_EQ(3, files->open("/f.dat", 2)) << "the refusal at the limit reserved a number";
+}
+
 TEST_F(FtpFileHandleManagerTest, APathAlreadyOpenIsRefusedInEveryModeWithoutReservingANumber) {
     auto files = table(1, 8, 8);
     server.putFile("/same.dat", "content");
@@ -102,6 +117,14 @@ TEST_F(FtpFileHandleManagerTest, AnOpenWhoseLoginFailsKeepsItsNumberReservedAndQ
     EXPECT_EQ(2, files->open("/a.dat", 2)) << "number 1 is never given out again";
     EXPECT_EQ(0, files->close(2));
     EXPECT_EQ(2, files->open("/b.dat", 2)) << "still not 1";
+}
+
+TEST_F(FtpFileHandleManagerTest, ClosingANumberKeptByAFailedOpenFreesItForTheNextOpen) {
+    auto files = table(1, 8, 8);
+    server.queueReply("PASS", "530 Login incorrect.");
+    EXPECT_EQ(-1, files->open("/a.dat", 2));
+    EXPECT_EQ(0, files->close(1)) << "a known number with no open file closes as a no-op";
+    EXPECT_EQ(1, files->open("/a.dat", 2)) << "and is free again";
 }
 
 TEST_F(FtpFileHandleManagerTest, AnOpenThatCannotConnectFailsAndKeepsItsNumberReserved) {

@@ -3,6 +3,7 @@
 // unusable.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -126,6 +127,52 @@ TEST(FtpFileHandler, AFailedReadMarksTheConnectionUnusable) {
     EXPECT_FALSE(tool->getUsable()) << "the flag outlives the transfer";
 }
 
+// The server takes 10 bytes and closes the data connection; once the reset
+// reaches the client a write fails, and the connection is marked unusable.
+TEST(FtpFileHandler, AFailedWriteMarksTheConnectionUnusable) {
+    ftptest::ScriptedFtpServer server;
+    ftptest::Reply cut("150 Opening data connection");
+    cut.closeDataAfter = 10;
+    cut.finalText = "426 Transfer aborted";
+    server.queueReply("STOR", cut);
+    SafePointer<FTPTool> tool = loggedInTool(server);
+    FtpFileHandler handler(tool, 2, 1, "/cut.dat");
+    ASSERT_TRUE(handler.open("", "", ""));
+    const std::string chunk(65536, 'w');
+    int result = 0;
+    for (int i = 0; i < 200 && result >= 0; ++i) {
+        result = handler.write(chunk.data(), static_cast<unsigned int>(chunk.size()));
+        if (result >= 0) {
+            EXPECT_TRUE(tool->getUsable()) << "write " << i << " gave " << result;
+        }
+    }
+    ASSERT_LT(result, 0) << "no write failed";
+    EXPECT_FALSE(tool->getUsable());
+    EXPECT_EQ(-1, handler.close());
+}
+
+TEST(FtpFileHandler, AFailedAioWriteMarksTheConnectionUnusable) {
+    ftptest::ScriptedFtpServer server;
+    ftptest::Reply cut("150 Opening data connection");
+    cut.closeDataAfter = 10;
+    cut.finalText = "426 Transfer aborted";
+    server.queueReply("STOR", cut);
+    SafePointer<FTPTool> tool = loggedInTool(server);
+    FtpFileHandler handler(tool, 2, 1, "/cut.dat");
+    ASSERT_TRUE(handler.open("", "", ""));
+    const std::string chunk(65536, 'a');
+    int result = 0;
+    for (int i = 0; i < 2000 && result >= 0; ++i) {
+        result = handler.aioWrite(chunk.data(), static_cast<unsigned int>(chunk.size()));
+        if (result >= 0) {
+            EXPECT_TRUE(tool->getUsable()) << "aioWrite " << i << " gave " << result;
+        }
+    }
+    ASSERT_LT(result, 0) << "no asynchronous write failed";
+    EXPECT_FALSE(tool->getUsable());
+    EXPECT_EQ(-1, handler.close());
+}
+
 TEST(FtpFileHandler, AReadOnAWriteTransferGivesZeroAndKeepsTheConnectionUsable) {
     ftptest::ScriptedFtpServer server;
     SafePointer<FTPTool> tool = loggedInTool(server);
@@ -151,6 +198,29 @@ TEST(FtpFileHandler, AioWriteSendsAndAioReturnReportsWithoutTouchingTheFlag) {
     EXPECT_EQ(0, handler.close());
     EXPECT_EQ(std::string("asynchronousasynchronous"),
               server.file("/aio.dat").value_or("<missing>"));
+}
+
+// The server leaves the upload unread, so the socket stops being writable: the
+// time-out of aioReturn is reported and the connection stays usable.
+TEST(FtpFileHandler, AnAioReturnTimeOutLeavesTheConnectionUsable) {
+    ftptest::ScriptedFtpServer server;
+    ftptest::Reply stalled("150 Opening data connection");
+    stalled.dataStall = std::chrono::milliseconds(20000);
+    server.queueReply("STOR", stalled);
+    SafePointer<FTPTool> tool = loggedInTool(server);
+    FtpFileHandler handler(tool, 2, 1, "/full.dat");
+    ASSERT_TRUE(handler.open("", "", ""));
+    const std::string chunk(65536, 'f');
+    int result = 0;
+    for (int i = 0; i < 2000 && result >= 0; ++i) {
+        result = handler.aioWrite(chunk.data(), static_cast<unsigned int>(chunk.size()));
+    }
+    ASSERT_LT(result, 0) << "the socket's buffers never filled";
+    tool->setUsable(true);  // undo the mark of the refused asynchronous write
+    EXPECT_EQ(-1, handler.aioReturn(10));
+    EXPECT_TRUE(tool->getUsable()) << "aioReturn reports, it never marks";
+    server.releaseDataStalls();
+    EXPECT_EQ(0, handler.close());
 }
 
 TEST(FtpFileHandler, CloseGivesMinusOneWhenTheFinalReplyIs426) {
