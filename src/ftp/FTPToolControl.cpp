@@ -150,7 +150,9 @@ int ftpResolveAddress(const char* host, struct sockaddr_in* address) {
         std::string after = name.substr(colon + 1);
         name.erase(colon);
         if (!after.empty() && after[0] >= '0' && after[0] <= '9') {
-            unsigned long port = strtoul(after.c_str(), NULL, 10);
+            // 64 bits on every processor: a 32-bit strtoul would stop at
+            // 4294967295 and give a longer port text another low 16 bits.
+            unsigned long long port = strtoull(after.c_str(), NULL, 10);
             address->sin_port = htons(static_cast<uint16_t>(port & 0xFFFFu));
             numericPort = true;
         } else {

@@ -31,6 +31,17 @@ std::vector<std::string> toolEnvironment(const std::string& workDir) {
     return env;
 }
 
+// The command line that starts the tool: under an emulator (the armhf build
+// runs its tests under qemu-user) the target launcher goes first.
+std::vector<std::string> toolCommand(const std::vector<std::string>& args) {
+    std::vector<std::string> argv;
+    const char* launcher = std::getenv("FTPDISK_TARGET_LAUNCHER");
+    if (launcher != nullptr && *launcher != '\0') argv.push_back(launcher);
+    argv.push_back(FTPDISK_TOOL_PATH);
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> out;
     for (std::string& t : texts) {
@@ -92,8 +103,7 @@ std::string ToolRun::transcript() const {
 ToolRun runTool(const std::vector<std::string>& args, const std::string& workDir,
                 std::chrono::seconds limit) {
     ToolRun run;
-    std::vector<std::string> argv{FTPDISK_TOOL_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<std::string> argv = toolCommand(args);
     std::vector<std::string> env = toolEnvironment(workDir);
     std::vector<char*> argp = pointers(argv);
     std::vector<char*> envp = pointers(env);
@@ -140,8 +150,7 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& workDir
 ToolRun runToolOnTerminal(const std::vector<std::string>& args, const std::string& workDir,
                           std::chrono::seconds limit) {
     ToolRun run;
-    std::vector<std::string> argv{FTPDISK_TOOL_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<std::string> argv = toolCommand(args);
     std::vector<std::string> env = toolEnvironment(workDir);
     std::vector<char*> argp = pointers(argv);
     std::vector<char*> envp = pointers(env);
