@@ -127,7 +127,9 @@ TEST(GThread, TheOsThreadCarriesTheFirstFifteenCharactersOfTheName) {
     EXPECT_TRUE(eventually([&] { return probe.bodyCalls.load() >= 1; }));
     EXPECT_TRUE(hasThreadNamed(shown));
     thread->stop();
-    EXPECT_FALSE(hasThreadNamed(shown));
+    // A joined thread may linger in /proc/self/task for a moment (qemu-user
+    // shows this), so wait for it to go, within the usual bound.
+    EXPECT_TRUE(eventually([&] { return !hasThreadNamed(shown); }));
 }
 
 TEST(GThread, StartingARunningThreadGivesZeroAndStartingAfterStopRunsItAgain) {
