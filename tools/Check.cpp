@@ -79,10 +79,6 @@ private:
     std::string firstFailure_;
 };
 
-std::string childPath(const std::string& dir, const std::string& name) {
-    return dir == "/" ? "/" + name : dir + "/" + name;
-}
-
 }  // namespace
 
 int runCheck(const Arguments& args) {

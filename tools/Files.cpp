@@ -9,14 +9,6 @@
 
 namespace ftpdisk_tool {
 
-namespace {
-
-std::string childPath(const std::string& dir, const std::string& name) {
-    return dir == "/" ? "/" + name : dir + "/" + name;
-}
-
-}  // namespace
-
 int runLs(const Arguments& args) {
     Session session("ls");
     int status = session.open(args.positional[0]);

@@ -1,5 +1,8 @@
 #include "ToolLocation.h"
 
+#include <netdb.h>
+
+#include <cstdlib>
 #include <vector>
 
 namespace ftpdisk_tool {
@@ -27,7 +30,54 @@ std::string tooLong(const char* what, std::size_t length, std::size_t limit) {
            std::to_string(limit) + ")";
 }
 
+// "host[:port]": an empty host, an empty port, a number outside 1..65535,
+// digits followed by anything else, or a service name the system does not
+// know. The module itself would take the low 16 bits of a number or the
+// digits before a stray character, and would fail on an unknown name only
+// when connecting, so such texts are refused here with their reason.
+bool checkServer(const std::string& server, std::string& problem) {
+    const std::string::size_type colon = server.find(':');
+    if (server.empty() || colon == 0) {
+        problem = "empty server address";
+        return false;
+    }
+    if (colon == std::string::npos) {
+        return true;
+    }
+    const std::string port = server.substr(colon + 1);
+    if (port.empty()) {
+        problem = "empty port after \":\"";
+        return false;
+    }
+    if (port[0] >= '0' && port[0] <= '9') {
+        if (port.find_first_not_of("0123456789") != std::string::npos) {
+            problem = "port \"" + port + "\" is not a number";
+            return false;
+        }
+        // Past the range of unsigned long long strtoull gives its maximum.
+        const unsigned long long number = std::strtoull(port.c_str(), nullptr, 10);
+        if (number < 1 || number > 65535) {
+            problem = "port " + port + " is not between 1 and 65535";
+            return false;
+        }
+        return true;
+    }
+    struct servent entry;
+    struct servent* found = nullptr;
+    char scratch[1024];
+    if (::getservbyname_r(port.c_str(), "tcp", &entry, scratch, sizeof scratch, &found) != 0 ||
+        found == nullptr) {
+        problem = "unknown port name \"" + port + "\"";
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
+
+std::string childPath(const std::string& dir, const std::string& name) {
+    return dir == "/" ? "/" + name : dir + "/" + name;
+}
 
 std::string Location::masked() const {
     return escapeUser(user) + "(***)@" + kMarker + server + base;
@@ -98,8 +148,7 @@ bool parseLocation(const std::string& text, Location& out, std::string& problem)
     }
     out.base = path;
 
-    if (out.server.empty()) {
-        problem = "empty server address";
+    if (!checkServer(out.server, problem)) {
         return false;
     }
     if (out.server.size() > kMaxServer) {

@@ -35,9 +35,10 @@ struct Location {
     std::string masked() const;
 };
 
-// Parses `text`. On success returns true and fills `out`. On failure returns
-// false, leaves `out` partly filled and puts one line of explanation into
-// `problem` (never containing the password).
+// Parses `text`. A port, when given, is a number from 1 to 65535 or a TCP
+// service name the system knows. On success returns true and fills `out`. On
+// failure returns false, leaves `out` partly filled and puts one line of
+// explanation into `problem` (never containing the password).
 bool parseLocation(const std::string& text, Location& out, std::string& problem);
 
 // Best-effort masking of a text that may not even parse: whatever stands where
@@ -52,6 +53,9 @@ std::string maskLocationText(const std::string& text);
 // leaves its location) or the result would not fit an open file's path field.
 bool remotePathBelow(const std::string& base, const std::string& relative, std::string& out,
                      std::string& problem);
+
+// `name` inside the remote directory `dir` ("/" + name for the root).
+std::string childPath(const std::string& dir, const std::string& name);
 
 // The expected form, for error messages.
 extern const char* const kLocationForm;

@@ -165,6 +165,10 @@ TEST_F(ToolCommand, TextThatIsNotALocationIsNamedAsSuchWithoutItsPassword) {
         {"rec:s3cr3t@ftp://127.0.0.1/x", "not a location: rec:***@ftp://127.0.0.1/x"},
         {"rec(s3cr3t-but-far-too-long)@ftp://127.0.0.1/x",
          "not a location: rec(***)@ftp://127.0.0.1/x (password too long"},
+        {"rec(s3cr3t)@ftp://127.0.0.1:99999/x",
+         "not a location: rec(***)@ftp://127.0.0.1:99999/x (port 99999 is not between 1 and 65535"},
+        {"rec(s3cr3t)@ftp://127.0.0.1:/x",
+         "not a location: rec(***)@ftp://127.0.0.1:/x (empty port after \":\""},
     };
     for (const auto& c : cases) {
         for (const char* command : {"ls", "check", "record"}) {

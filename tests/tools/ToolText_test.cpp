@@ -29,6 +29,10 @@ TEST(ToolLocation, ReadsLocationsTheWayTheRegistryDoes) {
         {"rec(pw)@ftp://h\\dir\\sub", "rec", "pw", "h", "/dir/sub"},
         {"rec(pw)@ftp://h//a//b", "rec", "pw", "h", "/a//b"},
         {"rec()@ftp://h/p", "rec", "", "h", "/p"},
+        {"rec(pw)@ftp://h:65535/p", "rec", "pw", "h:65535", "/p"},
+        {"rec(pw)@ftp://h:1/p", "rec", "pw", "h:1", "/p"},
+        // A service name instead of a number, as the services database knows it.
+        {"rec(pw)@ftp://h:ftp/p", "rec", "pw", "h:ftp", "/p"},
     };
     for (const LocationCase& c : cases) {
         Location location;
@@ -56,6 +60,15 @@ TEST(ToolLocation, RefusesTextsThatAreNotLocationsWithAReason) {
         {"rec(pw)@ftp://a-very-long-host-name-for-a-recorder.example:21/p", "server address too long"},
         {"rec(an-overlong-password-of-24)@ftp://h/p", "password too long"},
         {"a-user-name-of-thirty-two-chars!(pw)@ftp://h/p", "user name too long"},
+        // The module would take the low 16 bits of the number (99999 -> 34463),
+        // the digits before any other character (12ab -> 12), or look up an
+        // empty or unknown service name and fail only when connecting.
+        {"rec(pw)@ftp://h:99999/p", "port 99999 is not between 1 and 65535"},
+        {"rec(pw)@ftp://h:0/p", "port 0 is not between 1 and 65535"},
+        {"rec(pw)@ftp://h:12ab/p", "port \"12ab\" is not a number"},
+        {"rec(pw)@ftp://h:/p", "empty port after \":\""},
+        {"rec(pw)@ftp://h:no-such-service/p", "unknown port name \"no-such-service\""},
+        {"rec(pw)@ftp://:21/p", "empty server address"},
     };
     for (const auto& c : cases) {
         Location location;
