@@ -23,7 +23,6 @@ namespace {
 // Big enough to need several sends and cross block boundaries, small enough
 // to pass quickly over a slow uplink.
 constexpr unsigned kProbeSize = 256 * 1024 + 123;
-constexpr unsigned kBlock = 64 * 1024;
 
 // Byte i of the probe file; 251 is prime, so the pattern never lines up with
 // block sizes and a shifted or repeated block shows as a mismatch.
@@ -145,15 +144,7 @@ int runCheck(const Arguments& args) {
             detail = "cannot open " + file + " for writing";
             return false;
         }
-        std::size_t sent = 0;
-        while (sent < data.size()) {
-            const unsigned chunk = static_cast<unsigned>(std::min<std::size_t>(kBlock, data.size() - sent));
-            const int n = store->write(handle, data.data() + sent, chunk);
-            if (n <= 0) {
-                break;
-            }
-            sent += static_cast<std::size_t>(n);
-        }
+        const std::size_t sent = writeToStore(store, handle, data.data(), data.size());
         const int closed = store->close(handle);
         if (sent != data.size()) {
             detail = "writing to the server failed after " + std::to_string(sent) + " bytes";
@@ -196,29 +187,22 @@ int runCheck(const Arguments& args) {
             detail = "cannot open " + file + " for reading";
             return false;
         }
-        std::vector<char> buffer(kBlock);
         std::size_t got = 0;
         std::size_t firstBad = static_cast<std::size_t>(-1);
-        bool readFailed = false;
-        for (;;) {
-            const int n = store->read(handle, buffer.data(), kBlock);
-            if (n < 0) {
-                readFailed = true;
-                break;
-            }
-            if (n == 0) {
-                break;
-            }
-            for (int i = 0; i < n && firstBad == static_cast<std::size_t>(-1); ++i) {
-                if (buffer[static_cast<std::size_t>(i)] != probeByte(got + static_cast<std::size_t>(i))) {
-                    firstBad = got + static_cast<std::size_t>(i);
+        const std::int64_t read = readFromStore(
+            store, handle,
+            [&](const char* data, std::size_t size, std::string&) {
+                for (std::size_t i = 0; i < size && firstBad == static_cast<std::size_t>(-1); ++i) {
+                    if (data[i] != probeByte(got + i)) {
+                        firstBad = got + i;
+                    }
                 }
-            }
-            got += static_cast<std::size_t>(n);
-        }
+                got += size;
+                return true;
+            },
+            detail);
         const int closed = store->close(handle);
-        if (readFailed) {
-            detail = "reading from the server failed after " + std::to_string(got) + " bytes";
+        if (read < 0) {
             return false;
         }
         if (closed != 0) {

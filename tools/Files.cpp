@@ -11,18 +11,15 @@ namespace ftpdisk_tool {
 
 int runLs(const Arguments& args) {
     Session session("ls");
-    int status = session.open(args.positional[0]);
+    std::string dir;
+    int status = session.openAt(args.positional[0], args.positionalOr(1), dir);
+    if (status == kExitOk) {
+        status = session.requireDirectory(dir);
+    }
     if (status != kExitOk) {
         return status;
     }
-    std::string dir;
-    if (!session.remotePath(args.positional.size() > 1 ? args.positional[1] : "", dir)) {
-        return kExitUsage;
-    }
     FTPFileSystem* store = session.store();
-    if (!store->isDirExist(dir.c_str())) {
-        return fail("ls", "no such directory: " + dir, kExitFailed);
-    }
     std::vector<std::string> dirs;
     std::vector<std::string> files;
     if (!store->getSubDirList(dir.c_str(), dirs, "") || !store->getFileList(dir.c_str(), files, "")) {
@@ -54,20 +51,16 @@ int runLs(const Arguments& args) {
 
 int runDu(const Arguments& args) {
     Session session("du");
-    int status = session.open(args.positional[0]);
+    std::string dir;
+    int status = session.openAt(args.positional[0], args.positionalOr(1), dir);
+    if (status == kExitOk) {
+        status = session.requireDirectory(dir);
+    }
     if (status != kExitOk) {
         return status;
     }
-    std::string dir;
-    if (!session.remotePath(args.positional.size() > 1 ? args.positional[1] : "", dir)) {
-        return kExitUsage;
-    }
-    FTPFileSystem* store = session.store();
-    if (!store->isDirExist(dir.c_str())) {
-        return fail("du", "no such directory: " + dir, kExitFailed);
-    }
     long long total = 0;
-    if (!store->getTotalSize(dir.c_str(), total)) {
+    if (!session.store()->getTotalSize(dir.c_str(), total)) {
         return fail("du", "cannot add up the sizes below " + dir, kExitFailed);
     }
     std::cout << total << "\t" << humanBytes(static_cast<double>(total)) << "\t" << dir
@@ -97,13 +90,10 @@ int runDf(const Arguments& args) {
 
 int runMkdir(const Arguments& args) {
     Session session("mkdir");
-    int status = session.open(args.positional[0]);
+    std::string dir;
+    const int status = session.openAt(args.positional[0], args.positional[1], dir);
     if (status != kExitOk) {
         return status;
-    }
-    std::string dir;
-    if (!session.remotePath(args.positional[1], dir)) {
-        return kExitUsage;
     }
     if (session.store()->createDir(dir.c_str()) != 0) {
         return fail("mkdir", "cannot create directory " + dir, kExitFailed);
@@ -114,13 +104,10 @@ int runMkdir(const Arguments& args) {
 
 int runRm(const Arguments& args) {
     Session session("rm");
-    int status = session.open(args.positional[0]);
+    std::string path;
+    const int status = session.openAt(args.positional[0], args.positional[1], path);
     if (status != kExitOk) {
         return status;
-    }
-    std::string path;
-    if (!session.remotePath(args.positional[1], path)) {
-        return kExitUsage;
     }
     FTPFileSystem* store = session.store();
     const bool isDir = store->isDirExist(path.c_str());
@@ -148,14 +135,13 @@ int runRm(const Arguments& args) {
 
 int runMv(const Arguments& args) {
     Session session("mv");
-    int status = session.open(args.positional[0]);
+    std::string from;
+    const int status = session.openAt(args.positional[0], args.positional[1], from);
     if (status != kExitOk) {
         return status;
     }
-    std::string from;
     std::string to;
-    if (!session.remotePath(args.positional[1], from) ||
-        !session.remotePath(args.positional[2], to)) {
+    if (!session.remotePath(args.positional[2], to)) {
         return kExitUsage;
     }
     if (session.store()->renameFile(from.c_str(), to.c_str()) != 0) {

@@ -83,6 +83,13 @@ private:
     std::mt19937_64 random_{12345};
 };
 
+std::tm localNow() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local;
+    localtime_r(&now, &local);
+    return local;
+}
+
 struct CameraResult {
     int filesComplete = 0;
     int filesFailed = 0;
@@ -144,7 +151,7 @@ public:
                 continue;
             }
             const double t0 = monotonicSeconds();
-            const bool ok = settings_.aio ? aioWriteAll(size) : writeAll(size);
+            const bool ok = writeBlock(size);
             result.writeSeconds.add(monotonicSeconds() - t0);
             if (!ok) {
                 // The segment is lost from here on; the next one starts afresh.
@@ -166,9 +173,7 @@ private:
     }
 
     void openSegment(long long segment) {
-        std::time_t now = std::time(nullptr);
-        std::tm local;
-        localtime_r(&now, &local);
+        const std::tm local = localNow();
         char name[64];
         std::snprintf(name, sizeof name, "/%05lld_%02d%02d%02d.dat", segment, local.tm_hour,
                       local.tm_min, local.tm_sec);
@@ -212,34 +217,27 @@ private:
         live_.bytes.fetch_add(n);
     }
 
-    bool writeAll(long long size) {
-        while (size > 0) {
-            const int n = store_->write(handle_, dataAt(offset_), static_cast<unsigned>(size));
-            if (n <= 0) {
-                noteCall(false);
-                return false;
-            }
-            account(n);
-            size -= n;
-        }
-        return true;
-    }
-
-    // aioWrite hands the socket what it takes at once; aioReturn waits until
-    // it takes more. Waiting first keeps aioWrite from meeting a full socket.
-    bool aioWriteAll(long long size) {
+    // Hands the store `size` bytes of the segment. With write the store takes
+    // what it can, possibly part of the block. With aioWrite, aioReturn first
+    // waits until the socket takes more, and aioWrite then hands it what it
+    // takes at once: waiting first keeps aioWrite from meeting a full socket.
+    bool writeBlock(long long size) {
         int waits = 0;
         while (size > 0) {
-            const int ready = store_->aioReturn(handle_, kAioWaitMillis);
-            if (ready == -1 && ++waits < kAioMaxWaits) {
-                continue;
+            if (settings_.aio) {
+                const int ready = store_->aioReturn(handle_, kAioWaitMillis);
+                if (ready == -1 && ++waits < kAioMaxWaits) {
+                    continue;
+                }
+                if (ready != 0) {
+                    noteCall(false);
+                    return false;
+                }
+                waits = 0;
             }
-            if (ready != 0) {
-                noteCall(false);
-                return false;
-            }
-            waits = 0;
-            const int n = store_->aioWrite(handle_, dataAt(offset_), static_cast<unsigned>(size));
+            const unsigned length = static_cast<unsigned>(size);
+            const int n = settings_.aio ? store_->aioWrite(handle_, dataAt(offset_), length)
+                                        : store_->write(handle_, dataAt(offset_), length);
             if (n <= 0) {
                 noteCall(false);
                 return false;
@@ -336,9 +334,7 @@ int runRecord(const Arguments& args) {
         return status;
     }
 
-    std::time_t now = std::time(nullptr);
-    std::tm local;
-    localtime_r(&now, &local);
+    const std::tm local = localNow();
     char day[16];
     std::strftime(day, sizeof day, "%Y-%m-%d", &local);
     std::vector<std::string> dirs;

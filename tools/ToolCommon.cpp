@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -127,6 +128,14 @@ int Session::open(const std::string& text) {
     return status != kExitOk ? status : init();
 }
 
+int Session::openAt(const std::string& text, const std::string& relative, std::string& path) {
+    const int status = open(text);
+    if (status != kExitOk) {
+        return status;
+    }
+    return remotePath(relative, path) ? kExitOk : kExitUsage;
+}
+
 bool Session::remotePath(const std::string& relative, std::string& out) {
     std::string problem;
     if (!remotePathBelow(location_.base, relative, out, problem)) {
@@ -134,6 +143,57 @@ bool Session::remotePath(const std::string& relative, std::string& out) {
         return false;
     }
     return true;
+}
+
+int Session::requireDirectory(const std::string& path) {
+    if (!store_->isDirExist(path.c_str())) {
+        return fail(command_, "no such directory: " + path, kExitFailed);
+    }
+    return kExitOk;
+}
+
+int Session::openForReading(const std::string& path, int& handle) {
+    if (store_->isDirExist(path.c_str())) {
+        return fail(command_, path + " is a directory", kExitFailed);
+    }
+    handle = store_->open(path.c_str(), 1);
+    if (handle < 0) {
+        return fail(command_, "cannot open " + path + " for reading (no such file?)", kExitFailed);
+    }
+    return kExitOk;
+}
+
+std::size_t writeToStore(FTPFileSystem* store, int handle, const char* data, std::size_t size) {
+    std::size_t sent = 0;
+    while (sent < size) {
+        const unsigned chunk = static_cast<unsigned>(std::min<std::size_t>(kBlock, size - sent));
+        const int n = store->write(handle, data + sent, chunk);
+        if (n <= 0) {
+            break;
+        }
+        sent += static_cast<std::size_t>(n);
+    }
+    return sent;
+}
+
+std::int64_t readFromStore(FTPFileSystem* store, int handle, const BlockSink& sink,
+                           std::string& problem) {
+    std::vector<char> buffer(kBlock);
+    std::int64_t done = 0;
+    for (;;) {
+        const int n = store->read(handle, buffer.data(), kBlock);
+        if (n < 0) {
+            problem = "reading from the server failed after " + std::to_string(done) + " bytes";
+            return -1;
+        }
+        if (n == 0) {
+            return done;
+        }
+        if (!sink(buffer.data(), static_cast<std::size_t>(n), problem)) {
+            return -1;
+        }
+        done += n;
+    }
 }
 
 }  // namespace ftpdisk_tool

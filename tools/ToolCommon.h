@@ -6,6 +6,8 @@
 #ifndef FTPDISK_TOOLS_TOOLCOMMON_H
 #define FTPDISK_TOOLS_TOOLCOMMON_H
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -31,7 +33,15 @@ struct Arguments {
     bool help = false;
 
     bool has(const std::string& flag) const { return flags.count(flag) != 0; }
+    // The positional argument at `index`, or `fallback` when there are fewer.
+    std::string positionalOr(std::size_t index, const std::string& fallback = "") const {
+        return index < positional.size() ? positional[index] : fallback;
+    }
 };
+
+// Bytes per store call for whole files: 64 KiB keeps the per-call overhead
+// small without holding much memory.
+constexpr unsigned kBlock = 64 * 1024;
 
 // Splits argv. `flagNames` take no value, `valueNames` take one. On an unknown
 // option or a missing value returns false with `problem` set.
@@ -51,6 +61,21 @@ bool stderrIsTerminal();
 // Seconds on a monotonic clock.
 double monotonicSeconds();
 
+// Hands `size` bytes at `data` to the store's `handle` with write, at most
+// kBlock per call, until all are taken or a write fails (the store may take
+// part of a block). Returns how many bytes the store took.
+std::size_t writeToStore(FTPFileSystem* store, int handle, const char* data, std::size_t size);
+
+// Receives one block read from the store; returns false, with `problem`
+// set, to stop the copy.
+using BlockSink = std::function<bool(const char* data, std::size_t size, std::string& problem)>;
+
+// Reads the remote file behind `handle` in blocks of kBlock until the server
+// ends the transfer, handing each block to `sink`. Returns the byte count, or
+// -1 with `problem` set when a read fails or the sink stops.
+std::int64_t readFromStore(FTPFileSystem* store, int handle, const BlockSink& sink,
+                           std::string& problem);
+
 // The store of one location, registered and initialised for the life of the
 // object. open() reports failure as one line on standard error.
 class Session {
@@ -69,10 +94,21 @@ public:
     int init(bool quiet = false);
     // registerLocation then init.
     int open(const std::string& text);
+    // open, then the remote path of `relative` into `path`. Returns kExitOk,
+    // or the status to exit with (its message printed).
+    int openAt(const std::string& text, const std::string& relative, std::string& path);
 
     // The remote path of `relative` below the location's base; prints the
     // problem and returns false when it is refused.
     bool remotePath(const std::string& relative, std::string& out);
+
+    // kExitOk when `path` is a directory on the server; otherwise prints
+    // "no such directory: PATH" and returns kExitFailed.
+    int requireDirectory(const std::string& path);
+    // Opens the remote file `path` for reading: kExitOk with `handle` set, or
+    // kExitFailed (message printed) for a directory or a file that cannot be
+    // opened.
+    int openForReading(const std::string& path, int& handle);
 
     const Location& location() const { return location_; }
     FTPFileSystem* store() { return store_.get(); }

@@ -21,10 +21,6 @@ namespace ftpdisk_tool {
 
 namespace {
 
-// 64 KiB per call keeps the per-call overhead small without holding much
-// memory; the store sends whatever it is given in one go.
-constexpr unsigned kBlock = 64 * 1024;
-
 std::string systemError(int error) {
     char text[256] = {0};
     // The GNU strerror_r may return a static text instead of filling ours.
@@ -122,46 +118,38 @@ std::string rateText(std::int64_t bytes, double seconds) {
            humanRate(seconds > 0 ? static_cast<double>(bytes) / seconds : 0) + ")";
 }
 
-// Reads the remote file behind `handle` to `fd` (named `destination` in
-// messages) until the server ends the transfer. Returns the byte count, or -1 with `problem` set.
+// Copies the remote file behind `handle` to the local descriptor `fd` (named
+// `destination` in messages) until the server ends the transfer. Returns the
+// byte count, or -1 with `problem` set.
 std::int64_t copyDown(FTPFileSystem* store, int handle, int fd, const std::string& destination,
                       Progress* progress, std::string& problem) {
-    std::vector<char> buffer(kBlock);
     std::int64_t done = 0;
-    for (;;) {
-        const int n = store->read(handle, buffer.data(), kBlock);
-        if (n < 0) {
-            problem = "reading from the server failed after " + std::to_string(done) + " bytes";
-            return -1;
-        }
-        if (n == 0) {
-            return done;
-        }
-        int error = 0;
-        if (!writeAll(fd, buffer.data(), static_cast<std::size_t>(n), error)) {
-            problem = "cannot write to " + destination + ": " + systemError(error);
-            return -1;
-        }
-        done += n;
-        if (progress != nullptr) {
-            progress->update(done);
-        }
-    }
+    return readFromStore(
+        store, handle,
+        [&](const char* data, std::size_t size, std::string& why) {
+            int error = 0;
+            if (!writeAll(fd, data, size, error)) {
+                why = "cannot write to " + destination + ": " + systemError(error);
+                return false;
+            }
+            done += static_cast<std::int64_t>(size);
+            if (progress != nullptr) {
+                progress->update(done);
+            }
+            return true;
+        },
+        problem);
 }
 
 }  // namespace
 
 int runPut(const Arguments& args) {
     Session session("put");
-    int status = session.open(args.positional[0]);
-    if (status != kExitOk) {
-        return status;
-    }
     const std::string local = args.positional[1];
     std::string remote;
-    if (!session.remotePath(args.positional.size() > 2 ? args.positional[2] : baseName(local),
-                            remote)) {
-        return kExitUsage;
+    const int status = session.openAt(args.positional[0], args.positionalOr(2, baseName(local)), remote);
+    if (status != kExitOk) {
+        return status;
     }
     FTPFileSystem* store = session.store();
 
@@ -202,19 +190,11 @@ int runPut(const Arguments& args) {
         if (n == 0) {
             break;
         }
-        // The store may take part of a block; hand it the rest until all is sent.
-        for (ssize_t sent = 0; sent < n;) {
-            const int w = store->write(handle, buffer.data() + sent,
-                                       static_cast<unsigned>(n - sent));
-            if (w <= 0) {
-                problem = "writing to the server failed after " + std::to_string(done + sent) +
-                          " bytes";
-                break;
-            }
-            sent += w;
-        }
-        if (problem.empty()) {
-            done += n;
+        const std::size_t sent = writeToStore(store, handle, buffer.data(), static_cast<std::size_t>(n));
+        done += static_cast<std::int64_t>(sent);
+        if (sent != static_cast<std::size_t>(n)) {
+            problem = "writing to the server failed after " + std::to_string(done) + " bytes";
+        } else {
             progress.update(done);
         }
     }
@@ -241,27 +221,24 @@ int runPut(const Arguments& args) {
 
 int runGet(const Arguments& args) {
     Session session("get");
-    int status = session.open(args.positional[0]);
+    std::string remote;
+    int status = session.openAt(args.positional[0], args.positional[1], remote);
     if (status != kExitOk) {
         return status;
     }
-    std::string remote;
-    if (!session.remotePath(args.positional[1], remote)) {
-        return kExitUsage;
-    }
-    std::string local = args.positional.size() > 2 ? args.positional[2] : baseName(remote);
+    std::string local = args.positionalOr(2, baseName(remote));
     struct stat info;
     if (::stat(local.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
         local += "/" + baseName(remote);
     }
     FTPFileSystem* store = session.store();
-    if (store->isDirExist(remote.c_str())) {
-        return fail("get", remote + " is a directory", kExitFailed);
-    }
+    // The listed size before the transfer starts: -1 for a missing file or a
+    // directory, which openForReading then refuses.
     const long long expected = store->getFileLength(remote.c_str());
-    const int handle = store->open(remote.c_str(), 1);
-    if (handle < 0) {
-        return fail("get", "cannot open " + remote + " for reading (no such file?)", kExitFailed);
+    int handle = -1;
+    status = session.openForReading(remote, handle);
+    if (status != kExitOk) {
+        return status;
     }
     // Written under a side name and renamed at the end, so that a failed
     // download never leaves a truncated file under the name asked for.
@@ -304,22 +281,16 @@ int runGet(const Arguments& args) {
 
 int runCat(const Arguments& args) {
     Session session("cat");
-    int status = session.open(args.positional[0]);
+    std::string remote;
+    int status = session.openAt(args.positional[0], args.positional[1], remote);
+    int handle = -1;
+    if (status == kExitOk) {
+        status = session.openForReading(remote, handle);
+    }
     if (status != kExitOk) {
         return status;
     }
-    std::string remote;
-    if (!session.remotePath(args.positional[1], remote)) {
-        return kExitUsage;
-    }
     FTPFileSystem* store = session.store();
-    if (store->isDirExist(remote.c_str())) {
-        return fail("cat", remote + " is a directory", kExitFailed);
-    }
-    const int handle = store->open(remote.c_str(), 1);
-    if (handle < 0) {
-        return fail("cat", "cannot open " + remote + " for reading (no such file?)", kExitFailed);
-    }
     std::cout.flush();
     std::string problem;
     const std::int64_t done = copyDown(store, handle, STDOUT_FILENO, "standard output", nullptr, problem);
