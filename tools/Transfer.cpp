@@ -172,7 +172,14 @@ int runPut(const Arguments& args) {
     const std::int64_t size = info.st_size;
     const int handle = store->open(remote.c_str(), 2);
     if (handle < 0) {
-        return fail("put", "cannot open " + remote + " for writing on the server", kExitFailed);
+        // The store does not say why; a missing parent directory is the usual
+        // reason and the one a person can fix (mkdir), so name it.
+        const std::string parent = remote.substr(0, remote.rfind('/'));
+        const std::string why = !parent.empty() && !store->isDirExist(parent.c_str())
+                                    ? " (no such directory: " + parent + ")"
+                                    : "";
+        return fail("put", "cannot open " + remote + " for writing on the server" + why,
+                    kExitFailed);
     }
     Progress progress(size);
     std::vector<char> buffer(kBlock);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -190,6 +191,34 @@ TEST_F(ToolCommand, PathsThatWouldLeaveTheLocationAreRefused) {
     EXPECT_TRUE(contains(result.err, "\"..\" would leave the location")) << result.transcript();
 }
 
+TEST_F(ToolCommand, EveryCommandAgainstAStoppedServerFailsInOneLineWithStatusOne) {
+    RealFtpServer own(FtpServerKind::kPyftpdlib);
+    ASSERT_TRUE(own.ready()) << own.failure();
+    const std::string where = own.location("/video");
+    const std::string hostPort = own.hostPort();
+    own.stop();
+    writeLocal(work_ + "/local.bin", "local");
+    const std::vector<std::vector<std::string>> commands = {
+        {"ls", where},          {"du", where},           {"df", where},
+        {"mkdir", where, "d"},  {"rm", "-r", where, "d"}, {"mv", where, "a", "b"},
+        {"put", where, "local.bin"}, {"get", where, "a"}, {"cat", where, "a"},
+        {"record", where, "--seconds", "0.2"},
+    };
+    for (const auto& args : commands) {
+        const auto started = std::chrono::steady_clock::now();
+        const ToolRun result = run(args);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10))
+            << args[0] << ": a refused connect must fail at once";
+        EXPECT_EQ(1, result.status) << args[0] << "\n" << result.transcript();
+        EXPECT_EQ("ftpdisk " + args[0] + ": cannot connect to " + hostPort + " or log in as rec\n",
+                  result.err)
+            << result.transcript();
+        EXPECT_EQ("", result.out) << args[0];
+    }
+    EXPECT_FALSE(fs::exists(work_ + "/a")) << "get left a file behind";
+    EXPECT_FALSE(fs::exists(work_ + "/a.part")) << "get left a partial file behind";
+}
+
 // --- check ---
 
 TEST_F(ToolCommand, CheckPassesEveryStepAndLeavesNothingBehind) {
@@ -353,7 +382,8 @@ TEST_F(ToolCommand, PutStoresTheFileByteForByteWithoutProgressOffATerminal) {
     ToolRun result = run({"put", location(), "clip.bin", "up/clip.bin"});
     // The parent directory does not exist: the server refuses the upload.
     EXPECT_EQ(1, result.status) << result.transcript();
-    EXPECT_EQ("ftpdisk put: cannot open " + base_ + "/up/clip.bin for writing on the server\n",
+    EXPECT_EQ("ftpdisk put: cannot open " + base_ +
+                  "/up/clip.bin for writing on the server (no such directory: " + base_ + "/up)\n",
               result.err);
 
     ASSERT_TRUE(server().makeDir(base_ + "/up"));
@@ -394,6 +424,41 @@ TEST_F(ToolCommand, GetOfAMissingFileFailsAndCreatesNothing) {
               result.err);
     EXPECT_TRUE(fs::is_empty(work_) || !fs::exists(work_ + "/absent.dat"));
     EXPECT_FALSE(fs::exists(work_ + "/absent.dat.part"));
+}
+
+TEST_F(ToolCommand, GetIntoALocalDirectoryKeepsTheRemoteName) {
+    ASSERT_TRUE(server().makeDir(base_ + "/day"));
+    ASSERT_TRUE(server().writeFile(base_ + "/day/seg.dat", "segment"));
+    ASSERT_TRUE(fs::create_directory(work_ + "/into"));
+    const ToolRun result = run({"get", location(), "day/seg.dat", "into"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ(0u, result.out.rfind("get " + base_ + "/day/seg.dat -> into/seg.dat: 7 bytes in ", 0))
+        << result.transcript();
+    EXPECT_EQ("segment", readLocal(work_ + "/into/seg.dat"));
+}
+
+TEST_F(ToolCommand, GetAndCatOfADirectorySayItIsOne) {
+    ASSERT_TRUE(server().makeDir(base_ + "/day"));
+    for (const char* command : {"get", "cat"}) {
+        const ToolRun result = run({command, location(), "day"});
+        EXPECT_EQ(1, result.status) << command << "\n" << result.transcript();
+        EXPECT_EQ(std::string("ftpdisk ") + command + ": " + base_ + "/day is a directory\n",
+                  result.err);
+        EXPECT_EQ("", result.out) << command;
+    }
+    EXPECT_FALSE(fs::exists(work_ + "/day")) << "get made a local file for a directory";
+    EXPECT_FALSE(fs::exists(work_ + "/day.part"));
+}
+
+TEST_F(ToolCommand, MvOfAMissingFileFailsAndChangesNothing) {
+    ASSERT_TRUE(server().writeFile(base_ + "/kept.dat", "kept"));
+    const ToolRun result = run({"mv", location(), "absent.dat", "kept.dat"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk mv: cannot rename " + base_ + "/absent.dat to " + base_ + "/kept.dat\n",
+              result.err);
+    std::string bytes;
+    EXPECT_TRUE(server().readFile(base_ + "/kept.dat", &bytes));
+    EXPECT_EQ("kept", bytes);
 }
 
 TEST_F(ToolCommand, CatWritesTheFileToStandardOutput) {
