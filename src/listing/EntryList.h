@@ -1,9 +1,16 @@
-// Room-making for the parsers' entry lists. Stateless; any thread may call it
-// on a list it owns.
+// The loop the listing parsers share, and room-making for their entry lists.
+// Stateless; any thread may call them on a list it owns.
 #ifndef FTPDISK_LISTING_ENTRYLIST_H
 #define FTPDISK_LISTING_ENTRYLIST_H
 
+#include <stddef.h>
+
+#include <string>
 #include <vector>
+
+#include "foundation/SafePointer.h"
+#include "listing/FTPFileDescriptor.h"
+#include "listing/LineWords.h"
 
 namespace FTPConst {
 
@@ -19,6 +26,37 @@ void reserveForLines(std::vector<T>& entries, typename std::vector<T>::size_type
     }
     const typename std::vector<T>::size_type doubled = 2 * entries.capacity();
     entries.reserve(wanted > doubled ? wanted : doubled);
+}
+
+// Makes the record of one line from its words, or returns NULL to drop the
+// line (nothing of it then reaches the list or the total).
+typedef FTPFileDescriptor* (*RecordOfLine)(LineWords& words);
+
+// For every non-empty line, in order: splits it at blanks and hands the words
+// to `recordOf`; a record it returns is appended to `entries` and its size
+// added to `total` (never reset here).
+inline void appendRecords(const std::vector<std::string>& lines, RecordOfLine recordOf,
+                          std::vector<SafePointer<FTPFileDescriptor> >& entries,
+                          long long& total) {
+    // Growing the list copies every SafePointer already in it, and each copy
+    // takes its count's lock: one reservation up front avoids that.
+    reserveForLines(entries, lines.size());
+    LineWords words;
+    for (std::vector<std::string>::const_iterator it = lines.begin(); it != lines.end(); ++it) {
+        if (it->empty()) {
+            continue;
+        }
+        // Read as C text: the listing has had its zero bytes turned into
+        // blanks before it was cut into lines.
+        words.split(*it);
+        FTPFileDescriptor* record = recordOf(words);
+        if (record == NULL) {
+            continue;
+        }
+        const int32_t size = record->size;
+        entries.push_back(SafePointer<FTPFileDescriptor>(record));
+        total += static_cast<long long>(size);
+    }
 }
 
 }  // namespace FTPConst

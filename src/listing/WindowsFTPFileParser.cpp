@@ -14,6 +14,24 @@ namespace {
 
 enum { kSizeWord = 2, kNameWord = 3 };
 
+// The record of one DOS line; no line is dropped.
+FTPConst::FTPFileDescriptor* dosRecord(FTPConst::LineWords& words) {
+    const std::string sizeWord = words.word(kSizeWord);
+
+    FTPConst::FTPFileDescriptor* record = new FTPConst::FTPFileDescriptor;
+    // Whole word, exact case: "<dir>" and "<DIR>x" are sizes (reading 0).
+    if (sizeWord == FTPConst::DIR) {
+        record->type = 'd';
+        record->size = 0;
+    } else {
+        record->type = '-';
+        record->size = FTPConst::readListingSize(sizeWord.data(),
+                                                 static_cast<unsigned int>(sizeWord.size()));
+    }
+    record->name = words.word(kNameWord);
+    return record;
+}
+
 }  // namespace
 
 WindowsFTPFileParser::WindowsFTPFileParser() {}
@@ -22,32 +40,5 @@ WindowsFTPFileParser::~WindowsFTPFileParser() {}
 void WindowsFTPFileParser::getFileDescriptorList(
     const std::vector<std::string>& lines,
     std::vector<SafePointer<FTPConst::FTPFileDescriptor> >& entries, long long& total) {
-    // Growing the list copies every SafePointer already in it, and each copy
-    // takes its count's lock: one reservation up front avoids that.
-    FTPConst::reserveForLines(entries, lines.size());
-    FTPConst::LineWords words;
-    for (std::vector<std::string>::const_iterator it = lines.begin(); it != lines.end(); ++it) {
-        if (it->empty()) {
-            continue;
-        }
-        // Read as C text: the listing has had its zero bytes turned into
-        // blanks before it was cut into lines.
-        words.split(*it);
-        const std::string sizeWord = words.word(kSizeWord);
-
-        FTPConst::FTPFileDescriptor* record = new FTPConst::FTPFileDescriptor;
-        // Whole word, exact case: "<dir>" and "<DIR>x" are sizes (reading 0).
-        if (sizeWord == FTPConst::DIR) {
-            record->type = 'd';
-            record->size = 0;
-        } else {
-            record->type = '-';
-            record->size = FTPConst::readListingSize(sizeWord.data(),
-                                                     static_cast<unsigned int>(sizeWord.size()));
-        }
-        record->name = words.word(kNameWord);
-        const int32_t size = record->size;
-        entries.push_back(SafePointer<FTPConst::FTPFileDescriptor>(record));
-        total += static_cast<long long>(size);
-    }
+    FTPConst::appendRecords(lines, dosRecord, entries, total);
 }

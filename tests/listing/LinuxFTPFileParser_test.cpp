@@ -8,10 +8,11 @@
 #include "foundation/SafePointer.h"
 #include "listing/FTPFileDescriptor.h"
 #include "listing/LinuxFTPFileParser.h"
+#include "ParserTestUtil.h"
 
 namespace {
 
-typedef std::vector<SafePointer<FTPConst::FTPFileDescriptor> > Entries;
+using parsertest::Entries;
 
 struct Row {
     const char* source;  // where such a line comes from
@@ -27,20 +28,8 @@ struct Row {
 void expectRows(const std::vector<Row>& rows) {
     LinuxFTPFileParser parser;
     for (const Row& row : rows) {
-        Entries entries;
-        long long total = 1000;
-        parser.getFileDescriptorList(std::vector<std::string>(1, row.line), entries, total);
-        if (!row.kept) {
-            EXPECT_TRUE(entries.empty()) << row.source << ": [" << row.line << "]";
-            EXPECT_EQ(1000, total) << row.source << ": [" << row.line << "]";
-            continue;
-        }
-        ASSERT_EQ(1u, entries.size()) << row.source << ": [" << row.line << "]";
-        EXPECT_EQ(row.type, entries[0]->type) << row.source << ": [" << row.line << "]";
-        EXPECT_EQ(row.size, entries[0]->size) << row.source << ": [" << row.line << "]";
-        EXPECT_EQ(row.name, entries[0]->name) << row.source << ": [" << row.line << "]";
-        EXPECT_EQ(1000 + static_cast<long long>(row.size), total)
-            << row.source << ": [" << row.line << "]";
+        parsertest::expectRecordOfLine(parser, row.source, row.line, row.kept, row.type, row.size,
+                                       row.name);
     }
 }
 
@@ -200,21 +189,6 @@ TEST(LinuxListing, StoresNonAsciiTypeCharactersAsTheirByteValue) {
 }
 
 TEST(LinuxListing, AppendingListingAfterListingToOneListGrowsItsRoomGeometrically) {
-    // Each reallocation copies every record already in the list; one per call
-    // would make a thousand one-line listings cost a million copies.
-    Entries entries;
-    long long total = 0;
-    LinuxFTPFileParser parser;
-    int reallocations = 0;
-    for (int i = 0; i < 1000; ++i) {
-        const Entries::size_type before = entries.capacity();
-        parser.getFileDescriptorList(
-            std::vector<std::string>(1, "-rw-r--r-- 1 u g 1 Jan 01 10:00 f" + std::to_string(i)),
-            entries, total);
-        if (entries.capacity() != before) ++reallocations;
-    }
-    ASSERT_EQ(1000u, entries.size());
-    EXPECT_EQ("f999", entries[999]->name);
-    EXPECT_EQ(1000, total);
-    EXPECT_LE(reallocations, 11);
+    parsertest::expectRoomGrowsGeometrically<LinuxFTPFileParser>(
+        "-rw-r--r-- 1 u g 1 Jan 01 10:00 f");
 }
