@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "LoginProbe.h"
 #include "filesystem/FTPFileSystemManager.h"
 
 namespace ftpdisk_tool {
@@ -113,9 +114,7 @@ int Session::init(bool quiet) {
     }
     if (store_->init() != 0) {
         if (!quiet) {
-            fail(command_,
-                 "cannot connect to " + location_.server + " or log in as " + location_.user,
-                 kExitFailed);
+            fail(command_, explainLoginFailure(location_), kExitFailed);
         }
         return kExitFailed;
     }

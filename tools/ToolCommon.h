@@ -89,8 +89,8 @@ public:
     // kExitOk, or kExitUsage for a text that is not a location (after printing
     // "not a location: ..."), with no store then.
     int registerLocation(const std::string& text);
-    // Connects and logs in. Returns kExitOk or kExitFailed (message printed
-    // unless `quiet`).
+    // Connects and logs in. Returns kExitOk or kExitFailed; unless `quiet`,
+    // a failure is printed with its reason (see LoginProbe.h).
     int init(bool quiet = false);
     // registerLocation then init.
     int open(const std::string& text);

@@ -1,7 +1,10 @@
 // The ftpdisk command, run as its own process against a real FTP server on
 // 127.0.0.1: what each subcommand prints, its exit status, and the bytes it
 // leaves on the server's disk.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -210,7 +213,7 @@ TEST_F(ToolCommand, EveryCommandAgainstAStoppedServerFailsInOneLineWithStatusOne
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10))
             << args[0] << ": a refused connect must fail at once";
         EXPECT_EQ(1, result.status) << args[0] << "\n" << result.transcript();
-        EXPECT_EQ("ftpdisk " + args[0] + ": cannot connect to " + hostPort + " or log in as rec\n",
+        EXPECT_EQ("ftpdisk " + args[0] + ": cannot connect to " + hostPort + ": Connection refused\n",
                   result.err)
             << result.transcript();
         EXPECT_EQ("", result.out) << args[0];
@@ -246,8 +249,8 @@ TEST_F(ToolCommand, CheckWithARefusedLoginFailsAtInitAndSkipsTheRest) {
     EXPECT_EQ(1, result.status) << result.transcript();
     EXPECT_FALSE(contains(result.out + result.err, "wr0ngpass")) << result.transcript();
     EXPECT_TRUE(std::regex_search(
-        result.out, std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  cannot connect to 127.0.0.1:[0-9]+ "
-                               "or log in as rec\n")))
+        result.out, std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  127\\.0\\.0\\.1:[0-9]+ refused the login "
+                               "as rec: 530 Authentication failed\\.\n")))
         << result.transcript();
     for (const char* step : {"mkdir", "write", "list", "measure", "read", "delete", "rmdir",
                              "release"}) {
@@ -257,7 +260,7 @@ TEST_F(ToolCommand, CheckWithARefusedLoginFailsAtInitAndSkipsTheRest) {
     EXPECT_TRUE(contains(result.out, "verdict: FAIL: rec(***)@ftp://" + server().hostPort() +
                                          base_ +
                                          " is not usable: 1 of 10 steps failed, 8 skipped; "
-                                         "first failure: init (cannot connect"))
+                                         "first failure: init (127.0.0.1:"))
         << result.transcript();
 }
 
@@ -265,8 +268,33 @@ TEST_F(ToolCommand, CheckOfAPortWithoutAServerFailsAtInit) {
     // Nothing listens on port 1 of the loopback: the connect is refused at once.
     const ToolRun result = run({"check", "rec(pw)@ftp://127.0.0.1:1/x"});
     EXPECT_EQ(1, result.status) << result.transcript();
-    EXPECT_TRUE(contains(result.out, "  FAIL  init")) << result.transcript();
+    EXPECT_TRUE(std::regex_search(
+        result.out,
+        std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  cannot connect to 127\\.0\\.0\\.1:1: Connection refused\n")))
+        << result.transcript();
     EXPECT_TRUE(contains(result.out, "verdict: FAIL")) << result.transcript();
+}
+
+TEST_F(ToolCommand, AServerThatNeverGreetsFailsInBoundedTimeAndIsNamedAsSuch) {
+    // A listening socket nobody accepts on: the kernel completes the
+    // connection, and no greeting ever comes.
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_EQ(0, ::listen(listener, 8));
+    ASSERT_EQ(0, ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length));
+    const std::string hostPort = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    const ToolRun result =
+        runTool({"ls", "rec(pw)@ftp://" + hostPort + "/x"}, work_, std::chrono::seconds(60));
+    ::close(listener);
+    EXPECT_FALSE(result.timedOut) << result.transcript();
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk ls: " + hostPort + " accepted the connection but sent no greeting within 5 s\n",
+              result.err);
 }
 
 // --- directories and files ---
@@ -632,7 +660,8 @@ TEST_F(ToolCommand, RecordToAServerThatRefusesTheLoginFails) {
     const ToolRun result =
         run({"record", "rec(nope)@ftp://" + server().hostPort() + base_, "--seconds", "0.2"});
     EXPECT_EQ(1, result.status) << result.transcript();
-    EXPECT_EQ("ftpdisk record: cannot connect to " + server().hostPort() + " or log in as rec\n",
+    EXPECT_EQ("ftpdisk record: " + server().hostPort() +
+                  " refused the login as rec: 530 Authentication failed.\n",
               result.err);
     EXPECT_FALSE(contains(result.out + result.err, "nope"));
 }
