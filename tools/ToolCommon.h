@@ -23,6 +23,7 @@ namespace ftpdisk_tool {
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;  // an operation on the store failed
 constexpr int kExitUsage = 2;   // bad arguments or a text that is not a location
+constexpr int kExitInterrupted = 130;  // record ended early by Ctrl-C (SIGINT) or SIGTERM
 
 // One subcommand's arguments after the subcommand word. Options are
 // "--name value", "--name=value" or flags such as "-r"; "--" ends them.

@@ -656,6 +656,46 @@ TEST_F(ToolCommand, RecordCountsFailedCallsWhenTheServerGoesAwayAndStillEndsOnTi
     EXPECT_TRUE(contains(result.out, "\nverdict: FAIL\n")) << result.transcript();
 }
 
+TEST_F(ToolCommand, RecordInterruptedByCtrlCClosesItsFilesAndPrintsTheSummary) {
+    // A run of ten minutes, interrupted once the first camera has moved on to
+    // its second segment (so its first one is closed).
+    const std::string recordings = server().localPath(base_);
+    const auto secondSegmentSeen = [&] {
+        std::error_code ignored;
+        for (const auto& entry : fs::recursive_directory_iterator(recordings, ignored)) {
+            if (entry.path().filename().string().rfind("00002_", 0) == 0) {
+                return true;
+            }
+        }
+        return false;
+    };
+    const auto started = std::chrono::steady_clock::now();
+    const ToolRun result = runToolInterrupted({"record", location(), "--cameras", "2", "--seconds",
+                                               "600", "--rate", "2", "--segment", "0.5"},
+                                              work_, secondSegmentSeen);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(60))
+        << result.transcript();
+    EXPECT_FALSE(result.timedOut) << result.transcript();
+    EXPECT_EQ(130, result.status) << result.transcript();
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\n  interrupted    after [0-9.]+ s of 600 s; each camera closed its "
+                               "last, shorter segment\n")))
+        << result.transcript();
+    EXPECT_TRUE(contains(result.out, "\nverdict: PASS\n")) << result.transcript();
+    // What the summary counts is exactly what the server holds, every file
+    // closed and following its pattern.
+    const SummaryFigures figures = readSummary(result.out);
+    EXPECT_GE(figures.files, 3) << result.transcript();
+    EXPECT_EQ(0, figures.failedCalls) << result.transcript();
+    long long onDisk = 0;
+    std::vector<std::string> problems;
+    EXPECT_EQ(figures.files, checkSegments(recordings, onDisk, problems));
+    EXPECT_EQ(figures.bytes, onDisk);
+    for (const std::string& p : problems) {
+        ADD_FAILURE() << p;
+    }
+}
+
 TEST_F(ToolCommand, RecordToAServerThatRefusesTheLoginFails) {
     const ToolRun result =
         run({"record", "rec(nope)@ftp://" + server().hostPort() + base_, "--seconds", "0.2"});

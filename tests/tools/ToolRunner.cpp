@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -60,13 +61,20 @@ int waitStatus(pid_t pid) {
 
 // Reads every descriptor in `fds` into the matching text until all reach
 // their end or the deadline passes; returns false on the deadline.
-bool drain(std::vector<int> fds, std::vector<std::string*> texts, Clock::time_point deadline) {
+// `everyRound`, when given, runs at least every 20 ms while waiting.
+bool drain(std::vector<int> fds, std::vector<std::string*> texts, Clock::time_point deadline,
+           const std::function<void()>& everyRound = std::function<void()>()) {
     char buffer[65536];
     while (!fds.empty()) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (everyRound) {
+            everyRound();
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
             return false;
+        }
+        if (everyRound) {
+            left = std::min(left, std::chrono::milliseconds(20));
         }
         std::vector<pollfd> polls;
         for (int fd : fds) {
@@ -102,6 +110,12 @@ std::string ToolRun::transcript() const {
 
 ToolRun runTool(const std::vector<std::string>& args, const std::string& workDir,
                 std::chrono::seconds limit) {
+    return runToolInterrupted(args, workDir, std::function<bool()>(), limit);
+}
+
+ToolRun runToolInterrupted(const std::vector<std::string>& args, const std::string& workDir,
+                           const std::function<bool()>& interruptWhen,
+                           std::chrono::seconds limit) {
     ToolRun run;
     std::vector<std::string> argv = toolCommand(args);
     std::vector<std::string> env = toolEnvironment(workDir);
@@ -137,7 +151,17 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& workDir
         run.err = "cannot start " + argv[0];
         return run;
     }
-    if (!drain({outPipe[0], errPipe[0]}, {&run.out, &run.err}, Clock::now() + limit)) {
+    bool interrupted = false;
+    std::function<void()> watch;
+    if (interruptWhen) {
+        watch = [&] {
+            if (!interrupted && interruptWhen()) {
+                interrupted = true;
+                ::kill(pid, SIGINT);
+            }
+        };
+    }
+    if (!drain({outPipe[0], errPipe[0]}, {&run.out, &run.err}, Clock::now() + limit, watch)) {
         run.timedOut = true;
         ::kill(pid, SIGKILL);
     }

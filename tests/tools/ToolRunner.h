@@ -7,6 +7,7 @@
 #define FTPDISK_TESTS_TOOLS_TOOLRUNNER_H
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,13 @@ struct ToolRun {
 // /tmp) so that the module never writes to the recorder's log folder.
 ToolRun runTool(const std::vector<std::string>& args, const std::string& workDir = "",
                 std::chrono::seconds limit = std::chrono::seconds(120));
+
+// runTool that sends SIGINT to the command (once) as soon as
+// `interruptWhen()` returns true; it is asked at least every 20 ms while the
+// command runs.
+ToolRun runToolInterrupted(const std::vector<std::string>& args, const std::string& workDir,
+                           const std::function<bool()>& interruptWhen,
+                           std::chrono::seconds limit = std::chrono::seconds(120));
 
 // The same on a pseudo-terminal of 100 columns: standard output and standard
 // error both go to it, as on a person's screen.
