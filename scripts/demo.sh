@@ -118,7 +118,10 @@ say "3. list and size what was recorded"
 run ls "${location}" || die "ftpdisk ls failed"
 run ls "${location}" "${day}" || die "ftpdisk ls failed"
 run ls -l "${location}" "${day}/cam01" || die "ftpdisk ls -l failed"
-run du "${location}" "${day}" || die "ftpdisk du failed"
+run du "${location}" "${day}" | tee "${work}/du.txt" || die "ftpdisk du failed"
+total=$(awk -F '\t' 'NR == 1 { print $1 }' "${work}/du.txt")
+[ -n "${total}" ] || die "no total in the du output"
+echo "(du adds the directories' own listed sizes: ${total} = ${bytes} bytes of recordings + $((total - bytes)) for the day and camera directories)"
 
 say "4. verify the server's disk against the summary (${files} files, ${bytes} bytes)"
 "${python}" - "${root}/video" "${files}" "${bytes}" "${cameras}" <<'PY'

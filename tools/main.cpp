@@ -113,7 +113,9 @@ const std::vector<Command>& commands() {
          "file is (seed + i) mod 251 with seed = (31 * camera + segment) mod 251.\n"
          "A live status line is drawn on standard error when it is a terminal; the\n"
          "summary gives files, bytes, throughput, failed calls and open, close and\n"
-         "write latency percentiles. Exit status 0 only if no call failed.\n"
+         "write latency percentiles. Exit status 0 only if no call failed. Ctrl-C\n"
+         "ends the run early: every file is closed, the summary printed, and the exit\n"
+         "status is 130.\n"
          "\n" LOCATION_HELP,
          {"--aio"}, {"--cameras", "--seconds", "--rate", "--segment"}, 1, 1, runRecord},
     };
