@@ -66,9 +66,50 @@ std::vector<std::string> pathPrefixes(const char* path) {
     return prefixes;
 }
 
-void printCannotOpen(const char* localFile) {
-    printf("Cannot open file \"%s\"! Please check the file name!e\n", localFile);
-    fflush(stdout);
+// Opens the local file of Get or Put (its UTF-8 name widened for the host) in
+// `mode`; on failure prints the line the recorder's log has always shown and
+// gives false.
+bool openLocal(KDFile& local, const char* localFile, unsigned char mode) {
+    const std::wstring wideName = string_util::utf82wchar(localFile);
+    if (local.open_w(wideName.c_str(), mode) == 0) {
+        printf("Cannot open file \"%s\"! Please check the file name!e\n", localFile);
+        fflush(stdout);
+        return false;
+    }
+    return true;
+}
+
+// The copy loop of Get and Put. Reads up to `size` bytes into `buf` with
+// `readSome` and hands them to `writeSome`, again on the remainder until all
+// are taken, then reads again. 0 when a read gives 0 (the end of the source);
+// -1 when a read fails or a write takes nothing (an error, or a disk or
+// connection that takes no more).
+template <typename ReadSome, typename WriteSome>
+int copyToEnd(char* buf, unsigned int size, ReadSome readSome, WriteSome writeSome) {
+    for (;;) {
+        const int n = readSome(buf, size);
+        if (n < 0) {
+            return -1;
+        }
+        if (n == 0) {
+            return 0;
+        }
+        int done = 0;
+        while (done < n) {
+            const int w = writeSome(buf + done, static_cast<unsigned int>(n - done));
+            if (w <= 0) {
+                return -1;
+            }
+            done += w;
+        }
+    }
+}
+
+// The open file behind `handle` when it was opened for writing; false for a
+// handle the table does not know and for one opened for reading.
+bool fileOpenForWriting(FtpFileHandleManager* table, int handle,
+                        SafePointer<FtpFileHandler>& file) {
+    return table->getFileHandler(handle, file) && file->getMode() != kFtpModeRead;
 }
 
 }  // namespace
@@ -423,10 +464,7 @@ int FTPFileSystemImpl::read(int handle, char* buf, unsigned int len) {
 
 int FTPFileSystemImpl::write(int handle, const char* buf, unsigned int len) {
     SafePointer<FtpFileHandler> file;
-    if (!handleManager->getFileHandler(handle, file)) {
-        return -1;
-    }
-    if (file->getMode() == kFtpModeRead) {
+    if (!fileOpenForWriting(handleManager, handle, file)) {
         return -1;
     }
     const int written = file->write(buf, len);
@@ -438,10 +476,7 @@ int FTPFileSystemImpl::write(int handle, const char* buf, unsigned int len) {
 
 int FTPFileSystemImpl::aioWrite(int handle, const char* buf, unsigned int len) {
     SafePointer<FtpFileHandler> file;
-    if (!handleManager->getFileHandler(handle, file)) {
-        return -1;
-    }
-    if (file->getMode() == kFtpModeRead) {
+    if (!fileOpenForWriting(handleManager, handle, file)) {
         return -1;
     }
     // The account is not raised here: the caller learns how much was taken
@@ -463,10 +498,8 @@ int FTPFileSystemImpl::Get(const char* localFile, const char* remoteFile) {
     if (localFile == NULL || remoteFile == NULL) {
         return -1;
     }
-    const std::wstring wideName = string_util::utf82wchar(localFile);
     KDFile local;
-    if (local.open_w(wideName.c_str(), kLocalCreateMode) == 0) {
-        printCannotOpen(localFile);
+    if (!openLocal(local, localFile, kLocalCreateMode)) {
         return -1;
     }
     const int handle = open(remoteFile, kFtpModeRead);
@@ -475,29 +508,10 @@ int FTPFileSystemImpl::Get(const char* localFile, const char* remoteFile) {
         return -1;
     }
     std::vector<char> buffer(kCopyBufferSize);
-    char* buf = &buffer[0];
-    int result = -1;
-    for (;;) {
-        const int n = read(handle, buf, kCopyBufferSize);
-        if (n < 0) {
-            break;
-        }
-        if (n == 0) {
-            result = 0;
-            break;
-        }
-        int done = 0;
-        while (done < n) {
-            const int w = local.write(buf + done, static_cast<unsigned int>(n - done));
-            if (w <= 0) {
-                break;  // an error, or a disk that takes nothing more
-            }
-            done += w;
-        }
-        if (done < n) {
-            break;
-        }
-    }
+    int result = copyToEnd(
+        &buffer[0], kCopyBufferSize,
+        [&](char* buf, unsigned int len) { return this->read(handle, buf, len); },
+        [&](char* buf, unsigned int len) { return local.write(buf, len); });
     local.close();
     // The end of the data alone does not prove the file complete: the server's
     // final reply does (a transfer it aborted ends the data just the same).
@@ -511,10 +525,8 @@ int FTPFileSystemImpl::Put(const char* localFile, const char* remoteFile) {
     if (localFile == NULL || remoteFile == NULL) {
         return -1;
     }
-    const std::wstring wideName = string_util::utf82wchar(localFile);
     KDFile local;
-    if (local.open_w(wideName.c_str(), kLocalReadMode) == 0) {
-        printCannotOpen(localFile);
+    if (!openLocal(local, localFile, kLocalReadMode)) {
         return -1;
     }
     const int handle = open(remoteFile, kFtpModeWrite);
@@ -523,29 +535,11 @@ int FTPFileSystemImpl::Put(const char* localFile, const char* remoteFile) {
         return -1;
     }
     std::vector<char> buffer(kCopyBufferSize);
-    char* buf = &buffer[0];
-    int result = -1;
-    for (;;) {
-        const int n = local.read(buf, kCopyBufferSize);
-        if (n < 0) {
-            break;
-        }
-        if (n == 0) {
-            result = 0;
-            break;
-        }
-        int done = 0;
-        while (done < n) {
-            const int w = write(handle, buf + done, static_cast<unsigned int>(n - done));
-            if (w <= 0) {
-                break;  // an error, or a connection that takes nothing more
-            }
-            done += w;
-        }
-        if (done < n) {
-            break;
-        }
-    }
+    // Through write, so the used-bytes account rises with every piece taken.
+    int result = copyToEnd(
+        &buffer[0], kCopyBufferSize,
+        [&](char* buf, unsigned int len) { return local.read(buf, len); },
+        [&](char* buf, unsigned int len) { return this->write(handle, buf, len); });
     local.close();
     // Only the server's final reply says the bytes were stored; a refused
     // closing reply makes the copy a failure. What arrived stays on the server.

@@ -39,6 +39,15 @@ const char* const kLockSite = "FTPFileSystemImpl";
 // back up the tree (endlessly, or deleting the parent).
 bool isSelfOrParent(const std::string& name) { return name == "." || name == ".."; }
 
+// Appends to `names`, in listing order, the names of the entries of `type`.
+void appendNamesOfType(const EntryList& entries, int32_t type, std::vector<std::string>& names) {
+    for (EntryList::const_iterator it = entries.begin(); it != entries.end(); ++it) {
+        if ((*it)->type == type) {
+            names.push_back((*it)->name);
+        }
+    }
+}
+
 }  // namespace
 
 bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, std::string& text) {
@@ -145,11 +154,7 @@ bool FTPFileSystemImpl::getFileList(const char* path, std::vector<std::string>& 
     if (!getFileDescriptorList(path, entries, total)) {
         return false;
     }
-    for (EntryList::const_iterator it = entries.begin(); it != entries.end(); ++it) {
-        if ((*it)->type == kTypeFile) {
-            names.push_back((*it)->name);
-        }
-    }
+    appendNamesOfType(entries, kTypeFile, names);
     return true;
 }
 
@@ -167,11 +172,7 @@ bool FTPFileSystemImpl::getSubDirList(const char* path, std::vector<std::string>
     if (!getFileDescriptorList(path, entries, total)) {
         return false;
     }
-    for (EntryList::const_iterator it = entries.begin(); it != entries.end(); ++it) {
-        if ((*it)->type == kTypeDirectory) {
-            names.push_back((*it)->name);
-        }
-    }
+    appendNamesOfType(entries, kTypeDirectory, names);
     return true;
 }
 

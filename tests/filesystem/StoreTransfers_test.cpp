@@ -3,6 +3,8 @@
 // a transfer fails.
 #include <dirent.h>
 #include <errno.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -93,6 +95,28 @@ TEST_F(StoreTransfers, GetReportsFailureWhenTheServerAbortsAndKeepsTheBytesRecei
     std::string copied;
     ASSERT_TRUE(readLocalFile(target, &copied));
     EXPECT_TRUE(copied == bytes.substr(0, 12345)) << "got " << copied.size() << " bytes";
+}
+
+TEST_F(StoreTransfers, GetFailsWhenTheLocalDiskTakesNoMoreAndKeepsWhatWasWritten) {
+    // A file size limit of 10000 bytes stands in for a full disk: the second
+    // 8192-byte piece goes to the local file only in part, and writing the
+    // rest of it fails.
+    const std::string bytes = patternBytes(50000, 7);
+    server.putFile("/rec/full.ts", bytes);
+    const std::string target = local.file("full.ts");
+    struct rlimit unlimited;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    struct rlimit limited = unlimited;
+    limited.rlim_cur = 10000;
+    void (*previous)(int) = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    const int result = store->Get(target.c_str(), "/rec/full.ts");
+    setrlimit(RLIMIT_FSIZE, &unlimited);
+    signal(SIGXFSZ, previous);
+    EXPECT_EQ(result, -1);
+    std::string copied;
+    ASSERT_TRUE(readLocalFile(target, &copied));
+    EXPECT_TRUE(copied == bytes.substr(0, 10000)) << "got " << copied.size() << " bytes";
 }
 
 TEST_F(StoreTransfers, GetWithANullArgumentFailsWithoutTouchingAnything) {
