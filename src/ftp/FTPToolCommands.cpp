@@ -33,13 +33,8 @@ bool fits(size_t length, size_t extra) { return length + extra <= kCommandLineSi
 // the result is the same on 32- and 64-bit recorders; false when no digits.
 bool readInteger(const char*& at, int32_t* value) {
     const char* p = at;
-    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
     bool negative = false;
-    if (*p == '+' || *p == '-') {
-        negative = *p == '-';
-        ++p;
-    }
-    if (*p < '0' || *p > '9') return false;
+    if (!ftptool::skipToDigits(p, &negative)) return false;
     uint64_t n = 0;
     while (*p >= '0' && *p <= '9') {
         n = n * 10 + static_cast<uint64_t>(*p - '0');

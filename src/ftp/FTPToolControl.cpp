@@ -42,6 +42,25 @@ int waitFor(int fd, short events, NetBufWaitTime limit, short* revents) {
     return n;
 }
 
+NetBuf* newRecord(int fd, int direction, bool lineBuffer) {
+    NetBuf* record = static_cast<NetBuf*>(calloc(1, sizeof(NetBuf)));
+    char* buffer = NULL;
+    if (record != NULL && lineBuffer) buffer = static_cast<char*>(malloc(kNetBufSize));
+    if (record == NULL || (lineBuffer && buffer == NULL)) {
+        free(record);
+        free(buffer);
+        return NULL;
+    }
+    record->buffer = buffer;
+    record->readPos = buffer;
+    record->writePos = buffer;
+    record->available = 0;
+    record->spaceLeft = buffer != NULL ? kNetBufSize : 0;
+    record->handle = fd;
+    record->direction = direction;
+    return record;
+}
+
 void setResponse(NetBuf* connection, const char* text) {
     if (connection == NULL) return;
     snprintf(connection->response, sizeof connection->response, "%s", text);
@@ -62,6 +81,16 @@ void setErrorResponse(NetBuf* connection, int error) {
     char buffer[kNetBufResponseSize];
     buffer[0] = '\0';
     setResponse(connection, errorText(strerror_r(error, buffer, sizeof buffer), buffer));
+}
+
+bool skipToDigits(const char*& at, bool* negative) {
+    while (*at == ' ' || (*at >= '\t' && *at <= '\r')) ++at;
+    *negative = false;
+    if (*at == '+' || *at == '-') {
+        *negative = *at == '-';
+        ++at;
+    }
+    return *at >= '0' && *at <= '9';
 }
 
 bool printReports() { return GlobalEnv::getInstance()->getPrintFlag(); }
@@ -131,6 +160,23 @@ bool lookUpHost(const char* name, struct in_addr* address) {
     }
     freeaddrinfo(found);
     return ok;
+}
+
+// Sends the first `count` bytes of the connection's line buffer in one send
+// once the socket is writable. 1 when all of them went out; 0 when the socket
+// did not become writable within the readiness wait; -1 when the send failed
+// or fell short, reported with `format` ("write(1) returned %d, errno = %d\n"
+// and its siblings, one for each place that sends) when the host asks for it.
+int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* format) {
+    if (!tool.Socketwait(connection)) return 0;
+    ssize_t sent = send(connection->handle, connection->buffer, static_cast<size_t>(count),
+                        MSG_NOSIGNAL);
+    if (sent != count) {
+        int error = errno;
+        if (ftptool::printReports()) ftptool::report(format, static_cast<int>(sent), error);
+        return -1;
+    }
+    return 1;
 }
 
 }  // namespace
@@ -210,21 +256,11 @@ int FTPTool::connect(const char* host) {
         return 0;
     }
 
-    NetBuf* control = static_cast<NetBuf*>(calloc(1, sizeof(NetBuf)));
-    char* buffer = static_cast<char*>(malloc(kNetBufSize));
-    if (control == NULL || buffer == NULL) {
-        free(control);
-        free(buffer);
+    NetBuf* control = ftptool::newRecord(fd, kNetBufControl, true);
+    if (control == NULL) {
         close(fd);
         return 0;
     }
-    control->buffer = buffer;
-    control->readPos = buffer;
-    control->writePos = buffer;
-    control->available = 0;
-    control->spaceLeft = kNetBufSize;
-    control->handle = fd;
-    control->direction = kNetBufControl;
     control->control = NULL;
     control->connectionMode = kNetBufPassive;
     // Deliberately short: a server that takes longer than this to start a
@@ -372,42 +408,26 @@ int FTPTool::Writeline(const char* data, int length, NetBuf* connection) {
         char c = data[consumed];
         if (c == '\n' && previous != '\r') {
             if (buffered == kNetBufSize) {
-                if (!Socketwait(connection)) return sentUpTo;
-                ssize_t sent = send(connection->handle, buffer, kNetBufSize, MSG_NOSIGNAL);
-                if (sent != kNetBufSize) {
-                    int error = errno;
-                    if (ftptool::printReports())
-                        ftptool::report("write(1) returned %d, errno = %d\n", static_cast<int>(sent), error);
-                    return -1;
-                }
+                int flushed = sendLineBuffer(*this, connection, buffered,
+                                             "write(1) returned %d, errno = %d\n");
+                if (flushed != 1) return flushed == 0 ? sentUpTo : -1;
                 buffered = 0;
                 sentUpTo = consumed;
             }
             buffer[buffered++] = '\r';
         }
         if (buffered == kNetBufSize) {
-            if (!Socketwait(connection)) return sentUpTo;
-            ssize_t sent = send(connection->handle, buffer, kNetBufSize, MSG_NOSIGNAL);
-            if (sent != kNetBufSize) {
-                int error = errno;
-                if (ftptool::printReports())
-                    ftptool::report("write(2) returned %d, errno = %d\n", static_cast<int>(sent), error);
-                return -1;
-            }
+            int flushed = sendLineBuffer(*this, connection, buffered,
+                                         "write(2) returned %d, errno = %d\n");
+            if (flushed != 1) return flushed == 0 ? sentUpTo : -1;
             buffered = 0;
             sentUpTo = consumed;
         }
         buffer[buffered++] = c;
         previous = c;
     }
-    if (!Socketwait(connection)) return sentUpTo;
-    ssize_t sent = send(connection->handle, buffer, static_cast<size_t>(buffered), MSG_NOSIGNAL);
-    if (sent != buffered) {
-        int error = errno;
-        if (ftptool::printReports())
-            ftptool::report("write(3) returned %d, errno = %d\n", static_cast<int>(sent), error);
-        return -1;
-    }
+    int flushed = sendLineBuffer(*this, connection, buffered, "write(3) returned %d, errno = %d\n");
+    if (flushed != 1) return flushed == 0 ? sentUpTo : -1;
     return length;
 }
 

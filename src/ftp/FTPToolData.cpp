@@ -48,13 +48,8 @@ void account(NetBuf* data, int moved) {
 // optional sign, then digits); false when no digits follow.
 bool readUnsigned(const char*& at, unsigned* value) {
     const char* p = at;
-    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
     bool negative = false;
-    if (*p == '+' || *p == '-') {
-        negative = *p == '-';
-        ++p;
-    }
-    if (*p < '0' || *p > '9') return false;
+    if (!ftptool::skipToDigits(p, &negative)) return false;
     unsigned long long n = 0;
     while (*p >= '0' && *p <= '9') {
         if (n <= 0xFFFFFFFFull) n = n * 10 + static_cast<unsigned>(*p - '0');
@@ -229,24 +224,13 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
         }
     }
 
-    NetBuf* data = static_cast<NetBuf*>(calloc(1, sizeof(NetBuf)));
-    char* buffer = NULL;
-    if (data != NULL && mode == 'A') buffer = static_cast<char*>(malloc(kNetBufSize));
-    if (data == NULL || (mode == 'A' && buffer == NULL)) {
-        free(data);
-        free(buffer);
+    // ASCII transfers get a line buffer and start with it empty; every other
+    // field is set here.
+    NetBuf* data = ftptool::newRecord(fd, direction, mode == 'A');
+    if (data == NULL) {
         close(fd);
         return 0;
     }
-    // Every field is set, the line buffer's included, so that ASCII transfers
-    // start from an empty buffer.
-    data->buffer = buffer;
-    data->readPos = buffer;
-    data->writePos = buffer;
-    data->available = 0;
-    data->spaceLeft = buffer != NULL ? kNetBufSize : 0;
-    data->handle = fd;
-    data->direction = direction;
     data->connectionMode = controlBuf->connectionMode;
     data->idleTime = controlBuf->idleTime;
     data->control = portMode ? NULL : controlBuf;

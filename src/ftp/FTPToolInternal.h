@@ -20,11 +20,24 @@ enum { kCommandLineSize = 256 };
 // long-running recorder can reach, never write past an fd_set.
 int waitFor(int fd, short events, NetBufWaitTime limit, short* revents = 0);
 
+// A zeroed connection record for socket `fd` in `direction` (NetBufDirection),
+// with its kNetBufSize-byte line buffer when `lineBuffer` is true: both
+// positions at the buffer's start, nothing available, the whole buffer free
+// (no room at all without one). NULL when memory runs out, nothing then being
+// held; `fd` stays the caller's to close.
+NetBuf* newRecord(int fd, int direction, bool lineBuffer);
+
 // Copies `text` into `connection->response`, cut to fit and terminated.
 void setResponse(NetBuf* connection, const char* text);
 
 // The system's text for `error` copied into `connection->response`.
 void setErrorResponse(NetBuf* connection, int error);
+
+// Steps `at` over what scanf skips before a decimal number (white space, then
+// one optional sign) and stores in *negative whether the sign was '-'. True
+// when a digit follows; false when none does, `at` then standing where the
+// digit was looked for.
+bool skipToDigits(const char*& at, bool* negative);
 
 // Whether the host wants the socket-write reports on standard output.
 bool printReports();

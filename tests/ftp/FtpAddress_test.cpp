@@ -82,6 +82,9 @@ TEST(FtpPassiveReply, SixNumbersAfterTheParenthesisGiveAddressAndPort) {
         {"227 ()\n", "0.0.0.0", 0},
         // Each number is taken as one byte.
         {"227 (383,0,0,1,260,1)\n", "127.0.0.1", 4 * 256 + 1},
+        // Read as "%u" reads: a sign is taken, and "-n" wraps before its low
+        // byte is kept (-1 gives 255, -255 gives 1).
+        {"227 (-1,0,0,+1,-255,21)\n", "255.0.0.1", 1 * 256 + 21},
     };
     for (const Case& c : cases) {
         sockaddr_in a;

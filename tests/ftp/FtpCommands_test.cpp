@@ -123,6 +123,10 @@ TEST_F(FtpCommands, SizeReadsTheReplyCodeAndTheSizeAsTwoNumbers) {
         {"213 3221225472", 1, -1073741824},
         {"213 4294967296", 1, 0},
         {"213 77 bytes", 1, 77},
+        // Signs and any white space before the number are read as "%d" reads them.
+        {"213 -12", 1, -12},
+        {"213\t+12", 1, 12},
+        {"213 - 12", 0, -5},
         // One number only: no size.
         {"213", 0, -5},
         {"213 unknown", 0, -5},
