@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Measures how pyftpdlib, vsftpd, proftpd and pure-ftpd answer the lines this
+# Measures how pyftpdlib, vsftpd, proftpd, pure-ftpd and BusyBox ftpd answer the lines this
 # module sends, and what the exported store returns on each, and writes the
 # result to docs/SERVERS.md. The servers run on 127.0.0.1 only, started and
 # stopped by the program itself; the daemons need root.

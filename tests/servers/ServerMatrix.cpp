@@ -17,6 +17,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -32,6 +33,7 @@
 
 #include "RawFtpSession.h"
 #include "filesystem/FTPFileSystem.h"
+#include "host/IFileScanAction.h"
 #include "support/RealFtpServer.h"
 
 namespace {
@@ -366,13 +368,62 @@ std::string names(const std::vector<std::string>& list) {
 
 std::string yes(bool value) { return value ? "true" : "false"; }
 
+// The visitor of scan rows: the names it was handed, in order.
+class NameCollector : public IFileScanAction {
+public:
+    int onFile(const char* fileName) override {
+        names.push_back(fileName);
+        return 0;
+    }
+    std::vector<std::string> names;
+};
+
+// A local file for the Get and Put rows, removed with its folder afterwards.
+class LocalScratch {
+public:
+    LocalScratch() {
+        char pattern[] = "/tmp/ftpdisk-matrix-XXXXXX";
+        if (mkdtemp(pattern) != nullptr) dir_ = pattern;
+    }
+    ~LocalScratch() {
+        if (dir_.empty()) return;
+        ::remove(file().c_str());
+        ::rmdir(dir_.c_str());
+    }
+    std::string file() const { return dir_ + "/local.dat"; }
+    // The file's bytes in quotes, or "absent".
+    std::string shown() const {
+        std::ifstream in(file(), std::ios::binary);
+        if (!in) return "absent";
+        std::ostringstream all;
+        all << in.rdbuf();
+        return "\"" + all.str() + "\"";
+    }
+
+private:
+    std::string dir_;
+};
+
 std::vector<StoreCall> storeCalls() {
     using F = FTPFileSystem&;
     using R = const RealFtpServer&;
+    // The four listing calls answer 1 or 0 as ints: shown as the number.
     auto fileList = [](F fs, const char* dir) {
         std::vector<std::string> out;
-        bool ok = fs.getFileList(dir, out, "");
-        return yes(ok) + " " + names(out);
+        const int result = fs.getFileList(dir, out, "");
+        return std::to_string(result) + " " + names(out);
+    };
+    auto subDirList = [](F fs, const char* dir) {
+        std::vector<std::string> out;
+        const int result = fs.getSubDirList(dir, out, "");
+        std::sort(out.begin(), out.end());
+        return std::to_string(result) + " " + names(out);
+    };
+    auto scanned = [](F fs, const char* dir, const char* filter) {
+        NameCollector visitor;
+        const int result = fs.scan(dir, &visitor, filter);
+        std::sort(visitor.names.begin(), visitor.names.end());
+        return std::to_string(result) + ", visited " + names(visitor.names);
     };
     return {
         {"`getFileLength(\"/top.dat\")` (file in the root: `CWD `, `LIST `)",
@@ -390,25 +441,35 @@ std::vector<StoreCall> storeCalls() {
         {"`getFileList(\"/b\")` (a name with a blank)",
          [fileList](F fs, R) { return fileList(fs, "/b"); }},
         {"`getFileList(\"/missing\")`", [fileList](F fs, R) { return fileList(fs, "/missing"); }},
-        {"`getSubDirList(\"/\")`",
-         [](F fs, R) {
-             std::vector<std::string> out;
-             bool ok = fs.getSubDirList("/", out, "");
-             return yes(ok) + " " + names(out);
-         }},
+        {"`getSubDirList(\"/\")`", [subDirList](F fs, R) { return subDirList(fs, "/"); }},
+        {"`getSubDirList(\"/missing\")`",
+         [subDirList](F fs, R) { return subDirList(fs, "/missing"); }},
+        {"`scan(\"/d\", visitor, \"*.txt\")`",
+         [scanned](F fs, R) { return scanned(fs, "/d", "*.txt"); }},
+        {"`scan(\"/missing\", visitor, \"\")`",
+         [scanned](F fs, R) { return scanned(fs, "/missing", ""); }},
+        {"`getFileNumber(\"/d\")`", [](F fs, R) { return std::to_string(fs.getFileNumber("/d")); }},
+        {"`isEmptyDir(\"/d\")` (a file and a directory in it)",
+         [](F fs, R) { return yes(fs.isEmptyDir("/d")); }},
         {"`isEmptyDir(\"/d/e\")`, `isEmptyDir(\"/missing\")`",
          [](F fs, R) { return yes(fs.isEmptyDir("/d/e")) + ", " + yes(fs.isEmptyDir("/missing")); }},
         {"`getTotalSize(\"/full\")`",
          [](F fs, R server) {
              long long total = 0;
-             bool ok = fs.getTotalSize("/full", total);
+             const int result = fs.getTotalSize("/full", total);
              struct stat sub;
              long long expected = 1 + 2;
              if (::stat(server.localPath("/full/sub").c_str(), &sub) == 0) expected += sub.st_size;
-             return yes(ok) + ", " +
+             return std::to_string(result) + ", " +
                     (total == expected ? "files plus the directory's own size on disk"
                                        : "other: " + std::to_string(total - 3) +
                                              " bytes beside the files");
+         }},
+        {"`getTotalSize(\"/missing\")`",
+         [](F fs, R) {
+             long long total = -7;
+             const int result = fs.getTotalSize("/missing", total);
+             return std::to_string(result) + ", total " + std::to_string(total);
          }},
         {"`isDirExist(\"/d/a.dat\")` (a file)",
          [](F fs, R) { return yes(fs.isDirExist("/d/a.dat")); }},
@@ -480,11 +541,101 @@ std::vector<StoreCall> storeCalls() {
              return "a handle, write " + std::to_string(w) + ", close " + std::to_string(c) +
                     " — on disk: " + onDisk(server, "/d/a.dat");
          }},
+        {"`moveDir(\"/d\", \"/m\")`",
+         [](F fs, R server) {
+             int r = fs.moveDir("/d", "/m");
+             return std::to_string(r) + " — on disk: /d " + onDisk(server, "/d") + ", /m " +
+                    onDisk(server, "/m");
+         }},
+        {"`open(\"/d/a.dat\", 1)`, `read` until 0, `close`",
+         [](F fs, R) {
+             int h = fs.open("/d/a.dat", 1);
+             if (h < 1) return std::to_string(h);
+             std::string got;
+             std::string reads;
+             char buffer[64];
+             for (int rounds = 0; rounds < 100; ++rounds) {
+                 int n = fs.read(h, buffer, sizeof buffer);
+                 reads += (reads.empty() ? "" : ", ") + std::to_string(n);
+                 if (n <= 0) break;
+                 got.append(buffer, static_cast<size_t>(n));
+             }
+             int c = fs.close(h);
+             return "a handle, read " + reads + " (\"" + got + "\"), close " + std::to_string(c);
+         }},
+        {"`open(\"/d/w.dat\", 2)`, `aioReturn(h, 1000)`, `aioWrite` \"abc\", `flush`, `close`",
+         [](F fs, R server) {
+             int h = fs.open("/d/w.dat", 2);
+             if (h < 1) return std::to_string(h);
+             int ready = fs.aioReturn(h, 1000);
+             int w = fs.aioWrite(h, "abc", 3);
+             int f = fs.flush(h);
+             int c = fs.close(h);
+             return "a handle, aioReturn " + std::to_string(ready) + ", aioWrite " +
+                    std::to_string(w) + ", flush " + std::to_string(f) + ", close " +
+                    std::to_string(c) + " — on disk: " + onDisk(server, "/d/w.dat");
+         }},
+        {"`Get(local, \"/d/a.dat\")`",
+         [](F fs, R) {
+             LocalScratch local;
+             int r = fs.Get(local.file().c_str(), "/d/a.dat");
+             return std::to_string(r) + " — local file: " + local.shown();
+         }},
+        {"`Get(local, \"/d/missing.dat\")`",
+         [](F fs, R) {
+             LocalScratch local;
+             int r = fs.Get(local.file().c_str(), "/d/missing.dat");
+             return std::to_string(r) + " — local file: " + local.shown();
+         }},
+        {"`Put(local, \"/d/p.dat\")` (local file \"put\")",
+         [](F fs, R server) {
+             LocalScratch local;
+             std::ofstream(local.file(), std::ios::binary) << "put";
+             int r = fs.Put(local.file().c_str(), "/d/p.dat");
+             return std::to_string(r) + " — on disk: " + onDisk(server, "/d/p.dat");
+         }},
+        {"`Put(local, \"/missing/p.dat\")`",
+         [](F fs, R server) {
+             LocalScratch local;
+             std::ofstream(local.file(), std::ios::binary) << "put";
+             int r = fs.Put(local.file().c_str(), "/missing/p.dat");
+             return std::to_string(r) + " — on disk: " + onDisk(server, "/missing/p.dat");
+         }},
+        {"`snapshot_open(\"/d/s.jpg\", 0)`, `snapshot_write` \"jpg\", `snapshot_close`",
+         [](F fs, R server) {
+             int o = fs.snapshot_open("/d/s.jpg", 0);
+             if (o != 0) return std::to_string(o);
+             int w = fs.snapshot_write("jpg", 3);
+             int c = fs.snapshot_close();
+             return "0, write " + std::to_string(w) + ", close " + std::to_string(c) +
+                    " — on disk: " + onDisk(server, "/d/s.jpg");
+         }},
         {"`snapshot_open(\"/missing/s.jpg\", 0)`",
          [](F fs, R) {
              int r = fs.snapshot_open("/missing/s.jpg", 0);
              if (r == 0) fs.snapshot_close();
              return std::to_string(r);
+         }},
+        {"`getDiskSpaceInfo(first, second)`",
+         [](F fs, R) {
+             long first = -1, second = -1;
+             int r = fs.getDiskSpaceInfo(first, second);
+             return std::to_string(r) + ", first " + std::to_string(first) + ", second " +
+                    std::to_string(second);
+         }},
+        {"`reinit()` (initialised)", [](F fs, R) { return std::to_string(fs.reinit()); }},
+        {"`init()` of another store with the password \"wrong\"",
+         [](F, R server) {
+             FTPFileSystem other(server.hostPort().c_str(), "rec", "wrong", 16);
+             return std::to_string(other.init());
+         }},
+        // Last: the store is not initialised afterwards.
+        {"`uninit()`, then `createDir(\"/u\")`",
+         [](F fs, R server) {
+             int u = fs.uninit();
+             int r = fs.createDir("/u");
+             return std::to_string(u) + ", then " + std::to_string(r) + " — on disk: " +
+                    onDisk(server, "/u");
          }},
     };
 }
@@ -661,7 +812,11 @@ int run(std::ostream& out, std::string* problems) {
     printRows(out, "sent after login", lines, columns);
     out << "\n## What the exported store then returns\n\n"
         << "`FTPFileSystem` operations on each server after `init`, with what the server's\n"
-        << "disk shows afterwards where the call writes.\n\n";
+        << "disk shows afterwards where the call writes. `getFileList`, `getSubDirList`, `scan`\n"
+        << "and `getTotalSize` answer 1 or 0 (ints); `isDirExist`, `isFileExist` and\n"
+        << "`isEmptyDir` answer true or false; the other calls 0 or -1, a handle, a count or a\n"
+        << "length as shown. Rows run in order on one initialised store, each from the same\n"
+        << "tree; the last one uninitialises it.\n\n";
     printRows(out, "call", calls, columns);
     return 0;
 }
