@@ -237,25 +237,45 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         ASSERT_TRUE(server.readFile("/rec/20240101/cam1/index.idx", &onDisk));
         EXPECT_EQ(onDisk, "idx");
 
-        // Listings, scan, sizes.
+        // Listings, scan, sizes. The four listing calls answer the int 1 on
+        // success and 0 on failure.
         std::vector<std::string> names;
-        ASSERT_TRUE(fs.getFileList(cam1, names, ""));
+        ASSERT_EQ(fs.getFileList(cam1, names, ""), 1);
         EXPECT_EQ(joined(sorted(names)), "index.idx,seg0001.dat,seg0002.dat");
         names.clear();
-        ASSERT_TRUE(fs.getSubDirList("/rec/20240101", names, ""));
+        ASSERT_EQ(fs.getSubDirList("/rec/20240101", names, ""), 1);
         EXPECT_EQ(joined(sorted(names)), "cam1,cam2");
         names.clear();
-        ASSERT_TRUE(fs.getFileList("/rec/20240101", names, ""));
+        ASSERT_EQ(fs.getFileList("/rec/20240101", names, ""), 1);
         EXPECT_TRUE(names.empty()) << joined(names);
         CollectingScan visitor;
-        ASSERT_TRUE(fs.scan(cam1, &visitor, "*.dat"));
+        // The filter is not applied: every file is visited.
+        ASSERT_EQ(fs.scan(cam1, &visitor, "*.dat"), 1);
         EXPECT_EQ(joined(sorted(visitor.names)), "index.idx,seg0001.dat,seg0002.dat");
         long long total = 0;
-        ASSERT_TRUE(fs.getTotalSize("/rec", total));
+        ASSERT_EQ(fs.getTotalSize("/rec", total), 1);
         EXPECT_EQ(total, listedSizeBelow(server.localPath("/rec")));
         EXPECT_FALSE(fs.isEmptyDir(cam1));
         EXPECT_EQ(fs.getFileLength("/rec/20240101/cam1/seg0001.dat"),
                   static_cast<long long>(seg1.size()));
+        EXPECT_EQ(fs.getFileLength("/rec/20240101/cam1/seg0002.dat"),
+                  static_cast<long long>(seg2.size()));
+        EXPECT_EQ(fs.getFileLength("/rec/20240101/cam2/seg0003.dat"),
+                  static_cast<long long>(seg3.size()));
+        EXPECT_EQ(fs.getFileLength("/rec/20240101/cam1/index.idx"), 3);
+
+        // The same calls on a directory that does not exist answer 0 and
+        // hand back nothing.
+        names.clear();
+        EXPECT_EQ(fs.getFileList("/rec/20240101/cam9", names, ""), 0);
+        EXPECT_TRUE(names.empty()) << joined(names);
+        EXPECT_EQ(fs.getSubDirList("/rec/20240101/cam9", names, ""), 0);
+        EXPECT_TRUE(names.empty()) << joined(names);
+        CollectingScan nothing;
+        EXPECT_EQ(fs.scan("/rec/20240101/cam9", &nothing, ""), 0);
+        EXPECT_TRUE(nothing.names.empty()) << joined(nothing.names);
+        long long untouched = -7;
+        EXPECT_EQ(fs.getTotalSize("/rec/20240101/cam9", untouched), 0);
         EXPECT_EQ(fs.getFileLength("/rec/20240101/cam1/missing.dat"), -1);
         EXPECT_EQ(fs.getFileLength(cam1), -1) << "a directory has no file length";
         EXPECT_TRUE(fs.isFileExist("/rec/20240101/cam1/seg0002.dat"));
@@ -268,6 +288,12 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         ASSERT_TRUE(server.readFile("/rec/20240101/cam1/a0001.dat", &onDisk));
         EXPECT_TRUE(onDisk == seg1);
         EXPECT_EQ(fs.renameFile("/rec/20240101/cam1/gone.dat", "/rec/20240101/cam1/x.dat"), -1);
+        EXPECT_FALSE(server.fileExists("/rec/20240101/cam1/x.dat"));
+        EXPECT_TRUE(fs.isFileExist("/rec/20240101/cam1/a0001.dat"));
+        EXPECT_FALSE(fs.isFileExist("/rec/20240101/cam1/seg0001.dat"));
+        names.clear();
+        ASSERT_EQ(fs.getFileList(cam1, names, ""), 1);
+        EXPECT_EQ(joined(sorted(names)), "a0001.dat,index.idx,seg0002.dat");
 
         // Whole-file copies both ways.
         const std::string back = local.file("back.dat");
@@ -276,6 +302,11 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         ASSERT_TRUE(readLocal(back, &copied));
         EXPECT_EQ(copied.size(), seg1.size());
         EXPECT_TRUE(copied == seg1) << "Get is not byte-exact";
+        // The segment written with aioWrite comes back just as exactly.
+        const std::string backAio = local.file("back-aio.dat");
+        ASSERT_EQ(fs.Get(backAio.c_str(), "/rec/20240101/cam1/seg0002.dat"), 0);
+        ASSERT_TRUE(readLocal(backAio, &copied));
+        EXPECT_TRUE(copied == seg2) << "Get of the aioWrite segment: " << copied.size();
         const std::string upload = segmentBytes(700 * 1024, 4);
         const std::string source = local.file("upload.dat");
         ASSERT_TRUE(writeLocal(source, upload));
@@ -283,6 +314,8 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         used += static_cast<long long>(upload.size());
         ASSERT_TRUE(server.readFile("/rec/20240101/cam2/put.dat", &onDisk));
         EXPECT_TRUE(onDisk == upload) << "Put is not byte-exact: " << onDisk.size();
+        EXPECT_EQ(fs.getFileLength("/rec/20240101/cam2/put.dat"),
+                  static_cast<long long>(upload.size()));
 
         // Snapshot stream on the main connection.
         const std::string picture = segmentBytes(40 * 1024 + 5, 5);
@@ -297,6 +330,19 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         ASSERT_EQ(fs.snapshot_close(), 0);
         ASSERT_TRUE(server.readFile("/rec/20240101/cam2/snap.jpg", &onDisk));
         EXPECT_TRUE(onDisk == picture) << "snapshot differs: " << onDisk.size();
+        // A second snapshot on the same connection, right after the first,
+        // in one write; the first stays as it was.
+        const std::string picture2 = segmentBytes(9000, 6);
+        ASSERT_EQ(fs.snapshot_open("/rec/20240101/cam1/snap2.jpg", 0), 0) << server.logTail();
+        EXPECT_EQ(fs.snapshot_write(picture2.data(), static_cast<unsigned>(picture2.size())),
+                  static_cast<int>(picture2.size()));
+        ASSERT_EQ(fs.snapshot_close(), 0);
+        ASSERT_TRUE(server.readFile("/rec/20240101/cam1/snap2.jpg", &onDisk));
+        EXPECT_TRUE(onDisk == picture2) << "second snapshot differs: " << onDisk.size();
+        ASSERT_TRUE(server.readFile("/rec/20240101/cam2/snap.jpg", &onDisk));
+        EXPECT_TRUE(onDisk == picture) << "the first snapshot changed";
+        // The main connection still serves path operations afterwards.
+        EXPECT_TRUE(fs.isFileExist("/rec/20240101/cam1/snap2.jpg"));
 
         // Space used so far, as the store counts it.
         long first = -1, second = -1;
