@@ -14,18 +14,12 @@
 #include "filesystem/ListingTestUtil.h"
 
 using listingtest::crlf;
+using listingtest::serveListing;
 using Lines = std::vector<std::string>;
 
 namespace {
 
 const std::chrono::seconds kWaitLimit(10);
-
-void serveListing(ftptest::ScriptedFtpServer& server, const std::string& path,
-                  const std::string& body) {
-    ftptest::Reply reply("150 Here comes the listing");
-    reply.body = body;
-    server.setReply("LIST " + path, reply);
-}
 
 // Visits shared by every action of a test, in the order they happened.
 class VisitLog {

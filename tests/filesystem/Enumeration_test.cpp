@@ -9,22 +9,11 @@
 #include "filesystem/ListingTestUtil.h"
 
 using listingtest::crlf;
+using listingtest::listingOf;
+using listingtest::serveListing;
 using Lines = std::vector<std::string>;
 
 namespace {
-
-// Serves `body` as the listing of exactly `path`, every time it is asked for.
-void serveListing(ftptest::ScriptedFtpServer& server, const std::string& path,
-                  const std::string& body) {
-    ftptest::Reply reply("150 Here comes the listing");
-    reply.body = body;
-    server.setReply("LIST " + path, reply);
-}
-
-// The commands of one listing of `path`.
-Lines listingOf(const std::string& path) {
-    return {"CWD /", "CWD " + path, "TYPE I", "PASV", "LIST " + path};
-}
 
 Lines concat(std::initializer_list<Lines> parts) {
     Lines all;
@@ -43,16 +32,7 @@ const std::string kMixedListing = crlf({
     "-rw-r--r--    1 rec      rec            64 Jan 15 10:34 .index",
 });
 
-class Enumeration : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(fixture.init()) << "login to the scripted server failed"; }
-
-    ftptest::ScriptedFtpServer& server() { return fixture.server(); }
-    FTPFileSystemImpl& store() { return fixture.store(); }
-    Lines commands() const { return fixture.commandsSinceLogin(); }
-
-    listingtest::ScriptedStore fixture;
-};
+class Enumeration : public listingtest::ScriptedStoreTest {};
 
 // --- getFileList and getSubDirList -------------------------------------------
 

@@ -12,25 +12,12 @@
 using listingtest::crlf;
 using listingtest::describe;
 using listingtest::Entries;
+using listingtest::listingOf;
 using Lines = std::vector<std::string>;
 
 namespace {
 
-class ListingRetrieval : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(fixture.init()) << "login to the scripted server failed"; }
-
-    ftptest::ScriptedFtpServer& server() { return fixture.server(); }
-    FTPFileSystemImpl& store() { return fixture.store(); }
-    Lines commands() const { return fixture.commandsSinceLogin(); }
-
-    // The commands of one successful listing of `path`.
-    static Lines listingOf(const std::string& path) {
-        return {"CWD /", "CWD " + path, "TYPE I", "PASV", "LIST " + path};
-    }
-
-    listingtest::ScriptedStore fixture;
-};
+class ListingRetrieval : public listingtest::ScriptedStoreTest {};
 
 // A Linux daemon's listing of a recording folder.
 const std::string kLinuxListing = crlf({

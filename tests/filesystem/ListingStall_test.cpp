@@ -42,8 +42,7 @@ std::string longUnixListing() {
 // would take about 17 s, while the test moves the clock within milliseconds
 // of each piece.
 ftptest::Reply trickle(const std::string& body) {
-    ftptest::Reply reply("150 Here comes the listing");
-    reply.body = body;
+    ftptest::Reply reply = listingtest::listingReply(body);
     reply.pieceBytes = 40;
     reply.pieceDelay = ftptest::Millis(25);
     return reply;

@@ -1,8 +1,9 @@
 // Helpers of the listing and enumeration tests: a store logged in to a
-// scripted FTP server, listing text as servers send it, a temporary folder,
-// and a way to see when the store has consumed the bytes of a data
-// connection, so that a test can move the host's hand-driven clock at a known
-// point of a transfer instead of sleeping.
+// scripted FTP server (alone or as a test fixture), listing text as servers
+// send it and the commands that ask for it, a temporary folder, and a way to
+// see when the store has consumed the bytes of a data connection, so that a
+// test can move the host's hand-driven clock at a known point of a transfer
+// instead of sleeping.
 #ifndef FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
 #define FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
 
@@ -29,6 +30,7 @@
 
 #include "support/ScriptedFtpServer.h"
 #include "filesystem/FTPFileSystemImpl.h"
+#include "StoreTestUtil.h"
 
 namespace listingtest {
 
@@ -43,6 +45,25 @@ inline std::string crlf(std::initializer_list<std::string> lines) {
         text += "\r\n";
     }
     return text;
+}
+
+// A reply that opens the data connection and sends `body` as the listing.
+inline ftptest::Reply listingReply(const std::string& body) {
+    ftptest::Reply reply("150 Here comes the listing");
+    reply.body = body;
+    return reply;
+}
+
+// Serves `body` as the listing of exactly `path`, every time it is asked for.
+inline void serveListing(ftptest::ScriptedFtpServer& server, const std::string& path,
+                         const std::string& body) {
+    server.setReply("LIST " + path, listingReply(body));
+}
+
+// The commands of one successful listing of `path`: back to the root, into
+// the path, then the listing, asked for the same path again.
+inline std::vector<std::string> listingOf(const std::string& path) {
+    return {"CWD /", "CWD " + path, "TYPE I", "PASV", "LIST " + path};
 }
 
 // "type size name" of every entry, for comparisons that print well.
@@ -79,8 +100,7 @@ public:
     FTPFileSystemImpl& store() { return *store_; }
 
     std::vector<std::string> commandsSinceLogin() const {
-        const std::vector<std::string> all = server_.commands();
-        return std::vector<std::string>(all.begin() + static_cast<long>(mark_), all.end());
+        return storetest::tail(server_.commands(), mark_);
     }
 
 private:
@@ -89,30 +109,20 @@ private:
     size_t mark_ = 0;
 };
 
-// A temporary local folder, removed with everything in it.
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/ftpdisk-listing-XXXXXX";
-        const char* made = mkdtemp(pattern);
-        path_ = made != nullptr ? made : "";
-    }
-    ~TempDir() {
-        if (!path_.empty()) {
-            const std::string command = "rm -rf '" + path_ + "'";
-            if (system(command.c_str()) != 0) {
-                // Left in /tmp; nothing more to do in a destructor.
-            }
-        }
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
+// A test whose store is logged in before the test body runs; commands() is
+// what the server received since.
+class ScriptedStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(fixture.init()) << "login to the scripted server failed"; }
 
-    const std::string& path() const { return path_; }
+    ftptest::ScriptedFtpServer& server() { return fixture.server(); }
+    FTPFileSystemImpl& store() { return fixture.store(); }
+    std::vector<std::string> commands() const { return fixture.commandsSinceLogin(); }
 
-private:
-    std::string path_;
+    ScriptedStore fixture;
 };
+
+using storetest::TempDir;
 
 // The lines of a local text file, without their line ends; empty when the
 // file does not exist.
