@@ -12,6 +12,7 @@
 #include "filesystem/FTPFileSystemManager.h"
 #include "foundation/SafePointer.h"
 #include "ftpdisk_host/HostControl.h"
+#include "support/FdCount.h"
 #include "support/RealFtpServer.h"
 
 namespace {
@@ -51,6 +52,7 @@ TEST_P(IdlePoolOnRealServer, APooledConnectionTheServerClosedFailsOneOpenAndTheN
     // The module's clock stands still, so its own monitor never expires the
     // pooled connection: only the server ends it.
     ManualClock clock;
+    const int descriptorsBefore = ftptest::openDescriptorCount();
     FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
     const std::string location = server.location("/");
     ASSERT_EQ(registry->addFTPFileSystem(location), 0);
@@ -61,6 +63,8 @@ TEST_P(IdlePoolOnRealServer, APooledConnectionTheServerClosedFailsOneOpenAndTheN
         // connections, which is what this test is about.
         ASSERT_TRUE(recordFile(*store, "/first.dat", "first")) << server.logTail();
         ASSERT_TRUE(server.waitForSessionCount(1, milliseconds(5000))) << server.sessionCount();
+        // One pooled control connection from here on.
+        const int withOnePooled = ftptest::openDescriptorCount();
 
         if (pureftpd) {
             ASSERT_TRUE(server.closeSessions());
@@ -76,15 +80,28 @@ TEST_P(IdlePoolOnRealServer, APooledConnectionTheServerClosedFailsOneOpenAndTheN
         EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(10));
         EXPECT_FALSE(server.fileExists("/second.dat"));
 
+        start = steady_clock::now();
         ASSERT_TRUE(recordFile(*store, "/second.dat", "second")) << server.logTail();
+        EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(10));
         std::string onDisk;
         ASSERT_TRUE(server.readFile("/second.dat", &onDisk));
         EXPECT_EQ(onDisk, "second");
         ASSERT_TRUE(server.readFile("/first.dat", &onDisk));
         EXPECT_EQ(onDisk, "first");
+        // The dead connection's socket was closed when the open failed: again
+        // exactly one pooled connection, the fresh one.
+        EXPECT_EQ(ftptest::waitForDescriptorCount(withOnePooled), withOnePooled);
+        EXPECT_TRUE(server.waitForSessionCount(1, milliseconds(5000))) << server.sessionCount();
+        // The fresh connection went back to the pool and serves the next
+        // file as well.
+        ASSERT_TRUE(recordFile(*store, "/third.dat", "third")) << server.logTail();
+        ASSERT_TRUE(server.readFile("/third.dat", &onDisk));
+        EXPECT_EQ(onDisk, "third");
     }
     EXPECT_EQ(registry->deleteFileSystem(location), 0);
     EXPECT_TRUE(server.waitForSessionCount(0, milliseconds(5000))) << server.sessionCount();
+    // Nothing of the store is left open.
+    EXPECT_EQ(ftptest::waitForDescriptorCount(descriptorsBefore), descriptorsBefore);
 }
 
 TEST_P(IdlePoolOnRealServer, TheMonitorQuitsAPooledConnectionAfterThirtyIdleSecondsOfTheModulesClock) {
