@@ -4,6 +4,7 @@
 // behind.
 #include "support/RealFtpServer.h"
 
+#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -168,6 +169,49 @@ TEST_P(RealFtpServerLauncher, StopEndsTheServerWithItsSessionsAndDeletesItsRoot)
     RawFtpSession late(port);
     EXPECT_FALSE(late.connected()) << "port " << port << " still accepts connections";
 }
+
+// The daemons unpacked by scripts/install-deps.sh, looked for in a folder
+// that holds none of them: the server is not ready and says why, so that a
+// test asserting ready() fails with that reason instead of being skipped.
+class UnpackedServerMissing : public ::testing::TestWithParam<FtpServerKind> {
+protected:
+    void SetUp() override {
+        const char* old = getenv("FTPDISK_SERVERS_DIR");
+        hadOld_ = old != nullptr;
+        if (hadOld_) old_ = old;
+        setenv("FTPDISK_SERVERS_DIR", "/nonexistent/ftpdisk-servers", 1);
+    }
+    void TearDown() override {
+        if (hadOld_) {
+            setenv("FTPDISK_SERVERS_DIR", old_.c_str(), 1);
+        } else {
+            unsetenv("FTPDISK_SERVERS_DIR");
+        }
+    }
+
+private:
+    bool hadOld_ = false;
+    std::string old_;
+};
+
+TEST_P(UnpackedServerMissing, IsNotReadyAndSaysWhatIsMissing) {
+    const auto started = std::chrono::steady_clock::now();
+    RealFtpServer server(GetParam());
+    EXPECT_FALSE(server.ready());
+    EXPECT_NE(server.failure().find("/nonexistent/ftpdisk-servers/"), std::string::npos)
+        << server.failure();
+    EXPECT_NE(server.failure().find("is missing: run scripts/install-deps.sh"), std::string::npos)
+        << server.failure();
+    EXPECT_EQ(server.port(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+}
+
+INSTANTIATE_TEST_SUITE_P(UnpackedKinds, UnpackedServerMissing,
+                         ::testing::Values(FtpServerKind::kProftpd, FtpServerKind::kPureftpd,
+                                           FtpServerKind::kBusybox),
+                         [](const ::testing::TestParamInfo<FtpServerKind>& info) {
+                             return std::string(ftpServerKindName(info.param));
+                         });
 
 INSTANTIATE_TEST_SUITE_P(EveryKind, RealFtpServerLauncher,
                          ::testing::ValuesIn(allFtpServerKinds()),

@@ -236,6 +236,11 @@ std::vector<FtpServerKind> allFtpServerKinds() {
 RealFtpServer::RealFtpServer(FtpServerKind kind, RealFtpServerOptions options)
     : kind_(kind), options_(options) {
     ready_ = start();
+    if (!ready_) {
+        // Whatever was started is ended; a server that is not ready has no port.
+        stop();
+        port_ = 0;
+    }
 }
 
 RealFtpServer::~RealFtpServer() {
@@ -567,6 +572,9 @@ bool RealFtpServer::startPureftpd() {
     passwd << user() << ":" << kPwCryptText << ":" << uid_ << ":" << gid_ << "::" << root_
            << "/./::::::::::::\n";
     if (!writeText(passwdFile, passwd.str(), 0600)) return fail("cannot write " + passwdFile);
+    if (::access((base + "/bin/pure-pw").c_str(), X_OK) != 0) {
+        return fail(base + "/bin/pure-pw is missing: run scripts/install-deps.sh");
+    }
     int rc = runToEnd({base + "/bin/pure-pw", "mkdb", dbFile, "-f", passwdFile}, "",
                       dir_ + "/pure-pw.input", outFile_, milliseconds(10000));
     if (rc != 0) return fail("pure-pw mkdb failed (" + std::to_string(rc) + ")");
