@@ -1,9 +1,9 @@
 // check: walks one location through everything a recorder does with it and
 // prints one line per step with its result and time, then a verdict.
 //
-//   ok    init        3.21 ms  logged in to 127.0.0.1:2121 as rec
-//   FAIL  write       3.05 s   writing to the server failed after 65536 bytes
-//   skip  list                 not run: write failed
+//   ok    init         0.63 ms  connected and logged in
+//   FAIL  write        3050 ms  writing to the server failed after 65536 bytes
+//   skip  list                  not run: write failed
 #include <unistd.h>
 
 #include <algorithm>
