@@ -18,7 +18,20 @@
 
 namespace {
 
-using FtpData = FtpToolTest;
+class FtpData : public FtpToolTest {
+protected:
+    // Logs in and opens an upload of `path` in `mode` whose bytes the server
+    // does not read until releaseDataStalls(); null when it cannot be opened.
+    NetBuf* openStalledUpload(const char* path, char mode) {
+        connectAndLogin();
+        Reply r;
+        r.dataStall = Millis(20000);
+        server.queueReply("STOR", r);
+        NetBuf* d = nullptr;
+        EXPECT_EQ(tool.dataConnect(path, kFtpStor, mode, &d), 1);
+        return d;
+    }
+};
 
 std::string randomBytes(size_t n, unsigned seed) {
     std::mt19937 gen(seed);
@@ -41,6 +54,20 @@ std::string readAll(FTPTool& tool, NetBuf* data, int chunk = 4096, int maxReads 
     }
     if (last != nullptr) *last = n;
     return got;
+}
+
+// Sends `chunk` with aioWrite again and again on a non-blocking upload that
+// the server does not read, until a send is refused because every buffer on
+// the way is full; at most 10000 sends. True when one was refused. The bytes
+// taken are appended to *sent when it is given.
+bool fillWithAioWrites(FTPTool& tool, NetBuf* data, const std::string& chunk,
+                       std::string* sent = nullptr) {
+    for (int i = 0; i < 10000; ++i) {
+        int n = tool.aioWrite(chunk.data(), static_cast<unsigned>(chunk.size()), data);
+        if (n < 0) return true;
+        if (sent != nullptr) sent->append(chunk.data(), static_cast<size_t>(n));
+    }
+    return false;
 }
 
 // Writes everything; false when a write fails.
@@ -385,27 +412,14 @@ TEST_F(FtpData, AioWriteSendsAndAioReturnReportsTheSocketWritable) {
 }
 
 TEST_F(FtpData, AioReturnTimesOutWhileTheServerReadsNothing) {
-    connectAndLogin();
-    Reply r;
-    r.dataStall = Millis(20000);
-    server.queueReply("STOR", r);
-    NetBuf* d = nullptr;
-    ASSERT_EQ(tool.dataConnect("/stalled.bin", kFtpStor, 'I', &d), 1);
+    NetBuf* d = openStalledUpload("/stalled.bin", 'I');
+    ASSERT_NE(d, nullptr);
     // The open-file code switches the socket to non-blocking before
     // asynchronous writes; fill every buffer on the way.
     ASSERT_EQ(fcntl(d->handle, F_SETFL, fcntl(d->handle, F_GETFL) | O_NONBLOCK), 0);
     const std::string chunk = randomBytes(65536, 6);
     std::string sent;
-    bool full = false;
-    for (int i = 0; i < 10000 && !full; ++i) {
-        int n = tool.aioWrite(chunk.data(), static_cast<unsigned>(chunk.size()), d);
-        if (n < 0) {
-            full = true;
-        } else {
-            sent.append(chunk.data(), static_cast<size_t>(n));
-        }
-    }
-    ASSERT_TRUE(full);
+    ASSERT_TRUE(fillWithAioWrites(tool, d, chunk, &sent));
     EXPECT_EQ(tool.aioReturn(200, d), -1);
     server.releaseDataStalls();
     EXPECT_EQ(tool.aioReturn(5000, d), 0) << "writable once the server reads";
@@ -416,17 +430,10 @@ TEST_F(FtpData, AioReturnTimesOutWhileTheServerReadsNothing) {
 }
 
 TEST_F(FtpData, AioReturnWaitsAtMostTheGivenTime) {
-    connectAndLogin();
-    Reply r;
-    r.dataStall = Millis(20000);
-    server.queueReply("STOR", r);
-    NetBuf* d = nullptr;
-    ASSERT_EQ(tool.dataConnect("/stalled.bin", kFtpStor, 'I', &d), 1);
+    NetBuf* d = openStalledUpload("/stalled.bin", 'I');
+    ASSERT_NE(d, nullptr);
     ASSERT_EQ(fcntl(d->handle, F_SETFL, fcntl(d->handle, F_GETFL) | O_NONBLOCK), 0);
-    const std::string chunk(65536, 'q');
-    for (int i = 0; i < 10000; ++i) {
-        if (tool.aioWrite(chunk.data(), static_cast<unsigned>(chunk.size()), d) < 0) break;
-    }
+    fillWithAioWrites(tool, d, std::string(65536, 'q'));
     // 1500 ms means 1 s and 500 us: the wait ends well before 1.5 s.
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(tool.aioReturn(1500, d), -1);
@@ -605,12 +612,8 @@ TEST_F(FtpData, AsciiWritesCrossingTheBufferSizeKeepEveryByte) {
 // input has gone out in full, so that a caller who goes on from there loses
 // nothing: bytes still in the line buffer are not counted as written.
 TEST_F(FtpData, AnAsciiWriteThatStallsCountsOnlyTheInputWhoseOutputWentOut) {
-    connectAndLogin();
-    Reply r;
-    r.dataStall = Millis(20000);
-    server.queueReply("STOR", r);
-    NetBuf* d = nullptr;
-    ASSERT_EQ(tool.dataConnect("/stall.txt", kFtpStor, 'A', &d), 1);
+    NetBuf* d = openStalledUpload("/stall.txt", 'A');
+    ASSERT_NE(d, nullptr);
     // A fixed send buffer, so that readiness ends long before a send could
     // block, and a short readiness wait.
     int sendBuffer = 1 << 20;
