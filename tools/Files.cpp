@@ -90,6 +90,9 @@ int runDf(const Arguments& args) {
 
 int runMkdir(const Arguments& args) {
     Session session("mkdir");
+    if (!session.listableName(args.positional[1])) {
+        return kExitUsage;
+    }
     std::string dir;
     const int status = session.openAt(args.positional[0], args.positional[1], dir);
     if (status != kExitOk) {
@@ -135,6 +138,9 @@ int runRm(const Arguments& args) {
 
 int runMv(const Arguments& args) {
     Session session("mv");
+    if (!session.listableName(args.positional[2])) {
+        return kExitUsage;
+    }
     std::string from;
     const int status = session.openAt(args.positional[0], args.positional[1], from);
     if (status != kExitOk) {

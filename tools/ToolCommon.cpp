@@ -144,6 +144,19 @@ bool Session::remotePath(const std::string& relative, std::string& out) {
     return true;
 }
 
+bool Session::listableName(const std::string& relative) {
+    const std::string name = nameWithBlank(relative);
+    if (!name.empty()) {
+        fail(command_,
+             "\"" + name + "\" holds a blank: the store reads listed names only up to their "
+             "first blank, so it would not find this one again in a listing; choose a name "
+             "without blanks",
+             kExitUsage);
+        return false;
+    }
+    return true;
+}
+
 int Session::requireDirectory(const std::string& path) {
     if (!store_->isDirExist(path.c_str())) {
         return fail(command_, "no such directory: " + path, kExitFailed);

@@ -103,6 +103,11 @@ public:
     // problem and returns false when it is refused.
     bool remotePath(const std::string& relative, std::string& out);
 
+    // For a path the command is about to create below the base: false, with
+    // the reason printed, when one of its names holds a blank (see
+    // nameWithBlank).
+    bool listableName(const std::string& relative);
+
     // kExitOk when `path` is a directory on the server; otherwise prints
     // "no such directory: PATH" and returns kExitFailed.
     int requireDirectory(const std::string& path);

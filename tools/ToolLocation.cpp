@@ -75,6 +75,22 @@ bool checkServer(const std::string& server, std::string& problem) {
 
 }  // namespace
 
+std::string nameWithBlank(const std::string& relative) {
+    std::string name;
+    const std::string all = relative + "/";
+    for (char c : all) {
+        if (c == '/' || c == '\\') {
+            if (name.find_first_of(" \t") != std::string::npos) {
+                return name;
+            }
+            name.clear();
+        } else {
+            name += c;
+        }
+    }
+    return "";
+}
+
 std::string childPath(const std::string& dir, const std::string& name) {
     return dir == "/" ? "/" + name : dir + "/" + name;
 }

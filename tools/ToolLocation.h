@@ -54,6 +54,12 @@ std::string maskLocationText(const std::string& text);
 bool remotePathBelow(const std::string& base, const std::string& relative, std::string& out,
                      std::string& problem);
 
+// The first name in `relative` (split at "/" and "\\") that holds a blank or a
+// tab, or "" when none does. The store reads each name of a listing as one
+// blank-free word, so it could create such a name but never list, measure or
+// remove it again.
+std::string nameWithBlank(const std::string& relative);
+
 // `name` inside the remote directory `dir` ("/" + name for the root).
 std::string childPath(const std::string& dir, const std::string& name);
 

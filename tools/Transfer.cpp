@@ -168,6 +168,9 @@ int runPut(const Arguments& args) {
                             remote)) {
         return kExitUsage;
     }
+    if (!session.listableName(remote.substr(session.location().base.size()))) {
+        return kExitUsage;
+    }
 
     const std::int64_t size = info.st_size;
     const int handle = store->open(remote.c_str(), 2);

@@ -489,6 +489,41 @@ TEST_F(ToolCommand, MvOfAMissingFileFailsAndChangesNothing) {
     EXPECT_EQ("kept", bytes);
 }
 
+TEST_F(ToolCommand, NamesWithBlanksAreNotCreatedBecauseListingsCouldNotShowThem) {
+    writeLocal(work_ + "/my clip.bin", "clip");
+    ASSERT_TRUE(server().writeFile(base_ + "/kept.dat", "kept"));
+    const struct {
+        std::vector<std::string> args;
+        const char* name;
+    } cases[] = {
+        {{"put", location(), "my clip.bin"}, "my clip.bin"},
+        {{"put", location(), "my clip.bin", "day/x y.bin"}, "x y.bin"},
+        {{"mkdir", location(), "a b/c"}, "a b"},
+        {{"mv", location(), "kept.dat", "new name.dat"}, "new name.dat"},
+    };
+    for (const auto& c : cases) {
+        const ToolRun result = run(c.args);
+        EXPECT_EQ(2, result.status) << result.transcript();
+        EXPECT_EQ("ftpdisk " + c.args[0] + ": \"" + c.name +
+                      "\" holds a blank: the store reads listed names only up to their first "
+                      "blank, so it would not find this one again in a listing; choose a name "
+                      "without blanks\n",
+                  result.err);
+    }
+    std::vector<std::string> left;
+    for (const auto& entry : fs::recursive_directory_iterator(server().localPath(base_))) {
+        left.push_back(entry.path().filename().string());
+    }
+    EXPECT_EQ(std::vector<std::string>{"kept.dat"}, left);
+
+    // Under its own name without blanks the file goes up as usual.
+    const ToolRun result = run({"put", location(), "my clip.bin", "clip.bin"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    std::string bytes;
+    EXPECT_TRUE(server().readFile(base_ + "/clip.bin", &bytes));
+    EXPECT_EQ("clip", bytes);
+}
+
 TEST_F(ToolCommand, CatWritesTheFileToStandardOutput) {
     const std::string bytes = randomBytes(100000, 3);
     ASSERT_TRUE(server().writeFile(base_ + "/x.bin", bytes));

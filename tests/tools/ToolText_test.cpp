@@ -144,6 +144,24 @@ TEST(ToolLocation, RefusesPathsThatLeaveTheLocationOrCannotBeSent) {
     EXPECT_NE(std::string::npos, problem.find("too long")) << problem;
 }
 
+TEST(ToolLocation, FindsTheFirstNameWithABlank) {
+    const struct {
+        const char* relative;
+        const char* name;
+    } cases[] = {
+        {"2026-11-22/cam01/00001_120000.dat", ""},
+        {"", ""},
+        {"/", ""},
+        {"my clip.bin", "my clip.bin"},
+        {"a/b c/d e", "b c"},
+        {"a\\tab\there", "tab\there"},
+        {" lead/x", " lead"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.name, nameWithBlank(c.relative)) << c.relative;
+    }
+}
+
 TEST(ToolFormat, PercentilesUseTheNearestRank) {
     const std::vector<double> values = {5, 1, 4, 2, 3, 10, 9, 8, 7, 6};
     EXPECT_EQ(5, percentile(values, 50));
