@@ -8,7 +8,9 @@
 #define FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
 
 #include <dirent.h>
+#include <arpa/inet.h>
 #include <linux/tcp.h>
+#include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -16,6 +18,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <fstream>
 #include <initializer_list>
@@ -134,6 +137,44 @@ inline std::vector<std::string> readLines(const std::string& path) {
         lines.push_back(line);
     }
     return lines;
+}
+
+// Whether this system reports how many bytes a TCP socket has received
+// (TCP_INFO's tcpi_bytes_received), which waitUntilConsumed relies on. Linux
+// does; qemu-user, which runs the armhf build's tests, hands back only the
+// first few bytes of the record. Checked once on a loopback pair.
+inline bool tcpInfoReportsBytes() {
+    static const bool reports = [] {
+        bool ok = false;
+        const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        if (server >= 0 && client >= 0 &&
+            ::bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+            ::listen(server, 1) == 0 &&
+            ::getsockname(server, reinterpret_cast<sockaddr*>(&address), &size) == 0 &&
+            ::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+            const int accepted = ::accept(server, nullptr, nullptr);
+            char byte = 'x';
+            if (accepted >= 0 && ::send(client, &byte, 1, MSG_NOSIGNAL) == 1 &&
+                ::recv(accepted, &byte, 1, 0) == 1) {
+                struct tcp_info info;
+                socklen_t length = sizeof info;
+                ok = ::getsockopt(accepted, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+                     length >= offsetof(struct tcp_info, tcpi_bytes_received) +
+                                   sizeof info.tcpi_bytes_received &&
+                     info.tcpi_bytes_received >= 1;
+            }
+            if (accepted >= 0) ::close(accepted);
+        }
+        if (client >= 0) ::close(client);
+        if (server >= 0) ::close(server);
+        return ok;
+    }();
+    return reports;
 }
 
 // The inode numbers of the sockets this process holds open now.
