@@ -14,17 +14,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ToolFormat.h"
+
 namespace ftpdisk_tool {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::string systemError(int error) {
-    char text[256] = {0};
-    // The GNU strerror_r may return a static text instead of filling ours.
-    return std::string(strerror_r(error, text, sizeof text));
-}
 
 // "host[:port]" to an IPv4 address the way the module reads it: a numeric
 // port as is, a port name or none ("ftp") through the services database, a
@@ -38,15 +34,12 @@ bool resolve(const std::string& server, sockaddr_in& address, std::string& probl
     if (!port.empty() && port[0] >= '0' && port[0] <= '9') {
         address.sin_port = htons(static_cast<uint16_t>(std::strtoul(port.c_str(), nullptr, 10)));
     } else {
-        struct servent entry;
-        struct servent* found = nullptr;
-        char scratch[1024];
-        if (::getservbyname_r(port.c_str(), "tcp", &entry, scratch, sizeof scratch, &found) != 0 ||
-            found == nullptr) {
+        unsigned short networkOrder = 0;
+        if (!lookUpServicePort(port, networkOrder)) {
             problem = "unknown port name \"" + port + "\"";
             return false;
         }
-        address.sin_port = static_cast<in_port_t>(found->s_port);
+        address.sin_port = networkOrder;
     }
     if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) == 1) {
         return true;

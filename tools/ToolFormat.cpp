@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace ftpdisk_tool {
 
@@ -89,6 +90,12 @@ std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSe
         figures.resize(width);
     }
     return figures;
+}
+
+std::string systemError(int error) {
+    char text[256] = {0};
+    // The GNU strerror_r may return a static text instead of filling ours.
+    return std::string(strerror_r(error, text, sizeof text));
 }
 
 bool parseInt(const std::string& text, long long& out) {

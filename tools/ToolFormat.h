@@ -1,6 +1,6 @@
 // Text helpers of the ftpdisk command: sizes, rates, durations, latency
-// percentiles and the one-line progress bar. Pure functions; safe from any
-// thread.
+// percentiles, the one-line progress bar and system error texts. Pure
+// functions; safe from any thread.
 #ifndef FTPDISK_TOOLS_TOOLFORMAT_H
 #define FTPDISK_TOOLS_TOOLFORMAT_H
 
@@ -27,6 +27,9 @@ double percentile(std::vector<double> values, double p);
 // With total < 0 (size unknown) the bar, percentage and ETA are left out.
 std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds,
                          int width);
+
+// The system's text for an errno value ("No such file or directory").
+std::string systemError(int error);
 
 // Parses a whole decimal number or a positive real; false on anything else
 // (trailing text, empty, out of range).

@@ -62,11 +62,8 @@ bool checkServer(const std::string& server, std::string& problem) {
         }
         return true;
     }
-    struct servent entry;
-    struct servent* found = nullptr;
-    char scratch[1024];
-    if (::getservbyname_r(port.c_str(), "tcp", &entry, scratch, sizeof scratch, &found) != 0 ||
-        found == nullptr) {
+    unsigned short ignored = 0;
+    if (!lookUpServicePort(port, ignored)) {
         problem = "unknown port name \"" + port + "\"";
         return false;
     }
@@ -74,6 +71,18 @@ bool checkServer(const std::string& server, std::string& problem) {
 }
 
 }  // namespace
+
+bool lookUpServicePort(const std::string& name, unsigned short& networkOrderPort) {
+    struct servent entry;
+    struct servent* found = nullptr;
+    char scratch[1024];
+    if (::getservbyname_r(name.c_str(), "tcp", &entry, scratch, sizeof scratch, &found) != 0 ||
+        found == nullptr) {
+        return false;
+    }
+    networkOrderPort = static_cast<unsigned short>(found->s_port);
+    return true;
+}
 
 std::string nameWithBlank(const std::string& relative) {
     std::string name;

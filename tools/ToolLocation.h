@@ -63,6 +63,10 @@ std::string nameWithBlank(const std::string& relative);
 // `name` inside the remote directory `dir` ("/" + name for the root).
 std::string childPath(const std::string& dir, const std::string& name);
 
+// The TCP port of a service name such as "ftp" from the system's services
+// database, in network byte order; false when the name is unknown.
+bool lookUpServicePort(const std::string& name, unsigned short& networkOrderPort);
+
 // The expected form, for error messages.
 extern const char* const kLocationForm;
 

@@ -21,12 +21,6 @@ namespace ftpdisk_tool {
 
 namespace {
 
-std::string systemError(int error) {
-    char text[256] = {0};
-    // The GNU strerror_r may return a static text instead of filling ours.
-    return std::string(strerror_r(error, text, sizeof text));
-}
-
 std::string baseName(const std::string& path) {
     std::string::size_type slash = path.find_last_of("/\\");
     return slash == std::string::npos ? path : path.substr(slash + 1);
