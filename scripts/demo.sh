@@ -119,7 +119,8 @@ run ls "${location}" || die "ftpdisk ls failed"
 run ls "${location}" "${day}" || die "ftpdisk ls failed"
 run ls -l "${location}" "${day}/cam01" || die "ftpdisk ls -l failed"
 run du "${location}" "${day}" | tee "${work}/du.txt" || die "ftpdisk du failed"
-total=$(awk -F '\t' 'NR == 1 { print $1 }' "${work}/du.txt")
+# The line after the echoed command: bytes, readable size, path.
+total=$(awk -F '\t' '$1 ~ /^[0-9]+$/ { print $1; exit }' "${work}/du.txt")
 [ -n "${total}" ] || die "no total in the du output"
 echo "(du adds the directories' own listed sizes: ${total} = ${bytes} bytes of recordings + $((total - bytes)) for the day and camera directories)"
 
