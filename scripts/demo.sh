@@ -122,7 +122,7 @@ run du "${location}" "${day}" | tee "${work}/du.txt" || die "ftpdisk du failed"
 # The line after the echoed command: bytes, readable size, path.
 total=$(awk -F '\t' '$1 ~ /^[0-9]+$/ { print $1; exit }' "${work}/du.txt")
 [ -n "${total}" ] || die "no total in the du output"
-echo "(du adds the directories' own listed sizes: ${total} = ${bytes} bytes of recordings + $((total - bytes)) for the day and camera directories)"
+echo "(du adds the directories' own listed sizes: ${total} = ${bytes} bytes of recordings + $((total - bytes)) for the directories inside ${day})"
 
 say "4. verify the server's disk against the summary (${files} files, ${bytes} bytes)"
 "${python}" - "${root}/video" "${files}" "${bytes}" "${cameras}" <<'PY'
