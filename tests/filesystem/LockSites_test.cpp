@@ -91,21 +91,26 @@ struct StoreLocks {
     const void* scan = nullptr;
 };
 
+// The one lock a call took in the store's name, or null. The recording sees
+// every thread, and the open-file table's monitor thread may take the pool's
+// lock meanwhile; only locks in the store's name count here.
+const void* onlyLockInTheStoresName(const std::vector<Event>& events) {
+    const std::vector<Event> locks = locksNamed(events, "FTPFileSystemImpl");
+    return locks.size() == 1 ? locks[0].mutex : nullptr;
+}
+
 StoreLocks identifyStoreLocks(FTPFileSystemImpl& store) {
     StoreLocks locks;
     lockrecord::start();
     store.getUsedBytes();
-    std::vector<Event> events = lockrecord::stop();
-    if (events.size() == 2) locks.space = events[0].mutex;
+    locks.space = onlyLockInTheStoresName(lockrecord::stop());
     lockrecord::start();
     store.isDirExist("/");  // uninitialised: the operation lock only
-    events = lockrecord::stop();
-    if (events.size() == 2) locks.operation = events[0].mutex;
+    locks.operation = onlyLockInTheStoresName(lockrecord::stop());
     CountingAction action;
     lockrecord::start();
     store.scan("/", &action, "");  // uninitialised: the scan lock only
-    events = lockrecord::stop();
-    if (events.size() == 2) locks.scan = events[0].mutex;
+    locks.scan = onlyLockInTheStoresName(lockrecord::stop());
     return locks;
 }
 
