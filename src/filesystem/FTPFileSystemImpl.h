@@ -138,6 +138,11 @@ private:
     FTPFileSystemImpl(const FTPFileSystemImpl&);
     FTPFileSystemImpl& operator=(const FTPFileSystemImpl&);
 
+    // getFileList and getSubDirList: lists `path` under opLock and appends the
+    // names of the entries of `type` ('-' or 'd'). False when not initialised
+    // or not listed.
+    bool appendNamesListed(const char* path, int32_t type, std::vector<std::string>& names);
+
     // Sets the flag under spaceLock. REQUIRES: opLock is held.
     void setInitialised(bool value);
     // Closes an open snapshot stream (its final reply is read) and forgets

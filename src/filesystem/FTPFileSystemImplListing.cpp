@@ -140,8 +140,8 @@ bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entri
     return true;
 }
 
-bool FTPFileSystemImpl::getFileList(const char* path, std::vector<std::string>& names,
-                                    const std::string& /*filter: every file is returned*/) {
+bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
+                                          std::vector<std::string>& names) {
     if (path == NULL) {
         return false;
     }
@@ -154,26 +154,18 @@ bool FTPFileSystemImpl::getFileList(const char* path, std::vector<std::string>& 
     if (!getFileDescriptorList(path, entries, total)) {
         return false;
     }
-    appendNamesOfType(entries, kTypeFile, names);
+    appendNamesOfType(entries, type, names);
     return true;
+}
+
+bool FTPFileSystemImpl::getFileList(const char* path, std::vector<std::string>& names,
+                                    const std::string& /*filter: every file is returned*/) {
+    return appendNamesListed(path, kTypeFile, names);
 }
 
 bool FTPFileSystemImpl::getSubDirList(const char* path, std::vector<std::string>& names,
                                       const std::string& /*filter: every directory is returned*/) {
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSite, __LINE__);
-    if (!initialised) {
-        return false;
-    }
-    EntryList entries;
-    long long total = 0;
-    if (!getFileDescriptorList(path, entries, total)) {
-        return false;
-    }
-    appendNamesOfType(entries, kTypeDirectory, names);
-    return true;
+    return appendNamesListed(path, kTypeDirectory, names);
 }
 
 bool FTPFileSystemImpl::isEmptyDir(const char* path) {

@@ -128,8 +128,10 @@ TEST(FtpFileHandler, AFailedReadMarksTheConnectionUnusable) {
 }
 
 // The server takes 10 bytes and closes the data connection; once the reset
-// reaches the client a write fails, and the connection is marked unusable.
-TEST(FtpFileHandler, AFailedWriteMarksTheConnectionUnusable) {
+// reaches the client a write through `send` (write or aioWrite) fails, and the
+// connection is marked unusable. The connection stays usable until then.
+template <class Send>
+void expectAFailedSendMarksTheConnectionUnusable(char fill, int maxCalls, Send send) {
     ftptest::ScriptedFtpServer server;
     ftptest::Reply cut("150 Opening data connection");
     cut.closeDataAfter = 10;
@@ -138,12 +140,12 @@ TEST(FtpFileHandler, AFailedWriteMarksTheConnectionUnusable) {
     SafePointer<FTPTool> tool = loggedInTool(server);
     FtpFileHandler handler(tool, 2, 1, "/cut.dat");
     ASSERT_TRUE(handler.open("", "", ""));
-    const std::string chunk(65536, 'w');
+    const std::string chunk(65536, fill);
     int result = 0;
-    for (int i = 0; i < 200 && result >= 0; ++i) {
-        result = handler.write(chunk.data(), static_cast<unsigned int>(chunk.size()));
+    for (int i = 0; i < maxCalls && result >= 0; ++i) {
+        result = send(handler, chunk);
         if (result >= 0) {
-            EXPECT_TRUE(tool->getUsable()) << "write " << i << " gave " << result;
+            EXPECT_TRUE(tool->getUsable()) << "call " << i << " gave " << result;
         }
     }
     ASSERT_LT(result, 0) << "no write failed";
@@ -151,26 +153,18 @@ TEST(FtpFileHandler, AFailedWriteMarksTheConnectionUnusable) {
     EXPECT_EQ(-1, handler.close());
 }
 
+TEST(FtpFileHandler, AFailedWriteMarksTheConnectionUnusable) {
+    expectAFailedSendMarksTheConnectionUnusable(
+        'w', 200, [](FtpFileHandler& handler, const std::string& chunk) {
+            return handler.write(chunk.data(), static_cast<unsigned int>(chunk.size()));
+        });
+}
+
 TEST(FtpFileHandler, AFailedAioWriteMarksTheConnectionUnusable) {
-    ftptest::ScriptedFtpServer server;
-    ftptest::Reply cut("150 Opening data connection");
-    cut.closeDataAfter = 10;
-    cut.finalText = "426 Transfer aborted";
-    server.queueReply("STOR", cut);
-    SafePointer<FTPTool> tool = loggedInTool(server);
-    FtpFileHandler handler(tool, 2, 1, "/cut.dat");
-    ASSERT_TRUE(handler.open("", "", ""));
-    const std::string chunk(65536, 'a');
-    int result = 0;
-    for (int i = 0; i < 2000 && result >= 0; ++i) {
-        result = handler.aioWrite(chunk.data(), static_cast<unsigned int>(chunk.size()));
-        if (result >= 0) {
-            EXPECT_TRUE(tool->getUsable()) << "aioWrite " << i << " gave " << result;
-        }
-    }
-    ASSERT_LT(result, 0) << "no asynchronous write failed";
-    EXPECT_FALSE(tool->getUsable());
-    EXPECT_EQ(-1, handler.close());
+    expectAFailedSendMarksTheConnectionUnusable(
+        'a', 2000, [](FtpFileHandler& handler, const std::string& chunk) {
+            return handler.aioWrite(chunk.data(), static_cast<unsigned int>(chunk.size()));
+        });
 }
 
 TEST(FtpFileHandler, AReadOnAWriteTransferGivesZeroAndKeepsTheConnectionUsable) {
