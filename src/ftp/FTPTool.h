@@ -14,7 +14,9 @@
 
 #include <netinet/in.h>
 
+#include "foundation/ThreadAnnotations.h"
 #include "ftp/NetBuf.h"
+#include "host/technic/KDMutex.h"
 
 // Transfer kinds of dataConnect.
 enum FtpOpenType {
@@ -71,6 +73,10 @@ public:
     // A reply that does not start within the readiness wait leaves the
     // previous text in place and that text is judged. Silence inside a
     // multi-line reply is waited out for as long as the socket's receive limit.
+    // A reply still not ended after kReplyLimitSeconds in all (on the host's
+    // up-time clock) or after kReplyLineLimit lines is abandoned: the call
+    // fails and `response` holds a local text saying so. What the server sends
+    // of it afterwards is read as the next reply.
     int Readresp(char expected, NetBuf* connection);
     // One line ending in LF (CR LF becomes LF) into `out`, terminated; a line
     // that does not fit comes in pieces of capacity - 1 bytes. Returns the
@@ -148,16 +154,41 @@ public:
     int deleteFile(const char* path);
 
     // The control record (null while not connected) and its last reply text
-    // ("" while not connected).
+    // ("" while not connected). The text is read without the tool's lock: call
+    // it only while no other thread uses the tool.
     NetBuf* getControlBuf() const;
     const char* getResponse() const;
+
+    // Bounds on one reply (see Readresp).
+    static const double kReplyLimitSeconds;  // 30
+    static const int kReplyLineLimit;        // 1000
 
 private:
     FTPTool(const FTPTool&);
     FTPTool& operator=(const FTPTool&);
 
+    // Sends one command line and reads its reply under controlLock; when
+    // `reply` is not null the reply text is copied there (kNetBufResponseSize
+    // bytes) before the lock is released, for callers that parse it.
+    int exchange(const char* command, char expected, char* reply);
+    // Readresp's work, abandoning the reply once the host's up-time passes
+    // `deadline`. REQUIRES: controlLock is held when `connection` is the
+    // control record.
+    int readReply(char expected, NetBuf* connection, double deadline);
+    // Readline's work; gives up with -2 once the host's up-time passes
+    // `deadline` (no deadline when it is negative). REQUIRES:
+    // controlLock is held when `connection` is the control record.
+    int readLine(char* out, int capacity, NetBuf* connection, double deadline);
+    // A local error text into the control record's `response`, under
+    // controlLock; nothing without a control record.
+    void setLocalResponse(const char* text);
+    void setLocalErrorResponse(int error);
+
     NetBuf* controlBuf;
     bool usable;
+    // Guards the control record's line buffer, its counters and `response`
+    // (see the class comment).
+    KDMutex controlLock;
 };
 
 #endif  // FTPDISK_FTP_FTPTOOL_H

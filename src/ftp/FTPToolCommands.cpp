@@ -101,9 +101,10 @@ int FTPTool::size(const char* path, int* result, char mode) {
     if (!Sendcmd(line, '2')) return 0;
     memset(line, 0, sizeof line);
     snprintf(line, sizeof line, "SIZE %s", path);
-    if (!Sendcmd(line, '2')) return 0;
+    char reply[kNetBufResponseSize];
+    if (!exchange(line, '2', reply)) return 0;
     // The reply code, then the size: both must be there.
-    const char* at = controlBuf->response;
+    const char* at = reply;
     int32_t code = 0;
     int32_t bytes = 0;
     if (!readInteger(at, &code) || !readInteger(at, &bytes)) return 0;

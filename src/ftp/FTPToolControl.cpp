@@ -19,6 +19,7 @@
 
 #include "ftp/FTPToolInternal.h"
 #include "host/GlobalEnv.h"
+#include "host/KDTime.h"
 
 namespace ftptool {
 
@@ -110,6 +111,24 @@ namespace {
 const int kControlSocketLimit = 10;
 // The readiness wait of the control connection before each receive.
 const int32_t kControlIdleSeconds = 3;
+
+// Source name under which the control lock is taken, for the host's lock
+// diagnostics.
+const char* const kLockSource = "FTPTool";
+
+// readLine's result when the reply's deadline passed; never a byte count.
+const int kLineAbandoned = -2;
+
+const char* const kReplyTooSlowText = "reply abandoned: not ended within 30 s\n";
+const char* const kReplyTooLongText = "reply abandoned: not ended within 1000 lines\n";
+
+// Ends a reply that ran past its bounds: the caller fails as on a wait
+// time-out, and `response` says why instead of holding a piece of the reply
+// that a later time-out could judge as if it were whole.
+int abandonReply(NetBuf* connection, const char* why) {
+    ftptool::setResponse(connection, why);
+    return 0;
+}
 
 double monotonicSeconds() {
     struct timespec now;
@@ -220,7 +239,10 @@ int ftpResolveAddress(const char* host, struct sockaddr_in* address) {
     return 1;
 }
 
-FTPTool::FTPTool() : controlBuf(NULL), usable(true) {}
+const double FTPTool::kReplyLimitSeconds = 30.0;
+const int FTPTool::kReplyLineLimit = 1000;
+
+FTPTool::FTPTool() : controlBuf(NULL), usable(true), controlLock() {}
 
 FTPTool::~FTPTool() {
     quit();
@@ -282,15 +304,19 @@ int FTPTool::login(const char* user, const char* password) {
     if (strlen(user) > kLongest || strlen(password) > kLongest) return 0;
     char line[64];
     snprintf(line, sizeof line, "USER %s", user);
-    if (!Sendcmd(line, '3')) {
+    char reply[kNetBufResponseSize];
+    reply[0] = '\0';
+    if (!exchange(line, '3', reply)) {
         // A server that needs no password accepts the user with 2xx.
-        return controlBuf != NULL && controlBuf->response[0] == '2';
+        return reply[0] == '2';
     }
     snprintf(line, sizeof line, "PASS %s", password);
     return Sendcmd(line, '2');
 }
 
-int FTPTool::Sendcmd(const char* command, char expected) {
+int FTPTool::Sendcmd(const char* command, char expected) { return exchange(command, expected, NULL); }
+
+int FTPTool::exchange(const char* command, char expected, char* reply) {
     if (command == NULL || controlBuf == NULL || controlBuf->direction != kNetBufControl) return 0;
     // The line with "\r\n" and its terminator must fit in 256 bytes: at most
     // 253 characters of command.
@@ -298,16 +324,38 @@ int FTPTool::Sendcmd(const char* command, char expected) {
     char line[kCommandLineSize];
     memset(line, 0, sizeof line);
     int length = snprintf(line, sizeof line, "%s\r\n", command);
+    // The command and its reply as one step under the control lock, so that
+    // a snapshot call sharing this connection never reads into the same line
+    // buffer at the same time.
+    KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+    // The reply's time is counted from the command's sending.
+    const double deadline = KDTime::getUpTime() + kReplyLimitSeconds;
     // One send; a short write is not completed (the reply then fails).
     if (send(controlBuf->handle, line, static_cast<size_t>(length), MSG_NOSIGNAL) < 1) return 0;
-    return Readresp(expected, controlBuf);
+    const int result = readReply(expected, controlBuf, deadline);
+    if (reply != NULL) memcpy(reply, controlBuf->response, kNetBufResponseSize);
+    return result;
 }
 
 int FTPTool::Readresp(char expected, NetBuf* connection) {
     if (controlBuf == NULL || connection == NULL) return 0;
+    if (connection != controlBuf) {
+        return readReply(expected, connection, KDTime::getUpTime() + kReplyLimitSeconds);
+    }
+    KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+    return readReply(expected, connection, KDTime::getUpTime() + kReplyLimitSeconds);
+}
+
+int FTPTool::readReply(char expected, NetBuf* connection, double deadline) {
+    // However the server sends it (a byte at a time, or continuation lines
+    // without end), one reply may hold its caller until `deadline` and no
+    // longer.
+    //
     // A time-out before any byte leaves `response` as it was, so the previous
     // reply is judged again; that is how this client has always behaved.
-    if (Readline(connection->response, kNetBufResponseSize, connection) == -1) return 0;
+    int n = readLine(connection->response, kNetBufResponseSize, connection, deadline);
+    if (n == -1) return 0;
+    if (n == kLineAbandoned) return abandonReply(connection, kReplyTooSlowText);
     // Only a line of at least four characters has a fourth one; the bytes
     // behind a shorter line's terminator are left over from earlier replies.
     if (strnlen(connection->response, 4) == 4 && connection->response[3] == '-') {
@@ -321,10 +369,14 @@ int FTPTool::Readresp(char expected, NetBuf* connection) {
         closing[4] = '\0';
         double limit = receiveLimit(connection->handle);
         double quietSince = monotonicSeconds();
+        int lines = 1;
         for (;;) {
-            int n = Readline(connection->response, kNetBufResponseSize, connection);
+            if (lines >= kReplyLineLimit) return abandonReply(connection, kReplyTooLongText);
+            n = readLine(connection->response, kNetBufResponseSize, connection, deadline);
             if (n == -1) return 0;
+            if (n == kLineAbandoned) return abandonReply(connection, kReplyTooSlowText);
             if (n > 0) {
+                ++lines;
                 if (strncmp(connection->response, closing, 4) == 0) break;
                 quietSince = monotonicSeconds();
             } else if (monotonicSeconds() - quietSince > limit) {
@@ -336,6 +388,13 @@ int FTPTool::Readresp(char expected, NetBuf* connection) {
 }
 
 int FTPTool::Readline(char* out, int capacity, NetBuf* connection) {
+    if (connection == NULL || out == NULL || controlBuf == NULL) return 0;
+    if (connection != controlBuf) return readLine(out, capacity, connection, -1.0);
+    KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+    return readLine(out, capacity, connection, -1.0);
+}
+
+int FTPTool::readLine(char* out, int capacity, NetBuf* connection, double deadline) {
     if (connection == NULL || out == NULL || controlBuf == NULL) return 0;
     if (connection->direction != kNetBufControl && connection->direction != kNetBufDataRead) {
         return -1;
@@ -380,6 +439,10 @@ int FTPTool::Readline(char* out, int capacity, NetBuf* connection) {
         }
         if (endOfStream) return stored > 0 ? stored : -1;
         if (connection->spaceLeft <= 0) return stored;
+        // Each wait below restarts the readiness limit; the deadline is what
+        // keeps a server that sends a byte now and then from holding the
+        // caller for ever.
+        if (deadline >= 0.0 && KDTime::getUpTime() > deadline) return kLineAbandoned;
         if (!Socketwait(connection)) return stored;
         ssize_t got = recv(connection->handle, connection->writePos,
                            static_cast<size_t>(connection->spaceLeft), 0);
@@ -389,6 +452,18 @@ int FTPTool::Readline(char* out, int capacity, NetBuf* connection) {
         connection->available += static_cast<int32_t>(got);
         connection->spaceLeft -= static_cast<int32_t>(got);
     }
+}
+
+void FTPTool::setLocalResponse(const char* text) {
+    if (controlBuf == NULL) return;
+    KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+    ftptool::setResponse(controlBuf, text);
+}
+
+void FTPTool::setLocalErrorResponse(int error) {
+    if (controlBuf == NULL) return;
+    KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+    ftptool::setErrorResponse(controlBuf, error);
 }
 
 int FTPTool::Writeline(const char* data, int length, NetBuf* connection) {
@@ -464,6 +539,9 @@ int FTPTool::quit() {
 
 int FTPTool::Empty() {
     if (controlBuf != NULL) {
+        // Not under a reader's feet: a thread still reading a reply on this
+        // record finishes first.
+        KDMutexLocker guard(controlLock, kLockSource, __LINE__);
         if (controlBuf->handle != -1) {
             close(controlBuf->handle);
             controlBuf->handle = -1;

@@ -101,7 +101,7 @@ NetBufWaitTime ftpAioWaitTime(int milliseconds) {
 int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
     if (controlBuf == NULL || out == NULL) return 0;
     if (path == NULL && (type == kFtpRetr || type == kFtpStor)) {
-        ftptool::setResponse(controlBuf, "Missing path argument for file transfer\n");
+        setLocalResponse("Missing path argument for file transfer\n");
         return 0;
     }
     // The type goes out before `type` and `mode` are checked.
@@ -119,7 +119,9 @@ int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
     // APPE without a path is sent as is: the server decides.
     case kFtpAppe: word = "APPE"; direction = kNetBufDataWrite; break;
     default:
-        snprintf(controlBuf->response, sizeof controlBuf->response, "Invalid open type %d\n", type);
+        char text[kNetBufResponseSize];
+        snprintf(text, sizeof text, "Invalid open type %d\n", type);
+        setLocalResponse(text);
         return 0;
     }
     memset(line, 0, sizeof line);
@@ -157,13 +159,15 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
     if (controlBuf == NULL || out == NULL) return 0;
     if (controlBuf->direction != kNetBufControl) return 0;
     if (direction != kNetBufDataRead && direction != kNetBufDataWrite) {
-        snprintf(controlBuf->response, sizeof controlBuf->response, "Invalid direction %d\n",
-                 direction);
+        char text[kNetBufResponseSize];
+        snprintf(text, sizeof text, "Invalid direction %d\n", direction);
+        setLocalResponse(text);
         return 0;
     }
     if (mode != 'A' && mode != 'I') {
-        snprintf(controlBuf->response, sizeof controlBuf->response, "Invalid mode %c\n",
-                 static_cast<char>(mode));
+        char text[kNetBufResponseSize];
+        snprintf(text, sizeof text, "Invalid mode %c\n", static_cast<char>(mode));
+        setLocalResponse(text);
         return 0;
     }
 
@@ -171,8 +175,10 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
     struct sockaddr_in address;
     memset(&address, 0, sizeof address);
     if (!portMode) {
-        if (!Sendcmd("PASV", '2')) return 0;
-        if (!ftpParsePassiveReply(controlBuf->response, &address)) return 0;
+        // The reply is parsed from a copy taken under the control lock.
+        char reply[kNetBufResponseSize];
+        if (!exchange("PASV", '2', reply)) return 0;
+        if (!ftpParsePassiveReply(reply, &address)) return 0;
     } else {
         socklen_t length = sizeof address;
         if (getsockname(controlBuf->handle, reinterpret_cast<struct sockaddr*>(&address),
@@ -259,13 +265,13 @@ int FTPTool::AcceptConnection(NetBuf* data) {
         errno = EBADF;
     }
     if (n < 0) {
-        ftptool::setErrorResponse(controlBuf, errno);
+        setLocalErrorResponse(errno);
         close(data->handle);
         data->handle = -1;
         return 0;
     }
     if (n == 0) {
-        ftptool::setResponse(controlBuf, "timed out waiting for connection");
+        setLocalResponse("timed out waiting for connection");
         close(data->handle);
         data->handle = -1;
         return 0;
@@ -275,7 +281,7 @@ int FTPTool::AcceptConnection(NetBuf* data) {
         int error = errno;
         close(data->handle);
         if (accepted < 0) {
-            ftptool::setErrorResponse(controlBuf, error);
+            setLocalErrorResponse(error);
             // 0 rather than -1: kept as this client has always left it.
             data->handle = 0;
             return 0;

@@ -5,11 +5,14 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "FtpTestFixture.h"
+#include "ftpdisk_host/HostControl.h"
 
 namespace {
 
@@ -226,6 +229,91 @@ TEST_F(FtpControl, AMultiLineReplyThatStopsHalfWayFailsAfterTheReceiveLimit) {
     server.queueReply("CWD", cut);
     EXPECT_EQ(tool.cd("/d"), 0);
     EXPECT_STREQ(tool.getResponse(), "250-first line\n");
+}
+
+// --- A reply that never ends ----------------------------------------------------
+
+// A reply is abandoned once it has taken 30 s in all (on the host's up-time
+// clock, driven by hand here) or 1000 lines, however the server spreads it out.
+class FtpReplyBounds : public FtpToolTest {
+protected:
+    void SetUp() override { hostcontrol::useManualClock(1000.0, 1000.0); }
+    void TearDown() override { hostcontrol::useSystemClock(); }
+};
+
+// n reply lines: "code-line 1" ... and, when `closed`, a last "code done".
+std::string replyLines(const char* code, int continuation, bool closed) {
+    std::string text;
+    for (int i = 1; i <= continuation; ++i) {
+        text += std::string(code) + "-line " + std::to_string(i) + "\n";
+    }
+    if (closed) text += std::string(code) + " done";
+    return text;
+}
+
+TEST_F(FtpReplyBounds, AReplyTrickledAByteAtATimeIsAbandonedAfterThirtySeconds) {
+    connectAndLogin();
+    // 600 bytes one at a time, 20 ms apart: every byte restarts the 3 s
+    // readiness wait, and the reply would take 12 s of real time to end.
+    Reply trickle("200 " + std::string(596, 'x'));
+    trickle.controlPieceBytes = 1;
+    trickle.controlPieceDelay = Millis(20);
+    server.queueReply("NOOP", trickle);
+    std::atomic<int> result{-99};
+    std::thread caller([&] { result = tool.Sendcmd("NOOP", '2'); });
+    ASSERT_TRUE(server.waitForCommands(3));
+    hostcontrol::advanceClock(30.0);
+    // Exactly 30 s is not yet more than the bound: the reader goes on.
+    std::this_thread::sleep_for(Millis(100));
+    EXPECT_EQ(result, -99);
+    hostcontrol::advanceClock(1.0);
+    caller.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_STREQ(tool.getResponse(), "reply abandoned: not ended within 30 s\n");
+    EXPECT_EQ(afterLogin(), (Lines{"NOOP"}));
+    // The rest still trickles in: leave without asking the server to quit.
+    tool.Empty();
+}
+
+TEST_F(FtpReplyBounds, AMultiLineReplyWhoseLinesKeepComingIsAbandonedAfterThirtySeconds) {
+    connectAndLogin();
+    Reply endless(replyLines("211", 500, true));
+    endless.controlPieceBytes = 20;
+    endless.controlPieceDelay = Millis(20);
+    server.queueReply("STAT", endless);
+    std::atomic<int> result{-99};
+    std::thread caller([&] { result = tool.Sendcmd("STAT", '2'); });
+    ASSERT_TRUE(server.waitForCommands(3));
+    hostcontrol::advanceClock(31.0);
+    caller.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_STREQ(tool.getResponse(), "reply abandoned: not ended within 30 s\n");
+    tool.Empty();
+}
+
+TEST_F(FtpReplyBounds, AMultiLineReplyIsAbandonedAtItsThousandthLineWithoutAnEnd) {
+    connectAndLogin();
+    // The opening line and 999 more, none of them the closing one.
+    server.queueReply("STAT", replyLines("211", 1500, true));
+    EXPECT_EQ(tool.Sendcmd("STAT", '2'), 0);
+    EXPECT_STREQ(tool.getResponse(), "reply abandoned: not ended within 1000 lines\n");
+    // What is left of it is read as the next reply, as for any reply that
+    // came too late: the next command gets the rest of the long reply, and
+    // the one after that the answer to the next.
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
+    EXPECT_STREQ(tool.getResponse(), "211 done\n");
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
+    EXPECT_STREQ(tool.getResponse(), "200 OK\n");
+}
+
+TEST_F(FtpReplyBounds, AReplyOfExactlyAThousandLinesIsReadWhole) {
+    connectAndLogin();
+    // 999 continuation lines and the closing line: 1000 lines in all.
+    server.queueReply("STAT", replyLines("211", 999, true));
+    EXPECT_EQ(tool.Sendcmd("STAT", '2'), 1);
+    EXPECT_STREQ(tool.getResponse(), "211 done\n");
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
+    EXPECT_STREQ(tool.getResponse(), "200 OK\n");
 }
 
 // Only a line of four characters or more can open a multi-line reply; a
