@@ -1,8 +1,18 @@
 #include "connections/FreeFtpToolBuff.h"
 
+#include <exception>
+
 #include "host/GThread.h"
 #include "host/KDTime.h"
 #include "host/KadmorTime.h"
+
+namespace {
+
+// Source name under which the pool's lock is taken, for the host's lock
+// diagnostics.
+const char* const kLockSource = "FreeFtpToolBuff";
+
+}  // namespace
 
 const double FreeFtpToolBuff::kIdleSeconds = 30.0;
 const long FreeFtpToolBuff::kPassPauseSeconds = 2;
@@ -68,12 +78,12 @@ void FreeFtpToolBuff::addFreeFTPTool(SafePointer<FTPTool>& tool) {
     info->setBeginFreeTime(now);
     info->setFTPTool(tool);
 
-    KDMutexLocker guard(lock, "FreeFtpToolBuff", __LINE__);
+    KDMutexLocker guard(lock, kLockSource, __LINE__);
     idleList.push_back(info);
 }
 
 bool FreeFtpToolBuff::getFreeFTPTool(SafePointer<FTPTool>& out) {
-    KDMutexLocker guard(lock, "FreeFtpToolBuff", __LINE__);
+    KDMutexLocker guard(lock, kLockSource, __LINE__);
     if (idleList.empty()) {
         return false;
     }
@@ -85,7 +95,27 @@ bool FreeFtpToolBuff::getFreeFTPTool(SafePointer<FTPTool>& out) {
 
 int FreeFtpToolBuff::theThread() {
     if (!paused) {
-        KDMutexLocker guard(lock, "FreeFtpToolBuff", __LINE__);
+        // Nothing may end the recorder's process from this thread: a failure
+        // of one pass (memory, or a misused pointer) leaves the rest of the
+        // list for the next pass.
+        try {
+            expireIdle();
+        } catch (const std::exception&) {
+        }
+    }
+    KadmorTime::wait(KadmorTime(kPassPauseSeconds, 0));
+    return 0;
+}
+
+void FreeFtpToolBuff::expireIdle() {
+    // Expired entries are taken off the list under the lock and quit after it
+    // is released: a server that answers "QUIT" slowly, or never ends its
+    // reply, then holds up only this thread, never an open or close waiting
+    // for the pool. Declared before the lock, the list is also released after
+    // it should anything throw.
+    std::vector<SafePointer<FTPTool> > expired;
+    {
+        KDMutexLocker guard(lock, kLockSource, __LINE__);
         const double now = KDTime::getSeconds();
         std::vector<SafePointer<FreeFTPInfo> >::iterator entry = idleList.begin();
         while (entry != idleList.end()) {
@@ -93,18 +123,19 @@ int FreeFtpToolBuff::theThread() {
                 ++entry;
                 continue;
             }
-            // Quit under the lock: a connection being ended must not be handed
-            // out meanwhile. A slow server delays add and get callers; quit's
-            // own result is of no interest, the entry goes either way.
-            (*entry)->getFTPTool()->quit();
+            expired.push_back((*entry)->getFTPTool());
             entry = idleList.erase(entry);
         }
     }
-    KadmorTime::wait(KadmorTime(kPassPauseSeconds, 0));
-    return 0;
+    for (size_t i = 0; i < expired.size(); ++i) {
+        // Its result is of no interest: the entry is gone either way. A
+        // connection whose "QUIT" was refused is released by its destructor
+        // when the list goes.
+        expired[i]->quit();
+    }
 }
 
 unsigned int FreeFtpToolBuff::idleCount() {
-    KDMutexLocker guard(lock, "FreeFtpToolBuff", __LINE__);
+    KDMutexLocker guard(lock, kLockSource, __LINE__);
     return static_cast<unsigned int>(idleList.size());
 }

@@ -3,8 +3,9 @@
 // idle for 30 seconds or more.
 //
 // Thread safety: every operation may be called from any thread; `lock` guards
-// the idle list. Lock order: the open-file table's mutex before `lock`; the
-// monitor thread takes only `lock` (and quits expired connections under it).
+// the idle list and is held only for list work, never across network work.
+// Lock order: the open-file table's mutex before `lock`; the monitor thread
+// takes only `lock`, and quits expired connections after releasing it.
 #ifndef FTPDISK_CONNECTIONS_FREEFTPTOOLBUFF_H
 #define FTPDISK_CONNECTIONS_FREEFTPTOOLBUFF_H
 
@@ -57,6 +58,9 @@ public:
     unsigned int idleCount();
 
 private:
+    // theThread's work: quits the connections idle for kIdleSeconds or more.
+    void expireIdle() FTPDISK_EXCLUDES(lock);
+
     FreeFtpToolBuff(const FreeFtpToolBuff&);
     FreeFtpToolBuff& operator=(const FreeFtpToolBuff&);
 

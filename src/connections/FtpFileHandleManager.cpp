@@ -2,7 +2,13 @@
 
 #include <string.h>
 
+#include <memory>
+
 namespace {
+
+// Source name under which the table's lock is taken, for the host's lock
+// diagnostics.
+const char* const kLockSource = "FtpFileHandleManager";
 
 // Zero-fills a fixed text field and copies `text` into it. The callers (store
 // and registry) refuse texts that do not fit; the bound only guarantees that a
@@ -25,7 +31,8 @@ FtpFileHandleManager::FtpFileHandleManager(const char* server, const char* user,
       firstHandle(firstHandle),
       maxOpenFiles(maxOpenFiles),
       mutex(),
-      handleInUse() {
+      handleInUse(),
+      opening() {
     copyField(this->server, sizeof this->server, server);
     copyField(this->user, sizeof this->user, user);
     copyField(this->password, sizeof this->password, password);
@@ -44,59 +51,133 @@ FtpFileHandleManager::FtpFileHandleManager(const char* server, const char* user,
 // no final reply is read for them. The pool goes last, stopping its monitor.
 FtpFileHandleManager::~FtpFileHandleManager() {}
 
+// Keeps an open's reservation listed in `opening` from the moment its number
+// is reserved until the open has ended, however it ends (an exception from
+// SafePointer or the allocator included), so a path is never left counted as
+// being opened for ever.
+class FtpFileHandleManager::PendingOpen {
+public:
+    PendingOpen(FtpFileHandleManager& table, int32_t handle, const char* path)
+        FTPDISK_REQUIRES(table.mutex)
+        : table_(table), handle_(handle), ended_(false) {
+        OpenInProgress entry;
+        entry.handle = handle;
+        entry.path = path;
+        table_.opening.push_back(entry);
+    }
+    // REQUIRES: mutex is not held.
+    ~PendingOpen() {
+        if (ended_) {
+            return;
+        }
+        KDMutexLocker guard(table_.mutex, kLockSource, __LINE__);
+        forgetLocked();
+    }
+    // Ends the reservation while the caller holds the table's mutex (it is
+    // recording the open file in the same step).
+    void forgetLocked() FTPDISK_REQUIRES(table_.mutex) {
+        ended_ = true;
+        for (std::vector<OpenInProgress>::iterator it = table_.opening.begin();
+             it != table_.opening.end(); ++it) {
+            if (it->handle == handle_) {
+                table_.opening.erase(it);
+                return;
+            }
+        }
+    }
+
+private:
+    PendingOpen(const PendingOpen&);
+    PendingOpen& operator=(const PendingOpen&);
+
+    FtpFileHandleManager& table_;
+    const int32_t handle_;
+    bool ended_;
+};
+
 int FtpFileHandleManager::open(const char* path, int mode) {
     // A path that does not fit the handler's name field is refused before any
     // traffic and before a handle number is reserved.
     if (path == NULL || strlen(path) >= static_cast<size_t>(kFtpFileNameSize)) {
         return -1;
     }
-    KDMutexLocker guard(mutex, "FtpFileHandleManager", __LINE__);
-    if (static_cast<long>(fileHandlers.size()) >= static_cast<long>(maxOpenFiles)) {
-        return -1;
-    }
-    const int id = getFileHandleID(path);
-    if (id == -1) {
-        return -1;
+    int id = -1;
+    // Declared outside the locked block: its destructor takes the lock again.
+    std::unique_ptr<PendingOpen> pending;
+    {
+        KDMutexLocker guard(mutex, kLockSource, __LINE__);
+        // Opens in progress count: they will be open files in a moment.
+        if (static_cast<long>(fileHandlers.size() + opening.size()) >=
+            static_cast<long>(maxOpenFiles)) {
+            return -1;
+        }
+        id = getFileHandleID(path);
+        if (id == -1) {
+            return -1;
+        }
+        pending.reset(new PendingOpen(*this, id, path));
     }
     // From here on a failure keeps `id` reserved: deliberately, nothing gives
     // the number back until the table is destroyed.
+    //
+    // The connection is made and the transfer started without the table's
+    // lock, so that other cameras' writes, reads, opens and closes go on
+    // meanwhile.
     SafePointer<FTPTool> tool;
     if (!getPFTPTool(tool)) {
+        pending.reset();
         return -1;
     }
     SafePointer<FtpFileHandler> handler(new FtpFileHandler(tool, mode, id, path));
     if (!handler->open(server, user, password)) {
         // The handler and its connection are dropped, not pooled: a connection
-        // that could not start a transfer is not trusted again.
+        // that could not start a transfer is not trusted again. The path is
+        // released first; the connection is quit afterwards, by the last
+        // reference's destructor, outside every lock.
+        pending.reset();
         return -1;
     }
+    KDMutexLocker guard(mutex, kLockSource, __LINE__);
+    pending->forgetLocked();
     fileHandlers.push_back(handler);
     return id;
 }
 
 int FtpFileHandleManager::close(int handle) {
-    KDMutexLocker guard(mutex, "FtpFileHandleManager", __LINE__);
-    std::map<int32_t, bool>::iterator number = handleInUse.find(handle);
-    if (number == handleInUse.end()) {
-        return -1;
-    }
-    // The number is free from here on, whatever the transfer's end says.
-    number->second = false;
+    SafePointer<FtpFileHandler> handler;
+    {
+        KDMutexLocker guard(mutex, kLockSource, __LINE__);
+        std::map<int32_t, bool>::iterator number = handleInUse.find(handle);
+        if (number == handleInUse.end()) {
+            return -1;
+        }
+        // A number whose open has not returned yet belongs to nobody who
+        // could close it: freeing it would let a second file take it while
+        // the first is still being opened.
+        for (std::vector<OpenInProgress>::const_iterator it = opening.begin();
+             it != opening.end(); ++it) {
+            if (it->handle == handle) {
+                return -1;
+            }
+        }
+        // The number is free from here on, whatever the transfer's end says.
+        number->second = false;
 
-    std::vector<SafePointer<FtpFileHandler> >::iterator found = fileHandlers.begin();
-    while (found != fileHandlers.end() && (*found)->getFileHandle() != handle) {
-        ++found;
+        std::vector<SafePointer<FtpFileHandler> >::iterator found = fileHandlers.begin();
+        while (found != fileHandlers.end() && (*found)->getFileHandle() != handle) {
+            ++found;
+        }
+        if (found == fileHandlers.end()) {
+            return 0;
+        }
+        handler = *found;
+        fileHandlers.erase(found);
     }
-    if (found == fileHandlers.end()) {
-        return 0;
-    }
-    // A reader or writer in another thread may still hold the handler; its
-    // reference keeps the object alive after it leaves the table.
-    SafePointer<FtpFileHandler> handler(*found);
+    // Out of the table, the transfer is ended without the table's lock. A
+    // reader or writer in another thread may still hold the handler; the
+    // handler's own lock makes close wait for that call, and later calls fail.
     const int result = handler->close();
     SafePointer<FTPTool> tool(handler->getPFTPTool());
-    fileHandlers.erase(found);
-
     if (tool->getUsable() && result == 0) {
         freeToolBuff->addFreeFTPTool(tool);
         return 0;
@@ -106,7 +187,7 @@ int FtpFileHandleManager::close(int handle) {
 }
 
 bool FtpFileHandleManager::getFileHandler(int handle, SafePointer<FtpFileHandler>& out) {
-    KDMutexLocker guard(mutex, "FtpFileHandleManager", __LINE__);
+    KDMutexLocker guard(mutex, kLockSource, __LINE__);
     for (std::vector<SafePointer<FtpFileHandler> >::iterator it = fileHandlers.begin();
          it != fileHandlers.end(); ++it) {
         if ((*it)->getFileHandle() == handle) {
@@ -117,13 +198,27 @@ bool FtpFileHandleManager::getFileHandler(int handle, SafePointer<FtpFileHandler
     return false;
 }
 
-int FtpFileHandleManager::getFileHandleID(const char* path) {
-    // One remote file is never open twice at once, whatever the modes.
+bool FtpFileHandleManager::pathInUse(const char* path) {
     for (std::vector<SafePointer<FtpFileHandler> >::iterator it = fileHandlers.begin();
          it != fileHandlers.end(); ++it) {
         if (strcmp((*it)->getFileName(), path) == 0) {
-            return -1;
+            return true;
         }
+    }
+    for (std::vector<OpenInProgress>::const_iterator it = opening.begin(); it != opening.end();
+         ++it) {
+        if (it->path == path) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int FtpFileHandleManager::getFileHandleID(const char* path) {
+    // One remote file is never open twice at once, whatever the modes; an
+    // open still in progress counts as open.
+    if (pathInUse(path)) {
+        return -1;
     }
     // Lowest free number first.
     for (std::map<int32_t, bool>::iterator it = handleInUse.begin(); it != handleInUse.end();

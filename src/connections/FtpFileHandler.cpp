@@ -12,11 +12,15 @@ int clampLength(unsigned int len) {
     return len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
 }
 
+// Source name under which the transfer lock is taken, for the host's lock
+// diagnostics.
+const char* const kLockSource = "FtpFileHandler";
+
 }  // namespace
 
 FtpFileHandler::FtpFileHandler(SafePointer<FTPTool>& tool, int mode, int fileHandle,
                                const char* fileName)
-    : ftpTool(tool), dataConnection(NULL), mode(mode), fileHandle(fileHandle) {
+    : ftpTool(tool), dataConnection(NULL), mode(mode), fileHandle(fileHandle), transferLock() {
     memset(this->fileName, 0, sizeof this->fileName);
     if (fileName != NULL) {
         // The open-file table refuses paths of 256 characters or more before
@@ -26,7 +30,9 @@ FtpFileHandler::FtpFileHandler(SafePointer<FTPTool>& tool, int mode, int fileHan
     }
 }
 
-FtpFileHandler::~FtpFileHandler() {
+// The last reference is going, so no other thread can be inside a data
+// operation: the lock is not needed here.
+FtpFileHandler::~FtpFileHandler() FTPDISK_NO_THREAD_SAFETY_ANALYSIS {
     // A handler dropped without close (its table was destroyed, or the host
     // never closed the handle) still owns its data connection. It is released
     // without traffic: no final reply is awaited on this path, but no socket
@@ -58,6 +64,7 @@ bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/,
         default:
             return false;
     }
+    KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection != NULL) {
         return false;  // one transfer per handler
     }
@@ -65,6 +72,7 @@ bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/,
 }
 
 int FtpFileHandler::read(char* buf, unsigned int len) {
+    KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == NULL) {
         return -1;
     }
@@ -78,6 +86,7 @@ int FtpFileHandler::read(char* buf, unsigned int len) {
 }
 
 int FtpFileHandler::write(const char* buf, unsigned int len) {
+    KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == NULL) {
         return -1;
     }
@@ -89,6 +98,7 @@ int FtpFileHandler::write(const char* buf, unsigned int len) {
 }
 
 int FtpFileHandler::aioWrite(const char* buf, unsigned int len) {
+    KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == NULL) {
         return -1;
     }
@@ -106,8 +116,11 @@ int FtpFileHandler::aioWrite(const char* buf, unsigned int len) {
 }
 
 int FtpFileHandler::aioReturn(int milliseconds) {
+    KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == NULL) {
-        return -2;
+        // Closed (possibly by another thread while this call was on its way):
+        // the same answer the store gives for a handle it does not know.
+        return -1;
     }
     // A time-out (-1) or error (-2) here is reported, not judged: the final
     // reply read by close decides whether the connection is kept.
@@ -115,6 +128,7 @@ int FtpFileHandler::aioReturn(int milliseconds) {
 }
 
 int FtpFileHandler::close() {
+    KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == NULL) {
         return -1;
     }

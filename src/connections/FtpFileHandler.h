@@ -1,14 +1,23 @@
 // FtpFileHandler: one open remote file: its logged-in connection, the data
 // connection of its single transfer, the open mode, the handle number and the
-// path. No lock of its own: the open-file table hands out counted references,
-// and two threads must not use one handle at the same time.
+// path.
+//
+// Thread safety: the open-file table hands out counted references, so a
+// handler outlives a close that runs while another thread is still using it.
+// `transferLock` makes that safe: every data operation and close hold it for
+// their whole run, so close never frees the data record under a running read
+// or write, and a call that comes after close finds no transfer and fails
+// with -1. The lock is taken with no other lock of the module held, and only
+// the FTPTool's own control lock is taken inside it.
 #ifndef FTPDISK_CONNECTIONS_FTPFILEHANDLER_H
 #define FTPDISK_CONNECTIONS_FTPFILEHANDLER_H
 
 #include <stdint.h>
 
 #include "foundation/SafePointer.h"
+#include "foundation/ThreadAnnotations.h"
 #include "ftp/FTPTool.h"
+#include "host/technic/KDMutex.h"
 
 // Open modes: 1 read (RETR), 2 write (STOR), 3 append (APPE), 4 write (STOR).
 enum FtpOpenMode {
@@ -29,11 +38,15 @@ public:
 
     // Starts the transfer for the mode; the three texts are not used.
     bool open(const char* server, const char* user, const char* password);
+    // Each of the four gives -1 once the handler is closed (or was never
+    // opened), touching nothing.
     int read(char* buf, unsigned int len);
     int write(const char* buf, unsigned int len);
     int aioWrite(const char* buf, unsigned int len);
     int aioReturn(int milliseconds);
-    // 0 when the transfer ended with a positive final reply, else -1.
+    // 0 when the transfer ended with a positive final reply, else -1 (also
+    // for a handler already closed). Waits for a data operation running on
+    // another thread to finish first.
     int close();
 
     int getMode();
@@ -46,10 +59,13 @@ private:
     FtpFileHandler& operator=(const FtpFileHandler&);
 
     SafePointer<FTPTool> ftpTool;
-    NetBuf* dataConnection;
+    // Guarded by transferLock (the destructor excepted: nobody else holds the
+    // handler then).
+    NetBuf* dataConnection FTPDISK_GUARDED_BY(transferLock);
     int32_t mode;
     int32_t fileHandle;
     char fileName[kFtpFileNameSize];
+    KDMutex transferLock;
 };
 
 #endif  // FTPDISK_CONNECTIONS_FTPFILEHANDLER_H

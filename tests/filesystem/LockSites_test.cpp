@@ -2,12 +2,17 @@
 // recording KDMutex linked into this program only.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <set>
+#include <thread>
 #include <string>
 #include <vector>
 
+#include "connections/FtpFileHandleManager.h"
 #include "filesystem/FTPFileSystemImpl.h"
+#include "ftpdisk_host/HostControl.h"
 #include "filesystem/FTPFileSystemManager.h"
 #include "support/ScriptedFtpServer.h"
 #include "RecordingMutex.h"
@@ -226,6 +231,10 @@ const void* onlyLockOf(std::vector<Event>& all, const std::function<void()>& cal
 }
 
 TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceOrSnapshotAndNeverStoreWithTable) {
+    // Also: the connection's own control lock is a leaf, and the table's and
+    // the pool's locks are never held while a connection talks to the server
+    // (every command and reply takes the connection's control lock) or while
+    // an open file runs a transfer step (its transfer lock).
     ftptest::ScriptedFtpServer server;
     server.setListing(storetest::unixLine('-', "10", "a.dat"));
     server.putFile("/rec/in.dat", "0123456789");
@@ -281,6 +290,8 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceOrSnapshotAndNe
         if (file == "FTPFileSystemImpl") return "store";
         if (file.find("FtpFileHandleManager") != std::string::npos) return "table";
         if (file.find("FreeFtpToolBuff") != std::string::npos) return "pool";
+        if (file == "FTPTool") return "connection";
+        if (file == "FtpFileHandler") return "file";
         return "other";
     };
     auto rank = [&](const void* mutex) {
@@ -293,16 +304,27 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceOrSnapshotAndNe
     int storeUnderRegistry = 0;
     int tableLocks = 0;
     int nestedStoreLocks = 0;
+    int connectionLocks = 0;
+    int fileLocks = 0;
     for (const Event& e : events) {
         if (!e.lock) continue;
         const std::string taking = category(e.file);
         if (taking == "table") ++tableLocks;
+        if (taking == "connection") ++connectionLocks;
+        if (taking == "file") ++fileLocks;
         for (const lockrecord::Held& h : e.before) {
             const std::string held = category(h.file);
             EXPECT_NE(taking, "registry") << "registry lock taken while holding: " << describe(e);
+            EXPECT_NE(held, "connection") << "the control lock is a leaf: " << describe(e);
+            if (held == "table" || held == "pool") {
+                // No network work under the table's or the pool's lock.
+                EXPECT_NE(taking, "connection") << describe(e);
+                EXPECT_NE(taking, "file") << describe(e);
+            }
             if (held == "store") {
-                // The store's and the table's locks are never held together.
-                EXPECT_EQ(taking, "store") << describe(e);
+                // The store's and the table's locks are never held together;
+                // path operations talk to the server under the store's lock.
+                EXPECT_TRUE(taking == "store" || taking == "connection") << describe(e);
             }
             if (taking == "store" && held == "registry") ++storeUnderRegistry;
             if (taking == "store" && held == "store") {
@@ -318,6 +340,124 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceOrSnapshotAndNe
     EXPECT_GT(storeUnderRegistry, 0);
     EXPECT_GT(tableLocks, 0);
     EXPECT_GT(nestedStoreLocks, 0);
+    EXPECT_GT(connectionLocks, 0);
+    EXPECT_GT(fileLocks, 0);
+}
+
+// --- No network work under the open-file table's or the pool's lock ----------
+
+using ftptest::Millis;
+using ftptest::Reply;
+
+// Polls `condition` for at most `limit`; false when it never held.
+template <class F>
+bool eventually(F condition, Millis limit = Millis(10000)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(Millis(1));
+    }
+    return true;
+}
+
+// Whether the table's or the pool's lock was seen held by any thread at any
+// moment during `window`, sampled every millisecond.
+bool tableOrPoolLockSeenWithin(Millis window) {
+    const auto end = std::chrono::steady_clock::now() + window;
+    while (std::chrono::steady_clock::now() < end) {
+        if (lockrecord::heldAnywhere("FtpFileHandleManager") ||
+            lockrecord::heldAnywhere("FreeFtpToolBuff")) {
+            return true;
+        }
+        std::this_thread::sleep_for(Millis(1));
+    }
+    return false;
+}
+
+size_t countOf(const std::vector<std::string>& lines, const std::string& line) {
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+}
+
+// The monitor pauses on the hand-driven clock, so its passes cannot take the
+// pool's lock during the sampling windows below unless the test moves time.
+class ManualClock {
+public:
+    ManualClock() { hostcontrol::useManualClock(1000.0, 1000.0); }
+    ~ManualClock() { hostcontrol::useSystemClock(); }
+};
+
+TEST(LockSites, NoTableOrPoolLockIsHeldWhileAServerHoldsBackALoginATransferOrAClosingReply) {
+    ManualClock clock;
+    ftptest::ScriptedFtpServer server;
+    FtpFileHandleManager table(server.address().c_str(), "rec", "pw", 1, 16, 16);
+    const Millis heldBack(1500);
+
+    // The login of a new connection.
+    Reply login("230 Logged in");
+    login.delay = heldBack;
+    server.queueReply("PASS", login);
+    std::atomic<int> first{0};
+    std::thread opener([&] { first = table.open("/rec/a.dat", 2); });
+    ASSERT_TRUE(eventually([&] { return countOf(server.commands(), "PASS pw") == 1; }));
+    EXPECT_FALSE(tableOrPoolLockSeenWithin(Millis(300))) << "while the login reply is held back";
+    SafePointer<FtpFileHandler> none;
+    EXPECT_FALSE(table.getFileHandler(1, none)) << "a lookup answers while the open waits";
+    EXPECT_EQ(first.load(), 0) << "the login reply is still held back";
+    opener.join();
+    ASSERT_EQ(first.load(), 1);
+
+    // The start of a transfer.
+    Reply start("150 Opening data connection");
+    start.delay = heldBack;
+    server.queueReply("STOR", start);
+    std::atomic<int> second{0};
+    std::thread starter([&] { second = table.open("/rec/b.dat", 2); });
+    ASSERT_TRUE(eventually([&] { return countOf(server.commands(), "STOR /rec/b.dat") == 1; }));
+    EXPECT_FALSE(tableOrPoolLockSeenWithin(Millis(300))) << "while the 150 is held back";
+    starter.join();
+    ASSERT_EQ(second.load(), 2);
+
+    // The closing reply of a transfer; the first file was opened with the
+    // default reply, so its close is scripted afresh through the next STOR's
+    // final reply: close the second file, whose STOR had no final delay, and
+    // then a third whose closing reply is held back.
+    ASSERT_EQ(table.close(2), 0);
+    Reply slowEnd("150 Opening data connection");
+    slowEnd.finalDelay = heldBack;
+    server.queueReply("STOR", slowEnd);
+    ASSERT_EQ(table.open("/rec/c.dat", 2), 2);
+    const size_t uploadsBefore = server.uploads().size();
+    std::atomic<int> closed{1};
+    std::thread closer([&] { closed = table.close(2); });
+    ASSERT_TRUE(eventually([&] { return server.uploads().size() == uploadsBefore + 1; }));
+    EXPECT_FALSE(tableOrPoolLockSeenWithin(Millis(300))) << "while the closing reply is held back";
+    closer.join();
+    EXPECT_EQ(closed.load(), 0);
+    EXPECT_EQ(table.close(1), 0);
+}
+
+TEST(LockSites, ThePoolsLockIsNotHeldWhileTheMonitorWaitsForTheAnswerToQuit) {
+    ManualClock clock;
+    ftptest::ScriptedFtpServer server;
+    FtpFileHandleManager table(server.address().c_str(), "rec", "pw", 1, 16, 16);
+    ASSERT_EQ(table.open("/rec/a.dat", 2), 1);
+    ASSERT_EQ(table.close(1), 0);
+    ASSERT_EQ(table.getFreeToolBuff()->idleCount(), 1u);
+    // Wait until the monitor pauses, so the clock's move wakes it for a pass.
+    ASSERT_TRUE(eventually([] { return hostcontrol::waitingThreads() == 1; }));
+
+    Reply slowQuit("221 Goodbye");
+    slowQuit.delay = Millis(1500);
+    server.queueReply("QUIT", slowQuit);
+    hostcontrol::advanceClock(31.0);
+    ASSERT_TRUE(eventually([&] { return countOf(server.commands(), "QUIT") == 1; }));
+    EXPECT_FALSE(tableOrPoolLockSeenWithin(Millis(300))) << "while QUIT is unanswered";
+    EXPECT_EQ(table.getFreeToolBuff()->idleCount(), 0u) << "taken off the list before the quit";
+    // An open meanwhile gets a connection of its own at once.
+    EXPECT_EQ(table.open("/rec/b.dat", 2), 1);
+    EXPECT_EQ(server.closedConnectionCount(), 0) << "the quit is still waiting for its answer";
+    EXPECT_EQ(table.close(1), 0);
+    EXPECT_TRUE(server.waitForClosedConnections(1));
 }
 
 }  // namespace

@@ -21,6 +21,13 @@ std::vector<Event>* events() {   // guarded by recordMutex()
 
 thread_local std::vector<Held> heldByThisThread;
 
+// Source names of the mutexes held right now, by any thread, one entry per
+// holding. Guarded by recordMutex().
+std::vector<std::string>* heldNow() {
+    static std::vector<std::string>* all = new std::vector<std::string>;
+    return all;
+}
+
 }  // namespace
 
 void start() {
@@ -35,6 +42,11 @@ std::vector<Event> stop() {
     std::vector<Event> out;
     out.swap(*events());
     return out;
+}
+
+bool heldAnywhere(const std::string& file) {
+    std::lock_guard<std::mutex> guard(recordMutex());
+    return std::find(heldNow()->begin(), heldNow()->end(), file) != heldNow()->end();
 }
 
 }  // namespace lockrecord
@@ -57,12 +69,21 @@ void KDMutex::Lock(char* file, int line) {
     }
     impl->mutex.lock();
     lockrecord::heldByThisThread.push_back(lockrecord::Held{this, name});
+    std::lock_guard<std::mutex> guard(lockrecord::recordMutex());
+    lockrecord::heldNow()->push_back(name);
 }
 
 void KDMutex::Unlock(char* file, int line) {
     std::vector<lockrecord::Held>& held = lockrecord::heldByThisThread;
     for (size_t i = held.size(); i > 0; --i) {
         if (held[i - 1].mutex == this) {
+            {
+                std::lock_guard<std::mutex> guard(lockrecord::recordMutex());
+                std::vector<std::string>& now = *lockrecord::heldNow();
+                std::vector<std::string>::iterator it =
+                    std::find(now.begin(), now.end(), held[i - 1].file);
+                if (it != now.end()) now.erase(it);
+            }
             held.erase(held.begin() + static_cast<std::ptrdiff_t>(i - 1));
             break;
         }

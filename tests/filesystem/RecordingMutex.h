@@ -29,6 +29,10 @@ void start();
 // Stops recording and returns the events in the order they happened.
 std::vector<Event> stop();
 
+// Whether some thread holds, at this moment, a mutex it locked with the source
+// name `file`. Tracked whether or not a recording runs.
+bool heldAnywhere(const std::string& file);
+
 }  // namespace lockrecord
 
 #endif  // FTPDISK_TESTS_FILESYSTEM_RECORDINGMUTEX_H
