@@ -1,7 +1,32 @@
-// The exported store: every call goes to the one FTPFileSystemImpl it owns.
+// The exported store: every call goes to the one FTPFileSystemImpl it owns,
+// through the exception barrier, so a failure inside (memory exhausted by a
+// huge listing, say) comes back as the call's failure value instead of ending
+// the recorder. A store whose implementation could not even be allocated
+// fails every call.
 #include "filesystem/FTPFileSystem.h"
 
+#include <exception>
+
+#include "filesystem/ExceptionBarrier.h"
 #include "filesystem/FTPFileSystemImpl.h"
+
+namespace {
+
+// Runs `call` on the implementation, or gives `failure` when there is none or
+// the call throws a standard exception (see failOnException).
+template <typename Result, typename Call>
+Result forward(FTPFileSystemImpl* impl, Result failure, Call call) {
+    if (impl == NULL) {
+        return failure;
+    }
+    return failOnException(failure, call);
+}
+
+// The listing calls answer 1 or 0 as ints: the recorder reads a full int
+// result, not a one-byte bool.
+int asInt(bool answer) { return answer ? 1 : 0; }
+
+}  // namespace
 
 FTPFileSystem::FTPFileSystem(const char* server, const char* user, const char* password,
                              int capacity)
@@ -9,99 +34,158 @@ FTPFileSystem::FTPFileSystem(const char* server, const char* user, const char* p
     // Texts that would overflow the fixed fields never reach them: the store
     // is built with empty texts and refused, so it fails every operation
     // instead of corrupting memory or connecting somewhere unintended.
-    if (FTPFileSystemImpl::textsFit(server, user, password)) {
-        impl = new FTPFileSystemImpl(server, user, password, capacity);
-    } else {
-        impl = new FTPFileSystemImpl("", "", "", capacity);
-        impl->markRefused();
+    try {
+        if (FTPFileSystemImpl::textsFit(server, user, password)) {
+            impl = new FTPFileSystemImpl(server, user, password, capacity);
+        } else {
+            impl = new FTPFileSystemImpl("", "", "", capacity);
+            impl->markRefused();
+        }
+    } catch (const std::exception&) {
+        // Out of memory: a store without an implementation, which fails every
+        // call rather than throwing out of a constructor into the recorder.
+        impl = NULL;
     }
 }
 
 FTPFileSystem::~FTPFileSystem() {
-    impl->uninit();
+    if (impl == NULL) {
+        return;
+    }
+    // A destructor must not throw into the recorder: whatever uninit meets is
+    // dropped, and the implementation is released all the same.
+    try {
+        impl->uninit();
+    } catch (const std::exception&) {
+    }
     delete impl;
 }
 
-int FTPFileSystem::init() { return impl->init(); }
-int FTPFileSystem::uninit() { return impl->uninit(); }
-int FTPFileSystem::reinit() { return impl->reinit(); }
-
-int FTPFileSystem::getDiskSpaceInfo(long& first, long& second) {
-    impl->getDiskSpaceInfo(first, second);
-    return 0;
+int FTPFileSystem::init() {
+    return forward(impl, -1, [&] { return impl->init(); });
 }
 
-int FTPFileSystem::createDir(const char* path) { return impl->createDir(path); }
-bool FTPFileSystem::isDirExist(const char* path) { return impl->isDirExist(path); }
+// Always 0, as uninit itself.
+int FTPFileSystem::uninit() {
+    return forward(impl, 0, [&] { return impl->uninit(); });
+}
+
+int FTPFileSystem::reinit() {
+    return forward(impl, -1, [&] { return impl->reinit(); });
+}
+
+int FTPFileSystem::getDiskSpaceInfo(long& first, long& second) {
+    return forward(impl, -1, [&] {
+        impl->getDiskSpaceInfo(first, second);
+        return 0;
+    });
+}
+
+int FTPFileSystem::createDir(const char* path) {
+    return forward(impl, -1, [&] { return impl->createDir(path); });
+}
+
+bool FTPFileSystem::isDirExist(const char* path) {
+    return forward(impl, false, [&] { return impl->isDirExist(path); });
+}
 
 int FTPFileSystem::getFileList(const char* dir, std::vector<std::string>& names,
-                                const std::string& filter) {
-    return impl->getFileList(dir, names, filter) ? 1 : 0;
+                               const std::string& filter) {
+    return forward(impl, 0, [&] { return asInt(impl->getFileList(dir, names, filter)); });
 }
 
 int FTPFileSystem::scan(const char* dir, IFileScanAction* action, const std::string& filter) {
-    return impl->scan(dir, action, filter) ? 1 : 0;
+    return forward(impl, 0, [&] { return asInt(impl->scan(dir, action, filter)); });
 }
 
 int FTPFileSystem::getSubDirList(const char* dir, std::vector<std::string>& names,
-                                  const std::string& filter) {
-    return impl->getSubDirList(dir, names, filter) ? 1 : 0;
+                                 const std::string& filter) {
+    return forward(impl, 0, [&] { return asInt(impl->getSubDirList(dir, names, filter)); });
 }
 
 int FTPFileSystem::getTotalSize(const char* dir, long long& total) {
-    return impl->getTotalSize(dir, total) ? 1 : 0;
+    return forward(impl, 0, [&] { return asInt(impl->getTotalSize(dir, total)); });
 }
 
-int FTPFileSystem::createFile(const char* path) { return impl->createFile(path); }
-bool FTPFileSystem::isFileExist(const char* path) { return impl->isFileExist(path); }
-int FTPFileSystem::deleteFile(const char* path) { return impl->deleteFile(path); }
-int FTPFileSystem::moveDir(const char* from, const char* to) { return impl->moveDir(from, to); }
+int FTPFileSystem::createFile(const char* path) {
+    return forward(impl, -1, [&] { return impl->createFile(path); });
+}
+
+bool FTPFileSystem::isFileExist(const char* path) {
+    return forward(impl, false, [&] { return impl->isFileExist(path); });
+}
+
+int FTPFileSystem::deleteFile(const char* path) {
+    return forward(impl, -1, [&] { return impl->deleteFile(path); });
+}
+
+int FTPFileSystem::moveDir(const char* from, const char* to) {
+    return forward(impl, 0, [&] { return impl->moveDir(from, to); });
+}
 
 int FTPFileSystem::renameFile(const char* from, const char* to) {
-    return impl->renameFile(from, to);
+    return forward(impl, -1, [&] { return impl->renameFile(from, to); });
 }
 
-int FTPFileSystem::open(const char* path, int mode) { return impl->open(path, mode); }
+int FTPFileSystem::open(const char* path, int mode) {
+    return forward(impl, -1, [&] { return impl->open(path, mode); });
+}
 
 int FTPFileSystem::write(int handle, const char* buf, unsigned int len) {
-    return impl->write(handle, buf, len);
+    return forward(impl, -1, [&] { return impl->write(handle, buf, len); });
 }
 
 int FTPFileSystem::read(int handle, char* buf, unsigned int len) {
-    return impl->read(handle, buf, len);
+    return forward(impl, -1, [&] { return impl->read(handle, buf, len); });
 }
 
-int FTPFileSystem::close(int handle) { return impl->close(handle); }
-long long FTPFileSystem::getFileLength(const char* path) { return impl->getFileLength(path); }
-int FTPFileSystem::removeDir(const char* path) { return impl->removeDir(path); }
-int FTPFileSystem::getFileNumber(const char* dir) { return impl->getFileNumber(dir); }
-bool FTPFileSystem::isEmptyDir(const char* dir) { return impl->isEmptyDir(dir); }
+int FTPFileSystem::close(int handle) {
+    return forward(impl, -1, [&] { return impl->close(handle); });
+}
+
+long long FTPFileSystem::getFileLength(const char* path) {
+    return forward(impl, -1LL, [&] { return impl->getFileLength(path); });
+}
+
+int FTPFileSystem::removeDir(const char* path) {
+    return forward(impl, -1, [&] { return impl->removeDir(path); });
+}
+
+int FTPFileSystem::getFileNumber(const char* dir) {
+    return forward(impl, -1, [&] { return impl->getFileNumber(dir); });
+}
+
+bool FTPFileSystem::isEmptyDir(const char* dir) {
+    return forward(impl, false, [&] { return impl->isEmptyDir(dir); });
+}
 
 int FTPFileSystem::Get(const char* localFile, const char* remoteFile) {
-    return impl->Get(localFile, remoteFile);
+    return forward(impl, -1, [&] { return impl->Get(localFile, remoteFile); });
 }
 
 int FTPFileSystem::Put(const char* localFile, const char* remoteFile) {
-    return impl->Put(localFile, remoteFile);
+    return forward(impl, -1, [&] { return impl->Put(localFile, remoteFile); });
 }
 
 int FTPFileSystem::aioWrite(int handle, const char* buf, unsigned int len) {
-    return impl->aioWrite(handle, buf, len);
+    return forward(impl, -1, [&] { return impl->aioWrite(handle, buf, len); });
 }
 
 int FTPFileSystem::aioReturn(int handle, int milliseconds) {
-    return impl->aioReturn(handle, milliseconds);
+    return forward(impl, -1, [&] { return impl->aioReturn(handle, milliseconds); });
 }
 
 int FTPFileSystem::snapshot_open(const char* path, int unused) {
-    return impl->snapshot_open(path, unused);
+    return forward(impl, -1, [&] { return impl->snapshot_open(path, unused); });
 }
 
 int FTPFileSystem::snapshot_write(const char* buf, unsigned int len) {
-    return impl->snapshot_write(buf, len);
+    return forward(impl, -1, [&] { return impl->snapshot_write(buf, len); });
 }
 
-int FTPFileSystem::snapshot_close() { return impl->snapshot_close(); }
+int FTPFileSystem::snapshot_close() {
+    return forward(impl, -1, [&] { return impl->snapshot_close(); });
+}
 
 // Nothing is buffered in the module, so there is nothing to flush; the
 // recorder expects 1.

@@ -498,6 +498,8 @@ int FTPFileSystemImpl::Get(const char* localFile, const char* remoteFile) {
     if (localFile == NULL || remoteFile == NULL) {
         return -1;
     }
+    // Allocated first: nothing is open yet should memory be short.
+    std::vector<char> buffer(kCopyBufferSize);
     KDFile local;
     if (!openLocal(local, localFile, kLocalCreateMode)) {
         return -1;
@@ -507,7 +509,6 @@ int FTPFileSystemImpl::Get(const char* localFile, const char* remoteFile) {
         local.close();
         return -1;
     }
-    std::vector<char> buffer(kCopyBufferSize);
     int result = copyToEnd(
         &buffer[0], kCopyBufferSize,
         [&](char* buf, unsigned int len) { return this->read(handle, buf, len); },
@@ -525,6 +526,8 @@ int FTPFileSystemImpl::Put(const char* localFile, const char* remoteFile) {
     if (localFile == NULL || remoteFile == NULL) {
         return -1;
     }
+    // Allocated first: nothing is open yet should memory be short.
+    std::vector<char> buffer(kCopyBufferSize);
     KDFile local;
     if (!openLocal(local, localFile, kLocalReadMode)) {
         return -1;
@@ -534,7 +537,6 @@ int FTPFileSystemImpl::Put(const char* localFile, const char* remoteFile) {
         local.close();
         return -1;
     }
-    std::vector<char> buffer(kCopyBufferSize);
     // Through write, so the used-bytes account rises with every piece taken.
     int result = copyToEnd(
         &buffer[0], kCopyBufferSize,

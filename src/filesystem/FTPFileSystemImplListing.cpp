@@ -8,6 +8,7 @@
 // the host's visitor with opLock released so the visitor may call back into the
 // store.
 #include <algorithm>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -59,23 +60,31 @@ bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, st
     // Started only once the data connection is open: the limit bounds the
     // transfer itself, not the "TYPE"/"PASV"/"LIST" exchange before it.
     TimeOutDetector detector(kListingStallSeconds);
-    for (;;) {
-        const int got = tool->read(&chunk[0], static_cast<int>(chunk.size()), data);
-        if (detector.isTimeOut()) {
-            // The bytes of this last read are dropped with the rest.
-            detector.writeLog("FTPFileSystemImpl::recvData", 0, 0);
-            tool->closeData(data);
-            return false;
+    try {
+        for (;;) {
+            const int got = tool->read(&chunk[0], static_cast<int>(chunk.size()), data);
+            if (detector.isTimeOut()) {
+                // The bytes of this last read are dropped with the rest.
+                detector.writeLog("FTPFileSystemImpl::recvData", 0, 0);
+                tool->closeData(data);
+                return false;
+            }
+            if (got < 1) {
+                // End of data and a read error alike end the listing with what
+                // arrived so far.
+                tool->closeData(data);
+                return true;
+            }
+            // Exactly the bytes read: a zero byte inside the chunk is kept here
+            // and turned into a blank by getFileDescriptorList.
+            text.append(&chunk[0], static_cast<std::string::size_type>(got));
         }
-        if (got < 1) {
-            // End of data and a read error alike end the listing with what
-            // arrived so far.
-            tool->closeData(data);
-            return true;
-        }
-        // Exactly the bytes read: a zero byte inside the chunk is kept here and
-        // turned into a blank by getFileDescriptorList.
-        text.append(&chunk[0], static_cast<std::string::size_type>(got));
+    } catch (const std::exception&) {
+        // A listing too large for the memory left: the data connection is
+        // closed (its final reply read) before the failure goes on to the
+        // exported call, which turns it into its failure value.
+        tool->closeData(data);
+        throw;
     }
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "filesystem/ExceptionBarrier.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "host/StringHandler.h"
 #include "location/FTPPath.h"
@@ -35,16 +36,42 @@ void splitLocation(const std::string& location, std::vector<std::string>& parts)
 
 FTPFileSystemManager* FTPFileSystemManager::getInstance() {
     // Made on first use (thread-safe), destroyed at process exit, which
-    // releases every registered store.
-    static FTPFileSystemManager instance;
-    return &instance;
+    // releases every registered store. Should making it fail, the answer is
+    // null and the next call tries again.
+    try {
+        static FTPFileSystemManager instance;
+        return &instance;
+    } catch (const std::exception&) {
+        return NULL;
+    }
 }
 
 FTPFileSystemManager::FTPFileSystemManager() {}
 
 FTPFileSystemManager::~FTPFileSystemManager() {}
 
+// Each map operation runs behind the exception barrier: out of memory while
+// parsing or registering is the call's failure value, never an exception in the
+// recorder's thread.
 int FTPFileSystemManager::addFTPFileSystem(const std::string& location) {
+    return failOnException(-1, [&] { return addLocked(location); });
+}
+
+int FTPFileSystemManager::getFTPFileSystem(const std::string& location,
+                                           SafePointer<FTPFileSystem>& out) {
+    return failOnException(0, [&] { return getLocked(location, out); });
+}
+
+int FTPFileSystemManager::deleteFileSystem(const std::string& location) {
+    return failOnException(-1, [&] { return deleteLocked(location); });
+}
+
+bool FTPFileSystemManager::isSameDiskDir(const std::string& registered,
+                                         const std::string& location) {
+    return failOnException(false, [&] { return coveredBy(registered, location); });
+}
+
+int FTPFileSystemManager::addLocked(const std::string& location) {
     KDMutexLocker guard(lock, kLockSource, kAddLockLine);
     FTPPath parsed;
     if (parsed.create(location) == 0) {
@@ -67,14 +94,14 @@ int FTPFileSystemManager::addFTPFileSystem(const std::string& location) {
     return 0;
 }
 
-int FTPFileSystemManager::getFTPFileSystem(const std::string& location,
-                                           SafePointer<FTPFileSystem>& out) {
+int FTPFileSystemManager::getLocked(const std::string& location,
+                                    SafePointer<FTPFileSystem>& out) {
     KDMutexLocker guard(lock, kLockSource, kGetLockLine);
     // A covering test, not an exact lookup: any path below a registered
     // location finds that location's store.
     for (std::map<std::string, SafePointer<FTPFileSystem> >::iterator it = fileSystems.begin();
          it != fileSystems.end(); ++it) {
-        if (isSameDiskDir(it->first, location)) {
+        if (coveredBy(it->first, location)) {
             out = it->second;
             return 1;
         }
@@ -82,7 +109,7 @@ int FTPFileSystemManager::getFTPFileSystem(const std::string& location,
     return 0;
 }
 
-int FTPFileSystemManager::deleteFileSystem(const std::string& location) {
+int FTPFileSystemManager::deleteLocked(const std::string& location) {
     KDMutexLocker guard(lock, kLockSource, kDeleteLockLine);
     std::map<std::string, SafePointer<FTPFileSystem> >::iterator it = fileSystems.find(location);
     if (it == fileSystems.end()) {
@@ -98,8 +125,8 @@ int FTPFileSystemManager::deleteFileSystem(const std::string& location) {
 // "rec(pw)@ftp://10.0.0.5/rec/a" splits into "rec(pw)@ftp:", "", "10.0.0.5",
 // "rec", "a"; it covers "rec(pw)@ftp://10.0.0.5/rec/b/x" (the first four parts
 // agree) but not "rec(pw2)@ftp://10.0.0.5/rec/a".
-bool FTPFileSystemManager::isSameDiskDir(const std::string& registered,
-                                         const std::string& location) {
+bool FTPFileSystemManager::coveredBy(const std::string& registered,
+                                     const std::string& location) {
     std::vector<std::string> r;
     std::vector<std::string> l;
     splitLocation(registered, r);

@@ -17,6 +17,8 @@
 
 class FTPDISK_EXPORT FTPFileSystemManager {
 public:
+    // The single instance; null only when it could not be made (out of
+    // memory), in which case the next call tries again.
     static FTPFileSystemManager* getInstance();
 
     // 0 when registered or already present; -1 when the location does not
@@ -36,6 +38,14 @@ public:
 private:
     FTPFileSystemManager(const FTPFileSystemManager&);
     FTPFileSystemManager& operator=(const FTPFileSystemManager&);
+
+    // The three map operations and the covering rule, each behind the
+    // exported call of the same purpose. The first three take `lock`.
+    int addLocked(const std::string& location) FTPDISK_EXCLUDES(lock);
+    int getLocked(const std::string& location, SafePointer<FTPFileSystem>& out)
+        FTPDISK_EXCLUDES(lock);
+    int deleteLocked(const std::string& location) FTPDISK_EXCLUDES(lock);
+    static bool coveredBy(const std::string& registered, const std::string& location);
 
     std::map<std::string, SafePointer<FTPFileSystem> > fileSystems;  // Guarded by lock.
     KDMutex lock;
