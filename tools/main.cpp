@@ -14,11 +14,21 @@ namespace ftpdisk_tool {
 namespace {
 
 #define LOCATION_HELP                                                                     \
-    "LOCATION is user(password)@ftp://server[:port]/path, for example\n"                  \
-    "  'rec(secret)@ftp://127.0.0.1:2121/video'. The store is made from server, user\n"   \
-    "  and password; /path is the base directory, and every PATH argument is taken\n"     \
-    "  below it (a leading / included; \"..\" is refused). Quote the location: the\n"     \
-    "  shell treats ( and ) specially. The password is never printed.\n"
+    "LOCATION is user@ftp://server[:port]/path, for example\n"                             \
+    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"         \
+    "  password; /path is the base directory, and every PATH argument is taken\n"         \
+    "  below it (a leading / included; \"..\" is refused).\n"                               \
+    "\n"                                                                                   \
+    "The password comes from the environment variable FTPDISK_PASSWORD, or when\n"      \
+    "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"            \
+    "  \"machine HOST:PORT login USER password SECRET\" for the server, else one for\n"  \
+    "  \"machine HOST\", else a \"default\" entry; an entry without login serves any\n"  \
+    "  user. The file must be private (chmod 600 ~/.netrc). The password is never\n"    \
+    "  printed.\n"                                                                         \
+    "The older form user(password)@ftp://server[:port]/path still works (quote it:\n"   \
+    "  the shell treats ( and ) specially) but exposes the password: every local\n"     \
+    "  user sees it in the process list until the command has read its arguments\n"   \
+    "  (it then blanks it out of them), and the shell's history keeps it.\n"
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
@@ -90,9 +100,11 @@ const std::vector<Command>& commands() {
          "\n"
          "Downloads PATH to LOCALFILE (default: its own name in the current directory;\n"
          "an existing directory receives the file under its own name) through open,\n"
-         "read and close. The data goes to LOCALFILE.part first and is renamed only\n"
-         "when complete and of the size the server lists. On a terminal a progress\n"
-         "bar with bytes, rate and time left is drawn on standard error.\n"
+         "read and close. The data goes to a new hidden file of its own beside\n"
+         "LOCALFILE (.NAME.ftpdisk-XXXXXX) and is renamed over LOCALFILE only when\n"
+         "complete and of the size the server lists; a failed download removes that\n"
+         "file and leaves every other file as it was. On a terminal a progress bar\n"
+         "with bytes, rate and time left is drawn on standard error.\n"
          "\n" LOCATION_HELP,
          {}, {}, 2, 3, runGet},
         {"cat", "write a remote file to standard output",
@@ -141,10 +153,30 @@ void printOverview(std::ostream& out) {
 
 }  // namespace
 
+namespace {
+
+// The process list (/proc/PID/cmdline) shows this process's own argument
+// memory: once the arguments are copied, every password in them is
+// overwritten there, so that it lingers no longer than it must.
+void blankPasswords(int argc, char** argv) {
+    for (int i = 0; i < argc; ++i) {
+        std::size_t begin = 0;
+        std::size_t length = 0;
+        if (findPassword(argv[i], begin, length)) {
+            std::memset(argv[i] + begin, '*', length);
+        }
+    }
+}
+
+}  // namespace
+
 int runCommand(const Command& command, int argc, char** argv) {
     Arguments args;
     std::string problem;
-    if (!parseArguments(argc, argv, command.flags, command.values, args, problem)) {
+    const bool parsed =
+        parseArguments(argc, argv, command.flags, command.values, args, problem);
+    blankPasswords(argc, argv);
+    if (!parsed) {
         return usage(command.name, problem);
     }
     if (args.help) {

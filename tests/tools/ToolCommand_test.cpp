@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -19,6 +21,7 @@
 
 #include "ToolRunner.h"
 #include "support/RealFtpServer.h"
+#include "support/ScriptedFtpServer.h"
 
 namespace fs = std::filesystem;
 
@@ -84,9 +87,19 @@ protected:
 
     RealFtpServer& server() { return *server_; }
     std::string location() const { return server_->location(base_); }
+    // The location without its password: "rec@ftp://127.0.0.1:<port>/<base>".
+    std::string locationWithoutPassword() const {
+        return std::string(RealFtpServer::user()) + "@ftp://" + server_->hostPort() + base_;
+    }
+    // Writes `text` as the netrc file of the command's HOME (the work folder).
+    void writeNetrc(const std::string& text, mode_t mode = 0600) {
+        writeLocal(work_ + "/.netrc", text);
+        ASSERT_EQ(0, ::chmod((work_ + "/.netrc").c_str(), mode));
+    }
     // A run whose output must never show the password "pw" of the location.
-    ToolRun run(const std::vector<std::string>& args) {
-        ToolRun result = runTool(args, work_);
+    ToolRun run(const std::vector<std::string>& args,
+                const ToolEnvironment& environment = ToolEnvironment()) {
+        ToolRun result = runTool(args, work_, std::chrono::seconds(120), environment);
         EXPECT_FALSE(result.timedOut) << result.transcript();
         EXPECT_FALSE(contains(result.out + result.err, "(pw)")) << result.transcript();
         return result;
@@ -179,13 +192,145 @@ TEST_F(ToolCommand, TextThatIsNotALocationIsNamedAsSuchWithoutItsPassword) {
             const ToolRun result = run({command, c.text});
             EXPECT_EQ(2, result.status) << c.text << "\n" << result.transcript();
             EXPECT_TRUE(contains(result.err, c.shown)) << c.text << "\n" << result.transcript();
-            EXPECT_TRUE(contains(result.err, "expected user(password)@ftp://server[:port]/path"))
+            EXPECT_TRUE(contains(result.err, "expected user[(password)]@ftp://server[:port]/path"))
                 << c.text << "\n" << result.transcript();
             EXPECT_FALSE(contains(result.out + result.err, "s3cr3t"))
                 << c.text << "\n" << result.transcript();
             EXPECT_EQ(1u, lines(result.err).size()) << c.text << "\n" << result.transcript();
         }
     }
+}
+
+// --- where the password comes from ---
+
+TEST_F(ToolCommand, HelpSaysWhereThePasswordMayComeFrom) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"--help"}, {"record", "--help"}, {"get", "--help"}}) {
+        const ToolRun result = run(args);
+        EXPECT_EQ(0, result.status) << result.transcript();
+        EXPECT_TRUE(contains(result.out, "LOCATION is user@ftp://server[:port]/path"))
+            << result.transcript();
+        EXPECT_TRUE(contains(result.out, "FTPDISK_PASSWORD")) << result.transcript();
+        EXPECT_TRUE(contains(result.out, "~/.netrc")) << result.transcript();
+        EXPECT_TRUE(contains(result.out, "\"machine HOST:PORT login USER password SECRET\""))
+            << result.transcript();
+        EXPECT_TRUE(contains(result.out, "exposes the password")) << result.transcript();
+    }
+}
+
+TEST_F(ToolCommand, ALocationWithoutPasswordTakesItFromTheEnvironment) {
+    ASSERT_TRUE(server().writeFile(base_ + "/a.dat", "abc"));
+    const ToolRun result = run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=pw"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("a.dat\n", result.out) << result.transcript();
+
+    // A password the location carries wins over the environment's.
+    const ToolRun own = run({"ls", location()}, {"FTPDISK_PASSWORD=wrong"});
+    EXPECT_EQ(0, own.status) << own.transcript();
+    EXPECT_EQ("a.dat\n", own.out) << own.transcript();
+
+    // The environment's wins over the netrc file's.
+    writeNetrc("machine 127.0.0.1 login rec password wrong\n");
+    const ToolRun first = run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=pw"});
+    EXPECT_EQ(0, first.status) << first.transcript();
+}
+
+TEST_F(ToolCommand, ALocationWithoutPasswordTakesItFromTheNetrcEntryOfItsServer) {
+    ASSERT_TRUE(server().writeFile(base_ + "/a.dat", "abc"));
+    const std::string port = std::to_string(server().port());
+    const std::string netrcs[] = {
+        "machine 127.0.0.1 login rec password pw\n",
+        "machine 127.0.0.1:" + port + " login rec password pw\n",
+        // The entry with the port wins over the one for the host alone.
+        "machine 127.0.0.1 login rec password wrong\nmachine 127.0.0.1:" + port +
+            " login rec password pw\n",
+        // One line, quoted values, an account.
+        "machine \"127.0.0.1\" login \"rec\" account x password \"pw\"",
+        // Another user's entry is passed over for the default one.
+        "machine 127.0.0.1 login other password wrong\ndefault login rec password pw\n",
+        "default password pw\n",
+        // A macro body, however it reads, is no entry.
+        "macdef init\nmachine 127.0.0.1 login rec password wrong\n\n"
+        "machine 127.0.0.1\n\tlogin rec\n\tpassword pw\n",
+    };
+    for (const std::string& netrc : netrcs) {
+        writeNetrc(netrc);
+        const ToolRun result = run({"ls", locationWithoutPassword()});
+        EXPECT_EQ(0, result.status) << netrc << "\n" << result.transcript();
+        EXPECT_EQ("a.dat\n", result.out) << netrc << "\n" << result.transcript();
+    }
+}
+
+TEST_F(ToolCommand, ALocationWithoutPasswordAndNoneToBeFoundSaysWhereToPutIt) {
+    for (const std::string& netrc :
+         {std::string(), std::string("machine 10.0.0.5 login rec password pw\n"),
+          std::string("machine 127.0.0.1 login other password pw\n")}) {
+        if (!netrc.empty()) {
+            writeNetrc(netrc);
+        }
+        const ToolRun result = run({"ls", locationWithoutPassword()});
+        EXPECT_EQ(2, result.status) << result.transcript();
+        EXPECT_EQ("ftpdisk ls: no password for rec at " + server().hostPort() + ": write it into " +
+                      work_ + "/.netrc as \"machine 127.0.0.1 login rec password ...\" or set "
+                      "FTPDISK_PASSWORD\n",
+                  result.err)
+            << netrc;
+        EXPECT_EQ("", result.out);
+    }
+}
+
+TEST_F(ToolCommand, ANetrcFileOthersMayReadIsNotUsed) {
+    writeNetrc("machine 127.0.0.1 login rec password pw\n", 0644);
+    const ToolRun result = run({"ls", locationWithoutPassword()});
+    EXPECT_EQ(2, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk ls: " + work_ + "/.netrc holds the password for rec at " +
+                  server().hostPort() + " but others may read or change the file; make it "
+                  "private (chmod 600 " + work_ + "/.netrc)\n",
+              result.err);
+}
+
+TEST_F(ToolCommand, APasswordFromElsewhereIsCheckedLikeOneInTheLocation) {
+    const ToolRun longOne =
+        run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=an-overlong-password-of-26"});
+    EXPECT_EQ(2, longOne.status) << longOne.transcript();
+    EXPECT_EQ("ftpdisk ls: the password from FTPDISK_PASSWORD will not do: password too long "
+              "(26 characters, at most 19)\n",
+              longOne.err);
+    EXPECT_FALSE(contains(longOne.out + longOne.err, "overlong"));
+
+    // A line end would end the PASS command early and start another.
+    const ToolRun injected =
+        run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=pw\r\nDELE x"});
+    EXPECT_EQ(2, injected.status) << injected.transcript();
+    EXPECT_EQ("ftpdisk ls: the password from FTPDISK_PASSWORD will not do: the password holds a "
+              "control character\n",
+              injected.err);
+}
+
+TEST_F(ToolCommand, APasswordInTheLocationIsBlankedOutOfTheProcessList) {
+    // The run's own password, so that nothing else on the command line looks like it.
+    const std::string where = "rec(pw)@ftp://" + server().hostPort() + base_;
+    if (std::getenv("FTPDISK_TARGET_LAUNCHER") != nullptr) {
+        GTEST_SKIP() << "under an emulator the process list shows the emulator's own arguments";
+    }
+    std::string cmdline;
+    const ToolRun result = runToolWatched(
+        {"record", where, "--seconds", "600", "--rate", "0.1"}, work_,
+        [&](pid_t pid, const std::string& out) {
+            if (!contains(out, "recording to ")) {
+                return false;
+            }
+            cmdline = readLocal("/proc/" + std::to_string(pid) + "/cmdline");
+            return true;
+        });
+    EXPECT_FALSE(result.timedOut) << result.transcript();
+    EXPECT_EQ(130, result.status) << result.transcript();
+    for (char& c : cmdline) {
+        c = c == '\0' ? ' ' : c;
+    }
+    EXPECT_TRUE(contains(cmdline, " record rec(**)@ftp://" + server().hostPort() + base_ + " "))
+        << cmdline;
+    EXPECT_FALSE(contains(cmdline, "(pw)")) << cmdline;
 }
 
 TEST_F(ToolCommand, PathsThatWouldLeaveTheLocationAreRefused) {
@@ -452,6 +597,47 @@ TEST_F(ToolCommand, GetOfAMissingFileFailsAndCreatesNothing) {
               result.err);
     EXPECT_TRUE(fs::is_empty(work_) || !fs::exists(work_ + "/absent.dat"));
     EXPECT_FALSE(fs::exists(work_ + "/absent.dat.part"));
+}
+
+// The names in a local folder, sorted, leaving out the module's log folder.
+std::vector<std::string> namesIn(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        if (entry.path().filename() != "logroot") {
+            names.push_back(entry.path().filename().string());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST_F(ToolCommand, GetLeavesAUsersOwnPartFileAlone) {
+    ASSERT_TRUE(server().writeFile(base_ + "/rec.dat", "recording"));
+    writeLocal(work_ + "/copy.dat.part", "the user's own");
+    writeLocal(work_ + "/copy.dat", "old copy");
+    const ToolRun result = run({"get", location(), "rec.dat", "copy.dat"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("recording", readLocal(work_ + "/copy.dat"));
+    EXPECT_EQ("the user's own", readLocal(work_ + "/copy.dat.part"));
+    EXPECT_EQ((std::vector<std::string>{"copy.dat", "copy.dat.part"}), namesIn(work_));
+}
+
+TEST_F(ToolCommand, AFailedGetRemovesOnlyItsOwnTemporaryFile) {
+    // A server that lists the file with 100 bytes and then sends 40: the
+    // download fails after its temporary file was made and written.
+    ftptest::ScriptedFtpServer scripted;
+    scripted.setReply("CWD /v/rec.dat", "550 Not a directory.");
+    scripted.setListing("-rw-r--r-- 1 rec rec 100 Nov 22 12:00 rec.dat\r\n");
+    scripted.putFile("/v/rec.dat", std::string(40, 'r'));
+    writeLocal(work_ + "/rec.dat.part", "the user's own");
+    writeLocal(work_ + "/rec.dat", "old copy");
+    const ToolRun result = run({"get", "rec(pw)@ftp://" + scripted.address() + "/v", "rec.dat"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk get: received 40 bytes, the server lists 100\n", result.err)
+        << result.transcript();
+    EXPECT_EQ("old copy", readLocal(work_ + "/rec.dat"));
+    EXPECT_EQ("the user's own", readLocal(work_ + "/rec.dat.part"));
+    EXPECT_EQ((std::vector<std::string>{"rec.dat", "rec.dat.part"}), namesIn(work_));
 }
 
 TEST_F(ToolCommand, GetIntoALocalDirectoryKeepsTheRemoteName) {
