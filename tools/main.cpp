@@ -33,14 +33,19 @@ namespace {
 const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
         {"check", "walk a location through everything a recorder does, with a verdict",
-         "usage: ftpdisk check LOCATION\n"
+         "usage: ftpdisk check LOCATION [--cameras N]\n"
          "\n"
          "Registers the location, connects and logs in, makes a test directory below\n"
          "the base, writes a test file, lists it, measures it, reads it back, deletes\n"
          "it, removes the directory and logs out. Prints one line per step with its\n"
          "result and time, then a verdict. Exit status 0 only if every step passed.\n"
+         "  --cameras N   also open N files at once (1 to 64), as N cameras recording\n"
+         "                together, write and close them: the store then holds N + 1\n"
+         "                logged-in connections. Says how many the server granted,\n"
+         "                how long the opens took, and, when the server refuses one,\n"
+         "                what it answered.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 1, 1, runCheck},
+         {}, {"--cameras"}, 1, 1, runCheck},
         {"ls", "list the directories and files of a directory",
          "usage: ftpdisk ls [-l] LOCATION [PATH]\n"
          "\n"

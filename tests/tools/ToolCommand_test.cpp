@@ -874,7 +874,26 @@ TEST_F(ToolCommand, RecordCountsFailedCallsWhenTheServerGoesAwayAndStillEndsOnTi
     const SummaryFigures figures = readSummary(result.out);
     EXPECT_GT(figures.failedCalls, 0) << result.transcript();
     EXPECT_GT(figures.failedFiles, 0) << result.transcript();
-    EXPECT_TRUE(contains(result.out, "\nverdict: FAIL\n")) << result.transcript();
+    // Each failure is named with why, as far as a login of the tool's own
+    // can tell: here, that nothing listens any more.
+    const std::string why = "cannot connect to " + own.hostPort() + ": Connection refused";
+    const std::string::size_type from = result.out.find("\nfailed calls by reason\n");
+    const std::string::size_type to = result.out.find("\nfirst failed calls\n");
+    ASSERT_NE(std::string::npos, from) << result.transcript();
+    ASSERT_NE(std::string::npos, to) << result.transcript();
+    long long counted = 0;
+    const std::regex reason(" +([0-9]+)  (open|write|close): (.*)");
+    for (const std::string& line : lines(result.out.substr(from + 24, to - from - 24))) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(line, m, reason)) << line;
+        EXPECT_EQ(why, m[3].str()) << line;
+        counted += std::stoll(m[1]);
+    }
+    EXPECT_EQ(figures.failedCalls, counted) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "\nverdict: FAIL: " + std::to_string(figures.failedCalls) +
+                                         " failed calls, the first cam0"))
+        << result.transcript();
+    EXPECT_TRUE(contains(result.out, " s: " + why + "\n")) << result.transcript();
 }
 
 TEST_F(ToolCommand, RecordInterruptedByCtrlCClosesItsFilesAndPrintsTheSummary) {
@@ -926,5 +945,156 @@ TEST_F(ToolCommand, RecordToAServerThatRefusesTheLoginFails) {
               result.err);
     EXPECT_FALSE(contains(result.out + result.err, "nope"));
 }
+
+// --- servers that grant fewer connections than there are cameras ---
+
+// How each kind turns away the connection past its limit of 3 (see
+// RealFtpServerOptions::maxClients): the line of the tool's own login that
+// names it, and the server's reply in it.
+struct Refusal {
+    const char* how;    // "refused the session" or "refused the login as rec"
+    const char* reply;
+};
+
+Refusal refusalOf(FtpServerKind kind) {
+    switch (kind) {
+        case FtpServerKind::kPyftpdlib:
+            return {"refused the session", "421 Too many connections from the same IP address."};
+        case FtpServerKind::kVsftpd:
+            return {"refused the session",
+                    "421 There are too many connections from your internet address."};
+        case FtpServerKind::kProftpd:
+            return {"refused the login as rec",
+                    "530 Sorry, the maximum number of clients (3) from your host are already "
+                    "connected."};
+        case FtpServerKind::kPureftpd:
+            return {"refused the session", "421 Too many connections (3) from this IP"};
+        case FtpServerKind::kBusybox:
+            return {"refused the session", "421 Too many connections from this address"};
+    }
+    return {"", ""};
+}
+
+// Every kind started with a limit of 3 connections: the store's own and two
+// files, one short of what 3 cameras need.
+class ToolAgainstAConnectionLimit : public ::testing::TestWithParam<FtpServerKind> {
+protected:
+    void SetUp() override {
+        RealFtpServerOptions options;
+        options.maxClients = 3;
+        server_.reset(new RealFtpServer(GetParam(), options));
+        ASSERT_TRUE(server_->ready()) << server_->failure();
+        ASSERT_TRUE(server_->makeDir("/video"));
+        char pattern[] = "/tmp/ftpdisk-tool-test-XXXXXX";
+        ASSERT_NE(nullptr, ::mkdtemp(pattern));
+        work_ = pattern;
+    }
+    void TearDown() override {
+        server_.reset();
+        std::error_code ignored;
+        fs::remove_all(work_, ignored);
+    }
+
+    ToolRun run(const std::vector<std::string>& args) {
+        // Sessions of an earlier run may still hold places for a moment.
+        EXPECT_TRUE(server_->waitForSessionCount(0, std::chrono::seconds(10)));
+        ToolRun result = runTool(args, work_);
+        EXPECT_FALSE(result.timedOut) << result.transcript();
+        return result;
+    }
+    // The line of `out` that starts with `start`, or "".
+    static std::string lineStarting(const std::string& out, const std::string& start) {
+        for (const std::string& line : lines(out)) {
+            if (line.rfind(start, 0) == 0) {
+                return line;
+            }
+        }
+        return "";
+    }
+
+    std::unique_ptr<RealFtpServer> server_;
+    std::string work_;
+};
+
+TEST_P(ToolAgainstAConnectionLimit, CheckSaysHowManyConnectionsTheServerGrantedAndWhatItAnswered) {
+    const Refusal refusal = refusalOf(GetParam());
+    const std::string where = server_->location("/video");
+
+    const ToolRun within = run({"check", where, "--cameras", "2"});
+    EXPECT_EQ(0, within.status) << within.transcript();
+    EXPECT_TRUE(std::regex_match(
+        lineStarting(within.out, "  ok    cameras "),
+        std::regex("  ok    cameras +[0-9.]+ (ms|s)  2 files open at once: server granted 3 "
+                   "connections \\(the store's own and one per file\\), enough for 2 cameras; "
+                   "open p50 [0-9.]+ (ms|s), max [0-9.]+ (ms|s)")))
+        << within.transcript();
+    EXPECT_TRUE(contains(within.out, " can hold recordings from 2 cameras (11 of 11 steps passed)\n"))
+        << within.transcript();
+
+    const ToolRun beyond = run({"check", where, "--cameras", "3"});
+    EXPECT_EQ(1, beyond.status) << beyond.transcript();
+    const std::string detail = std::string("server granted 3 connections; 3 cameras need 4: '") +
+                               refusal.reply + "'";
+    EXPECT_TRUE(std::regex_match(lineStarting(beyond.out, "  FAIL  cameras "),
+                                 std::regex("  FAIL  cameras +[0-9.]+ (ms|s)  .*")))
+        << beyond.transcript();
+    EXPECT_TRUE(contains(lineStarting(beyond.out, "  FAIL  cameras "), "  " + detail))
+        << beyond.transcript();
+    EXPECT_TRUE(contains(beyond.out, " is not usable: 1 of 11 steps failed, 0 skipped; first "
+                                     "failure: cameras (" + detail + ")\n"))
+        << beyond.transcript();
+    // The test files went with the test directory.
+    EXPECT_TRUE(fs::is_empty(server_->localPath("/video"))) << "the check left files behind";
+}
+
+TEST_P(ToolAgainstAConnectionLimit, RecordNamesEveryFailedOpenAndTheServersAnswer) {
+    const Refusal refusal = refusalOf(GetParam());
+    // One segment each: two cameras get a connection, two are turned away.
+    const ToolRun result = run({"record", server_->location("/video"), "--cameras", "4",
+                                "--seconds", "1", "--rate", "1", "--segment", "1"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    const SummaryFigures figures = readSummary(result.out);
+    EXPECT_EQ(2, figures.files) << result.transcript();
+    EXPECT_EQ(2, figures.failedFiles) << result.transcript();
+    EXPECT_EQ(2, figures.failedCalls) << result.transcript();
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\n  cameras        2 of 4 wrote nothing: cam0[1-4], cam0[1-4]\n")))
+        << result.transcript();
+    const std::string why = server_->hostPort() + " " + refusal.how + ": " + refusal.reply;
+    char reasonLine[64];
+    std::snprintf(reasonLine, sizeof reasonLine, "  %7lld  open: ", figures.failedCalls);
+    EXPECT_TRUE(contains(result.out, "\nfailed calls by reason\n" + std::string(reasonLine) + why +
+                                         "\nfirst failed calls\n"))
+        << result.transcript();
+    const std::regex call("  cam0[1-4]  open      at +[0-9.]+ s  /video/[0-9]{4}-[0-9]{2}-[0-9]{2}/"
+                          "cam0[1-4]/00001_[0-9]{6}\\.dat: (.*)");
+    int listed = 0;
+    for (const std::string& line : lines(result.out)) {
+        std::smatch m;
+        if (std::regex_match(line, m, call)) {
+            ++listed;
+            EXPECT_EQ(why, m[1].str()) << line;
+        }
+    }
+    EXPECT_EQ(2, listed) << result.transcript();
+    EXPECT_TRUE(contains(result.out, std::string("\nverdict: FAIL: server granted 3 connections; 4 "
+                                                 "cameras need 5: '") +
+                                         refusal.reply + "'\n"))
+        << result.transcript();
+    // What the summary counts is what the server holds.
+    long long onDisk = 0;
+    std::vector<std::string> problems;
+    EXPECT_EQ(figures.files, checkSegments(server_->localPath("/video"), onDisk, problems));
+    EXPECT_EQ(figures.bytes, onDisk);
+    for (const std::string& p : problems) {
+        ADD_FAILURE() << p;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryKind, ToolAgainstAConnectionLimit,
+                         ::testing::ValuesIn(allFtpServerKinds()),
+                         [](const ::testing::TestParamInfo<FtpServerKind>& info) {
+                             return std::string(ftpServerKindName(info.param));
+                         });
 
 }  // namespace
