@@ -133,6 +133,12 @@ const std::vector<Command>& commands() {
          "write latency percentiles. Exit status 0 only if no call failed. Ctrl-C\n"
          "ends the run early: every file is closed, the summary printed, and the exit\n"
          "status is 130.\n"
+         "Failed calls are named with camera, operation, remote path, time into the\n"
+         "run and why, as far as a login of the command's own to the server can tell\n"
+         "(at most one a second): each reason once with its count, then the first\n"
+         "10 calls. Each camera holds one connection for its open file and the store\n"
+         "one more; when the server turns logins away, the verdict says how many\n"
+         "connections it granted, how many the cameras need, and what it answered.\n"
          "\n" LOCATION_HELP,
          {"--aio"}, {"--cameras", "--seconds", "--rate", "--segment"}, 1, 1, runRecord},
     };
