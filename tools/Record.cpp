@@ -7,6 +7,11 @@
 // where NN is the camera (01..), SSSSS the segment number (00001..) and
 // HHMMSS the local time the segment was opened. Byte i of a segment file is
 // (seed + i) mod 251 with seed = (31 * camera + segment) mod 251.
+//
+// Every failed call goes to a FailedCalls book, which asks the server why on
+// a login of its own; the summary names the calls and their reasons, and the
+// verdict says so when the server grants fewer connections than the cameras
+// need (one per open file, plus the store's own).
 #include <signal.h>
 
 #include <atomic>
