@@ -11,7 +11,12 @@ session (control and data connections) at once and keeps listening, the way
 a server ends connections it considers idle.
 
     /usr/bin/python3 scripts/ftp-server.py --root /tmp/x/home --port 0 \
-        --port-file /tmp/x/port --user rec --password pw --idle-timeout 300
+        --port-file /tmp/x/port --user rec --password pw --idle-timeout 300 \
+        [--max-clients N]
+
+--max-clients N grants at most N control connections at once; a further one
+is greeted with "421 Too many connections from the same IP address." and
+closed.
 
 Runs with Debian's Python (python3-pyftpdlib), not any other interpreter.
 """
@@ -40,6 +45,7 @@ def main():
     parser.add_argument("--password", default="pw")
     parser.add_argument("--idle-timeout", type=int, default=300)
     parser.add_argument("--log-file", default=None)
+    parser.add_argument("--max-clients", type=int, default=0)
     args = parser.parse_args()
 
     logging.basicConfig(
@@ -59,7 +65,14 @@ def main():
     TestHandler.banner = "ftpdisk test server ready."
 
     server = FTPServer(("127.0.0.1", args.port), TestHandler)
-    server.max_cons = 64
+    if args.max_clients > 0:
+        # Every client comes from one address here; the total limit would
+        # count data connections and the listening socket too, so it is
+        # lifted and the per-address limit does the refusing.
+        server.max_cons = 0
+        server.max_cons_per_ip = args.max_clients
+    else:
+        server.max_cons = 64
 
     def stop(signum, frame):
         server.close_all()

@@ -1,9 +1,12 @@
 // check: walks one location through everything a recorder does with it and
-// prints one line per step with its result and time, then a verdict.
+// prints one line per step with its result and time, then a verdict. With
+// --cameras N it also opens N files at once, as N cameras recording together.
 //
 //   ok    init         0.63 ms  connected and logged in
 //   FAIL  write        3050 ms  writing to the server failed after 65536 bytes
 //   skip  list                  not run: write failed
+//   FAIL  cameras      12.3 ms  server granted 3 connections; 4 cameras need 5: '421 ...'
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +31,83 @@ constexpr unsigned kProbeSize = 256 * 1024 + 123;
 // Byte i of the probe file; 251 is prime, so the pattern never lines up with
 // block sizes and a shifted or repeated block shows as a mismatch.
 char probeByte(std::size_t i) { return static_cast<char>((i * 7 + 3) % 251); }
+
+constexpr int kMaxCameras = 64;
+
+std::string plural(long long n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+// The "cameras" step: opens `cameras` files in `dir` one after another and
+// keeps them all open, as that many cameras recording at once; with the
+// store's own connection that takes cameras + 1 logged-in connections. Then
+// writes a block to each and closes them. When an open fails, the server is
+// asked why (with a login of the tool's own) while the other files are
+// still open, so that it is still at whatever limit it has.
+bool openCameraFiles(FTPFileSystem* store, const Location& location, const std::string& dir,
+                     int cameras, std::string& detail) {
+    std::vector<int> handles;
+    std::vector<double> openSeconds;
+    std::string refused;
+    for (int camera = 1; camera <= cameras; ++camera) {
+        char name[32];
+        std::snprintf(name, sizeof name, "cam%02d.dat", camera);
+        const std::string path = childPath(dir, name);
+        const double start = monotonicSeconds();
+        const int handle = store->open(path.c_str(), 2);
+        if (handle < 0) {
+            refused = path;
+            break;
+        }
+        openSeconds.push_back(monotonicSeconds() - start);
+        handles.push_back(handle);
+    }
+    LoginProbe probe;
+    if (!refused.empty()) {
+        probe = probeLogin(location);
+    }
+    std::vector<char> block(kBlock);
+    for (std::size_t i = 0; i < block.size(); ++i) {
+        block[i] = probeByte(i);
+    }
+    int unwritten = 0;
+    int unconfirmed = 0;
+    for (int handle : handles) {
+        if (writeToStore(store, handle, block.data(), block.size()) != block.size()) {
+            ++unwritten;
+        }
+        if (store->close(handle) != 0) {
+            ++unconfirmed;
+        }
+    }
+    const long long granted = static_cast<long long>(handles.size()) + 1;
+    const std::string need = plural(cameras, "camera needs ", "cameras need ") +
+                             std::to_string(cameras + 1);
+    if (!refused.empty()) {
+        if (probe.turnedAway()) {
+            detail = "server granted " + plural(granted, "connection", "connections") + "; " +
+                     need + ": '" + (probe.reply.empty() ? probe.text : probe.reply) + "'";
+        } else {
+            detail = "cannot open " + refused + " with " +
+                     plural(granted - 1, "file", "files") + " open (" +
+                     (probe.outcome == LoginProbe::kLoggedIn ? "no reason given; " : "") +
+                     probe.text + ")";
+        }
+        return false;
+    }
+    if (unwritten != 0 || unconfirmed != 0) {
+        detail = plural(cameras, "file", "files") + " open at once, but " +
+                 plural(unwritten, "write", "writes") + " failed and " +
+                 plural(unconfirmed, "close was", "closes were") + " not confirmed";
+        return false;
+    }
+    detail = plural(cameras, "file", "files") + " open at once: server granted " +
+             plural(granted, "connection", "connections") + " (the store's own and one per " +
+             "file), enough for " + plural(cameras, "camera", "cameras") + "; open p50 " +
+             humanMillis(percentile(openSeconds, 50)) + ", max " +
+             humanMillis(*std::max_element(openSeconds.begin(), openSeconds.end()));
+    return true;
+}
 
 class StepPrinter {
 public:
@@ -82,6 +162,17 @@ private:
 }  // namespace
 
 int runCheck(const Arguments& args) {
+    int cameras = 0;
+    const auto camerasValue = args.values.find("--cameras");
+    if (camerasValue != args.values.end()) {
+        long long whole = 0;
+        if (!parseInt(camerasValue->second, whole) || whole < 1 || whole > kMaxCameras) {
+            return usage("check", "--cameras takes a whole number from 1 to " +
+                                      std::to_string(kMaxCameras) + ", not \"" +
+                                      camerasValue->second + "\"");
+        }
+        cameras = static_cast<int>(whole);
+    }
     Session session("check");
     // A text that is not a location is a usage error, reported before any step.
     const double registerStart = monotonicSeconds();
@@ -220,6 +311,12 @@ int runCheck(const Arguments& args) {
         return true;
     });
 
+    if (cameras > 0) {
+        steps.run("cameras", made, "mkdir failed", [&](std::string& detail) {
+            return openCameraFiles(store, location, dir, cameras, detail);
+        });
+    }
+
     steps.run("delete", written, "write failed", [&](std::string& detail) {
         if (store->deleteFile(file.c_str()) != 0) {
             detail = "cannot delete " + file;
@@ -256,9 +353,9 @@ int runCheck(const Arguments& args) {
     });
 
     if (steps.passed() == steps.steps()) {
-        std::cout << "verdict: PASS: " << location.masked()
-                  << " can hold recordings (" << steps.passed() << " of " << steps.steps()
-                  << " steps passed)" << std::endl;
+        std::cout << "verdict: PASS: " << location.masked() << " can hold recordings"
+                  << (cameras > 0 ? " from " + plural(cameras, "camera", "cameras") : "") << " ("
+                  << steps.passed() << " of " << steps.steps() << " steps passed)" << std::endl;
         return kExitOk;
     }
     std::cout << "verdict: FAIL: " << location.masked() << " is not usable: "

@@ -90,7 +90,8 @@ public:
     }
 
     // The reply's code (its last line's) with that line in `line`, or -1
-    // when none came in time or the server closed the connection.
+    // when none came in time or the server closed the connection (closed()
+    // then tells which).
     int reply(std::string& line) {
         const Clock::time_point deadline = Clock::now() + std::chrono::seconds(kProbeStepSeconds);
         for (int lines = 0; lines < 1000;) {
@@ -135,6 +136,8 @@ public:
         return true;
     }
 
+    bool closed() const { return closed_; }
+
 private:
     bool waitFor(short events, Clock::time_point deadline) {
         for (;;) {
@@ -163,6 +166,7 @@ private:
                 return true;
             }
             if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+                closed_ = true;
                 return false;
             }
             if (!waitFor(POLLIN, deadline)) {
@@ -172,6 +176,7 @@ private:
     }
 
     int fd_ = -1;
+    bool closed_ = false;
     std::string buffer_;
 };
 
@@ -197,26 +202,40 @@ std::string shown(std::string line, const std::string& password) {
 
 }  // namespace
 
-std::string explainLoginFailure(const Location& location) {
+LoginProbe probeLogin(const Location& location) {
+    LoginProbe result;
     const std::string cannot = "cannot connect to " + location.server + ": ";
     sockaddr_in address;
     std::string problem;
     if (!resolve(location.server, address, problem)) {
-        return cannot + problem;
+        result.text = cannot + problem;
+        return result;
     }
+    const Clock::time_point start = Clock::now();
     Probe probe;
     problem = probe.connect(address);
     if (!problem.empty()) {
-        return cannot + problem;
+        result.text = cannot + problem;
+        return result;
     }
     std::string line;
     const int greeting = probe.reply(line);
+    if (greeting < 0 && probe.closed()) {
+        result.outcome = LoginProbe::kClosed;
+        result.text = location.server + " closed the connection without a greeting";
+        return result;
+    }
     if (greeting < 0) {
-        return location.server + " accepted the connection but sent no greeting within " +
-               std::to_string(kProbeStepSeconds) + " s";
+        result.outcome = LoginProbe::kNoGreeting;
+        result.text = location.server + " accepted the connection but sent no greeting within " +
+                      std::to_string(kProbeStepSeconds) + " s";
+        return result;
     }
     if (greeting / 100 != 2) {
-        return location.server + " refused the session: " + shown(line, location.password);
+        result.outcome = LoginProbe::kSessionRefused;
+        result.reply = shown(line, location.password);
+        result.text = location.server + " refused the session: " + result.reply;
+        return result;
     }
     int answer = -1;
     if (probe.send("USER " + location.user)) {
@@ -225,14 +244,34 @@ std::string explainLoginFailure(const Location& location) {
     if (answer / 100 == 3 && probe.send("PASS " + location.password)) {
         answer = probe.reply(line);
     }
+    if (answer / 100 == 2) {
+        result.loginSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    }
     probe.send("QUIT");
     if (answer < 0) {
-        return location.server + " did not answer the login as " + location.user + " within " +
-               std::to_string(kProbeStepSeconds) + " s";
+        result.outcome = LoginProbe::kNoLoginAnswer;
+        result.text = location.server + (probe.closed() ? " closed the connection at the login as "
+                                                        : " did not answer the login as ") +
+                      location.user +
+                      (probe.closed() ? std::string()
+                                      : " within " + std::to_string(kProbeStepSeconds) + " s");
+        return result;
     }
     if (answer / 100 != 2) {
-        return location.server + " refused the login as " + location.user + ": " +
-               shown(line, location.password);
+        result.outcome = LoginProbe::kLoginRefused;
+        result.reply = shown(line, location.password);
+        result.text = location.server + " refused the login as " + location.user + ": " + result.reply;
+        return result;
+    }
+    result.outcome = LoginProbe::kLoggedIn;
+    result.text = location.server + " took a login as " + location.user + " just now";
+    return result;
+}
+
+std::string explainLoginFailure(const Location& location) {
+    const LoginProbe probe = probeLogin(location);
+    if (probe.outcome != LoginProbe::kLoggedIn) {
+        return probe.text;
     }
     // A second try just now went through: the first failed on the way.
     return "cannot connect to " + location.server + " or log in as " + location.user +

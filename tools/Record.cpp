@@ -7,6 +7,11 @@
 // where NN is the camera (01..), SSSSS the segment number (00001..) and
 // HHMMSS the local time the segment was opened. Byte i of a segment file is
 // (seed + i) mod 251 with seed = (31 * camera + segment) mod 251.
+//
+// Every failed call goes to a FailedCalls book, which asks the server why on
+// a login of its own; the summary names the calls and their reasons, and the
+// verdict says so when the server grants fewer connections than the cameras
+// need (one per open file, plus the store's own).
 #include <signal.h>
 
 #include <atomic>
@@ -22,6 +27,8 @@
 #include <vector>
 
 #include "Commands.h"
+#include "FailedCalls.h"
+#include "LoginProbe.h"
 #include "ToolFormat.h"
 
 namespace ftpdisk_tool {
@@ -35,6 +42,10 @@ constexpr int kPatternPeriod = 251;
 // waits in a row a camera sits out before it calls the write failed.
 constexpr int kAioWaitMillis = 1000;
 constexpr int kAioMaxWaits = 30;
+// The least time between two logins of the tool's own that explain failed
+// calls: a server at its limit is asked about once a second, not once per
+// failure.
+constexpr double kProbeSpacingSeconds = 1.0;
 
 struct Settings {
     int cameras = 1;
@@ -126,18 +137,31 @@ struct CameraResult {
 };
 
 // What the status line shows while cameras run; read without stopping them.
+// openFiles and mostOpenFiles count the store's handles open at once: with
+// the store's own connection, each holds one logged-in connection.
 struct LiveCounters {
     std::atomic<long long> bytes{0};
     std::atomic<int> files{0};
     std::atomic<int> failedCalls{0};
+    std::atomic<int> openFiles{0};
+    std::atomic<int> mostOpenFiles{0};
+
+    void opened() {
+        const int now = openFiles.fetch_add(1) + 1;
+        int most = mostOpenFiles.load();
+        while (now > most && !mostOpenFiles.compare_exchange_weak(most, now)) {
+        }
+    }
+    void closed() { openFiles.fetch_sub(1); }
 };
 
 class Camera {
 public:
     Camera(FTPFileSystem* store, const Settings& settings, int number, std::string dir,
-           const std::vector<char>& pattern, double start, LiveCounters& live)
+           const std::vector<char>& pattern, double start, LiveCounters& live,
+           FailedCalls& failures)
         : store_(store), settings_(settings), number_(number), dir_(std::move(dir)),
-          pattern_(pattern), start_(start), live_(live) {}
+          pattern_(pattern), start_(start), live_(live), failures_(failures) {}
 
     // The thread body.
     void run() {
@@ -146,8 +170,8 @@ public:
         const long long ticksPerSegment = std::max(1LL, std::llround(settings_.segment / kTick));
 
         const bool dirMade = store_->createDir(dir_.c_str()) == 0;
-        noteCall(dirMade);
         if (!dirMade) {
+            noteFailure("mkdir", dir_);
             result.droppedBytes = static_cast<long long>(bytesPerSecond * settings_.seconds);
             return;
         }
@@ -187,12 +211,18 @@ public:
 
     CameraResult result;
 
+    // "cam07".
+    std::string name() const {
+        char text[16];
+        std::snprintf(text, sizeof text, "cam%02d", number_);
+        return text;
+    }
+
 private:
-    void noteCall(bool ok) {
-        if (!ok) {
-            ++result.failedCalls;
-            live_.failedCalls.fetch_add(1);
-        }
+    void noteFailure(const char* operation, const std::string& path) {
+        ++result.failedCalls;
+        live_.failedCalls.fetch_add(1);
+        failures_.add(number_, operation, path, monotonicSeconds() - start_);
     }
 
     void openSegment(long long segment) {
@@ -200,15 +230,17 @@ private:
         char name[64];
         std::snprintf(name, sizeof name, "/%05lld_%02d%02d%02d.dat", segment, local.tm_hour,
                       local.tm_min, local.tm_sec);
-        const std::string path = dir_ + name;
+        path_ = dir_ + name;
         seed_ = static_cast<int>((31 * number_ + segment) % kPatternPeriod);
         offset_ = 0;
         segmentFailed_ = false;
         const double t0 = monotonicSeconds();
-        handle_ = store_->open(path.c_str(), 2);
+        handle_ = store_->open(path_.c_str(), 2);
         result.openSeconds.add(monotonicSeconds() - t0);
-        noteCall(handle_ >= 0);
-        if (handle_ < 0) {
+        if (handle_ >= 0) {
+            live_.opened();
+        } else {
+            noteFailure("open", path_);
             ++result.filesFailed;
         }
     }
@@ -221,7 +253,10 @@ private:
         const bool closed = store_->close(handle_) == 0;
         result.closeSeconds.add(monotonicSeconds() - t0);
         handle_ = -1;
-        noteCall(closed);
+        live_.closed();
+        if (!closed) {
+            noteFailure("close", path_);
+        }
         if (closed && !segmentFailed_) {
             ++result.filesComplete;
             live_.files.fetch_add(1);
@@ -253,7 +288,7 @@ private:
                     continue;
                 }
                 if (ready != 0) {
-                    noteCall(false);
+                    noteFailure("aioReturn", path_);
                     return false;
                 }
                 waits = 0;
@@ -262,7 +297,7 @@ private:
             const int n = settings_.aio ? store_->aioWrite(handle_, dataAt(offset_), length)
                                         : store_->write(handle_, dataAt(offset_), length);
             if (n <= 0) {
-                noteCall(false);
+                noteFailure(settings_.aio ? "aioWrite" : "write", path_);
                 return false;
             }
             account(n);
@@ -278,8 +313,10 @@ private:
     const std::vector<char>& pattern_;
     double start_;
     LiveCounters& live_;
+    FailedCalls& failures_;
 
     int handle_ = -1;
+    std::string path_;  // of the current segment
     int seed_ = 0;
     long long offset_ = 0;
     bool segmentFailed_ = false;
@@ -343,6 +380,60 @@ std::string megabits(double bytes, double seconds) {
     return text;
 }
 
+// Each distinct reason once with its count, then the first failed calls one
+// by one, so that a long run with many failures still prints a few lines.
+void printFailures(const FailedCalls& failures) {
+    const long long count = failures.count();
+    if (count == 0) {
+        return;
+    }
+    std::cout << "failed calls by reason\n";
+    for (const auto& reason : failures.byReason()) {
+        char number[32];
+        std::snprintf(number, sizeof number, "  %7lld  ", reason.second);
+        std::cout << number << reason.first << "\n";
+    }
+    std::cout << "first failed calls\n";
+    const std::vector<FailedCall> calls = failures.firstCalls();
+    for (const FailedCall& call : calls) {
+        char head[64];
+        std::snprintf(head, sizeof head, "  cam%02d  %-9s at %7.2f s  ", call.camera,
+                      call.operation.c_str(), call.at);
+        std::cout << head << call.path << ": " << (call.why.empty() ? "not explained" : call.why)
+                  << "\n";
+    }
+    if (count > static_cast<long long>(calls.size())) {
+        std::cout << "  ... and " << count - static_cast<long long>(calls.size())
+                  << " more, counted above\n";
+    }
+}
+
+// The verdict after "FAIL: ", one line. A server that turned a login of the
+// tool's own away while the run had files open is at its connection limit:
+// every camera holds one connection for its open file, and the store one
+// more for itself.
+std::string failureVerdict(const FailedCalls& failures, int cameras, int connectionsSeen) {
+    LoginProbe probe;
+    if (failures.turnedAway(probe)) {
+        const std::string answer = probe.reply.empty() ? probe.text : probe.reply;
+        return "server granted " + std::to_string(connectionsSeen) +
+               (connectionsSeen == 1 ? " connection; " : " connections; ") +
+               std::to_string(cameras) + (cameras == 1 ? " camera needs " : " cameras need ") +
+               std::to_string(cameras + 1) + ": '" + answer + "'";
+    }
+    const long long count = failures.count();
+    const std::vector<FailedCall> calls = failures.firstCalls();
+    std::string verdict = std::to_string(count) + (count == 1 ? " failed call" : " failed calls");
+    if (!calls.empty()) {
+        char at[32];
+        std::snprintf(at, sizeof at, "%.2f", calls.front().at);
+        verdict += ", the first cam" + std::string(calls.front().camera < 10 ? "0" : "") +
+                   std::to_string(calls.front().camera) + " " + calls.front().operation + " at " +
+                   at + " s: " + (calls.front().why.empty() ? "not explained" : calls.front().why);
+    }
+    return verdict;
+}
+
 }  // namespace
 
 int runRecord(const Arguments& args) {
@@ -393,12 +484,14 @@ int runRecord(const Arguments& args) {
               << std::endl;
 
     LiveCounters live;
+    const Location location = session.location();
+    FailedCalls failures([location] { return probeLogin(location); }, kProbeSpacingSeconds);
     const double start = monotonicSeconds();
     std::vector<std::unique_ptr<Camera>> cameras;
     std::vector<std::thread> threads;
     for (int i = 0; i < settings.cameras; ++i) {
         cameras.emplace_back(new Camera(session.store(), settings, i + 1, dirs[static_cast<std::size_t>(i)],
-                                        pattern, start, live));
+                                        pattern, start, live, failures));
     }
     for (auto& camera : cameras) {
         threads.emplace_back(&Camera::run, camera.get());
@@ -434,6 +527,8 @@ int runRecord(const Arguments& args) {
     if (status_line.joinable()) {
         status_line.join();
     }
+    // The last failures may still wait for their explaining login.
+    failures.finish();
 
     CameraResult total;
     for (const auto& camera : cameras) {
@@ -469,13 +564,29 @@ int runRecord(const Arguments& args) {
               << latencyLine("close latency", total.closeSeconds) << "\n"
               << latencyLine("write latency", total.writeSeconds) << "\n"
               << "  max lag        " << lagText << " behind the cameras\n";
+    std::string silent;
+    int silentCount = 0;
+    for (const auto& camera : cameras) {
+        if (camera->result.bytes == 0) {
+            silent += (silentCount++ == 0 ? " " : ", ") + camera->name();
+        }
+    }
+    if (silentCount > 0) {
+        std::cout << "  cameras        " << silentCount << " of " << settings.cameras
+                  << " wrote nothing:" << silent << "\n";
+    }
     const bool interrupted = gStopRequested.load();
     if (interrupted) {
         std::cout << "  interrupted    after " << elapsedText << " of " << settings.seconds
                   << " s; each camera closed its last, shorter segment\n";
     }
+    printFailures(failures);
     const bool passed = total.failedCalls == 0 && total.filesFailed == 0;
-    std::cout << "verdict: " << (passed ? "PASS" : "FAIL") << std::endl;
+    std::cout << "verdict: "
+              << (passed ? "PASS"
+                         : "FAIL: " + failureVerdict(failures, settings.cameras,
+                                                     live.mostOpenFiles.load() + 1))
+              << std::endl;
     // As a shell reports a command ended by Ctrl-C.
     if (interrupted) {
         return kExitInterrupted;

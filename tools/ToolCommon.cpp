@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "Credentials.h"
 #include "LoginProbe.h"
 #include "filesystem/FTPFileSystemManager.h"
 
@@ -93,6 +94,17 @@ int Session::registerLocation(const std::string& text) {
                     "not a location: " + maskLocationText(text) + " (" + problem +
                         "; expected " + kLocationForm + ")",
                     kExitUsage);
+    }
+    if (!location_.passwordGiven) {
+        std::string password;
+        std::string source;
+        if (!lookUpPassword(location_.server, location_.user, password, source, problem)) {
+            return fail(command_, problem, kExitUsage);
+        }
+        if (!location_.setPassword(password, problem)) {
+            return fail(command_, "the password from " + source + " will not do: " + problem,
+                        kExitUsage);
+        }
     }
     FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
     if (registry->addFTPFileSystem(location_.text) != 0) {

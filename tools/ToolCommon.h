@@ -86,9 +86,11 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Parses the location text, registers it and fetches its store. Returns
+    // Parses the location text, finds its password when the text carries
+    // none (see Credentials.h), registers it and fetches its store. Returns
     // kExitOk, or kExitUsage for a text that is not a location (after printing
-    // "not a location: ..."), with no store then.
+    // "not a location: ...") or one without a password to be found, with no
+    // store then.
     int registerLocation(const std::string& text);
     // Connects and logs in. Returns kExitOk or kExitFailed; unless `quiet`,
     // a failure is printed with its reason (see LoginProbe.h).

@@ -7,7 +7,7 @@
 
 namespace ftpdisk_tool {
 
-const char* const kLocationForm = "user(password)@ftp://server[:port]/path";
+const char* const kLocationForm = "user[(password)]@ftp://server[:port]/path";
 
 namespace {
 
@@ -70,7 +70,52 @@ bool checkServer(const std::string& server, std::string& problem) {
     return true;
 }
 
+// A password is sent as "PASS <password>" on a line of its own: a control
+// character (a line end above all) would end that line early.
+bool checkPassword(const std::string& password, std::string& problem) {
+    if (password.size() > kMaxPassword) {
+        problem = tooLong("password", password.size(), kMaxPassword);
+        return false;
+    }
+    for (char c : password) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+            problem = "the password holds a control character";
+            return false;
+        }
+    }
+    return true;
+}
+
+// The position of the "(" that ends the user name in `credentials`, or npos.
+std::string::size_type userNameEnd(const std::string& credentials) {
+    for (std::string::size_type i = 0; i < credentials.size(); ++i) {
+        if (credentials[i] == '(') {
+            return i;
+        }
+        if (credentials[i] == '*') {
+            ++i;
+        }
+    }
+    return std::string::npos;
+}
+
 }  // namespace
+
+bool findPassword(const std::string& text, std::size_t& begin, std::size_t& length) {
+    const std::string::size_type at = text.rfind('@');
+    if (at == std::string::npos) {
+        return false;
+    }
+    const std::string credentials = text.substr(0, at);
+    const std::string::size_type open = userNameEnd(credentials);
+    const std::string::size_type close = credentials.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open) {
+        return false;
+    }
+    begin = open + 1;
+    length = close - open - 1;
+    return true;
+}
 
 bool lookUpServicePort(const std::string& name, unsigned short& networkOrderPort) {
     struct servent entry;
@@ -108,8 +153,20 @@ std::string Location::masked() const {
     return escapeUser(user) + "(***)@" + kMarker + server + base;
 }
 
+bool Location::setPassword(const std::string& secret, std::string& problem) {
+    if (!checkPassword(secret, problem)) {
+        return false;
+    }
+    password = secret;
+    // The registry takes the password up to the last ")" before the last
+    // "@", so any password reads back as it was.
+    text = escapeUser(user) + "(" + password + ")@" + serverPart;
+    return true;
+}
+
 // 'a*(b(pw)@ftp://h\dir\sub/' -> user "a(b", password "pw", server "h",
 // base "/dir/sub": the same reading the registry gives the text.
+// 'a*(b@ftp://h/p' -> user "a(b", no password (passwordGiven false).
 bool parseLocation(const std::string& text, Location& out, std::string& problem) {
     out = Location();
     out.text = text;
@@ -120,35 +177,38 @@ bool parseLocation(const std::string& text, Location& out, std::string& problem)
     }
     const std::string userInfo = text.substr(0, at);
     const std::string serverInfo = text.substr(at + 1);
+    out.serverPart = serverInfo;
 
-    // The user name runs to the first "(" that is not escaped by "*".
-    std::string::size_type open = std::string::npos;
-    for (std::string::size_type i = 0; i < userInfo.size(); ++i) {
-        const char c = userInfo[i];
-        if (c == '(') {
-            open = i;
-            break;
+    // The user name runs to the first "(" that is not escaped by "*"; without
+    // one the whole of it is the name and the password comes from elsewhere.
+    const std::string::size_type open = userNameEnd(userInfo);
+    const std::string name = userInfo.substr(0, open);
+    for (std::string::size_type i = 0; i < name.size(); ++i) {
+        if (name[i] == '*' && i + 1 < name.size()) {
+            ++i;
         }
-        if (c == '*' && i + 1 < userInfo.size()) {
-            out.user += userInfo[++i];
-        } else {
-            out.user += c;
-        }
+        out.user += name[i];
     }
-    if (open == std::string::npos) {
-        problem = "no \"(\" after the user name";
-        return false;
-    }
-    if (open == 0) {
+    if (out.user.empty()) {
         problem = "empty user name";
         return false;
     }
-    const std::string::size_type close = userInfo.rfind(')');
-    if (close == std::string::npos || close < open) {
-        problem = "no \")\" after the password";
+    if (open == std::string::npos && out.user.find(':') != std::string::npos) {
+        // 'user:password@...' as in URLs: what follows the ":" is most likely
+        // a password, which must not be taken for a name and printed.
+        problem = "\":\" in the user name (the password goes in brackets, user(password), "
+                  "or is left out)";
         return false;
     }
-    out.password = userInfo.substr(open + 1, close - open - 1);
+    if (open != std::string::npos) {
+        const std::string::size_type close = userInfo.rfind(')');
+        if (close == std::string::npos || close < open) {
+            problem = "no \")\" after the password";
+            return false;
+        }
+        out.password = userInfo.substr(open + 1, close - open - 1);
+        out.passwordGiven = true;
+    }
 
     const std::string::size_type marker = serverInfo.find(kMarker);
     if (marker == std::string::npos) {
@@ -184,11 +244,13 @@ bool parseLocation(const std::string& text, Location& out, std::string& problem)
         problem = tooLong("user name", out.user.size(), kMaxUser);
         return false;
     }
-    if (out.password.size() > kMaxPassword) {
-        problem = tooLong("password", out.password.size(), kMaxPassword);
-        return false;
+    for (char c : out.user) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+            problem = "the user name holds a control character";
+            return false;
+        }
     }
-    return true;
+    return !out.passwordGiven || checkPassword(out.password, problem);
 }
 
 std::string maskLocationText(const std::string& text) {

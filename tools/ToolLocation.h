@@ -21,25 +21,41 @@ constexpr std::size_t kMaxUser = 31;
 constexpr std::size_t kMaxPassword = 19;
 constexpr std::size_t kMaxRemotePath = 250;
 
-// What a command needs to know about one location. Example:
+// What a command needs to know about one location. Examples:
 //   'rec(pw)@ftp://127.0.0.1:2121/video/'
-//   -> user "rec", password "pw", server "127.0.0.1:2121", base "/video"
+//   -> user "rec", password "pw" (given), server "127.0.0.1:2121", base "/video"
+//   'rec@ftp://127.0.0.1:2121/video'
+//   -> user "rec", no password yet (see setPassword), the same server and base
 struct Location {
-    std::string text;      // exactly as given (the registry's key)
+    std::string text;      // the registry's key: as given, or with the password put in
     std::string user;      // unescaped
     std::string password;  // never printed; see masked()
+    bool passwordGiven = false;  // the text itself carried "(password)"
     std::string server;    // host[:port]
     std::string base;      // "" for the root, else "/dir..." without a trailing "/"
+    std::string serverPart;  // the text after its last "@", as given
 
     // The location for display: the password replaced by "***".
     std::string masked() const;
+    // Takes the password from elsewhere for a text that did not carry one,
+    // and makes `text` the registry's form 'user(password)@ftp://...'. Returns
+    // false, with `problem` set (never containing the password), when the
+    // store could not take it (too long, or holding a control character).
+    bool setPassword(const std::string& secret, std::string& problem);
 };
 
-// Parses `text`. A port, when given, is a number from 1 to 65535 or a TCP
-// service name the system knows. On success returns true and fills `out`. On
-// failure returns false, leaves `out` partly filled and puts one line of
-// explanation into `problem` (never containing the password).
+// Parses `text`, the form with "(password)" or the one without. A port, when
+// given, is a number from 1 to 65535 or a TCP service name the system knows.
+// On success returns true and fills `out`. On failure returns false, leaves
+// `out` partly filled and puts one line of explanation into `problem` (never
+// containing the password).
 bool parseLocation(const std::string& text, Location& out, std::string& problem);
+
+// Where the password stands in a location text, by the registry's reading
+// (after the first "(" not escaped by "*", up to the last ")" before the
+// last "@"): true with `begin` and `length` set, false when the text carries
+// none.
+bool findPassword(const std::string& text, std::size_t& begin, std::size_t& length);
 
 // Best-effort masking of a text that may not even parse: whatever stands where
 // a password could be (between "(" and ")" before the last "@", or after a ":"

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "LocalReplacement.h"
 #include "ToolFormat.h"
 
 namespace ftpdisk_tool {
@@ -244,20 +245,19 @@ int runGet(const Arguments& args) {
     if (status != kExitOk) {
         return status;
     }
-    // Written under a side name and renamed at the end, so that a failed
-    // download never leaves a truncated file under the name asked for.
-    const std::string partial = local + ".part";
-    LocalFile out;
-    out.fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (out.fd < 0) {
-        const std::string error = systemError(errno);
+    // Written under a fresh temporary name beside the target and renamed at
+    // the end, so that a failed download never leaves a truncated file under
+    // the name asked for and touches no other file.
+    LocalReplacement out(local);
+    std::string problem;
+    if (!out.create(problem)) {
         store->close(handle);
-        return fail("get", "cannot create " + partial + ": " + error, kExitFailed);
+        return fail("get", problem, kExitFailed);
     }
     // A wrapped (negative) listed size leaves the total unknown.
     Progress progress(expected);
-    std::string problem;
-    const std::int64_t done = copyDown(store, handle, out.fd, partial, &progress, problem);
+    const std::int64_t done =
+        copyDown(store, handle, out.descriptor(), out.temporaryPath(), &progress, problem);
     const int closed = store->close(handle);
     progress.finish(done < 0 ? 0 : done);
     if (problem.empty() && closed != 0) {
@@ -267,15 +267,8 @@ int runGet(const Arguments& args) {
         problem = "received " + std::to_string(done) + " bytes, the server lists " +
                   std::to_string(expected);
     }
-    if (problem.empty() && ::close(out.fd) != 0) {
-        problem = "cannot finish " + partial + ": " + systemError(errno);
-    }
-    out.fd = -1;
-    if (problem.empty() && ::rename(partial.c_str(), local.c_str()) != 0) {
-        problem = "cannot rename " + partial + " to " + local + ": " + systemError(errno);
-    }
-    if (!problem.empty()) {
-        ::unlink(partial.c_str());
+    if (!problem.empty() || !out.commit(problem)) {
+        out.abandon();
         return fail("get", problem, kExitFailed);
     }
     std::cout << "get " << remote << " -> " << local << ": " << rateText(done, progress.elapsed())

@@ -14,23 +14,38 @@ namespace ftpdisk_tool {
 namespace {
 
 #define LOCATION_HELP                                                                     \
-    "LOCATION is user(password)@ftp://server[:port]/path, for example\n"                  \
-    "  'rec(secret)@ftp://127.0.0.1:2121/video'. The store is made from server, user\n"   \
-    "  and password; /path is the base directory, and every PATH argument is taken\n"     \
-    "  below it (a leading / included; \"..\" is refused). Quote the location: the\n"     \
-    "  shell treats ( and ) specially. The password is never printed.\n"
+    "LOCATION is user@ftp://server[:port]/path, for example\n"                             \
+    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"         \
+    "  password; /path is the base directory, and every PATH argument is taken\n"         \
+    "  below it (a leading / included; \"..\" is refused).\n"                               \
+    "\n"                                                                                   \
+    "The password comes from the environment variable FTPDISK_PASSWORD, or when\n"      \
+    "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"            \
+    "  \"machine HOST:PORT login USER password SECRET\" for the server, else one for\n"  \
+    "  \"machine HOST\", else a \"default\" entry; an entry without login serves any\n"  \
+    "  user. The file must be private (chmod 600 ~/.netrc). The password is never\n"    \
+    "  printed.\n"                                                                         \
+    "The older form user(password)@ftp://server[:port]/path still works (quote it:\n"   \
+    "  the shell treats ( and ) specially) but exposes the password: every local\n"     \
+    "  user sees it in the process list until the command has read its arguments\n"   \
+    "  (it then blanks it out of them), and the shell's history keeps it.\n"
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
         {"check", "walk a location through everything a recorder does, with a verdict",
-         "usage: ftpdisk check LOCATION\n"
+         "usage: ftpdisk check LOCATION [--cameras N]\n"
          "\n"
          "Registers the location, connects and logs in, makes a test directory below\n"
          "the base, writes a test file, lists it, measures it, reads it back, deletes\n"
          "it, removes the directory and logs out. Prints one line per step with its\n"
          "result and time, then a verdict. Exit status 0 only if every step passed.\n"
+         "  --cameras N   also open N files at once (1 to 64), as N cameras recording\n"
+         "                together, write and close them: the store then holds N + 1\n"
+         "                logged-in connections. Says how many the server granted,\n"
+         "                how long the opens took, and, when the server refuses one,\n"
+         "                what it answered.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 1, 1, runCheck},
+         {}, {"--cameras"}, 1, 1, runCheck},
         {"ls", "list the directories and files of a directory",
          "usage: ftpdisk ls [-l] LOCATION [PATH]\n"
          "\n"
@@ -90,9 +105,11 @@ const std::vector<Command>& commands() {
          "\n"
          "Downloads PATH to LOCALFILE (default: its own name in the current directory;\n"
          "an existing directory receives the file under its own name) through open,\n"
-         "read and close. The data goes to LOCALFILE.part first and is renamed only\n"
-         "when complete and of the size the server lists. On a terminal a progress\n"
-         "bar with bytes, rate and time left is drawn on standard error.\n"
+         "read and close. The data goes to a new hidden file of its own beside\n"
+         "LOCALFILE (.NAME.ftpdisk-XXXXXX) and is renamed over LOCALFILE only when\n"
+         "complete and of the size the server lists; a failed download removes that\n"
+         "file and leaves every other file as it was. On a terminal a progress bar\n"
+         "with bytes, rate and time left is drawn on standard error.\n"
          "\n" LOCATION_HELP,
          {}, {}, 2, 3, runGet},
         {"cat", "write a remote file to standard output",
@@ -116,6 +133,12 @@ const std::vector<Command>& commands() {
          "write latency percentiles. Exit status 0 only if no call failed. Ctrl-C\n"
          "ends the run early: every file is closed, the summary printed, and the exit\n"
          "status is 130.\n"
+         "Failed calls are named with camera, operation, remote path, time into the\n"
+         "run and why, as far as a login of the command's own to the server can tell\n"
+         "(at most one a second): each reason once with its count, then the first\n"
+         "10 calls. Each camera holds one connection for its open file and the store\n"
+         "one more; when the server turns logins away, the verdict says how many\n"
+         "connections it granted, how many the cameras need, and what it answered.\n"
          "\n" LOCATION_HELP,
          {"--aio"}, {"--cameras", "--seconds", "--rate", "--segment"}, 1, 1, runRecord},
     };
@@ -141,10 +164,30 @@ void printOverview(std::ostream& out) {
 
 }  // namespace
 
+namespace {
+
+// The process list (/proc/PID/cmdline) shows this process's own argument
+// memory: once the arguments are copied, every password in them is
+// overwritten there, so that it lingers no longer than it must.
+void blankPasswords(int argc, char** argv) {
+    for (int i = 0; i < argc; ++i) {
+        std::size_t begin = 0;
+        std::size_t length = 0;
+        if (findPassword(argv[i], begin, length)) {
+            std::memset(argv[i] + begin, '*', length);
+        }
+    }
+}
+
+}  // namespace
+
 int runCommand(const Command& command, int argc, char** argv) {
     Arguments args;
     std::string problem;
-    if (!parseArguments(argc, argv, command.flags, command.values, args, problem)) {
+    const bool parsed =
+        parseArguments(argc, argv, command.flags, command.values, args, problem);
+    blankPasswords(argc, argv);
+    if (!parsed) {
         return usage(command.name, problem);
     }
     if (args.help) {

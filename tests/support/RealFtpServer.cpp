@@ -461,9 +461,14 @@ bool RealFtpServer::startPyftpdlib() {
     port_ = 0;
     ::unlink((dir_ + "/port").c_str());
     std::string script = std::string(FTPDISK_SOURCE_DIR) + "/scripts/ftp-server.py";
-    return spawn({"/usr/bin/python3", script, "--root", root_, "--port", "0", "--port-file",
-                  dir_ + "/port", "--user", user(), "--password", password(), "--idle-timeout",
-                  std::to_string(options_.idleTimeoutSeconds), "--log-file", logFile_});
+    std::vector<std::string> argv = {
+        "/usr/bin/python3", script, "--root", root_, "--port", "0", "--port-file", dir_ + "/port",
+        "--user", user(), "--password", password(), "--idle-timeout",
+        std::to_string(options_.idleTimeoutSeconds), "--log-file", logFile_};
+    if (options_.maxClients > 0) {
+        argv.insert(argv.end(), {"--max-clients", std::to_string(options_.maxClients)});
+    }
+    return spawn(argv);
 }
 
 bool RealFtpServer::startVsftpd() {
@@ -471,6 +476,10 @@ bool RealFtpServer::startVsftpd() {
     if (port_ == 0) return fail("no free port");
     std::string empty = dir_ + "/empty";
     ::mkdir(empty.c_str(), 0755);
+    // All clients come from 127.0.0.1: the limit per address does the
+    // refusing, the total stays above it.
+    const int perAddress = options_.maxClients > 0 ? options_.maxClients : 64;
+    const int clients = options_.maxClients > 0 ? 2 * options_.maxClients + 10 : 64;
     std::ostringstream conf;
     conf << "listen=YES\n"
             "listen_ipv6=NO\n"
@@ -503,9 +512,9 @@ bool RealFtpServer::startVsftpd() {
             "xferlog_std_format=NO\n"
             "log_ftp_protocol=YES\n"
          << "vsftpd_log_file=" << logFile_ << "\n"
-         << "max_clients=64\n"
-            "max_per_ip=64\n"
-            "delay_failed_login=0\n"
+         << "max_clients=" << clients << "\n"
+         << "max_per_ip=" << perAddress << "\n"
+         << "delay_failed_login=0\n"
             "delay_successful_login=0\n";
     std::string confFile = dir_ + "/vsftpd.conf";
     if (!writeText(confFile, conf.str(), 0600)) return fail("cannot write " + confFile);
@@ -523,6 +532,14 @@ bool RealFtpServer::startProftpd() {
     group << user() << ":x:" << gid_ << ":" << user() << "\n";
     if (!writeText(passwdFile, passwd.str(), 0600) || !writeText(groupFile, group.str(), 0644)) {
         return fail("cannot write the password files");
+    }
+    // MaxInstances ends a connection past it without a word; the limit per
+    // host lets the session say why at the login, so the limit asked for is
+    // put there and the session processes get room above it.
+    std::string maxClients = "MaxInstances 64\n";
+    if (options_.maxClients > 0) {
+        maxClients = "MaxInstances " + std::to_string(2 * options_.maxClients + 10) +
+                     "\nMaxClientsPerHost " + std::to_string(options_.maxClients) + "\n";
     }
     std::ostringstream conf;
     conf << "ServerName \"ftpdisk test\"\n"
@@ -549,7 +566,7 @@ bool RealFtpServer::startProftpd() {
             "Umask 022\n"
          << "TimeoutIdle " << options_.idleTimeoutSeconds << "\n"
          << "TimeoutNoTransfer " << options_.idleTimeoutSeconds << "\n"
-         << "MaxInstances 64\n"
+         << maxClients
          << "SystemLog " << logFile_ << "\n"
          << "TransferLog " << dir_ << "/xfer.log\n";
     std::string confFile = dir_ + "/proftpd.conf";
@@ -581,9 +598,17 @@ bool RealFtpServer::startPureftpd() {
     // Minutes, rounded up: the daemon knows no finer idle limit.
     int idleMinutes = (options_.idleTimeoutSeconds + 59) / 60;
     if (idleMinutes < 1) idleMinutes = 1;
-    return spawn({base + "/sbin/pure-ftpd", "-S", "127.0.0.1," + std::to_string(port_), "-4",
-                  "-l", "puredb:" + dbFile, "-E", "-A", "-H", "-I", std::to_string(idleMinutes),
-                  "-O", "clf:" + logFile_, "-f", "none"});
+    std::vector<std::string> argv = {
+        base + "/sbin/pure-ftpd", "-S", "127.0.0.1," + std::to_string(port_), "-4", "-l",
+        "puredb:" + dbFile, "-E", "-A", "-H", "-I", std::to_string(idleMinutes), "-O",
+        "clf:" + logFile_, "-f", "none"};
+    if (options_.maxClients > 0) {
+        // The limit per address does the refusing (every client comes from
+        // 127.0.0.1); the total, 50 unless given, stays above it.
+        argv.insert(argv.end(), {"-c", std::to_string(2 * options_.maxClients + 10), "-C",
+                                 std::to_string(options_.maxClients)});
+    }
+    return spawn(argv);
 }
 
 bool RealFtpServer::startBusybox() {
@@ -594,8 +619,18 @@ bool RealFtpServer::startBusybox() {
     // checks rec/pw against the system's password files, chroots to the root
     // and (-w) allows writes; -t is its idle limit in seconds, -vv logs every
     // command to standard error.
-    return spawn({busybox, "tcpsvd", "-vE", "127.0.0.1", std::to_string(port_), busybox, "ftpd",
-                  "-w", "-vv", "-t", std::to_string(options_.idleTimeoutSeconds), root_});
+    std::vector<std::string> argv = {busybox, "tcpsvd", "-vE"};
+    if (options_.maxClients > 0) {
+        // -C refuses a connection past the limit with a message; -c alone
+        // would only stop accepting, and clients would wait in the backlog.
+        argv.insert(argv.end(),
+                    {"-c", std::to_string(2 * options_.maxClients + 10), "-C",
+                     std::to_string(options_.maxClients) +
+                         ":421 Too many connections from this address\r\n"});
+    }
+    argv.insert(argv.end(), {"127.0.0.1", std::to_string(port_), busybox, "ftpd", "-w", "-vv",
+                             "-t", std::to_string(options_.idleTimeoutSeconds), root_});
+    return spawn(argv);
 }
 
 std::string RealFtpServer::hostPort() const { return "127.0.0.1:" + std::to_string(port_); }

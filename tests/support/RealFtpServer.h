@@ -38,6 +38,22 @@ struct RealFtpServerOptions {
     // Seconds after which the server closes a control connection that sent
     // nothing. pure-ftpd counts in whole minutes and gets the rounded-up value.
     int idleTimeoutSeconds = 300;
+    // Control connections the server grants at once, all of them coming
+    // from 127.0.0.1; 0 keeps each kind's usual setting (vsftpd and proftpd
+    // 64, pyftpdlib 64 sockets with data connections counted, pure-ftpd its
+    // built-in 50, BusyBox's tcpsvd 30 with later ones left waiting). Every
+    // kind honours it through its limit per client address (the total limit
+    // is raised above it) and answers the connection past it at once:
+    //   pyftpdlib  max_cons_per_ip: "421 Too many connections from the same
+    //              IP address." as its greeting
+    //   vsftpd     max_per_ip: "421 There are too many connections from your
+    //              internet address."
+    //   proftpd    MaxClientsPerHost: greets with 220, then answers the
+    //              password with "530 Sorry, the maximum number of clients (N)
+    //              from your host are already connected."
+    //   pure-ftpd  -C: "421 Too many connections (N) from this IP"
+    //   busybox    tcpsvd -C: "421 Too many connections from this address"
+    int maxClients = 0;
 };
 
 class RealFtpServer {

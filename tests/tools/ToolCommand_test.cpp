@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -19,6 +21,7 @@
 
 #include "ToolRunner.h"
 #include "support/RealFtpServer.h"
+#include "support/ScriptedFtpServer.h"
 
 namespace fs = std::filesystem;
 
@@ -84,9 +87,19 @@ protected:
 
     RealFtpServer& server() { return *server_; }
     std::string location() const { return server_->location(base_); }
+    // The location without its password: "rec@ftp://127.0.0.1:<port>/<base>".
+    std::string locationWithoutPassword() const {
+        return std::string(RealFtpServer::user()) + "@ftp://" + server_->hostPort() + base_;
+    }
+    // Writes `text` as the netrc file of the command's HOME (the work folder).
+    void writeNetrc(const std::string& text, mode_t mode = 0600) {
+        writeLocal(work_ + "/.netrc", text);
+        ASSERT_EQ(0, ::chmod((work_ + "/.netrc").c_str(), mode));
+    }
     // A run whose output must never show the password "pw" of the location.
-    ToolRun run(const std::vector<std::string>& args) {
-        ToolRun result = runTool(args, work_);
+    ToolRun run(const std::vector<std::string>& args,
+                const ToolEnvironment& environment = ToolEnvironment()) {
+        ToolRun result = runTool(args, work_, std::chrono::seconds(120), environment);
         EXPECT_FALSE(result.timedOut) << result.transcript();
         EXPECT_FALSE(contains(result.out + result.err, "(pw)")) << result.transcript();
         return result;
@@ -179,13 +192,145 @@ TEST_F(ToolCommand, TextThatIsNotALocationIsNamedAsSuchWithoutItsPassword) {
             const ToolRun result = run({command, c.text});
             EXPECT_EQ(2, result.status) << c.text << "\n" << result.transcript();
             EXPECT_TRUE(contains(result.err, c.shown)) << c.text << "\n" << result.transcript();
-            EXPECT_TRUE(contains(result.err, "expected user(password)@ftp://server[:port]/path"))
+            EXPECT_TRUE(contains(result.err, "expected user[(password)]@ftp://server[:port]/path"))
                 << c.text << "\n" << result.transcript();
             EXPECT_FALSE(contains(result.out + result.err, "s3cr3t"))
                 << c.text << "\n" << result.transcript();
             EXPECT_EQ(1u, lines(result.err).size()) << c.text << "\n" << result.transcript();
         }
     }
+}
+
+// --- where the password comes from ---
+
+TEST_F(ToolCommand, HelpSaysWhereThePasswordMayComeFrom) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"--help"}, {"record", "--help"}, {"get", "--help"}}) {
+        const ToolRun result = run(args);
+        EXPECT_EQ(0, result.status) << result.transcript();
+        EXPECT_TRUE(contains(result.out, "LOCATION is user@ftp://server[:port]/path"))
+            << result.transcript();
+        EXPECT_TRUE(contains(result.out, "FTPDISK_PASSWORD")) << result.transcript();
+        EXPECT_TRUE(contains(result.out, "~/.netrc")) << result.transcript();
+        EXPECT_TRUE(contains(result.out, "\"machine HOST:PORT login USER password SECRET\""))
+            << result.transcript();
+        EXPECT_TRUE(contains(result.out, "exposes the password")) << result.transcript();
+    }
+}
+
+TEST_F(ToolCommand, ALocationWithoutPasswordTakesItFromTheEnvironment) {
+    ASSERT_TRUE(server().writeFile(base_ + "/a.dat", "abc"));
+    const ToolRun result = run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=pw"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("a.dat\n", result.out) << result.transcript();
+
+    // A password the location carries wins over the environment's.
+    const ToolRun own = run({"ls", location()}, {"FTPDISK_PASSWORD=wrong"});
+    EXPECT_EQ(0, own.status) << own.transcript();
+    EXPECT_EQ("a.dat\n", own.out) << own.transcript();
+
+    // The environment's wins over the netrc file's.
+    writeNetrc("machine 127.0.0.1 login rec password wrong\n");
+    const ToolRun first = run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=pw"});
+    EXPECT_EQ(0, first.status) << first.transcript();
+}
+
+TEST_F(ToolCommand, ALocationWithoutPasswordTakesItFromTheNetrcEntryOfItsServer) {
+    ASSERT_TRUE(server().writeFile(base_ + "/a.dat", "abc"));
+    const std::string port = std::to_string(server().port());
+    const std::string netrcs[] = {
+        "machine 127.0.0.1 login rec password pw\n",
+        "machine 127.0.0.1:" + port + " login rec password pw\n",
+        // The entry with the port wins over the one for the host alone.
+        "machine 127.0.0.1 login rec password wrong\nmachine 127.0.0.1:" + port +
+            " login rec password pw\n",
+        // One line, quoted values, an account.
+        "machine \"127.0.0.1\" login \"rec\" account x password \"pw\"",
+        // Another user's entry is passed over for the default one.
+        "machine 127.0.0.1 login other password wrong\ndefault login rec password pw\n",
+        "default password pw\n",
+        // A macro body, however it reads, is no entry.
+        "macdef init\nmachine 127.0.0.1 login rec password wrong\n\n"
+        "machine 127.0.0.1\n\tlogin rec\n\tpassword pw\n",
+    };
+    for (const std::string& netrc : netrcs) {
+        writeNetrc(netrc);
+        const ToolRun result = run({"ls", locationWithoutPassword()});
+        EXPECT_EQ(0, result.status) << netrc << "\n" << result.transcript();
+        EXPECT_EQ("a.dat\n", result.out) << netrc << "\n" << result.transcript();
+    }
+}
+
+TEST_F(ToolCommand, ALocationWithoutPasswordAndNoneToBeFoundSaysWhereToPutIt) {
+    for (const std::string& netrc :
+         {std::string(), std::string("machine 10.0.0.5 login rec password pw\n"),
+          std::string("machine 127.0.0.1 login other password pw\n")}) {
+        if (!netrc.empty()) {
+            writeNetrc(netrc);
+        }
+        const ToolRun result = run({"ls", locationWithoutPassword()});
+        EXPECT_EQ(2, result.status) << result.transcript();
+        EXPECT_EQ("ftpdisk ls: no password for rec at " + server().hostPort() + ": write it into " +
+                      work_ + "/.netrc as \"machine 127.0.0.1 login rec password ...\" or set "
+                      "FTPDISK_PASSWORD\n",
+                  result.err)
+            << netrc;
+        EXPECT_EQ("", result.out);
+    }
+}
+
+TEST_F(ToolCommand, ANetrcFileOthersMayReadIsNotUsed) {
+    writeNetrc("machine 127.0.0.1 login rec password pw\n", 0644);
+    const ToolRun result = run({"ls", locationWithoutPassword()});
+    EXPECT_EQ(2, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk ls: " + work_ + "/.netrc holds the password for rec at " +
+                  server().hostPort() + " but others may read or change the file; make it "
+                  "private (chmod 600 " + work_ + "/.netrc)\n",
+              result.err);
+}
+
+TEST_F(ToolCommand, APasswordFromElsewhereIsCheckedLikeOneInTheLocation) {
+    const ToolRun longOne =
+        run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=an-overlong-password-of-26"});
+    EXPECT_EQ(2, longOne.status) << longOne.transcript();
+    EXPECT_EQ("ftpdisk ls: the password from FTPDISK_PASSWORD will not do: password too long "
+              "(26 characters, at most 19)\n",
+              longOne.err);
+    EXPECT_FALSE(contains(longOne.out + longOne.err, "overlong"));
+
+    // A line end would end the PASS command early and start another.
+    const ToolRun injected =
+        run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=pw\r\nDELE x"});
+    EXPECT_EQ(2, injected.status) << injected.transcript();
+    EXPECT_EQ("ftpdisk ls: the password from FTPDISK_PASSWORD will not do: the password holds a "
+              "control character\n",
+              injected.err);
+}
+
+TEST_F(ToolCommand, APasswordInTheLocationIsBlankedOutOfTheProcessList) {
+    // The run's own password, so that nothing else on the command line looks like it.
+    const std::string where = "rec(pw)@ftp://" + server().hostPort() + base_;
+    if (std::getenv("FTPDISK_TARGET_LAUNCHER") != nullptr) {
+        GTEST_SKIP() << "under an emulator the process list shows the emulator's own arguments";
+    }
+    std::string cmdline;
+    const ToolRun result = runToolWatched(
+        {"record", where, "--seconds", "600", "--rate", "0.1"}, work_,
+        [&](pid_t pid, const std::string& out) {
+            if (!contains(out, "recording to ")) {
+                return false;
+            }
+            cmdline = readLocal("/proc/" + std::to_string(pid) + "/cmdline");
+            return true;
+        });
+    EXPECT_FALSE(result.timedOut) << result.transcript();
+    EXPECT_EQ(130, result.status) << result.transcript();
+    for (char& c : cmdline) {
+        c = c == '\0' ? ' ' : c;
+    }
+    EXPECT_TRUE(contains(cmdline, " record rec(**)@ftp://" + server().hostPort() + base_ + " "))
+        << cmdline;
+    EXPECT_FALSE(contains(cmdline, "(pw)")) << cmdline;
 }
 
 TEST_F(ToolCommand, PathsThatWouldLeaveTheLocationAreRefused) {
@@ -454,6 +599,47 @@ TEST_F(ToolCommand, GetOfAMissingFileFailsAndCreatesNothing) {
     EXPECT_FALSE(fs::exists(work_ + "/absent.dat.part"));
 }
 
+// The names in a local folder, sorted, leaving out the module's log folder.
+std::vector<std::string> namesIn(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        if (entry.path().filename() != "logroot") {
+            names.push_back(entry.path().filename().string());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST_F(ToolCommand, GetLeavesAUsersOwnPartFileAlone) {
+    ASSERT_TRUE(server().writeFile(base_ + "/rec.dat", "recording"));
+    writeLocal(work_ + "/copy.dat.part", "the user's own");
+    writeLocal(work_ + "/copy.dat", "old copy");
+    const ToolRun result = run({"get", location(), "rec.dat", "copy.dat"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_EQ("recording", readLocal(work_ + "/copy.dat"));
+    EXPECT_EQ("the user's own", readLocal(work_ + "/copy.dat.part"));
+    EXPECT_EQ((std::vector<std::string>{"copy.dat", "copy.dat.part"}), namesIn(work_));
+}
+
+TEST_F(ToolCommand, AFailedGetRemovesOnlyItsOwnTemporaryFile) {
+    // A server that lists the file with 100 bytes and then sends 40: the
+    // download fails after its temporary file was made and written.
+    ftptest::ScriptedFtpServer scripted;
+    scripted.setReply("CWD /v/rec.dat", "550 Not a directory.");
+    scripted.setListing("-rw-r--r-- 1 rec rec 100 Nov 22 12:00 rec.dat\r\n");
+    scripted.putFile("/v/rec.dat", std::string(40, 'r'));
+    writeLocal(work_ + "/rec.dat.part", "the user's own");
+    writeLocal(work_ + "/rec.dat", "old copy");
+    const ToolRun result = run({"get", "rec(pw)@ftp://" + scripted.address() + "/v", "rec.dat"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    EXPECT_EQ("ftpdisk get: received 40 bytes, the server lists 100\n", result.err)
+        << result.transcript();
+    EXPECT_EQ("old copy", readLocal(work_ + "/rec.dat"));
+    EXPECT_EQ("the user's own", readLocal(work_ + "/rec.dat.part"));
+    EXPECT_EQ((std::vector<std::string>{"rec.dat", "rec.dat.part"}), namesIn(work_));
+}
+
 TEST_F(ToolCommand, GetIntoALocalDirectoryKeepsTheRemoteName) {
     ASSERT_TRUE(server().makeDir(base_ + "/day"));
     ASSERT_TRUE(server().writeFile(base_ + "/day/seg.dat", "segment"));
@@ -688,7 +874,26 @@ TEST_F(ToolCommand, RecordCountsFailedCallsWhenTheServerGoesAwayAndStillEndsOnTi
     const SummaryFigures figures = readSummary(result.out);
     EXPECT_GT(figures.failedCalls, 0) << result.transcript();
     EXPECT_GT(figures.failedFiles, 0) << result.transcript();
-    EXPECT_TRUE(contains(result.out, "\nverdict: FAIL\n")) << result.transcript();
+    // Each failure is named with why, as far as a login of the tool's own
+    // can tell: here, that nothing listens any more.
+    const std::string why = "cannot connect to " + own.hostPort() + ": Connection refused";
+    const std::string::size_type from = result.out.find("\nfailed calls by reason\n");
+    const std::string::size_type to = result.out.find("\nfirst failed calls\n");
+    ASSERT_NE(std::string::npos, from) << result.transcript();
+    ASSERT_NE(std::string::npos, to) << result.transcript();
+    long long counted = 0;
+    const std::regex reason(" +([0-9]+)  (open|write|close): (.*)");
+    for (const std::string& line : lines(result.out.substr(from + 24, to - from - 24))) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(line, m, reason)) << line;
+        EXPECT_EQ(why, m[3].str()) << line;
+        counted += std::stoll(m[1]);
+    }
+    EXPECT_EQ(figures.failedCalls, counted) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "\nverdict: FAIL: " + std::to_string(figures.failedCalls) +
+                                         " failed calls, the first cam0"))
+        << result.transcript();
+    EXPECT_TRUE(contains(result.out, " s: " + why + "\n")) << result.transcript();
 }
 
 TEST_F(ToolCommand, RecordInterruptedByCtrlCClosesItsFilesAndPrintsTheSummary) {
@@ -740,5 +945,156 @@ TEST_F(ToolCommand, RecordToAServerThatRefusesTheLoginFails) {
               result.err);
     EXPECT_FALSE(contains(result.out + result.err, "nope"));
 }
+
+// --- servers that grant fewer connections than there are cameras ---
+
+// How each kind turns away the connection past its limit of 3 (see
+// RealFtpServerOptions::maxClients): the line of the tool's own login that
+// names it, and the server's reply in it.
+struct Refusal {
+    const char* how;    // "refused the session" or "refused the login as rec"
+    const char* reply;
+};
+
+Refusal refusalOf(FtpServerKind kind) {
+    switch (kind) {
+        case FtpServerKind::kPyftpdlib:
+            return {"refused the session", "421 Too many connections from the same IP address."};
+        case FtpServerKind::kVsftpd:
+            return {"refused the session",
+                    "421 There are too many connections from your internet address."};
+        case FtpServerKind::kProftpd:
+            return {"refused the login as rec",
+                    "530 Sorry, the maximum number of clients (3) from your host are already "
+                    "connected."};
+        case FtpServerKind::kPureftpd:
+            return {"refused the session", "421 Too many connections (3) from this IP"};
+        case FtpServerKind::kBusybox:
+            return {"refused the session", "421 Too many connections from this address"};
+    }
+    return {"", ""};
+}
+
+// Every kind started with a limit of 3 connections: the store's own and two
+// files, one short of what 3 cameras need.
+class ToolAgainstAConnectionLimit : public ::testing::TestWithParam<FtpServerKind> {
+protected:
+    void SetUp() override {
+        RealFtpServerOptions options;
+        options.maxClients = 3;
+        server_.reset(new RealFtpServer(GetParam(), options));
+        ASSERT_TRUE(server_->ready()) << server_->failure();
+        ASSERT_TRUE(server_->makeDir("/video"));
+        char pattern[] = "/tmp/ftpdisk-tool-test-XXXXXX";
+        ASSERT_NE(nullptr, ::mkdtemp(pattern));
+        work_ = pattern;
+    }
+    void TearDown() override {
+        server_.reset();
+        std::error_code ignored;
+        fs::remove_all(work_, ignored);
+    }
+
+    ToolRun run(const std::vector<std::string>& args) {
+        // Sessions of an earlier run may still hold places for a moment.
+        EXPECT_TRUE(server_->waitForSessionCount(0, std::chrono::seconds(10)));
+        ToolRun result = runTool(args, work_);
+        EXPECT_FALSE(result.timedOut) << result.transcript();
+        return result;
+    }
+    // The line of `out` that starts with `start`, or "".
+    static std::string lineStarting(const std::string& out, const std::string& start) {
+        for (const std::string& line : lines(out)) {
+            if (line.rfind(start, 0) == 0) {
+                return line;
+            }
+        }
+        return "";
+    }
+
+    std::unique_ptr<RealFtpServer> server_;
+    std::string work_;
+};
+
+TEST_P(ToolAgainstAConnectionLimit, CheckSaysHowManyConnectionsTheServerGrantedAndWhatItAnswered) {
+    const Refusal refusal = refusalOf(GetParam());
+    const std::string where = server_->location("/video");
+
+    const ToolRun within = run({"check", where, "--cameras", "2"});
+    EXPECT_EQ(0, within.status) << within.transcript();
+    EXPECT_TRUE(std::regex_match(
+        lineStarting(within.out, "  ok    cameras "),
+        std::regex("  ok    cameras +[0-9.]+ (ms|s)  2 files open at once: server granted 3 "
+                   "connections \\(the store's own and one per file\\), enough for 2 cameras; "
+                   "open p50 [0-9.]+ (ms|s), max [0-9.]+ (ms|s)")))
+        << within.transcript();
+    EXPECT_TRUE(contains(within.out, " can hold recordings from 2 cameras (11 of 11 steps passed)\n"))
+        << within.transcript();
+
+    const ToolRun beyond = run({"check", where, "--cameras", "3"});
+    EXPECT_EQ(1, beyond.status) << beyond.transcript();
+    const std::string detail = std::string("server granted 3 connections; 3 cameras need 4: '") +
+                               refusal.reply + "'";
+    EXPECT_TRUE(std::regex_match(lineStarting(beyond.out, "  FAIL  cameras "),
+                                 std::regex("  FAIL  cameras +[0-9.]+ (ms|s)  .*")))
+        << beyond.transcript();
+    EXPECT_TRUE(contains(lineStarting(beyond.out, "  FAIL  cameras "), "  " + detail))
+        << beyond.transcript();
+    EXPECT_TRUE(contains(beyond.out, " is not usable: 1 of 11 steps failed, 0 skipped; first "
+                                     "failure: cameras (" + detail + ")\n"))
+        << beyond.transcript();
+    // The test files went with the test directory.
+    EXPECT_TRUE(fs::is_empty(server_->localPath("/video"))) << "the check left files behind";
+}
+
+TEST_P(ToolAgainstAConnectionLimit, RecordNamesEveryFailedOpenAndTheServersAnswer) {
+    const Refusal refusal = refusalOf(GetParam());
+    // One segment each: two cameras get a connection, two are turned away.
+    const ToolRun result = run({"record", server_->location("/video"), "--cameras", "4",
+                                "--seconds", "1", "--rate", "1", "--segment", "1"});
+    EXPECT_EQ(1, result.status) << result.transcript();
+    const SummaryFigures figures = readSummary(result.out);
+    EXPECT_EQ(2, figures.files) << result.transcript();
+    EXPECT_EQ(2, figures.failedFiles) << result.transcript();
+    EXPECT_EQ(2, figures.failedCalls) << result.transcript();
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\n  cameras        2 of 4 wrote nothing: cam0[1-4], cam0[1-4]\n")))
+        << result.transcript();
+    const std::string why = server_->hostPort() + " " + refusal.how + ": " + refusal.reply;
+    char reasonLine[64];
+    std::snprintf(reasonLine, sizeof reasonLine, "  %7lld  open: ", figures.failedCalls);
+    EXPECT_TRUE(contains(result.out, "\nfailed calls by reason\n" + std::string(reasonLine) + why +
+                                         "\nfirst failed calls\n"))
+        << result.transcript();
+    const std::regex call("  cam0[1-4]  open      at +[0-9.]+ s  /video/[0-9]{4}-[0-9]{2}-[0-9]{2}/"
+                          "cam0[1-4]/00001_[0-9]{6}\\.dat: (.*)");
+    int listed = 0;
+    for (const std::string& line : lines(result.out)) {
+        std::smatch m;
+        if (std::regex_match(line, m, call)) {
+            ++listed;
+            EXPECT_EQ(why, m[1].str()) << line;
+        }
+    }
+    EXPECT_EQ(2, listed) << result.transcript();
+    EXPECT_TRUE(contains(result.out, std::string("\nverdict: FAIL: server granted 3 connections; 4 "
+                                                 "cameras need 5: '") +
+                                         refusal.reply + "'\n"))
+        << result.transcript();
+    // What the summary counts is what the server holds.
+    long long onDisk = 0;
+    std::vector<std::string> problems;
+    EXPECT_EQ(figures.files, checkSegments(server_->localPath("/video"), onDisk, problems));
+    EXPECT_EQ(figures.bytes, onDisk);
+    for (const std::string& p : problems) {
+        ADD_FAILURE() << p;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryKind, ToolAgainstAConnectionLimit,
+                         ::testing::ValuesIn(allFtpServerKinds()),
+                         [](const ::testing::TestParamInfo<FtpServerKind>& info) {
+                             return std::string(ftpServerKindName(info.param));
+                         });
 
 }  // namespace

@@ -19,16 +19,34 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::vector<std::string> toolEnvironment(const std::string& workDir) {
+std::string nameOf(const std::string& entry) { return entry.substr(0, entry.find('=')); }
+
+std::vector<std::string> toolEnvironment(const std::string& workDir, const ToolEnvironment& extra) {
+    ToolEnvironment own = {
+        "FTPDISK_LOG_ROOT=" + (workDir.empty() ? std::string("/tmp") : workDir) + "/logroot",
+        "HOME=" + (workDir.empty() ? std::string("/nonexistent-ftpdisk-test-home") : workDir)};
+    own.insert(own.end(), extra.begin(), extra.end());
     std::vector<std::string> env;
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry = *e;
-        if (entry.rfind("FTPDISK_LOG_ROOT=", 0) != 0) {
+        const std::string name = nameOf(entry);
+        const bool replaced = std::any_of(own.begin(), own.end(), [&](const std::string& o) {
+            return nameOf(o) == name;
+        });
+        if (!replaced && name != "FTPDISK_PASSWORD") {
             env.push_back(entry);
         }
     }
-    env.push_back("FTPDISK_LOG_ROOT=" + (workDir.empty() ? std::string("/tmp") : workDir) +
-                  "/logroot");
+    // Later entries of `extra` win over earlier ones and over our own.
+    for (std::size_t i = 0; i < own.size(); ++i) {
+        const bool overridden = std::any_of(own.begin() + static_cast<long>(i) + 1, own.end(),
+                                            [&](const std::string& o) {
+                                                return nameOf(o) == nameOf(own[i]);
+                                            });
+        if (!overridden) {
+            env.push_back(own[i]);
+        }
+    }
     return env;
 }
 
@@ -109,16 +127,26 @@ std::string ToolRun::transcript() const {
 }
 
 ToolRun runTool(const std::vector<std::string>& args, const std::string& workDir,
-                std::chrono::seconds limit) {
-    return runToolInterrupted(args, workDir, std::function<bool()>(), limit);
+                std::chrono::seconds limit, const ToolEnvironment& environment) {
+    return runToolWatched(args, workDir, nullptr, limit, environment);
 }
 
 ToolRun runToolInterrupted(const std::vector<std::string>& args, const std::string& workDir,
                            const std::function<bool()>& interruptWhen,
                            std::chrono::seconds limit) {
+    std::function<bool(pid_t, const std::string&)> watch;
+    if (interruptWhen) {
+        watch = [&](pid_t, const std::string&) { return interruptWhen(); };
+    }
+    return runToolWatched(args, workDir, watch, limit);
+}
+
+ToolRun runToolWatched(const std::vector<std::string>& args, const std::string& workDir,
+                       const std::function<bool(pid_t pid, const std::string& out)>& interruptWhen,
+                       std::chrono::seconds limit, const ToolEnvironment& environment) {
     ToolRun run;
     std::vector<std::string> argv = toolCommand(args);
-    std::vector<std::string> env = toolEnvironment(workDir);
+    std::vector<std::string> env = toolEnvironment(workDir, environment);
     std::vector<char*> argp = pointers(argv);
     std::vector<char*> envp = pointers(env);
 
@@ -155,7 +183,7 @@ ToolRun runToolInterrupted(const std::vector<std::string>& args, const std::stri
     std::function<void()> watch;
     if (interruptWhen) {
         watch = [&] {
-            if (!interrupted && interruptWhen()) {
+            if (!interrupted && interruptWhen(pid, run.out)) {
                 interrupted = true;
                 ::kill(pid, SIGINT);
             }
@@ -172,10 +200,10 @@ ToolRun runToolInterrupted(const std::vector<std::string>& args, const std::stri
 }
 
 ToolRun runToolOnTerminal(const std::vector<std::string>& args, const std::string& workDir,
-                          std::chrono::seconds limit) {
+                          std::chrono::seconds limit, const ToolEnvironment& environment) {
     ToolRun run;
     std::vector<std::string> argv = toolCommand(args);
-    std::vector<std::string> env = toolEnvironment(workDir);
+    std::vector<std::string> env = toolEnvironment(workDir, environment);
     std::vector<char*> argp = pointers(argv);
     std::vector<char*> envp = pointers(env);
 

@@ -1,9 +1,19 @@
-// The ftpdisk command's location reading, password masking, path placement
-// and number formatting, as tables of real inputs.
+// The ftpdisk command's location reading, password masking and lookup, path
+// placement, local replacement files and number formatting, as tables of
+// real inputs.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "Credentials.h"
+#include "LocalReplacement.h"
 #include "ToolFormat.h"
 #include "ToolLocation.h"
+#include "support/FdCount.h"
 
 using namespace ftpdisk_tool;
 
@@ -40,9 +50,83 @@ TEST(ToolLocation, ReadsLocationsTheWayTheRegistryDoes) {
         ASSERT_TRUE(parseLocation(c.text, location, problem)) << c.text << ": " << problem;
         EXPECT_EQ(c.user, location.user) << c.text;
         EXPECT_EQ(c.password, location.password) << c.text;
+        EXPECT_TRUE(location.passwordGiven) << c.text;
         EXPECT_EQ(c.server, location.server) << c.text;
         EXPECT_EQ(c.base, location.base) << c.text;
         EXPECT_EQ(c.text, location.text) << c.text;
+    }
+}
+
+TEST(ToolLocation, ReadsLocationsWithoutPasswordAndPutsTheOneFoundElsewhereIn) {
+    const struct {
+        const char* text;
+        const char* user;
+        const char* server;
+        const char* base;
+        const char* password;
+        const char* registryText;  // what the registry is given
+    } cases[] = {
+        {"rec@ftp://10.0.0.5:21/video", "rec", "10.0.0.5:21", "/video", "s3cret",
+         "rec(s3cret)@ftp://10.0.0.5:21/video"},
+        {"rec@ftp://h", "rec", "h", "", "pw", "rec(pw)@ftp://h"},
+        {"a*(b*@c@ftp://h\\d/", "a(b@c", "h", "/d", "pw", "a*(b*@c(pw)@ftp://h\\d/"},
+        // Any password reads back as it was: the registry takes it up to the
+        // last ")" before the last "@".
+        {"rec@ftp://h/p", "rec", "h", "/p", "a)b(c@d", "rec(a)b(c@d)@ftp://h/p"},
+        {"rec@ftp://h/p", "rec", "h", "/p", "", "rec()@ftp://h/p"},
+    };
+    for (const auto& c : cases) {
+        Location location;
+        std::string problem;
+        ASSERT_TRUE(parseLocation(c.text, location, problem)) << c.text << ": " << problem;
+        EXPECT_FALSE(location.passwordGiven) << c.text;
+        EXPECT_EQ(c.user, location.user) << c.text;
+        EXPECT_EQ("", location.password) << c.text;
+        EXPECT_EQ(c.server, location.server) << c.text;
+        EXPECT_EQ(c.base, location.base) << c.text;
+        ASSERT_TRUE(location.setPassword(c.password, problem)) << c.text << ": " << problem;
+        EXPECT_EQ(c.registryText, location.text) << c.text;
+        EXPECT_EQ(c.password, location.password) << c.text;
+        // The registry's own reading of the text gives the same fields.
+        Location again;
+        ASSERT_TRUE(parseLocation(location.text, again, problem)) << location.text << ": " << problem;
+        EXPECT_EQ(c.user, again.user) << location.text;
+        EXPECT_EQ(c.password, again.password) << location.text;
+        EXPECT_EQ(c.server, again.server) << location.text;
+        EXPECT_EQ(c.base, again.base) << location.text;
+    }
+    Location location;
+    std::string problem;
+    ASSERT_TRUE(parseLocation("rec@ftp://h/p", location, problem)) << problem;
+    EXPECT_FALSE(location.setPassword(std::string(20, 'x'), problem));
+    EXPECT_EQ("password too long (20 characters, at most 19)", problem);
+    EXPECT_FALSE(location.setPassword("pw\nDELE x", problem));
+    EXPECT_EQ("the password holds a control character", problem);
+    EXPECT_EQ("rec@ftp://h/p", location.text);
+}
+
+TEST(ToolLocation, FindsWhereThePasswordStandsForBlankingIt) {
+    const struct {
+        const char* text;
+        const char* password;  // nullptr: none
+    } cases[] = {
+        {"rec(pw)@ftp://h/p", "pw"},
+        {"a*(b(p@ss)@ftp://h/p", "p@ss"},
+        {"rec(a(b)c)@ftp://h/p", "a(b)c"},
+        {"rec()@ftp://h/p", ""},
+        {"rec@ftp://h/p", nullptr},
+        {"rec(pw@ftp://h/p", nullptr},
+        {"clip(1).bin", nullptr},
+        {"--cameras", nullptr},
+    };
+    for (const auto& c : cases) {
+        std::size_t begin = 0;
+        std::size_t length = 0;
+        const std::string text = c.text;
+        ASSERT_EQ(c.password != nullptr, findPassword(text, begin, length)) << text;
+        if (c.password != nullptr) {
+            EXPECT_EQ(c.password, text.substr(begin, length)) << text;
+        }
     }
 }
 
@@ -53,7 +137,10 @@ TEST(ToolLocation, RefusesTextsThatAreNotLocationsWithAReason) {
     } cases[] = {
         {"", "no \"@\""},
         {"(pw)@ftp://h/p", "empty user name"},
-        {"rec@ftp://h/p", "no \"(\""},
+        {"@ftp://h/p", "empty user name"},
+        {"rec:pw@ftp://h/p", "\":\" in the user name"},
+        {"rec(pw\r\nDELE x)@ftp://h/p", "the password holds a control character"},
+        {"rec\r\nDELE x(pw)@ftp://h/p", "the user name holds a control character"},
         {"rec(pw@ftp://h/p", "no \")\""},
         {"rec(pw)@h/p", "no \"ftp://\""},
         {"rec(pw)@ftp:///p", "empty server"},
@@ -160,6 +247,146 @@ TEST(ToolLocation, FindsTheFirstNameWithABlank) {
     for (const auto& c : cases) {
         EXPECT_EQ(c.name, nameWithBlank(c.relative)) << c.relative;
     }
+}
+
+TEST(Netrc, FindsThePasswordOfTheServersEntryForTheUser) {
+    const struct {
+        const char* netrc;
+        const char* server;
+        const char* password;  // nullptr: none found
+    } cases[] = {
+        {"machine nas login rec password s3cret\n", "nas", "s3cret"},
+        {"machine nas login rec password s3cret\n", "nas:2121", "s3cret"},
+        {"machine nas:2121 login rec password s3cret\n", "nas:2121", "s3cret"},
+        {"machine nas:2121 login rec password s3cret\n", "nas", nullptr},
+        {"machine nas:2121 login rec password s3cret\n", "nas:21", nullptr},
+        // The entry with the port first, then the host alone, then default,
+        // whatever their order in the file.
+        {"default login rec password d\nmachine nas login rec password h\n"
+         "machine nas:21 login rec password hp\n",
+         "nas:21", "hp"},
+        {"default login rec password d\nmachine nas login rec password h\n", "nas:21", "h"},
+        {"machine other login rec password o\ndefault login rec password d\n", "nas", "d"},
+        // Another user's entry is passed over; one without login serves anyone.
+        {"machine nas login eve password e\nmachine nas login rec password r\n", "nas", "r"},
+        {"machine nas login eve password e\n", "nas", nullptr},
+        {"machine nas password any\n", "nas", "any"},
+        {"machine nas login rec\n", "nas", nullptr},
+        // Layout: one line, tabs and line ends, quoted values with escapes.
+        {"machine nas login rec password p1 machine nas2 login rec password p2", "nas2", "p2"},
+        {"machine nas\n\tlogin rec\n\tpassword\tp3\n", "nas", "p3"},
+        {"machine nas login rec password \"two words\"", "nas", "two words"},
+        {"machine nas login \"rec\" password \"q\\\"\\\\x\"", "nas", "q\"\\x"},
+        {"machine nas login rec account acc password p4", "nas", "p4"},
+        // A macro body is skipped up to its empty line, whatever it holds.
+        {"macdef init\nmachine nas login rec password m\n\nmachine nas login rec password p5\n",
+         "nas", "p5"},
+        {"machine nas login rec password p6\nmacdef x\ncd /\n", "nas", "p6"},
+        {"", "nas", nullptr},
+        {"login rec password p7\n", "nas", nullptr},
+    };
+    for (const auto& c : cases) {
+        std::string password = "untouched";
+        const bool found = findNetrcPassword(c.netrc, c.server, "rec", password);
+        EXPECT_EQ(c.password != nullptr, found) << c.netrc << " for " << c.server;
+        EXPECT_EQ(c.password != nullptr ? c.password : "untouched", password)
+            << c.netrc << " for " << c.server;
+    }
+}
+
+class LocalReplacementTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/ftpdisk-replacement-XXXXXX";
+        ASSERT_NE(nullptr, ::mkdtemp(pattern));
+        dir_ = pattern;
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+
+    std::vector<std::string> names() const {
+        std::vector<std::string> all;
+        for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
+            all.push_back(entry.path().filename().string());
+        }
+        std::sort(all.begin(), all.end());
+        return all;
+    }
+    std::string read(const std::string& name) const {
+        std::ifstream in(dir_ + "/" + name, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    void write(const std::string& name, const std::string& text) const {
+        std::ofstream(dir_ + "/" + name, std::ios::binary) << text;
+    }
+
+    std::string dir_;
+};
+
+TEST_F(LocalReplacementTest, ReplacesTheTargetOnlyOnCommitAndTouchesNothingElse) {
+    write("seg.dat", "old");
+    write("seg.dat.part", "the user's own");
+    const int descriptors = ftptest::openDescriptorCount();
+    LocalReplacement out(dir_ + "/seg.dat");
+    std::string problem;
+    ASSERT_TRUE(out.create(problem)) << problem;
+    EXPECT_EQ(0u, out.temporaryPath().rfind(dir_ + "/.seg.dat.ftpdisk-", 0)) << out.temporaryPath();
+    ASSERT_EQ(3, ::write(out.descriptor(), "new", 3));
+    EXPECT_EQ("old", read("seg.dat"));
+    ASSERT_TRUE(out.commit(problem)) << problem;
+    EXPECT_EQ(-1, out.descriptor());
+    EXPECT_EQ("new", read("seg.dat"));
+    EXPECT_EQ("the user's own", read("seg.dat.part"));
+    EXPECT_EQ((std::vector<std::string>{"seg.dat", "seg.dat.part"}), names());
+    EXPECT_EQ(descriptors, ftptest::openDescriptorCount());
+}
+
+TEST_F(LocalReplacementTest, ClosesAndRemovesOnlyItsOwnFileOnEveryOtherWayOut) {
+    write("seg.dat", "old");
+    write("seg.dat.part", "the user's own");
+    const int descriptors = ftptest::openDescriptorCount();
+    std::string problem;
+    {
+        // Going out of scope without a commit, as a failed download does.
+        LocalReplacement out(dir_ + "/seg.dat");
+        ASSERT_TRUE(out.create(problem)) << problem;
+        ASSERT_EQ(3, ::write(out.descriptor(), "new", 3));
+        EXPECT_EQ(descriptors + 1, ftptest::openDescriptorCount());
+    }
+    EXPECT_EQ(descriptors, ftptest::openDescriptorCount());
+    {
+        LocalReplacement out(dir_ + "/seg.dat");
+        ASSERT_TRUE(out.create(problem)) << problem;
+        out.abandon();
+        EXPECT_EQ(-1, out.descriptor());
+        EXPECT_EQ(descriptors, ftptest::openDescriptorCount());
+    }
+    {
+        // A rename that fails (the target is a non-empty directory) removes
+        // the temporary file too.
+        std::filesystem::create_directory(dir_ + "/busy");
+        write("busy/inside", "x");
+        LocalReplacement out(dir_ + "/busy");
+        ASSERT_TRUE(out.create(problem)) << problem;
+        EXPECT_FALSE(out.commit(problem));
+        EXPECT_NE(std::string::npos, problem.find("cannot rename " + dir_ + "/.busy.ftpdisk-"))
+            << problem;
+        EXPECT_EQ(descriptors, ftptest::openDescriptorCount());
+    }
+    EXPECT_EQ("old", read("seg.dat"));
+    EXPECT_EQ("the user's own", read("seg.dat.part"));
+    EXPECT_EQ((std::vector<std::string>{"busy", "seg.dat", "seg.dat.part"}), names());
+}
+
+TEST_F(LocalReplacementTest, ADirectoryThatRefusesNewFilesCreatesNothing) {
+    LocalReplacement out(dir_ + "/missing/seg.dat");
+    std::string problem;
+    const int descriptors = ftptest::openDescriptorCount();
+    EXPECT_FALSE(out.create(problem));
+    EXPECT_EQ("cannot create a temporary file beside " + dir_ +
+                  "/missing/seg.dat: No such file or directory",
+              problem);
+    EXPECT_EQ(-1, out.descriptor());
+    EXPECT_EQ(descriptors, ftptest::openDescriptorCount());
 }
 
 TEST(ToolFormat, PercentilesUseTheNearestRank) {
