@@ -33,6 +33,10 @@ public:
         if ((pipeInput && ::pipe2(in, O_CLOEXEC) != 0) || ::pipe2(out, O_CLOEXEC) != 0) return;
         int devNull = pipeInput ? -1 : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
         args.insert(args.begin(), FTPDISK_LAB_PATH);
+        // Under an emulator (the armhf build runs its tests under qemu-user)
+        // the target launcher goes first.
+        const char* launcher = std::getenv("FTPDISK_TARGET_LAUNCHER");
+        if (launcher != nullptr && *launcher != '\0') args.insert(args.begin(), launcher);
         std::vector<char*> argv;
         for (auto& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);

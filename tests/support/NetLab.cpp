@@ -489,9 +489,22 @@ void NetLab::Engine::run() {
 
 void NetLab::Engine::refreshSettings() {
     if (versionSeen_.load() == localVersion_) return;
-    std::lock_guard<std::mutex> lock(mutex_);
-    local_ = settings_;
-    localVersion_ = version_;
+    uint64_t oldRate[2] = {local_.rate[0], local_.rate[1]};
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        local_ = settings_;
+        localVersion_ = version_;
+    }
+    // A new rate starts a new link: time booked at the old rate (possibly
+    // far ahead for a slow link) no longer holds anyone back.
+    for (int way = 0; way < 2; ++way) {
+        if (local_.rate[way] == oldRate[way]) continue;
+        linkFreeAt_[way] = Clock::time_point();
+        for (auto& p : pairs_) {
+            p->half[way].paid = 0;
+            p->half[way].reserved = 0;
+        }
+    }
 }
 
 void NetLab::Engine::handleRequests() {
@@ -650,12 +663,12 @@ void NetLab::Engine::acceptControl() {
             continue;
         }
         if (local_.maxConnections > 0 && open_[kControl].load() >= local_.maxConnections) {
+            ++refused_;
             // One short line fits any socket buffer: a single send does.
             ssize_t ignored = ::send(fd, local_.limitReply.data(), local_.limitReply.size(),
                                      MSG_NOSIGNAL | MSG_DONTWAIT);
             (void)ignored;
             ::close(fd);
-            ++refused_;
             continue;
         }
         Pair* p = addPair(kControl, fd);
@@ -822,7 +835,8 @@ void NetLab::Engine::deliver(Pair& p, int way) {
                         uint64_t quantum = std::max<uint64_t>(1, std::min<uint64_t>(kReadChunk, rate / 100));
                         uint64_t piece = std::min<uint64_t>(k, quantum);
                         Clock::time_point start = std::max(now, linkFreeAt_[way]);
-                        auto busy = std::chrono::nanoseconds(piece * 1000000000ull / rate);
+                        // Rounded up: the link is never faster than its rate.
+                        auto busy = std::chrono::nanoseconds((piece * 1000000000ull + rate - 1) / rate);
                         linkFreeAt_[way] = start + std::chrono::duration_cast<Clock::duration>(busy);
                         h.reserved = piece;
                         h.reservedUntil = linkFreeAt_[way];
@@ -834,7 +848,12 @@ void NetLab::Engine::deliver(Pair& p, int way) {
                 h.paid = 0;
                 h.reserved = 0;
             }
+            // Counted before the send so that a peer that has read the bytes
+            // never sees a counter without them; what was not taken is
+            // taken back at once.
+            bytes_[p.traffic][way] += k;
             ssize_t n = ::send(dst, c.bytes.data() + c.offset, k, MSG_NOSIGNAL | MSG_DONTWAIT);
+            bytes_[p.traffic][way] -= k - static_cast<size_t>(std::max<ssize_t>(n, 0));
             if (n < 0) {
                 if (errno == EINTR) continue;
                 if (errno == EAGAIN || errno == EWOULDBLOCK) {
@@ -850,7 +869,6 @@ void NetLab::Engine::deliver(Pair& p, int way) {
             h.queued -= sent;
             h.delivered += sent;
             if (rate > 0) h.paid -= std::min<uint64_t>(h.paid, sent);
-            bytes_[p.traffic][way] += sent;
             if (c.offset == c.bytes.size()) h.queue.pop_front();
             if (limited && h.delivered >= p.resetBytes) {
                 p.resetPending = true;
@@ -903,23 +921,25 @@ void NetLab::Engine::finishIfDone(Pair& p) {
     if (p.half[kToServer].dstShut && p.half[kToClient].dstShut) closePair(p);
 }
 
+// Counters change before the sockets close, so that a peer that saw the
+// close finds them up to date.
 void NetLab::Engine::closePair(Pair& p) {
     if (p.done) return;
+    p.done = true;
+    --open_[p.traffic];
     closeFd(p.fd[0]);
     closeFd(p.fd[1]);
     closeFd(p.dataListenFd);
-    p.done = true;
-    --open_[p.traffic];
 }
 
 void NetLab::Engine::abortPair(Pair& p, bool counted) {
     if (p.done) return;
-    resetFd(p.fd[0]);
-    resetFd(p.fd[1]);
-    closeFd(p.dataListenFd);
     p.done = true;
     --open_[p.traffic];
     if (counted) ++resets_;
+    resetFd(p.fd[0]);
+    resetFd(p.fd[1]);
+    closeFd(p.dataListenFd);
 }
 
 // Server-to-client control bytes in, bytes to forward out. Lines that cannot
