@@ -456,8 +456,9 @@ void NetLab::Engine::run() {
         char drain[64];
         while (::read(wakeRead_, drain, sizeof drain) > 0) {
         }
-        // Settings are read after the poll so that a setter that returned
-        // before the bytes it concerns arrived is seen when they are handled.
+        // Settings are read again before every accept, read and delivery, so
+        // that a setter that returned before the bytes (or the client) it
+        // concerns arrived is seen when they are handled.
         refreshSettings();
         handleRequests();
         if (listenIndex_ >= 0 && (pollSet_[listenIndex_].revents & POLLIN) != 0) acceptControl();
@@ -653,6 +654,9 @@ Pair* NetLab::Engine::addPair(int traffic, int clientFd) {
 
 void NetLab::Engine::acceptControl() {
     for (int i = 0; i < kAcceptBurst && listenFd_ >= 0; ++i) {
+        // A client whose connect returned after a setter did must meet the
+        // new setting, even when it is accepted in a turn that began before.
+        refreshSettings();
         int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) return;
         ++accepted_;
@@ -682,6 +686,7 @@ void NetLab::Engine::acceptControl() {
 }
 
 void NetLab::Engine::acceptData(Pair& control) {
+    refreshSettings();
     int fd = ::accept4(control.dataListenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) return;
     // One data connection per announced address, as a server's own passive
@@ -781,6 +786,8 @@ void NetLab::Engine::readHalf(Pair& p, int way) {
     Half& h = p.half[way];
     if (h.srcEnded) return;
     int fd = p.fd[way == kToServer ? 0 : 1];
+    // Bytes may have arrived after a setter that returned during this turn.
+    refreshSettings();
     ssize_t n = ::recv(fd, scratch_.data(), scratch_.size(), MSG_DONTWAIT);
     if (n < 0) {
         if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return;
@@ -813,6 +820,7 @@ void NetLab::Engine::deliver(Pair& p, int way) {
         if ((revents(p, way == kToServer ? 1 : 0) & (POLLOUT | POLLERR | POLLHUP)) == 0) return;
         h.wantWrite = false;
     }
+    refreshSettings();
     Clock::time_point now = Clock::now();
     if (!h.queue.empty() && !stalled(p, way, now)) {
         uint64_t rate = local_.rate[way];

@@ -21,7 +21,9 @@
 // Condition setters take effect for bytes the loop handles after the call
 // returns; linkDown, linkUp and dropAll wait (at most 10 s) until the loop
 // has carried them out. The rewriter runs on the loop thread: it may call the
-// setters but must not block; stop() must not be called from it.
+// setters (linkDown, linkUp and dropAll called there are carried out after
+// the current turn and return at once, reporting success) but must not block,
+// and must not call stop().
 // stop() and the destructor end the loop within one poll tick (at most 50 ms
 // plus the work in hand), close every descriptor the lab opened and join.
 //
