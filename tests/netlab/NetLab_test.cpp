@@ -520,6 +520,22 @@ TEST_F(NetLabTest, ARewriterThatKeepsLinesSeesEveryLineAndLeavesThePassiveRewrit
     EXPECT_EQ(seen[6], "226 Transfer complete");
 }
 
+TEST_F(NetLabTest, TheRewriterMayDropEveryConnection) {
+    // Events asked for on the lab's own thread are carried out after the
+    // current turn rather than waited for.
+    std::atomic<int> reported{0};
+    lab.setReplyRewriter([&](const std::string& line) -> std::optional<ReplyEdit> {
+        if (line == "200 OK") reported = lab.dropAll();
+        return std::nullopt;
+    });
+    Fd raw(rawSession());
+    ASSERT_TRUE(sendText(raw.get(), "NOOP\r\n"));
+    std::string got;
+    EXPECT_EQ(readFor(raw.get(), 0, Millis(5000), &got), End::kReset) << got;
+    EXPECT_EQ(reported.load(), 1);
+    EXPECT_EQ(lab.counters().resets, 1u);
+}
+
 TEST_F(NetLabTest, LinkDownRefusingRefusesNewAndResetsOpenConnectionsUntilUp) {
     connectAndLogin(tool);
     ASSERT_TRUE(lab.linkDown(LinkDownMode::kRefuse));

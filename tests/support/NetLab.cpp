@@ -267,6 +267,8 @@ public:
             return false;
         }
         wakeRead_ = fds[0];
+        // The loop's first step takes mutex_, so it starts once these are set.
+        std::lock_guard<std::mutex> lock(mutex_);
         wakeWrite_ = fds[1];
         thread_ = std::thread(&Engine::run, this);
         loopThread_ = thread_.get_id();
@@ -307,11 +309,12 @@ public:
         std::unique_lock<std::mutex> lock(mutex_);
         if (stopping_ || loopEnded_) return stopped;
         uint64_t id = ++requested_;
-        requests_.push_back({id, kind});
-        wake();
         // Called by the rewriter on the loop itself: the loop carries it out
         // after the current turn; nobody can wait for that here.
-        if (std::this_thread::get_id() == loopThread_) return 1;
+        bool onLoop = std::this_thread::get_id() == loopThread_;
+        requests_.push_back({id, kind, !onLoop});
+        wake();
+        if (onLoop) return 1;
         bool answered = changed_.wait_for(lock, kRequestLimit, [&] {
             return completed_ >= id || loopEnded_;
         });
@@ -344,6 +347,7 @@ private:
     struct Request {
         uint64_t id;
         RequestKind kind;
+        bool awaited;  // a caller waits for the result
     };
 
     // REQUIRES: mutex_ is held.
@@ -387,7 +391,6 @@ private:
     // --- Shared with the callers -------------------------------------------
     std::mutex joinMutex_;  // serialises stop(); taken before mutex_
     std::thread thread_;
-    std::thread::id loopThread_;  // set before any caller can see the engine
     int wakeRead_ = -1;  // read by the loop, closed after the join
 
     // Lock order: joinMutex_, then mutex_. The loop never holds mutex_ while
@@ -396,6 +399,7 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     // Guarded by mutex_.
+    std::thread::id loopThread_;
     int wakeWrite_ = -1;
     bool stopping_ = false;
     bool loopEnded_ = false;
@@ -518,7 +522,7 @@ void NetLab::Engine::handleRequests() {
     for (const Request& r : work) {
         int result = execute(r.kind);
         std::lock_guard<std::mutex> lock(mutex_);
-        results_[r.id] = result;
+        if (r.awaited) results_[r.id] = result;
         completed_ = r.id;
     }
     changed_.notify_all();

@@ -13,7 +13,10 @@
 // through unchanged. Lines that cannot be a "227" are forwarded as their bytes
 // arrive; a line starting "227" (or any line, while a rewriter is set) is
 // held until its line end. Port mode ("PORT") and "EPSV" are not rewritten:
-// their data connections bypass the lab.
+// their data connections bypass the lab. An end of stream from one side
+// reaches the other after the bytes held before it; a reset (or a failed
+// write) on one side resets the other; a client whose server connection
+// cannot be made is reset.
 //
 // Threads: one thread runs a poll loop over every socket of the lab
 // (listeners, both sockets of every forwarded connection, data listeners). All
@@ -29,7 +32,7 @@
 //
 // Conditions, each per direction (client to server, server to client) and,
 // where it says so, per traffic kind (control or data connections):
-// - latency: every byte is delivered a fixed time after the lab read it, in
+// - latency (per traffic kind): every byte is delivered a fixed time after the lab read it, in
 //   read order. A round trip of R is R/2 each way.
 // - rate: a shared link per direction for every connection of the lab (control
 //   and data alike), in bytes/s, 0 = unlimited. It sends at most 10 ms worth
