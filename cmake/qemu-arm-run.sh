@@ -55,5 +55,12 @@ fi
 
 FTPDISK_TARGET_LAUNCHER=${launcher}
 export FTPDISK_TARGET_LAUNCHER
+# The guest's loader reads the build machine's /etc/ld.so.cache. Where Debian's
+# own armhf libraries are installed as a second architecture (the packaging
+# step needs them), that cache names /lib/arm-linux-gnueabihf, and a program
+# would load that C library beside the sysroot's loader: two builds of one C
+# library in a process, which crashes threaded programs. A library path in the
+# guest's environment is searched before the cache; "/lib" there is the
+# sysroot's own library folder.
 exec "${FTPDISK_QEMU_ARM:-qemu-arm}" -L "${FTPDISK_ARMHF_SYSROOT:-/usr/arm-linux-gnueabihf}" \
-  -0 "${argv0}" "${program}" "$@"
+  -E LD_LIBRARY_PATH=/lib -0 "${argv0}" "${program}" "$@"
