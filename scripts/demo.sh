@@ -91,11 +91,14 @@ for _ in $(seq 150); do
   sleep 0.1
 done
 [ -n "${port}" ] || die "the FTP server did not listen within 15 s"
-location="rec(${password})@ftp://127.0.0.1:${port}/video"
-echo "server up on port ${port}; location rec(***)@ftp://127.0.0.1:${port}/video"
+# The password travels in the environment, not on the command line, where
+# every local user could read it in the process list.
+location="rec@ftp://127.0.0.1:${port}/video"
+export FTPDISK_PASSWORD=${password}
+echo "server up on port ${port}; location ${location} (password in FTPDISK_PASSWORD)"
 
 run() {
-  echo "\$ ftpdisk $*" | sed "s/(${password})/(***)/g"
+  echo "\$ ftpdisk $*"
   timeout "${step_limit}" "${tool}" "$@"
 }
 
