@@ -15,7 +15,7 @@
 /// or trailing separators give no empty words. The signatures are the
 /// recorder's own: Split takes writable text and may use it in place, so the
 /// caller keeps the text unchanged and alive until it has read the words. The
-/// module makes these objects on its stack at the size this header gives (a
+/// module embeds these objects in its own, at the size this header gives (a
 /// string and two vectors), so the recorder's class keeps that layout. One
 /// object is used by one thread at a time.
 class FTPDISK_HOST_API StringParser {
