@@ -72,14 +72,6 @@ private:
     FTPFileSystemManager(const FTPFileSystemManager&);
     FTPFileSystemManager& operator=(const FTPFileSystemManager&);
 
-    // The three map operations and the covering rule, each behind the
-    // exported call of the same purpose. The first three take `lock`.
-    int addLocked(const std::string& location) FTPDISK_EXCLUDES(lock);
-    int getLocked(const std::string& location, SafePointer<FTPFileSystem>& out)
-        FTPDISK_EXCLUDES(lock);
-    int deleteLocked(const std::string& location) FTPDISK_EXCLUDES(lock);
-    static bool coveredBy(const std::string& registered, const std::string& location);
-
     std::map<std::string, SafePointer<FTPFileSystem> > fileSystems;  // Guarded by lock.
     KDMutex lock;
 };
