@@ -28,7 +28,7 @@ set(FTPDISK_PUBLIC_HEADERS
   foundation/KDRuntimeError.h
   foundation/SafePointer.h
   foundation/ThreadAnnotations.h
-  connections/Function.h
+  foundation/Function.h
   host/GThread.h
   host/GlobalEnv.h
   host/IFileScanAction.h

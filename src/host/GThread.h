@@ -5,8 +5,15 @@
 
 #include <string>
 
-#include "connections/Function.h"
 #include "foundation/Export.h"
+
+// The module's callable value type (foundation/Function.h). Only named here:
+// the contract takes callables by value, and whoever constructs or implements
+// a GThread includes their definition. So the host contracts need nothing of
+// the module's pointer or callable family, which themselves rest on the
+// contracts (the pointer keeps its counts in the host's registry).
+template <class R>
+class function;
 
 /// Host contract: a named thread that calls its body again and again.
 ///

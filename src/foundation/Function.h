@@ -4,8 +4,8 @@
 // function<int> is a value type that shares one callable object through a
 // SafePointer; copying it shares the callable, calling it forwards to it. The
 // objects hold no locks: a callable is called by one thread at a time.
-#ifndef FTPDISK_CONNECTIONS_FUNCTION_H
-#define FTPDISK_CONNECTIONS_FUNCTION_H
+#ifndef FTPDISK_FOUNDATION_FUNCTION_H
+#define FTPDISK_FOUNDATION_FUNCTION_H
 
 #include "foundation/SafePointer.h"
 
@@ -91,4 +91,4 @@ function<R> make_function(R (C::*member)(), C* object) {
     return function<R>(new function_obj<R, bind_funcobj0<R, C> >(bind_funcobj0<R, C>(member, object)));
 }
 
-#endif  // FTPDISK_CONNECTIONS_FUNCTION_H
+#endif  // FTPDISK_FOUNDATION_FUNCTION_H
