@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian 12 machine lacks to build and test ftpdisk:
 # compilers and build tools, GoogleTest and Google Benchmark, the armhf cross
-# toolchain with qemu-user, and the real FTP servers the server tests start on
-# loopback. Idempotent: when everything is present it only checks and prints.
+# toolchain with qemu-user, the real FTP servers the server tests start on
+# loopback, and curl, the peer client of bench/peers. Idempotent: when
+# everything is present it only checks and prints.
 #
 # The three FTP daemons conflict with each other as Debian packages (each
 # provides ftp-server), so vsftpd is installed the usual way and proftpd and
@@ -38,6 +39,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-pyftpdlib
   vsftpd
+  # the peer client of the side-by-side benchmark (bench/peers)
+  curl
   # proftpd-core's libraries
   libacl1 libcap2 libcrypt1 libhiredis0.14 libidn2-0 libmemcached11
   libmemcachedutil2 libncursesw6 libpam0g libpcre2-8-0 libpcre2-posix3
