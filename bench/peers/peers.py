@@ -474,6 +474,12 @@ def main():
                   file=sys.stderr)
             return 1
     bench = Bench(args)
+
+    def interrupted(signum, frame):
+        raise KeyboardInterrupt()
+
+    # A terminated run still stops its server and removes its files.
+    signal.signal(signal.SIGTERM, interrupted)
     try:
         bench.prepare()
         if args.serve is not None:
@@ -486,6 +492,9 @@ def main():
     except Failure as e:
         print("peers: FAILED: %s" % e, file=sys.stderr)
         return 1
+    except KeyboardInterrupt:
+        print("peers: interrupted", file=sys.stderr)
+        return 130
     finally:
         bench.cleanup()
     print(bench.table())

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -343,8 +344,9 @@ TEST_F(FtpData, AnImageWriteTakesAllItsBytesOrFailsAfterTheWait) {
     EXPECT_EQ(static_cast<size_t>(d->transferred), accepted.size()) << "a failed write counts nothing";
     server.releaseDataStalls();
     EXPECT_EQ(tool.closeData(d), 1);
-    ASSERT_TRUE(server.file("/full.bin").has_value());
-    const std::string& stored = *server.file("/full.bin");
+    const std::optional<std::string> file = server.file("/full.bin");
+    ASSERT_TRUE(file.has_value());
+    const std::string& stored = *file;
     // What went before the failure arrives whole; the failed write may have
     // left part of its bytes behind it.
     ASSERT_GE(stored.size(), accepted.size());
