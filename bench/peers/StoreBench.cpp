@@ -5,7 +5,7 @@
 // arrived; this program only does the work and reports on standard output one
 // line of "key=value" pairs.
 //
-//   ftpdisk_peers_store LOCATION stream REMOTE BYTES        open, 64 KiB writes, close
+//   ftpdisk_peers_store LOCATION stream REMOTE BYTES [warm] open, 64 KiB writes, close
 //   ftpdisk_peers_store LOCATION put LOCAL REMOTE           Put
 //   ftpdisk_peers_store LOCATION get REMOTE LOCAL           Get
 //   ftpdisk_peers_store LOCATION many DIR COUNT BYTES       COUNT files: open, write, close
@@ -13,8 +13,12 @@
 //   ftpdisk_peers_store LOCATION handles DIR COUNT          RSS with COUNT handles open
 //
 // LOCATION is 'user(password)@ftp://127.0.0.1:port/'. `seconds` covers init
-// (connect and log in) through uninit (QUIT), as a peer's own timer covers its
-// connect through its last transfer; `work` is the operation alone.
+// (connect and log in on the main connection) through uninit (QUIT); `work`
+// is the operation alone. Handle operations (stream, put, get, many) run on a
+// connection of their own, which the first open connects and logs in: their
+// `work` thus covers one login, as a peer's own timer does. With `warm`,
+// stream first opens and closes an empty REMOTE.warm, so that the timed
+// stream finds a logged-in connection in the pool (the transfer alone).
 //
 // Bytes written by stream and many: 64 KiB blocks of a fixed pattern whose
 // first eight bytes hold the block's number (little-endian) counted from the
@@ -107,7 +111,7 @@ bool streamFile(FTPFileSystem& store, const std::string& remote, unsigned long l
 
 int usage() {
     std::fprintf(stderr,
-                 "usage: ftpdisk_peers_store LOCATION stream REMOTE BYTES\n"
+                 "usage: ftpdisk_peers_store LOCATION stream REMOTE BYTES [warm]\n"
                  "       ftpdisk_peers_store LOCATION put LOCAL REMOTE\n"
                  "       ftpdisk_peers_store LOCATION get REMOTE LOCAL\n"
                  "       ftpdisk_peers_store LOCATION many DIR COUNT BYTES\n"
@@ -125,7 +129,8 @@ int main(int argc, char** argv) {
     const std::string location = argv[1];
     const std::string work = argv[2];
     std::vector<std::string> args(argv + 3, argv + argc);
-    const bool known = (work == "stream" && args.size() == 2) ||
+    const bool known = (work == "stream" && (args.size() == 2 ||
+                                             (args.size() == 3 && args[2] == "warm"))) ||
                        (work == "put" && args.size() == 2) || (work == "get" && args.size() == 2) ||
                        (work == "many" && args.size() == 3) || (work == "list" && args.size() == 2) ||
                        (work == "handles" && args.size() == 2);
@@ -148,12 +153,15 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "init failed\n");
         return 1;
     }
-    const double workStarted = now();
     bool ok = true;
+    if (work == "stream" && args.size() == 3) {
+        ok = streamFile(*store, args[0] + ".warm", 0, block, 0);
+    }
+    const double workStarted = now();
     std::string extra;
     std::vector<std::string> names;
     if (work == "stream") {
-        ok = streamFile(*store, args[0], std::strtoull(args[1].c_str(), NULL, 10), block, 0);
+        ok = ok && streamFile(*store, args[0], std::strtoull(args[1].c_str(), NULL, 10), block, 0);
     } else if (work == "put") {
         ok = store->Put(args[0].c_str(), args[1].c_str()) == 0;
     } else if (work == "get") {
