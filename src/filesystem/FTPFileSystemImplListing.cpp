@@ -1,13 +1,13 @@
 // The listing members of FTPFileSystemImpl: fetching "LIST" text over the main
-// connection, deciding its style, parsing it into entry records, and the
-// enumeration, scan and size walks built on that.
+// connection, deciding its style, parsing it (into entry records, or straight
+// into the names, sizes and types a caller wants), and the enumeration, scan
+// and size walks built on that.
 //
 // Every listing runs on the store's main connection and changes its working
 // directory, so every caller of fetchListing (getFileDescriptorList included)
-// holds opLock. scan also
-// holds scanLock, taken first (lock order: scanLock before opLock), and calls
-// the host's visitor with opLock released so the visitor may call back into the
-// store.
+// holds opLock. scan also holds scanLock, taken first (lock order: scanLock
+// before opLock), and calls the host's visitor with opLock released so the
+// visitor may call back into the store.
 #include <string.h>
 
 #include <string>
