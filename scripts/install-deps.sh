@@ -2,8 +2,9 @@
 # Installs what a fresh Debian 12 machine lacks to build and test ftpdisk:
 # compilers and build tools, GoogleTest and Google Benchmark, the armhf cross
 # toolchain with qemu-user, the real FTP servers the server tests start on
-# loopback, and the tools that make and check the Debian packages and the API
-# reference. Idempotent: when everything is present it only checks and prints.
+# loopback, curl (the peer client of bench/peers), and the tools that make and
+# check the Debian packages and the API reference. Idempotent: when everything
+# is present it only checks and prints.
 #
 # The armhf packages' dependencies are worked out by dpkg-shlibdeps from the
 # armhf C and C++ runtime libraries as Debian installs them for a second
@@ -44,6 +45,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-pyftpdlib
   vsftpd
+  # the peer client of the side-by-side benchmark (bench/peers)
+  curl
   # proftpd-core's libraries
   libacl1 libcap2 libcrypt1 libhiredis0.14 libidn2-0 libmemcached11
   libmemcachedutil2 libncursesw6 libpam0g libpcre2-8-0 libpcre2-posix3

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -320,6 +321,37 @@ TEST_F(FtpData, AnUploadCutByTheServerFailsOnWriteOrClose) {
     EXPECT_EQ(tool.closeData(d), 0);
     EXPECT_STREQ(tool.getResponse(), "426 Transfer aborted\n");
     EXPECT_EQ(server.uploads(), (Lines{std::string(10, 'z')}));
+}
+
+TEST_F(FtpData, AnImageWriteTakesAllItsBytesOrFailsAfterTheWait) {
+    NetBuf* d = openStalledUpload("/full.bin", 'I');
+    ASSERT_NE(d, nullptr);
+    d->idleTime.seconds = 0;
+    d->idleTime.microseconds = 200000;
+    // The server reads nothing: writes go into the socket buffers until they
+    // are full. None may report a part; the one that finds no room within the
+    // wait fails.
+    const std::string chunk = randomBytes(65536, 9);
+    std::string accepted;
+    int last = 0;
+    for (int i = 0; i < 10000; ++i) {
+        last = tool.write(chunk.data(), static_cast<int>(chunk.size()), d);
+        if (last != static_cast<int>(chunk.size())) break;
+        accepted += chunk;
+    }
+    EXPECT_EQ(last, -1);
+    EXPECT_GT(accepted.size(), 0u);
+    EXPECT_EQ(static_cast<size_t>(d->transferred), accepted.size()) << "a failed write counts nothing";
+    server.releaseDataStalls();
+    EXPECT_EQ(tool.closeData(d), 1);
+    const std::optional<std::string> file = server.file("/full.bin");
+    ASSERT_TRUE(file.has_value());
+    const std::string& stored = *file;
+    // What went before the failure arrives whole; the failed write may have
+    // left part of its bytes behind it.
+    ASSERT_GE(stored.size(), accepted.size());
+    EXPECT_LE(stored.size(), accepted.size() + chunk.size());
+    EXPECT_TRUE(stored.compare(0, accepted.size(), accepted) == 0);
 }
 
 TEST_F(FtpData, ADribbledBodyIsReadWhole) {
