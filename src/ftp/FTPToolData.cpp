@@ -99,7 +99,10 @@ int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
         if (sent < 0 && !notReady(sent)) return -1;
         if (sent < 0) sent = 0;
     }
-    if (!tool.Socketwait(data)) return -1;
+    // Part of the bytes may already be out: they are reported, as any partial
+    // send is, rather than hidden behind a failure. Only a write that sent
+    // nothing within the wait fails.
+    if (!tool.Socketwait(data)) return sent > 0 ? static_cast<int>(sent) : -1;
     const ssize_t rest =
         send(data->handle, buf + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
     if (rest < 0) return sent > 0 ? static_cast<int>(sent) : -1;
