@@ -13,6 +13,7 @@
 
 #include "host/KDFile.h"
 #include "host/string_util.h"
+#include "location/LocationLimits.h"
 
 namespace {
 
@@ -28,10 +29,20 @@ const unsigned int kCopyBufferSize = 8192;
 const unsigned char kLocalCreateMode = 98;
 const unsigned char kLocalReadMode = 1;
 
-// True when `text` (with its terminator) fits a field of `size` bytes.
-bool fitsField(const char* text, size_t size) {
-    return text != NULL && strlen(text) < size;
-}
+// The limits of a location are what the store's and the open-file table's
+// fields hold; a field that shrank below them would fail to compile here.
+static_assert(static_cast<size_t>(kStoreServerSize) > NS_FTPPath::kMaxServerLength &&
+                  static_cast<size_t>(kFtpTableTextSize) > NS_FTPPath::kMaxServerLength,
+              "every server field holds the longest server address and a terminator");
+static_assert(static_cast<size_t>(kStoreUserSize) > NS_FTPPath::kMaxUserLength &&
+                  static_cast<size_t>(kFtpTableTextSize) > NS_FTPPath::kMaxUserLength,
+              "every user field holds the longest user name and a terminator");
+static_assert(static_cast<size_t>(kStorePasswordSize) > NS_FTPPath::kMaxPasswordLength &&
+                  static_cast<size_t>(kFtpTableTextSize) > NS_FTPPath::kMaxPasswordLength,
+              "every password field holds the longest password and a terminator");
+
+// True when `text` is there and has at most `limit` characters.
+bool fitsLimit(const char* text, size_t limit) { return text != NULL && strlen(text) <= limit; }
 
 // Zero-fills the field, then copies `text` in; the caller has checked that it
 // fits.
@@ -115,12 +126,9 @@ bool fileOpenForWriting(FtpFileHandleManager* table, int handle,
 }  // namespace
 
 bool FTPFileSystemImpl::textsFit(const char* server, const char* user, const char* password) {
-    // The server text is copied into the store (48 bytes) and into the
-    // open-file table (32 bytes); user and password likewise (32/32 and
-    // 20/32). The smaller field of each pair decides.
-    return fitsField(server, kFtpTableTextSize) && fitsField(server, kStoreServerSize) &&
-           fitsField(user, kFtpTableTextSize) && fitsField(user, kStoreUserSize) &&
-           fitsField(password, kFtpTableTextSize) && fitsField(password, kStorePasswordSize);
+    return fitsLimit(server, NS_FTPPath::kMaxServerLength) &&
+           fitsLimit(user, NS_FTPPath::kMaxUserLength) &&
+           fitsLimit(password, NS_FTPPath::kMaxPasswordLength);
 }
 
 FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const char* password,

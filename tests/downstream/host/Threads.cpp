@@ -10,6 +10,7 @@
 #include <system_error>
 #include <thread>
 
+#include "foundation/Function.h"
 #include "host/GThread.h"
 #include "host/KadmorTime.h"
 
