@@ -77,7 +77,10 @@ protected:
     }
 
     static constexpr int kCameras = 16;
-    std::unique_ptr<RealFtpServer> first{new RealFtpServer(FtpServerKind::kPyftpdlib)};
+    // vsftpd writes what it receives straight to the file, so what it has
+    // taken is on its disk when it is killed (pyftpdlib buffers in its own
+    // process).
+    std::unique_ptr<RealFtpServer> first{new RealFtpServer(FtpServerKind::kVsftpd)};
     NetLab lab{first->hostPort()};
     std::unique_ptr<FTPFileSystem> store;
     const std::string bytes = patternBytes(64 * 1024, 11);
@@ -140,7 +143,7 @@ TEST_F(ServerKilled, EveryWriteAndCloseFailsCleanlyThenRecordingResumesOnTheRest
     }
 
     // Started again (on another port, behind the same lab address).
-    RealFtpServer second(FtpServerKind::kPyftpdlib);
+    RealFtpServer second(FtpServerKind::kVsftpd);
     ASSERT_TRUE(second.ready()) << second.failure();
     ASSERT_TRUE(second.makeDir("/rec"));
     ASSERT_TRUE(lab.setUpstream(second.hostPort()));
