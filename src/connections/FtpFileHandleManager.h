@@ -75,6 +75,9 @@ private:
 
     // True when `path` is open or being opened. REQUIRES: mutex is held.
     bool pathInUse(const char* path) FTPDISK_REQUIRES(mutex);
+    // Takes the open in progress with number `handle` off `opening`.
+    // REQUIRES: mutex is held.
+    void endOpening(int32_t handle) FTPDISK_REQUIRES(mutex);
 
     SafePointer<FreeFtpToolBuff> freeToolBuff;
     // Guarded by mutex. In order of opening.
