@@ -114,11 +114,12 @@ TEST_F(ServerKilled, EveryWriteAndCloseFailsCleanlyThenRecordingResumesOnTheRest
     first->stop();
 
     for (int c = 0; c < kCameras; ++c) {
-        // A write may still go into the socket buffers before the reset is
-        // seen; within a few the failure shows.
+        // A write may still go into the socket buffers (and the lab's queue,
+        // up to 4 MiB) before the reset is seen: 64 MiB at most, far more
+        // than every buffer on the way holds, and the failure shows.
         int last = 0;
         double longest = 0;
-        for (int i = 0; i < 64; ++i) {
+        for (int i = 0; i < 1024; ++i) {
             double took = 0;
             last = timed(&took, [&] {
                 return store->write(handles[c], bytes.data(), static_cast<unsigned>(bytes.size()));
