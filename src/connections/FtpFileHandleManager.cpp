@@ -4,21 +4,13 @@
 
 #include <memory>
 
+#include "foundation/TextField.h"
+
 namespace {
 
 // Source name under which the table's lock is taken, for the host's lock
 // diagnostics.
 const char* const kLockSource = "FtpFileHandleManager";
-
-// Zero-fills a fixed text field and copies `text` into it. The callers (store
-// and registry) refuse texts that do not fit; the bound only guarantees that a
-// longer one is cut instead of overflowing the field.
-void copyField(char* field, size_t size, const char* text) {
-    memset(field, 0, size);
-    if (text != NULL) {
-        strncpy(field, text, size - 1);
-    }
-}
 
 }  // namespace
 
@@ -33,9 +25,9 @@ FtpFileHandleManager::FtpFileHandleManager(const char* server, const char* user,
       mutex(),
       handleInUse(),
       opening() {
-    copyField(this->server, sizeof this->server, server);
-    copyField(this->user, sizeof this->user, user);
-    copyField(this->password, sizeof this->password, password);
+    copyTextField(this->server, sizeof this->server, server);
+    copyTextField(this->user, sizeof this->user, user);
+    copyTextField(this->password, sizeof this->password, password);
     // If the monitor cannot start, idle connections simply stay pooled until
     // reused or until the table goes; opening and closing still work.
     freeToolBuff->start();
