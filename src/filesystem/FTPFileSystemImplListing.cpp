@@ -1,13 +1,14 @@
-// The listing members of FTPFileSystemImpl: fetching "LIST" text over the main
-// connection, deciding its style, parsing it (into entry records, or straight
-// into the names, sizes and types a caller wants), and the enumeration, scan
-// and size walks built on that.
+// FTPFileSystemImpl, the header's sections "Enumeration, scanning and space"
+// and "Listing retrieval": the enumeration, scan and size walks and the space
+// account's figures; fetching "LIST" text over the main connection, deciding
+// its style and parsing it (into entry records, or straight into the names,
+// sizes and types a caller wants).
 //
 // Every listing runs on the store's main connection and changes its working
 // directory, so every caller of fetchListing (getFileDescriptorList included)
-// holds opLock. scan also holds scanLock, taken first (lock order: scanLock
-// before opLock), and calls the host's visitor with opLock released so the
-// visitor may call back into the store.
+// holds opLock. scan also holds the scan gate, taken first, and calls the
+// host's visitor with opLock released so the visitor may call back into the
+// store.
 #include <string.h>
 
 #include <exception>
@@ -16,6 +17,7 @@
 
 #include "connections/TimeOutDetector.h"
 #include "filesystem/FTPFileSystemImpl.h"
+#include "filesystem/PathOperation.h"
 #include "listing/EntryList.h"
 #include "listing/ListingLines.h"
 #include "listing/ListingStyle.h"
@@ -29,11 +31,6 @@ typedef std::vector<SafePointer<FTPConst::FTPFileDescriptor> > EntryList;
 // hold the main connection, and with it every path operation, indefinitely.
 const int kListingStallSeconds = 60;
 const unsigned int kListingChunkBytes = 1024;
-
-const int32_t kTypeDirectory = 'd';
-const int32_t kTypeFile = '-';
-
-const char* const kLockSite = "FTPFileSystemImpl";
 
 // The self and parent entries a DOS-style server may list. The Unix parser
 // drops every dot name; the DOS parser keeps all names, so these two are taken
@@ -161,7 +158,7 @@ public:
 
     bool operator()(FTPConst::FTPFileDescriptor& record) {
         total += static_cast<long long>(record.size);
-        if (record.type == kTypeDirectory) {
+        if (record.type == FTPConst::kTypeDirectory) {
             directories.push_back(std::string());
             directories.back().swap(record.name);
         }
@@ -242,11 +239,8 @@ bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entri
 
 bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
                                           std::vector<std::string>& names) {
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSite, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return false;
     }
     std::string text;
@@ -262,22 +256,19 @@ bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
 
 bool FTPFileSystemImpl::getFileList(const char* path, std::vector<std::string>& names,
                                     const std::string& /*filter: every file is returned*/) {
-    return appendNamesListed(path, kTypeFile, names);
+    return appendNamesListed(path, FTPConst::kTypePlainFile, names);
 }
 
 bool FTPFileSystemImpl::getSubDirList(const char* path, std::vector<std::string>& names,
                                       const std::string& /*filter: every directory is returned*/) {
-    return appendNamesListed(path, kTypeDirectory, names);
+    return appendNamesListed(path, FTPConst::kTypeDirectory, names);
 }
 
 bool FTPFileSystemImpl::isEmptyDir(const char* path) {
     // No path is no question: answered "not empty" without any traffic, so a
     // caller that removes empty directories does nothing with it.
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSite, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return false;
     }
     std::string text;
@@ -301,20 +292,20 @@ bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
     if (path == NULL || action == NULL) {
         return false;
     }
-    // scanLock for the whole walk, so two scans never interleave their visits;
+    // The gate for the whole walk, so two scans never interleave their visits;
     // opLock only for the listing itself, so the visitor may use the store.
-    KDMutexLocker scanGuard(scanLock, kLockSite, __LINE__);
+    ScanGate::Turn turn(scanGate, __LINE__);
     if (!initialised) {
         return false;
     }
     std::vector<std::string> files;
     {
-        KDMutexLocker opGuard(opLock, kLockSite, __LINE__);
+        PathOperation operation(*this, true, __LINE__);
         std::string text;
-        if (!initialised || !fetchListing(*this, mainTool, path, text)) {
+        if (!operation.ready() || !fetchListing(*this, mainTool, path, text)) {
             return false;
         }
-        NamesOfType plainFiles(kTypeFile, files);
+        NamesOfType plainFiles(FTPConst::kTypePlainFile, files);
         forEachStoreEntry(text, plainFiles);
     }
     // What the visitor returns does not stop the walk.
@@ -325,11 +316,8 @@ bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
 }
 
 bool FTPFileSystemImpl::getTotalSize(const char* path, long long& size) {
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSite, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return false;
     }
     return scanRecordDir(path, size);
@@ -362,3 +350,9 @@ bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
     }
     return true;
 }
+
+void FTPFileSystemImpl::updateSpaceInfo(long long bytes, bool add) { space.update(bytes, add); }
+
+void FTPFileSystemImpl::getDiskSpaceInfo(long& first, long& second) { space.figures(first, second); }
+
+long long FTPFileSystemImpl::getUsedBytes() { return space.used(); }
