@@ -115,6 +115,48 @@ int copyToEnd(char* buf, unsigned int size, ReadSome readSome, WriteSome writeSo
     }
 }
 
+// Get (remoteMode kFtpModeRead: remote to local) and Put (kFtpModeWrite:
+// local to remote) through the store's handle operations. The partial
+// destination stays on a failure.
+int copyWholeFile(FTPFileSystemImpl& store, const char* localFile, const char* remoteFile,
+                  int remoteMode) {
+    if (localFile == NULL || remoteFile == NULL) {
+        return -1;
+    }
+    const bool download = remoteMode == kFtpModeRead;
+    // Allocated first: nothing is open yet should memory be short.
+    std::vector<char> buffer(kCopyBufferSize);
+    KDFile local;
+    if (!openLocal(local, localFile, download ? kLocalCreateMode : kLocalReadMode)) {
+        return -1;
+    }
+    const int handle = store.open(remoteFile, remoteMode);
+    if (handle == -1) {
+        local.close();
+        return -1;
+    }
+    int result = -1;
+    if (download) {
+        result = copyToEnd(
+            &buffer[0], kCopyBufferSize,
+            [&](char* buf, unsigned int len) { return store.read(handle, buf, len); },
+            [&](char* buf, unsigned int len) { return local.write(buf, len); });
+    } else {
+        result = copyToEnd(
+            &buffer[0], kCopyBufferSize,
+            [&](char* buf, unsigned int len) { return local.read(buf, len); },
+            [&](char* buf, unsigned int len) { return store.write(handle, buf, len); });
+    }
+    local.close();
+    // The end of the data alone does not prove the copy complete: the server's
+    // final reply does (a transfer it aborted ends the data just the same, and
+    // a refused closing reply on a store means the bytes were not kept).
+    if (store.close(handle) != 0) {
+        result = -1;
+    }
+    return result;
+}
+
 // The open file behind `handle` when it was opened for writing; false for a
 // handle the table does not know and for one opened for reading.
 bool fileOpenForWriting(FtpFileHandleManager* table, int handle,
@@ -474,60 +516,12 @@ FtpFileHandleManager* FTPFileSystemImpl::getHandleManager() { return handleManag
 // --- Whole-file transfer and snapshots ---------------------------------------
 
 int FTPFileSystemImpl::Get(const char* localFile, const char* remoteFile) {
-    if (localFile == NULL || remoteFile == NULL) {
-        return -1;
-    }
-    // Allocated first: nothing is open yet should memory be short.
-    std::vector<char> buffer(kCopyBufferSize);
-    KDFile local;
-    if (!openLocal(local, localFile, kLocalCreateMode)) {
-        return -1;
-    }
-    const int handle = open(remoteFile, kFtpModeRead);
-    if (handle == -1) {
-        local.close();
-        return -1;
-    }
-    int result = copyToEnd(
-        &buffer[0], kCopyBufferSize,
-        [&](char* buf, unsigned int len) { return this->read(handle, buf, len); },
-        [&](char* buf, unsigned int len) { return local.write(buf, len); });
-    local.close();
-    // The end of the data alone does not prove the file complete: the server's
-    // final reply does (a transfer it aborted ends the data just the same).
-    if (close(handle) != 0) {
-        result = -1;
-    }
-    return result;
+    return copyWholeFile(*this, localFile, remoteFile, kFtpModeRead);
 }
 
 int FTPFileSystemImpl::Put(const char* localFile, const char* remoteFile) {
-    if (localFile == NULL || remoteFile == NULL) {
-        return -1;
-    }
-    // Allocated first: nothing is open yet should memory be short.
-    std::vector<char> buffer(kCopyBufferSize);
-    KDFile local;
-    if (!openLocal(local, localFile, kLocalReadMode)) {
-        return -1;
-    }
-    const int handle = open(remoteFile, kFtpModeWrite);
-    if (handle == -1) {
-        local.close();
-        return -1;
-    }
     // Through write, so the used-bytes account rises with every piece taken.
-    int result = copyToEnd(
-        &buffer[0], kCopyBufferSize,
-        [&](char* buf, unsigned int len) { return local.read(buf, len); },
-        [&](char* buf, unsigned int len) { return this->write(handle, buf, len); });
-    local.close();
-    // Only the server's final reply says the bytes were stored; a refused
-    // closing reply makes the copy a failure. What arrived stays on the server.
-    if (close(handle) != 0) {
-        result = -1;
-    }
-    return result;
+    return copyWholeFile(*this, localFile, remoteFile, kFtpModeWrite);
 }
 
 int FTPFileSystemImpl::snapshot_open(const char* path, int /*unused*/) {

@@ -10,6 +10,8 @@
 // 253 characters of line, so that "\r\n" and the terminator fit). Sendcmd's is
 // the tighter one for all of them: the longest argument that goes out is 249
 // characters for CWD, MKD and RMD, 248 for RNFR, RNTO, DELE, SITE and SIZE.
+// SIZE, which sends TYPE first, holds its path to Sendcmd's limit before
+// sending anything.
 #include "ftp/FTPTool.h"
 
 #include <stdint.h>
