@@ -6,10 +6,10 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "Clock.h"
+#include "HostMutex.h"
 #include "foundation/Function.h"
 #include "host/KadmorTime.h"
 
@@ -27,8 +27,8 @@ struct GThread::Impl {
     function<int> onStart;
     function<int> onStop;
 
-    std::mutex control;  // serialises start/stop and guards `thread`
-    std::thread thread;
+    hostlib::HostMutex control;  // serialises start/stop
+    std::thread thread FTPDISK_GUARDED_BY(control);
     std::atomic<bool> stopRequested{false};
     std::atomic<bool> isRunning{false};
 
@@ -57,7 +57,7 @@ GThread::~GThread() {
 }
 
 int GThread::start() {
-    std::lock_guard<std::mutex> guard(impl->control);
+    hostlib::HostLock guard(impl->control);
     if (impl->isRunning.load()) {
         return 0;
     }
@@ -78,7 +78,7 @@ int GThread::start() {
 int GThread::running() { return impl->isRunning.load() ? 1 : 0; }
 
 int GThread::stop() {
-    std::lock_guard<std::mutex> guard(impl->control);
+    hostlib::HostLock guard(impl->control);
     impl->stopRequested.store(true);
     hostlib::wakeAll();
     if (impl->thread.joinable()) {

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Runs every test: installs what a fresh machine lacks, then builds and tests
-# the debug and asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets,
+# the debug preset, builds everything with clang (lock annotations checked,
+# -Wthread-safety as an error) and runs its unit tests, the asan
+# (AddressSanitizer + UndefinedBehaviorSanitizer) preset,
 # the concurrency tests under the tsan preset, and the armhf cross build under
 # qemu-user; then the "packages" step: the Debian packages for amd64 and armhf
 # with their content checks and lintian, the downstream recorder built against
@@ -14,7 +16,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 jobs=${FTPDISK_JOBS:-2}
-presets=${FTPDISK_PRESETS:-"debug asan tsan armhf packages"}
+presets=${FTPDISK_PRESETS:-"debug clang asan tsan armhf packages"}
 # The fault suite (label "faults") waits out real readiness limits for a
 # minute or two; it runs in this preset only.
 faults_preset=${FTPDISK_FAULTS_PRESET:-debug}
@@ -39,6 +41,9 @@ run_preset() {
   echo "=== ${preset}: test"
   case "${preset}" in
     tsan) ctest --preset "${preset}" -L concurrency -j "${jobs}" --no-tests=error ;;
+    # The clang build is there for its compile-time lock analysis; the unit
+    # tests check that what it built runs.
+    clang) ctest --preset "${preset}" -L unit -j "${jobs}" --no-tests=error ;;
     "${faults_preset}") ctest --preset "${preset}" -j "${jobs}" --no-tests=error ;;
     *) ctest --preset "${preset}" -j "${jobs}" --no-tests=error -LE faults ;;
   esac

@@ -57,8 +57,8 @@ public:
         entry.path = path;
         table_.opening.push_back(entry);
     }
-    // REQUIRES: the table's mutex is not held.
-    ~PendingOpen() {
+    // The table's mutex must not be held: this takes it.
+    ~PendingOpen() FTPDISK_EXCLUDES(table_.mutex) {
         if (ended_) {
             return;
         }

@@ -149,6 +149,11 @@ private:
     // and is ready when the store is initialised.
     class PathOperation;
 
+    // Changes to "/" and then to `path` on the main tool and fetches the
+    // listing of `path` into `text`, its zero bytes turned into blanks. False
+    // when the directory cannot be entered or the listing not fetched.
+    bool fetchListing(const char* path, std::string& text) FTPDISK_REQUIRES(opLock);
+
     // getFileList and getSubDirList: lists `path` under opLock and appends the
     // names of the entries of `type`. False when not initialised or not
     // listed.

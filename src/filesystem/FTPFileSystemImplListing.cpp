@@ -38,37 +38,6 @@ const unsigned int kListingChunkBytes = 1024;
 // back up the tree (endlessly, or deleting the parent).
 bool isSelfOrParent(const std::string& name) { return name == "." || name == ".."; }
 
-// Changes to "/" and then to `path` on `tool` and fetches the listing of
-// `path` into `text`, its zero bytes turned into blanks. False when the
-// directory cannot be entered or the listing not fetched.
-// REQUIRES: the store's opLock is held (`tool` is its main connection).
-bool fetchListing(FTPFileSystemImpl& store, SafePointer<FTPTool>& tool, const char* path,
-                  std::string& text) {
-    // Listings ask for `path` again after changing into it; starting from "/"
-    // makes root-relative paths mean the same whatever the previous operation
-    // left as the working directory.
-    tool->cd("/");
-    if (tool->cd(path) != 1) {
-        return false;
-    }
-    if (!store.recvData(SafePointer<FTPTool>(tool), path, text)) {
-        return false;
-    }
-    // Stray zero bytes from a server must not cut a line short: each becomes a
-    // blank (and so splits the word it stood in). Done in place: a listing has
-    // no size limit, and on the recorder a second copy of a large one would
-    // cost as much memory again. memchr skips the (usually zero-free) text many
-    // bytes at a time.
-    if (!text.empty()) {
-        char* at = &text[0];
-        char* const end = at + text.size();
-        while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) != NULL) {
-            *at++ = ' ';
-        }
-    }
-    return true;
-}
-
 // Hands `sink` every entry the store keeps of a fetched listing: what the
 // parser of its style keeps (lines cut at "\r\n"; a listing with bare line
 // feeds is one line), less the "." and ".." of a DOS listing. An unknown style
@@ -171,6 +140,33 @@ public:
 
 }  // namespace
 
+bool FTPFileSystemImpl::fetchListing(const char* path, std::string& text) {
+    SafePointer<FTPTool>& tool = mainTool;
+    // Listings ask for `path` again after changing into it; starting from "/"
+    // makes root-relative paths mean the same whatever the previous operation
+    // left as the working directory.
+    tool->cd("/");
+    if (tool->cd(path) != 1) {
+        return false;
+    }
+    if (!recvData(SafePointer<FTPTool>(tool), path, text)) {
+        return false;
+    }
+    // Stray zero bytes from a server must not cut a line short: each becomes a
+    // blank (and so splits the word it stood in). Done in place: a listing has
+    // no size limit, and on the recorder a second copy of a large one would
+    // cost as much memory again. memchr skips the (usually zero-free) text many
+    // bytes at a time.
+    if (!text.empty()) {
+        char* at = &text[0];
+        char* const end = at + text.size();
+        while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) != NULL) {
+            *at++ = ' ';
+        }
+    }
+    return true;
+}
+
 bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, std::string& text) {
     NetBuf* data = NULL;
     if (tool->dataConnect(path, kFtpList, 'I', &data) == 0 || data == NULL) {
@@ -226,7 +222,7 @@ bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entri
         return false;
     }
     std::string text;
-    if (!fetchListing(*this, mainTool, path, text)) {
+    if (!fetchListing(path, text)) {
         return false;
     }
     // Room for every line at once: growing the list would copy, and lock the
@@ -244,7 +240,7 @@ bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
         return false;
     }
     std::string text;
-    if (!fetchListing(*this, mainTool, path, text)) {
+    if (!fetchListing(path, text)) {
         return false;
     }
     // Straight from the text: only the names are wanted, so no entry record
@@ -274,7 +270,7 @@ bool FTPFileSystemImpl::isEmptyDir(const char* path) {
     std::string text;
     // A directory that cannot be entered or listed counts as empty, so callers
     // that clean up empty directories treat a vanished one as done.
-    if (!fetchListing(*this, mainTool, path, text)) {
+    if (!fetchListing(path, text)) {
         return true;
     }
     AnyEntry any;
@@ -302,7 +298,7 @@ bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
     {
         PathOperation operation(*this, true, __LINE__);
         std::string text;
-        if (!operation.ready() || !fetchListing(*this, mainTool, path, text)) {
+        if (!operation.ready() || !fetchListing(path, text)) {
             return false;
         }
         NamesOfType plainFiles(FTPConst::kTypePlainFile, files);
@@ -327,7 +323,7 @@ bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
     SizesAndDirectories level;
     {
         std::string text;
-        if (!fetchListing(*this, mainTool, path, text)) {
+        if (!fetchListing(path, text)) {
             return false;
         }
         forEachStoreEntry(text, level);
