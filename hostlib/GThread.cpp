@@ -19,7 +19,8 @@ thread_local const std::atomic<bool>* currentStopFlag = nullptr;
 }  // namespace
 
 struct GThread::Impl {
-    Impl(function<int> b, const std::string& n, function<int> s, function<int> e)
+    Impl(const function<int>& b, const std::string& n, const function<int>& s,
+         const function<int>& e)
         : body(b), name(n), onStart(s), onStop(e) {}
 
     function<int> body;
@@ -47,9 +48,12 @@ struct GThread::Impl {
     }
 };
 
+// The callables come by value: the host contract's signature.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 GThread::GThread(function<int> body, const std::string& name, function<int> onStart,
                  function<int> onStop)
     : impl(new Impl(body, name, onStart, onStop)) {}
+// NOLINTEND(performance-unnecessary-value-param)
 
 GThread::~GThread() {
     stop();

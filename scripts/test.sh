@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs every test: installs what a fresh machine lacks, then builds and tests
 # the debug preset, builds everything with clang (lock annotations checked,
-# -Wthread-safety as an error) and runs its unit tests, the asan
+# -Wthread-safety as an error) and runs its unit tests, the "lint" step
+# (scripts/lint.sh: clang-format and clang-tidy over every source), the asan
 # (AddressSanitizer + UndefinedBehaviorSanitizer) preset,
 # the concurrency tests under the tsan preset, and the armhf cross build under
 # qemu-user; then the "packages" step: the Debian packages for amd64 and armhf
@@ -12,11 +13,12 @@
 #   scripts/test.sh                # everything
 #   FTPDISK_PRESETS="debug" scripts/test.sh      # a subset of presets
 #   FTPDISK_PRESETS="packages" scripts/test.sh   # only the packages step
+#   FTPDISK_PRESETS="lint" scripts/test.sh       # only the lint step
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 jobs=${FTPDISK_JOBS:-2}
-presets=${FTPDISK_PRESETS:-"debug clang asan tsan armhf packages"}
+presets=${FTPDISK_PRESETS:-"debug clang lint asan tsan armhf packages"}
 # The fault suite (label "faults") waits out real readiness limits for a
 # minute or two; it runs in this preset only.
 faults_preset=${FTPDISK_FAULTS_PRESET:-debug}
@@ -72,6 +74,7 @@ for preset in ${presets}; do
       fi
       ;;
     packages) run_packages ;;
+    lint) scripts/lint.sh ;;
     *) run_preset "${preset}" ;;
   esac
 done

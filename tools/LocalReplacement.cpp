@@ -44,7 +44,11 @@ bool LocalReplacement::create(std::string& problem) {
     // O_EXCL makes each try either a file of our own or EEXIST: an existing
     // file, whoever made it, is never opened, let alone truncated.
     for (int attempt = 0; attempt < kNameTries && error == EEXIST; ++attempt) {
-        const std::string path = dir + "." + name + ".ftpdisk-" + randomSuffix(random);
+        std::string path = dir;
+        path += ".";
+        path += name;
+        path += ".ftpdisk-";
+        path += randomSuffix(random);
         fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd_ >= 0) {
             temporary_ = path;

@@ -127,9 +127,8 @@ public:
             const ssize_t n = ::send(fd_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
             if (n > 0) {
                 sent += static_cast<std::size_t>(n);
-            } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
-                return false;
-            } else if (!waitFor(POLLOUT, deadline)) {
+            } else if ((n < 0 && errno != EAGAIN && errno != EINTR) ||
+                       !waitFor(POLLOUT, deadline)) {
                 return false;
             }
         }

@@ -18,13 +18,9 @@ FtpFileHandleManager::FtpFileHandleManager(const char* server, const char* user,
                                            const char* password, int firstHandle,
                                            int handleLimit, int maxOpenFiles)
     : freeToolBuff(new FreeFtpToolBuff),
-      fileHandlers(),
       handleLimit(handleLimit),
       firstHandle(firstHandle),
-      maxOpenFiles(maxOpenFiles),
-      mutex(),
-      handleInUse(),
-      opening() {
+      maxOpenFiles(maxOpenFiles) {
     copyTextField(this->server, sizeof this->server, server);
     copyTextField(this->user, sizeof this->user, user);
     copyTextField(this->password, sizeof this->password, password);

@@ -20,7 +20,7 @@ const char* const kLockSource = "FtpFileHandler";
 
 FtpFileHandler::FtpFileHandler(SafePointer<FTPTool>& tool, int mode, int fileHandle,
                                const char* fileName)
-    : ftpTool(tool), dataConnection(NULL), mode(mode), fileHandle(fileHandle), transferLock() {
+    : ftpTool(tool), dataConnection(NULL), mode(mode), fileHandle(fileHandle) {
     memset(this->fileName, 0, sizeof this->fileName);
     if (fileName != NULL) {
         // The open-file table refuses paths of 256 characters or more before

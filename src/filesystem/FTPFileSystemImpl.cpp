@@ -176,8 +176,7 @@ bool FTPFileSystemImpl::textsFit(const char* server, const char* user, const cha
 
 FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const char* password,
                                      int capacity)
-    : mainTool(),
-      space(kStoreLockSource),
+    : space(kStoreLockSource),
       capacity(capacity),
       handleManager(NULL),
       scanGate(kStoreLockSource),

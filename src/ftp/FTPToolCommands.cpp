@@ -103,8 +103,8 @@ int FTPTool::site(const char* command) {
 
 // "213 1234" stores 1234. The type set first stays in force for later
 // commands on this connection.
-int FTPTool::size(const char* path, int* result, char mode) {
-    if (path == NULL || result == NULL || controlBuf == NULL) return 0;
+int FTPTool::size(const char* path, int* size, char mode) {
+    if (path == NULL || size == NULL || controlBuf == NULL) return 0;
     // Two lines: the second must be one that goes out, or TYPE would be sent
     // for nothing.
     if (!sendable("SIZE", strlen(path))) return 0;
@@ -120,7 +120,7 @@ int FTPTool::size(const char* path, int* result, char mode) {
     int32_t code = 0;
     int32_t bytes = 0;
     if (!readInteger(at, &code) || !readInteger(at, &bytes)) return 0;
-    *result = bytes;
+    *size = bytes;
     return 1;
 }
 

@@ -168,7 +168,7 @@ int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* for
 const double FTPTool::kReplyLimitSeconds = 30.0;
 const int FTPTool::kReplyLineLimit = 1000;
 
-FTPTool::FTPTool() : controlBuf(NULL), usable(true), controlLock() {}
+FTPTool::FTPTool() : controlBuf(NULL), usable(true) {}
 
 FTPTool::~FTPTool() {
     quit();
@@ -177,7 +177,7 @@ FTPTool::~FTPTool() {
     Empty();
 }
 
-void FTPTool::setUsable(bool value) { usable = value; }
+void FTPTool::setUsable(bool usable) { this->usable = usable; }
 
 bool FTPTool::getUsable() { return usable; }
 

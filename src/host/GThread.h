@@ -13,7 +13,7 @@
 // the module's pointer or callable family, which themselves rest on the
 // contracts (the pointer keeps its counts in the host's registry).
 template <class R>
-class function;
+class function;  // NOLINT(bugprone-exception-escape): its one member, a SafePointer, never throws on release.
 
 /// Host contract: a named thread that calls its body again and again.
 ///

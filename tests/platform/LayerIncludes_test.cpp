@@ -21,7 +21,7 @@ std::string layerOf(const std::string& path) {
     if (path == "foundation/Export.h" || path == "foundation/ThreadAnnotations.h") return "base";
     const std::string::size_type slash = path.find('/');
     if (slash == std::string::npos) return "";
-    const std::string folder = path.substr(0, slash);
+    std::string folder = path.substr(0, slash);
     if (folder == "ftpdisk_host") return "hostlib";  // hostlib's own switches
     return folder;
 }

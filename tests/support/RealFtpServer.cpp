@@ -18,15 +18,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <dirent.h>
-
 #include <cerrno>
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <thread>
-
-extern char** environ;
 
 namespace {
 

@@ -462,9 +462,7 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
         } else {
             defaultText = "501 Only 127.0.0.1 is served";
         }
-    } else if (verb == "CWD") {
-        defaultText = "250 Directory changed";
-    } else if (verb == "CDUP") {
+    } else if (verb == "CWD" || verb == "CDUP") {
         defaultText = "250 Directory changed";
     } else if (verb == "MKD") {
         defaultText = "257 \"" + path + "\" created";

@@ -13,8 +13,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-extern char** environ;
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
