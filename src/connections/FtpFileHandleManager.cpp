@@ -84,9 +84,11 @@ void FtpFileHandleManager::endOpening(int32_t handle) {
 }
 
 int FtpFileHandleManager::open(const char* path, int mode) {
-    // A path that does not fit the handler's name field is refused before any
-    // traffic and before a handle number is reserved.
-    if (path == NULL || strlen(path) >= static_cast<size_t>(kFtpFileNameSize)) {
+    // A path that does not fit the handler's name field, or that could never
+    // be sent (a line end inside it), is refused before any traffic and
+    // before a handle number is reserved.
+    if (path == NULL || strlen(path) >= static_cast<size_t>(kFtpFileNameSize) ||
+        strpbrk(path, "\r\n") != NULL) {
         return -1;
     }
     int id = -1;

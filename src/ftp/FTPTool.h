@@ -71,8 +71,9 @@ public:
     // is a login without password. Names or passwords over 57 characters are
     // refused before anything is sent.
     int login(const char* user, const char* password);
-    // Sends one line (at most 253 characters before "\r\n") and reads the
-    // reply; 1 when its first character is `expected`.
+    // Sends one line (at most 253 characters before "\r\n", and no CR or LF
+    // of its own: such a line is refused before anything is sent) and reads
+    // the reply; 1 when its first character is `expected`.
     int Sendcmd(const char* command, char expected);
     // Reads one reply, multi-line replies whole, into connection->response.
     // A reply that does not start within the readiness wait leaves the

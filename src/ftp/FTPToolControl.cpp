@@ -247,6 +247,11 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // The line with "\r\n" and its terminator must fit in 256 bytes: at most
     // 253 characters of command.
     if (strlen(command) + 3 >= kCommandLineSize + 1) return 0;
+    // A line end inside an argument (a path, a user name) would end the
+    // command early and make the server take the rest for a command of its
+    // own, whose reply would then answer the next caller. Refused like an
+    // argument that does not fit: nothing is sent, `response` is unchanged.
+    if (strpbrk(command, "\r\n") != NULL) return 0;
     char line[kCommandLineSize];
     memset(line, 0, sizeof line);
     int length = snprintf(line, sizeof line, "%s\r\n", command);

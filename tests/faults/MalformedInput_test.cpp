@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "FaultTestUtil.h"
 #include "ScriptedRoad.h"
 #include "filesystem/FTPFileSystemManager.h"
@@ -136,16 +138,25 @@ TEST_F(MalformedPaths, EveryOperationTakesPathsOfEveryLengthAndNothingOverlongIs
     recoverAndRecord(0);
 }
 
-// A path is sent as it is: a line feed inside it ends the command early and
-// the server takes the rest for a second command, whose reply is then one
-// too many. The recorder must keep CR and LF out of its paths (and NUL,
-// which ends a C text).
-TEST_F(MalformedPaths, ALineFeedInsideAPathSplitsTheCommandAtTheServer) {
+// A line end inside a path would end the command early and make the server
+// take the rest for a second command, whose reply would then answer the next
+// caller. Such a path is refused before anything is sent, like a path too long
+// to send, and the main connection stays in step.
+TEST_F(MalformedPaths, ALineEndInsideAPathIsRefusedBeforeAnythingIsSent) {
     const size_t mark = server.commands().size();
-    EXPECT_EQ(store->renameFile("/rec/a\r\nNOOP", "/rec/b"), 0);
-    EXPECT_TRUE(server.waitForCommands(mark + 3));
-    EXPECT_EQ(faulttest::tail(server.commands(), mark),
-              (Lines{"RNFR /rec/a", "NOOP", "RNTO /rec/b"}));
+    EXPECT_EQ(store->renameFile("/rec/a\r\nNOOP", "/rec/b"), -1);
+    EXPECT_EQ(store->renameFile("/rec/a", "/rec/b\nDELE x"), -1);
+    EXPECT_EQ(store->createDir("/rec/x\ry"), -1);
+    EXPECT_EQ(store->open("/rec/c\r\nDELE /rec/a.dat", 2), -1);
+    const std::vector<std::string> after = faulttest::tail(server.commands(), mark);
+    for (const std::string& line : after) {
+        EXPECT_EQ(line.find("NOOP"), std::string::npos) << line;
+        EXPECT_EQ(line.find("DELE"), std::string::npos) << line;
+    }
+    // RNFR of the first path and RNTO of the second never went out; the
+    // second's RNFR did (its own argument is clean), and was answered.
+    EXPECT_EQ(std::count(after.begin(), after.end(), "RNFR /rec/a"), 1);
+    EXPECT_EQ(store->createDir("/rec/clean"), 0) << "replies are still in step";
     EXPECT_EQ(store->uninit(), 0);
     recoverAndRecord(1);
 }
