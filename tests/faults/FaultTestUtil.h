@@ -26,8 +26,11 @@
 
 #include "filesystem/FTPFileSystem.h"
 #include "support/FdCount.h"
+#include "support/TestHelpers.h"
 
 namespace faulttest {
+
+using ftptest::patternBytes;
 
 using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
@@ -135,18 +138,6 @@ inline std::vector<std::string> tail(const std::vector<std::string>& all, size_t
     return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(from), all.end());
 }
 
-// Bytes that differ at every position and between seeds (xorshift).
-inline std::string patternBytes(size_t size, uint32_t seed) {
-    std::string bytes(size, '\0');
-    uint32_t x = seed * 2654435761u + 1u;
-    for (size_t i = 0; i < size; ++i) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        bytes[i] = static_cast<char>(x & 0xFF);
-    }
-    return bytes;
-}
 
 // What one segment of a camera's recording road gave.
 struct Segment {

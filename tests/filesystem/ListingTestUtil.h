@@ -37,6 +37,8 @@
 
 namespace listingtest {
 
+using ftptest::listingReply;
+
 using Entries = std::vector<SafePointer<FTPConst::FTPFileDescriptor> >;
 
 // The lines, each ended by CR LF as a server sends them on the data
@@ -50,12 +52,6 @@ inline std::string crlf(std::initializer_list<std::string> lines) {
     return text;
 }
 
-// A reply that opens the data connection and sends `body` as the listing.
-inline ftptest::Reply listingReply(const std::string& body) {
-    ftptest::Reply reply("150 Here comes the listing");
-    reply.body = body;
-    return reply;
-}
 
 // Serves `body` as the listing of exactly `path`, every time it is asked for.
 inline void serveListing(ftptest::ScriptedFtpServer& server, const std::string& path,

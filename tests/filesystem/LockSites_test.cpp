@@ -17,8 +17,11 @@
 #include "support/ScriptedFtpServer.h"
 #include "RecordingMutex.h"
 #include "StoreTestUtil.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::eventually;
 
 using lockrecord::Event;
 
@@ -349,16 +352,6 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceOrSnapshotAndNe
 using ftptest::Millis;
 using ftptest::Reply;
 
-// Polls `condition` for at most `limit`; false when it never held.
-template <class F>
-bool eventually(F condition, Millis limit = Millis(10000)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(Millis(1));
-    }
-    return true;
-}
 
 // Whether the table's or the pool's lock was seen held by any thread at any
 // moment during `window`, sampled every millisecond.

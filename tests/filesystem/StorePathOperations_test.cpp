@@ -18,6 +18,8 @@
 
 namespace {
 
+using ftptest::listingReply;
+
 using Commands = std::vector<std::string>;
 
 // Heap bytes in use (every arena, mmapped blocks included); sanitizers report 0.
@@ -39,11 +41,6 @@ Commands operator+(Commands a, const Commands& b) {
     return a;
 }
 
-ftptest::Reply listingReply(const std::string& body) {
-    ftptest::Reply reply("150 Here comes the directory listing");
-    reply.body = body;
-    return reply;
-}
 
 class StorePaths : public ::testing::Test {
 protected:

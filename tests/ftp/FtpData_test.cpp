@@ -16,8 +16,11 @@
 
 #include "FtpTestFixture.h"
 #include "host/GlobalEnv.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::randomBytes;
 
 class FtpData : public FtpToolTest {
 protected:
@@ -34,12 +37,6 @@ protected:
     }
 };
 
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
 
 // Reads until the server ends the data (0) or a read fails; at most
 // `maxReads` reads so that a broken client cannot loop for ever.

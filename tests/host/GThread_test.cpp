@@ -19,8 +19,11 @@
 #include "host/GThread.h"
 #include "host/KadmorTime.h"
 #include "host/technic/KDMutex.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::eventually;
 
 // Names of every thread of this process, as the kernel shows them.
 std::vector<std::string> threadNames() {
@@ -44,17 +47,6 @@ bool hasThreadNamed(const std::string& name) {
     return false;
 }
 
-// Polls `condition` without sleeping for a limit; gives up after 30 s so that a
-// broken build fails instead of hanging.
-template <class F>
-bool eventually(F condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 // The three callables of a GThread, counting their calls.
 class Probe {

@@ -5,11 +5,14 @@
 #include <filesystem>
 #include <string>
 
-#include "TempDir.h"
+#include "support/TempDir.h"
 #include "host/KDFile.h"
 #include "host/string_util.h"
 
 namespace {
+
+using ftptest::TempDir;
+using ftptest::readWholeFile;
 
 std::wstring wide(const std::string& utf8) { return string_util::utf82wchar(utf8.c_str()); }
 

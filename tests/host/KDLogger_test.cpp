@@ -9,11 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "TempDir.h"
+#include "support/TempDir.h"
 #include "ftpdisk_host/HostControl.h"
 #include "host/KDLogger.h"
 
 namespace {
+
+using ftptest::TempDir;
+using ftptest::readWholeFile;
 
 class KDLoggerTest : public testing::Test {
 protected:

@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include "TempDir.h"
+#include "support/TempDir.h"
 #include "ftpdisk_host/HostControl.h"
 #include "host/KDLogger.h"
 
 namespace {
+
+using ftptest::TempDir;
+using ftptest::readWholeFile;
 
 TEST(LogRootEnvironment, AbsoluteLogPathsLandBelowTheFolderNamedByTheVariable) {
     TempDir dir;

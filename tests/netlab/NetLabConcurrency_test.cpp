@@ -15,8 +15,11 @@
 #include "netlab/RawClient.h"
 #include "support/NetLab.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::randomBytes;
 
 using ftptest::NetLab;
 using ftptest::NetLabCounters;
@@ -26,12 +29,6 @@ using labtest::Fd;
 using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
 
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
 
 // Counts arrivals and lets everyone go once `expected` arrived; a thread
 // that waits longer than `limit` goes on anyway (and the test then fails on

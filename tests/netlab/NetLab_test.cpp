@@ -28,8 +28,11 @@
 #include "support/FdCount.h"
 #include "support/NetLab.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::randomBytes;
 
 using ftptest::LinkDownMode;
 using ftptest::NetLab;
@@ -49,12 +52,6 @@ using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
 using Lines = std::vector<std::string>;
 
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
 
 Millis since(Clock::time_point start) {
     return std::chrono::duration_cast<Millis>(Clock::now() - start);

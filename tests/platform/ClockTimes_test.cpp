@@ -21,22 +21,15 @@
 #include "ftp/FTPTool.h"
 #include "ftpdisk_host/HostControl.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::eventually;
 
 const double kWall2100 = 4102444800.0;       // 2100-01-01 00:00:00 UTC
 const double kUpPast32Bits = 4294967296.25;  // 2^32 s and a quarter
 
-// Polls for at most 10 s, yielding in between, until `condition` holds.
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 class ClockTimes : public ::testing::Test {
 protected:

@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "RawFtpSession.h"
+#include "support/RawFtpSession.h"
 
 namespace {
 

@@ -22,10 +22,13 @@
 #include "ToolRunner.h"
 #include "support/RealFtpServer.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using ftptest::randomBytes;
 
 std::string readLocal(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -39,14 +42,6 @@ void writeLocal(const std::string& path, const std::string& bytes) {
     out << bytes;
 }
 
-std::string randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    std::string bytes(size, '\0');
-    for (char& c : bytes) {
-        c = static_cast<char>(random());
-    }
-    return bytes;
-}
 
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;

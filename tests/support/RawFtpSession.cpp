@@ -1,4 +1,4 @@
-#include "RawFtpSession.h"
+#include "support/RawFtpSession.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
