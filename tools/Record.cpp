@@ -231,7 +231,7 @@ private:
         std::snprintf(name, sizeof name, "/%05lld_%02d%02d%02d.dat", segment, local.tm_hour,
                       local.tm_min, local.tm_sec);
         path_ = dir_ + name;
-        seed_ = static_cast<int>((31 * number_ + segment) % kPatternPeriod);
+        seed_ = static_cast<int>((31LL * number_ + segment) % kPatternPeriod);
         offset_ = 0;
         segmentFailed_ = false;
         const double t0 = monotonicSeconds();
@@ -489,6 +489,8 @@ int runRecord(const Arguments& args) {
     const double start = monotonicSeconds();
     std::vector<std::unique_ptr<Camera>> cameras;
     std::vector<std::thread> threads;
+    cameras.reserve(static_cast<std::size_t>(settings.cameras));
+    threads.reserve(static_cast<std::size_t>(settings.cameras));
     for (int i = 0; i < settings.cameras; ++i) {
         cameras.emplace_back(new Camera(session.store(), settings, i + 1, dirs[static_cast<std::size_t>(i)],
                                         pattern, start, live, failures));
