@@ -60,7 +60,8 @@ std::string wchar2utf8(const wchar_t* wide) {
     for (; *wide != 0; ++wide) {
         // wchar_t is an int, not a char: a negative one becomes a code above
         // 0x10FFFF and so U+FFFD, which is what is wanted.
-        unsigned long code = static_cast<unsigned long>(*wide);  // NOLINT(bugprone-signed-char-misuse)
+        // NOLINTNEXTLINE(bugprone-signed-char-misuse)
+        unsigned long code = static_cast<unsigned long>(*wide);
         if (code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) code = 0xFFFD;
         if (code < 0x80) {
             out.push_back(static_cast<char>(code));

@@ -13,26 +13,27 @@ namespace ftpdisk_tool {
 
 namespace {
 
-#define LOCATION_HELP                                                                     \
-    "LOCATION is user@ftp://server[:port]/path, for example\n"                             \
-    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"         \
-    "  password; /path is the base directory, and every PATH argument is taken\n"         \
-    "  below it (a leading / included; \"..\" is refused).\n"                               \
-    "\n"                                                                                   \
+#define LOCATION_HELP                                                                   \
+    "LOCATION is user@ftp://server[:port]/path, for example\n"                          \
+    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"       \
+    "  password; /path is the base directory, and every PATH argument is taken\n"       \
+    "  below it (a leading / included; \"..\" is refused).\n"                           \
+    "\n"                                                                                \
     "The password comes from the environment variable FTPDISK_PASSWORD, or when\n"      \
-    "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"            \
-    "  \"machine HOST:PORT login USER password SECRET\" for the server, else one for\n"  \
-    "  \"machine HOST\", else a \"default\" entry; an entry without login serves any\n"  \
+    "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"          \
+    "  \"machine HOST:PORT login USER password SECRET\" for the server, else one for\n" \
+    "  \"machine HOST\", else a \"default\" entry; an entry without login serves any\n" \
     "  user. The file must be private (chmod 600 ~/.netrc). The password is never\n"    \
-    "  printed.\n"                                                                         \
+    "  printed.\n"                                                                      \
     "The older form user(password)@ftp://server[:port]/path still works (quote it:\n"   \
     "  the shell treats ( and ) specially) but exposes the password: every local\n"     \
-    "  user sees it in the process list until the command has read its arguments\n"   \
+    "  user sees it in the process list until the command has read its arguments\n"     \
     "  (it then blanks it out of them), and the shell's history keeps it.\n"
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
-        {"check", "walk a location through everything a recorder does, with a verdict",
+        {"check",
+         "walk a location through everything a recorder does, with a verdict",
          "usage: ftpdisk check LOCATION [--cameras N]\n"
          "\n"
          "Registers the location, connects and logs in, makes a test directory below\n"
@@ -45,52 +46,87 @@ const std::vector<Command>& commands() {
          "                how long the opens took, and, when the server refuses one,\n"
          "                what it answered.\n"
          "\n" LOCATION_HELP,
-         {}, {"--cameras"}, 1, 1, runCheck},
-        {"ls", "list the directories and files of a directory",
+         {},
+         {"--cameras"},
+         1,
+         1,
+         runCheck},
+        {"ls",
+         "list the directories and files of a directory",
          "usage: ftpdisk ls [-l] LOCATION [PATH]\n"
          "\n"
          "Lists the subdirectories (with a trailing /) and then the plain files of\n"
          "PATH (default: the base directory), each group sorted by name.\n"
          "  -l   show each file's size in bytes (one directory listing per file)\n"
          "\n" LOCATION_HELP,
-         {"-l"}, {}, 1, 2, runLs},
-        {"du", "total size of a directory tree",
+         {"-l"},
+         {},
+         1,
+         2,
+         runLs},
+        {"du",
+         "total size of a directory tree",
          "usage: ftpdisk du LOCATION [PATH]\n"
          "\n"
          "Adds up the listed sizes of everything below PATH (default: the base\n"
          "directory), the directory entries' own listed sizes included, as the\n"
          "recorder's space accounting does. Prints bytes, a readable size and the path.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 1, 2, runDu},
-        {"df", "the store's space figures",
+         {},
+         {},
+         1,
+         2,
+         runDu},
+        {"df",
+         "the store's space figures",
          "usage: ftpdisk df LOCATION\n"
          "\n"
          "Prints the store's two space figures. The store counts only the bytes it\n"
          "wrote itself since init and never asks the server, so a fresh store in this\n"
          "process reports 0 MiB used; use du for what is on the server.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 1, 1, runDf},
-        {"mkdir", "make a directory and every missing parent",
+         {},
+         {},
+         1,
+         1,
+         runDf},
+        {"mkdir",
+         "make a directory and every missing parent",
          "usage: ftpdisk mkdir LOCATION PATH\n"
          "\n"
          "Creates PATH and every missing directory above it.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 2, 2, runMkdir},
-        {"rm", "delete a file, or a directory tree with -r",
+         {},
+         {},
+         2,
+         2,
+         runMkdir},
+        {"rm",
+         "delete a file, or a directory tree with -r",
          "usage: ftpdisk rm [-r] LOCATION PATH\n"
          "\n"
          "Deletes the file PATH. With -r, PATH may be a directory: it is removed with\n"
          "everything below it, depth first; on a failure what was already removed\n"
          "stays removed. The server's root directory is never removed.\n"
          "\n" LOCATION_HELP,
-         {"-r"}, {}, 2, 2, runRm},
-        {"mv", "rename a file",
+         {"-r"},
+         {},
+         2,
+         2,
+         runRm},
+        {"mv",
+         "rename a file",
          "usage: ftpdisk mv LOCATION FROM TO\n"
          "\n"
          "Renames FROM to TO, both below the base directory.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 3, 3, runMv},
-        {"put", "upload a local file",
+         {},
+         {},
+         3,
+         3,
+         runMv},
+        {"put",
+         "upload a local file",
          "usage: ftpdisk put LOCATION LOCALFILE [PATH]\n"
          "\n"
          "Uploads LOCALFILE to PATH (default: its own name in the base directory; an\n"
@@ -99,8 +135,13 @@ const std::vector<Command>& commands() {
          "progress bar with bytes, rate and time left is drawn on standard error.\n"
          "A failed upload leaves the partial file on the server and says so.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 2, 3, runPut},
-        {"get", "download a remote file",
+         {},
+         {},
+         2,
+         3,
+         runPut},
+        {"get",
+         "download a remote file",
          "usage: ftpdisk get LOCATION PATH [LOCALFILE]\n"
          "\n"
          "Downloads PATH to LOCALFILE (default: its own name in the current directory;\n"
@@ -111,14 +152,24 @@ const std::vector<Command>& commands() {
          "file and leaves every other file as it was. On a terminal a progress bar\n"
          "with bytes, rate and time left is drawn on standard error.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 2, 3, runGet},
-        {"cat", "write a remote file to standard output",
+         {},
+         {},
+         2,
+         3,
+         runGet},
+        {"cat",
+         "write a remote file to standard output",
          "usage: ftpdisk cat LOCATION PATH\n"
          "\n"
          "Copies the file PATH to standard output, byte for byte.\n"
          "\n" LOCATION_HELP,
-         {}, {}, 2, 2, runCat},
-        {"record", "simulate a recorder writing cameras' segment files",
+         {},
+         {},
+         2,
+         2,
+         runCat},
+        {"record",
+         "simulate a recorder writing cameras' segment files",
          "usage: ftpdisk record LOCATION [--cameras N] [--seconds S] [--rate MBIT]\n"
          "                      [--segment SEC] [--aio]\n"
          "\n"
@@ -140,7 +191,11 @@ const std::vector<Command>& commands() {
          "one more; when the server turns logins away, the verdict says how many\n"
          "connections it granted, how many the cameras need, and what it answered.\n"
          "\n" LOCATION_HELP,
-         {"--aio"}, {"--cameras", "--seconds", "--rate", "--segment"}, 1, 1, runRecord},
+         {"--aio"},
+         {"--cameras", "--seconds", "--rate", "--segment"},
+         1,
+         1,
+         runRecord},
     };
     return table;
 }
@@ -184,8 +239,7 @@ void blankPasswords(int argc, char** argv) {
 int runCommand(const Command& command, int argc, char** argv) {
     Arguments args;
     std::string problem;
-    const bool parsed =
-        parseArguments(argc, argv, command.flags, command.values, args, problem);
+    const bool parsed = parseArguments(argc, argv, command.flags, command.values, args, problem);
     blankPasswords(argc, argv);
     if (!parsed) {
         return usage(command.name, problem);

@@ -37,9 +37,9 @@ SafePointer<FTPTool>& FreeFTPInfo::getFTPTool() { return ftpTool; }
 
 FreeFtpToolBuff::FreeFtpToolBuff() : monitorThread(NULL), paused(true) {
     // The thread is only created here; the open-file table starts it.
-    monitorThread = new GThread(make_function(&FreeFtpToolBuff::theThread, this),
-                                "detectStateThread", make_function(&GThread::emptyFun),
-                                make_function(&GThread::emptyFun));
+    monitorThread =
+        new GThread(make_function(&FreeFtpToolBuff::theThread, this), "detectStateThread",
+                    make_function(&GThread::emptyFun), make_function(&GThread::emptyFun));
 }
 
 FreeFtpToolBuff::~FreeFtpToolBuff() {

@@ -15,8 +15,8 @@ const char* const kLockSource = "FtpFileHandleManager";
 }  // namespace
 
 FtpFileHandleManager::FtpFileHandleManager(const char* server, const char* user,
-                                           const char* password, int firstHandle,
-                                           int handleLimit, int maxOpenFiles)
+                                           const char* password, int firstHandle, int handleLimit,
+                                           int maxOpenFiles)
     : freeToolBuff(new FreeFtpToolBuff),
       handleLimit(handleLimit),
       firstHandle(firstHandle),
@@ -145,8 +145,8 @@ int FtpFileHandleManager::close(int handle) {
         // A number whose open has not returned yet belongs to nobody who
         // could close it: freeing it would let a second file take it while
         // the first is still being opened.
-        for (std::vector<OpenInProgress>::const_iterator it = opening.begin();
-             it != opening.end(); ++it) {
+        for (std::vector<OpenInProgress>::const_iterator it = opening.begin(); it != opening.end();
+             ++it) {
             if (it->handle == handle) {
                 return -1;
             }

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "filesystem/PathOperation.h"
 #include "foundation/TextField.h"
 #include "host/KDFile.h"
 #include "host/string_util.h"
-#include "filesystem/PathOperation.h"
 #include "location/LocationLimits.h"
 
 namespace {
@@ -204,9 +204,7 @@ FTPFileSystemImpl::~FTPFileSystemImpl() {
     initialised = false;
     // A snapshot still open would keep a data socket and a record pointing at
     // the main connection's control record: end it while both still exist.
-    {
-        SnapshotStream::Pause paused(snapshot, mainTool.get(), __LINE__);
-    }
+    { SnapshotStream::Pause paused(snapshot, mainTool.get(), __LINE__); }
     // Handles still open are only released by the table: their data
     // connections are not closed and no final reply is read.
     delete handleManager;

@@ -24,20 +24,16 @@
 #include <vector>
 
 #include "connections/FtpFileHandleManager.h"
-#include "foundation/SafePointer.h"
 #include "filesystem/ScanGate.h"
 #include "filesystem/SnapshotStream.h"
 #include "filesystem/SpaceAccount.h"
+#include "foundation/SafePointer.h"
 #include "ftp/FTPTool.h"
 #include "host/IFileScanAction.h"
 #include "host/technic/KDMutex.h"
 #include "listing/FTPFileDescriptor.h"
 
-enum {
-    kStoreServerSize = 48,
-    kStoreUserSize = 32,
-    kStorePasswordSize = 20
-};
+enum { kStoreServerSize = 48, kStoreUserSize = 32, kStorePasswordSize = 20 };
 
 class FTPFileSystemImpl {
 public:

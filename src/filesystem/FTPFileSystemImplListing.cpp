@@ -352,6 +352,8 @@ bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
 
 void FTPFileSystemImpl::updateSpaceInfo(long long bytes, bool add) { space.update(bytes, add); }
 
-void FTPFileSystemImpl::getDiskSpaceInfo(long& first, long& second) { space.figures(first, second); }
+void FTPFileSystemImpl::getDiskSpaceInfo(long& first, long& second) {
+    space.figures(first, second);
+}
 
 long long FTPFileSystemImpl::getUsedBytes() { return space.used(); }

@@ -20,8 +20,8 @@ public:
     // at once, before anything guarded is touched, so the one path where the
     // claim is untrue uses none of what it protects.
     PathOperation(FTPFileSystemImpl& store, bool argumentsGiven, int line)
-        FTPDISK_ACQUIRE(store.opLock) FTPDISK_NO_THREAD_SAFETY_ANALYSIS
-        : store_(store), locked_(argumentsGiven) {
+        FTPDISK_ACQUIRE(store.opLock) FTPDISK_NO_THREAD_SAFETY_ANALYSIS : store_(store),
+                                                                          locked_(argumentsGiven) {
         if (locked_) {
             store_.opLock.Lock(const_cast<char*>(kStoreLockSource), line);
         }

@@ -29,7 +29,8 @@ int SnapshotStream::write(FTPTool& tool, const char* buf, unsigned int len) {
     if (snapshotStream == NULL) {
         errno = EBADF;  // no stream: report it as a write to a closed descriptor
     } else {
-        const int length = len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
+        const int length =
+            len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
         n = tool.write(buf, length, snapshotStream);
     }
     if (n >= 0) {

@@ -25,7 +25,6 @@ namespace conntest {
 using ftptest::eventually;
 using ftptest::joined;
 
-
 // True once `count` threads are pausing in KadmorTime::wait.
 inline bool waitForPausingThreads(int count) {
     return eventually([count] { return hostcontrol::waitingThreads() == count; });
@@ -42,7 +41,6 @@ inline SafePointer<FTPTool> loggedInTool(const ftptest::ScriptedFtpServer& serve
 inline bool contains(const std::vector<std::string>& lines, const std::string& line) {
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
-
 
 // How many threads of this process the kernel shows under `name`.
 inline int threadsNamed(const std::string& name) {

@@ -36,11 +36,11 @@ using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
 
 // The design's limits, in seconds.
-constexpr double kReadinessWait = 3.0;     // before each receive, data read or write
+constexpr double kReadinessWait = 3.0;        // before each receive, data read or write
 constexpr double kControlSocketLimit = 10.0;  // one send or receive on a control socket
-constexpr double kDataSocketLimit = 30.0;  // one send or receive on a data socket
-constexpr double kReplyLimit = 30.0;       // one reply in all (host up-time clock)
-constexpr double kListingStall = 60.0;     // one listing in all (host up-time clock)
+constexpr double kDataSocketLimit = 30.0;     // one send or receive on a data socket
+constexpr double kReplyLimit = 30.0;          // one reply in all (host up-time clock)
+constexpr double kListingStall = 60.0;        // one listing in all (host up-time clock)
 // Added to every bound: scheduling on a loaded machine, sanitizers, qemu.
 constexpr double kMargin = 10.0;
 
@@ -137,7 +137,6 @@ inline std::vector<std::string> tail(const std::vector<std::string>& all, size_t
     if (from >= all.size()) return std::vector<std::string>();
     return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(from), all.end());
 }
-
 
 // What one segment of a camera's recording road gave.
 struct Segment {

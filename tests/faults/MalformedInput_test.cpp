@@ -25,9 +25,8 @@ using faulttest::timed;
 using ftptest::Reply;
 using Lines = std::vector<std::string>;
 
-const std::vector<size_t> kLengths = {1, 2, 31, 32, 200, 253, 254, 255, 256, 1000, 8191,
-                                      8192, 8193, 100000};
-
+const std::vector<size_t> kLengths = {1,   2,   31,   32,   200,  253,  254,
+                                      255, 256, 1000, 8191, 8192, 8193, 100000};
 
 // The longest line the server received; the module builds every command in
 // 256 bytes, so none may exceed 253 characters before its line end.
@@ -45,9 +44,9 @@ TEST(MalformedLocations, EveryLengthAndByteIsRefusedOrRegisteredWithoutTraffic) 
     for (size_t n : kLengths) {
         texts.push_back(std::string(n, 'a'));
         texts.push_back(randomBytes(n, static_cast<unsigned>(n)));
-        texts.push_back("rec(pw)@ftp://127.0.0.1:1/" + std::string(n, 'p'));     // long path
-        texts.push_back("rec(pw)@ftp://" + std::string(n, '1') + "/rec");        // long server
-        texts.push_back(std::string(n, 'u') + "(pw)@ftp://127.0.0.1:1/rec");     // long user
+        texts.push_back("rec(pw)@ftp://127.0.0.1:1/" + std::string(n, 'p'));      // long path
+        texts.push_back("rec(pw)@ftp://" + std::string(n, '1') + "/rec");         // long server
+        texts.push_back(std::string(n, 'u') + "(pw)@ftp://127.0.0.1:1/rec");      // long user
         texts.push_back("rec(" + std::string(n, 'w') + ")@ftp://127.0.0.1:1/r");  // long password
         texts.push_back("rec(pw)@ftp://127.0.0.1:1/" + randomBytes(n, 7));
     }

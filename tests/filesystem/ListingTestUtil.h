@@ -7,8 +7,8 @@
 #ifndef FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
 #define FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
 
-#include <dirent.h>
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <stdlib.h>
@@ -31,9 +31,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/ScriptedFtpServer.h"
-#include "filesystem/FTPFileSystemImpl.h"
 #include "StoreTestUtil.h"
+#include "filesystem/FTPFileSystemImpl.h"
+#include "support/ScriptedFtpServer.h"
 
 namespace listingtest {
 
@@ -51,7 +51,6 @@ inline std::string crlf(std::initializer_list<std::string> lines) {
     }
     return text;
 }
-
 
 // Serves `body` as the listing of exactly `path`, every time it is asked for.
 inline void serveListing(ftptest::ScriptedFtpServer& server, const std::string& path,
@@ -79,8 +78,7 @@ inline std::vector<std::string> describe(const Entries& entries) {
 // what the server received after "USER rec" and "PASS pw".
 class ScriptedStore {
 public:
-    ScriptedStore()
-        : store_(new FTPFileSystemImpl(server_.address().c_str(), "rec", "pw", 1024)) {}
+    ScriptedStore() : store_(new FTPFileSystemImpl(server_.address().c_str(), "rec", "pw", 1024)) {}
 
     // Logs in; true when init gave 0 and the server saw exactly the login.
     bool init() {

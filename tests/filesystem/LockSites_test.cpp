@@ -6,17 +6,17 @@
 #include <chrono>
 #include <functional>
 #include <set>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "connections/FtpFileHandleManager.h"
-#include "filesystem/FTPFileSystemImpl.h"
-#include "ftpdisk_host/HostControl.h"
-#include "filesystem/FTPFileSystemManager.h"
-#include "support/ScriptedFtpServer.h"
 #include "RecordingMutex.h"
 #include "StoreTestUtil.h"
+#include "connections/FtpFileHandleManager.h"
+#include "filesystem/FTPFileSystemImpl.h"
+#include "filesystem/FTPFileSystemManager.h"
+#include "ftpdisk_host/HostControl.h"
+#include "support/ScriptedFtpServer.h"
 #include "support/TestHelpers.h"
 
 namespace {
@@ -351,7 +351,6 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceOrSnapshotAndNe
 
 using ftptest::Millis;
 using ftptest::Reply;
-
 
 // Whether the table's or the pool's lock was seen held by any thread at any
 // moment during `window`, sampled every millisecond.

@@ -13,8 +13,8 @@ std::mutex& recordMutex() {
     return *m;
 }
 
-bool recording = false;          // guarded by recordMutex()
-std::vector<Event>* events() {   // guarded by recordMutex()
+bool recording = false;         // guarded by recordMutex()
+std::vector<Event>* events() {  // guarded by recordMutex()
     static std::vector<Event>* all = new std::vector<Event>;
     return all;
 }

@@ -19,18 +19,17 @@
 
 namespace storetest {
 
-using ftptest::TempDir;
 using ftptest::joined;
 using ftptest::patternBytes;
+using ftptest::TempDir;
 
 // One Unix-style listing line, as a Linux daemon writes it:
 // "-rw-r--r--    1 rec      rec          1234 Nov 22 04:13 a.dat".
 inline std::string unixLine(char type, const std::string& size, const std::string& name) {
-    const std::string perms = type == 'd' ? "drwxr-xr-x" : (type == 'l' ? "lrwxrwxrwx" : "-rw-r--r--");
+    const std::string perms =
+        type == 'd' ? "drwxr-xr-x" : (type == 'l' ? "lrwxrwxrwx" : "-rw-r--r--");
     return perms + "    1 rec      rec      " + size + " Nov 22 04:13 " + name + "\r\n";
 }
-
-
 
 inline bool writeLocalFile(const std::string& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -58,7 +57,6 @@ inline std::vector<std::string> tail(const std::vector<std::string>& all, size_t
     }
     return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(from), all.end());
 }
-
 
 }  // namespace storetest
 

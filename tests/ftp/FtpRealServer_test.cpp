@@ -14,7 +14,6 @@ namespace {
 
 using ftptest::randomBytes;
 
-
 bool store(FTPTool& tool, const char* path, const std::string& bytes) {
     NetBuf* d = nullptr;
     if (!tool.dataConnect(path, kFtpStor, 'I', &d)) return false;

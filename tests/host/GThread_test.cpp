@@ -1,8 +1,8 @@
 // The host thread: its body runs again and again until stopped, the OS thread
 // carries the (15-character) name, onStart/onStop bracket the body calls, and
 // stop interrupts a KadmorTime::wait in progress. Also the host mutex.
-#include <gtest/gtest.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -46,7 +46,6 @@ bool hasThreadNamed(const std::string& name) {
     }
     return false;
 }
-
 
 // The three callables of a GThread, counting their calls.
 class Probe {

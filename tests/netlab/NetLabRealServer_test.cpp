@@ -21,7 +21,6 @@ using ftptest::Traffic;
 using ftptest::Way;
 using Millis = std::chrono::milliseconds;
 
-
 // Reads a transfer until its end; *last gets the last read's result.
 std::string readData(FTPTool& tool, NetBuf* data, int* last) {
     std::string got;

@@ -183,8 +183,7 @@ private:
 
     void handleCommand(Session& s, const std::string& line);
     bool sendControl(Session& s, const Reply& reply, const std::string& text);
-    void transfer(Session& s, const std::string& verb, const std::string& arg,
-                  const Reply& reply);
+    void transfer(Session& s, const std::string& verb, const std::string& arg, const Reply& reply);
     int openDataConnection(Session& s, const Reply& reply);
     void closeSessionData(Session& s);
 
