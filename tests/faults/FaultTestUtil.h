@@ -31,6 +31,7 @@
 namespace faulttest {
 
 using ftptest::patternBytes;
+using ftptest::tail;
 
 using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
@@ -130,12 +131,6 @@ inline ::testing::AssertionResult noGrowth(const Resources& before, size_t heapT
            << "descriptors " << before.descriptors << " -> " << descriptors << ", threads "
            << before.threads << " -> " << threads << ", heap " << before.heap << " -> " << heap
            << " (tolerance " << heapTolerance << ")";
-}
-
-// The elements of `all` from index `from` on.
-inline std::vector<std::string> tail(const std::vector<std::string>& all, size_t from) {
-    if (from >= all.size()) return std::vector<std::string>();
-    return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(from), all.end());
 }
 
 // What one segment of a camera's recording road gave.

@@ -28,17 +28,14 @@
 
 namespace {
 
+using ftptest::sorted;
+
 using ftptest::joined;
 using ftptest::patternBytes;
 
 using std::chrono::milliseconds;
 
 const long long kMiB = 1048576;
-
-std::vector<std::string> sorted(std::vector<std::string> names) {
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 // Sum of the sizes the servers list for everything below `dir` (files and
 // directories alike, names starting with '.' left out), from the local disk.

@@ -21,6 +21,7 @@ namespace storetest {
 
 using ftptest::joined;
 using ftptest::patternBytes;
+using ftptest::tail;
 using ftptest::TempDir;
 
 // One Unix-style listing line, as a Linux daemon writes it:
@@ -49,14 +50,6 @@ inline bool readLocalFile(const std::string& path, std::string* bytes) {
 }
 
 inline bool localFileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
-// The elements of `all` from index `from` on.
-inline std::vector<std::string> tail(const std::vector<std::string>& all, size_t from) {
-    if (from >= all.size()) {
-        return std::vector<std::string>();
-    }
-    return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(from), all.end());
-}
 
 }  // namespace storetest
 

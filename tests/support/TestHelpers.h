@@ -1,8 +1,9 @@
 // Small helpers every test folder shares: bounded polling, deterministic test
-// bytes and lines joined for messages. Header-only; any thread.
+// bytes, and lists of lines joined, cut and sorted. Header-only; any thread.
 #ifndef FTPDISK_TESTS_SUPPORT_TESTHELPERS_H
 #define FTPDISK_TESTS_SUPPORT_TESTHELPERS_H
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -57,6 +58,19 @@ inline std::string joined(const std::vector<std::string>& lines,
         text += lines[i];
     }
     return text;
+}
+
+// The elements of `all` from index `from` on (none when `from` is past the
+// end): the commands a server received after a mark, say.
+inline std::vector<std::string> tail(const std::vector<std::string>& all, std::size_t from) {
+    if (from >= all.size()) return std::vector<std::string>();
+    return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(from), all.end());
+}
+
+// The lines in byte order.
+inline std::vector<std::string> sorted(std::vector<std::string> lines) {
+    std::sort(lines.begin(), lines.end());
+    return lines;
 }
 
 }  // namespace ftptest
