@@ -17,7 +17,8 @@
 // server and writes share the machine with logins. The summary gives the time
 // until the last camera's first open, and write latency over the calls that
 // started after it, so that a steady state can be judged apart from the
-// start. --json FILE writes every figure for scripts (bench/recorder_load).
+// start. Each camera makes its directory (createDir) before its first open,
+// and that time is shown too. --json FILE writes every figure for scripts (bench/recorder_load).
 #include <signal.h>
 
 #include <atomic>
@@ -140,6 +141,7 @@ struct CameraResult {
     long long droppedBytes = 0;
     int failedCalls = 0;
     double maxLag = 0;
+    LatencySamples mkdirSeconds;
     LatencySamples openSeconds;
     LatencySamples closeSeconds;
     LatencySamples writeSeconds;
@@ -186,7 +188,9 @@ public:
         const long long ticks = std::llround(settings_.seconds / kTick);
         const long long ticksPerSegment = std::max(1LL, std::llround(settings_.segment / kTick));
 
+        const double t0 = monotonicSeconds();
         const bool dirMade = store_->createDir(dir_.c_str()) == 0;
+        result.mkdirSeconds.add(monotonicSeconds() - t0);
         if (!dirMade) {
             noteFailure("mkdir", dir_);
             result.droppedBytes = static_cast<long long>(bytesPerSecond * settings_.seconds);
@@ -622,6 +626,7 @@ int runRecord(const Arguments& args) {
         total.droppedBytes += r.droppedBytes;
         total.failedCalls += r.failedCalls;
         total.maxLag = std::max(total.maxLag, r.maxLag);
+        total.mkdirSeconds.merge(r.mkdirSeconds);
         total.openSeconds.merge(r.openSeconds);
         total.closeSeconds.merge(r.closeSeconds);
         total.writeSeconds.merge(r.writeSeconds);
@@ -661,7 +666,8 @@ int runRecord(const Arguments& args) {
                       started, settings.cameras);
     }
     std::cout << "  first open     " << rampText << "\n"
-              << latencyLine("after ramp", total.rampedWriteSeconds) << "\n";
+              << latencyLine("after ramp", total.rampedWriteSeconds) << "\n"
+              << latencyLine("mkdir latency", total.mkdirSeconds) << "\n";
     std::string silent;
     int silentCount = 0;
     for (const auto& camera : cameras) {
@@ -705,6 +711,7 @@ int runRecord(const Arguments& args) {
              << ",\n  \"first_open_all_seconds\": "
              << (started == settings.cameras ? jsonNumber(rampSeconds) : "null")
              << ",\n  \"most_open_files\": " << live.mostOpenFiles.load()
+             << ",\n  \"mkdir\": " << jsonLatency(total.mkdirSeconds)
              << ",\n  \"open\": " << jsonLatency(total.openSeconds)
              << ",\n  \"close\": " << jsonLatency(total.closeSeconds)
              << ",\n  \"write\": " << jsonLatency(total.writeSeconds)
