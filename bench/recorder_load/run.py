@@ -25,6 +25,7 @@ scripts/install-deps.sh installs, and a build with tests, tools and benches.
 
 import argparse
 import json
+import math
 import os
 import queue
 import re
@@ -171,12 +172,18 @@ class Lab:
         return counters
 
 
+def llround(value):
+    """C's llround for the positive values here (Python's round() rounds
+    halves to even)."""
+    return int(math.floor(value + 0.5))
+
+
 def segment_size(rate_mbit, seconds, segment, number):
     """Bytes record writes into segment `number` (1, 2, ...) of a camera: the
     same float arithmetic as tools/Record.cpp, so the sizes agree exactly."""
     bytes_per_second = rate_mbit * 1e6 / 8
-    ticks = round(seconds / TICK)
-    per_segment = max(1, round(segment / TICK))
+    ticks = llround(seconds / TICK)
+    per_segment = max(1, llround(segment / TICK))
     first = (number - 1) * per_segment
     last = min(number * per_segment, ticks)
     at = lambda tick: int(bytes_per_second * TICK * float(tick))
@@ -189,8 +196,8 @@ def check_disk(directory, args):
     files = 0
     total = 0
     problems = []
-    ticks = round(args.seconds / TICK)
-    per_segment = max(1, round(args.segment / TICK))
+    ticks = llround(args.seconds / TICK)
+    per_segment = max(1, llround(args.segment / TICK))
     segments = (ticks + per_segment - 1) // per_segment
     for folder, _, names in os.walk(directory):
         for name in sorted(names):
