@@ -18,7 +18,8 @@
 // until the last camera's first open, and write latency over the calls that
 // started after it, so that a steady state can be judged apart from the
 // start. Each camera makes its directory (createDir) before its first open,
-// and that time is shown too. --json FILE writes every figure for scripts (bench/recorder_load).
+// and that time is shown too. --json FILE writes every figure for scripts
+// (bench/recorder_load/run.py).
 #include <signal.h>
 
 #include <atomic>
@@ -475,7 +476,9 @@ std::string failureVerdict(const FailedCalls& failures, int cameras, int connect
     return verdict;
 }
 
-// A JSON string literal of `text`.
+// A JSON string literal of `text`. A server's reply may hold any bytes; each
+// byte outside printable ASCII is written as the character of that number, so
+// the file is valid JSON whatever the server sent.
 std::string jsonText(const std::string& text) {
     std::string out = "\"";
     for (const char c : text) {
@@ -483,7 +486,7 @@ std::string jsonText(const std::string& text) {
         if (c == '"' || c == '\\') {
             out += '\\';
             out += c;
-        } else if (u < 0x20) {
+        } else if (u < 0x20 || u >= 0x7f) {
             char escaped[8];
             std::snprintf(escaped, sizeof escaped, "\\u%04x", u);
             out += escaped;
