@@ -476,27 +476,6 @@ std::string failureVerdict(const FailedCalls& failures, int cameras, int connect
     return verdict;
 }
 
-// A JSON string literal of `text`. A server's reply may hold any bytes; each
-// byte outside printable ASCII is written as the character of that number, so
-// the file is valid JSON whatever the server sent.
-std::string jsonText(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (u < 0x20 || u >= 0x7f) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", u);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
-
 std::string jsonNumber(double value) {
     char text[32];
     std::snprintf(text, sizeof text, "%.6f", value);
@@ -697,7 +676,7 @@ int runRecord(const Arguments& args) {
     bool jsonWritten = true;
     if (!settings.jsonFile.empty()) {
         std::ofstream json(settings.jsonFile, std::ios::trunc);
-        json << "{\n  \"location\": " << jsonText(session.location().masked())
+        json << "{\n  \"location\": " << jsonString(session.location().masked())
              << ",\n  \"cameras\": " << settings.cameras
              << ",\n  \"seconds\": " << jsonNumber(settings.seconds)
              << ",\n  \"rate_mbit\": " << jsonNumber(settings.megabits)
@@ -722,20 +701,20 @@ int runRecord(const Arguments& args) {
              << ",\n  \"failed_by_reason\": [";
         const auto reasons = failures.byReason();
         for (std::size_t i = 0; i < reasons.size(); ++i) {
-            json << (i == 0 ? "\n    " : ",\n    ") << "{\"reason\": " << jsonText(reasons[i].first)
+            json << (i == 0 ? "\n    " : ",\n    ") << "{\"reason\": " << jsonString(reasons[i].first)
                  << ", \"calls\": " << reasons[i].second << "}";
         }
         json << "],\n  \"first_failed_calls\": [";
         const std::vector<FailedCall> calls = failures.firstCalls();
         for (std::size_t i = 0; i < calls.size(); ++i) {
             json << (i == 0 ? "\n    " : ",\n    ") << "{\"camera\": " << calls[i].camera
-                 << ", \"operation\": " << jsonText(calls[i].operation)
-                 << ", \"path\": " << jsonText(calls[i].path)
+                 << ", \"operation\": " << jsonString(calls[i].operation)
+                 << ", \"path\": " << jsonString(calls[i].path)
                  << ", \"at_seconds\": " << jsonNumber(calls[i].at)
-                 << ", \"why\": " << jsonText(calls[i].why) << "}";
+                 << ", \"why\": " << jsonString(calls[i].why) << "}";
         }
         json << "],\n  \"interrupted\": " << (gStopRequested.load() ? "true" : "false")
-             << ",\n  \"verdict\": " << jsonText(verdict) << "\n}\n";
+             << ",\n  \"verdict\": " << jsonString(verdict) << "\n}\n";
         json.close();
         if (!json) {
             jsonWritten = false;
