@@ -2,7 +2,9 @@
 // reply into lines at "\r\n", choosing the style, and parsing the lines into
 // entry records. Builds a Unix-style and a DOS-style reply of N lines each in
 // memory (default 100,000), runs every step R times (default 7) and prints the
-// median lines per second of each.
+// median lines per second of each. "in place" is the road the store's own
+// listings take: lines and words read inside the one text, every entry's name
+// taken out, no shared records.
 //
 //   listing_bench [lines] [repetitions]
 //
@@ -19,6 +21,7 @@
 #include "host/StringHandler.h"
 #include "listing/FTPFileDescriptor.h"
 #include "listing/LinuxFTPFileParser.h"
+#include "listing/ListingLines.h"
 #include "listing/ListingStyle.h"
 #include "listing/WindowsFTPFileParser.h"
 
@@ -84,13 +87,27 @@ double median(std::vector<double> values) {
 struct Figures {
     double split;
     double parse;
-    double whole;  // split, parse and release of the records
+    double whole;    // split, parse and release of the records
+    double inPlace;  // the store's own road: lines and words in place, names out, no records
+};
+
+// What getFileList keeps of each entry: its name (all of them here, so that
+// every entry is checked), plus the count and the total for the check.
+struct NamesOut {
+    std::vector<std::string> names;
+    long long total = 0;
+    bool operator()(FTPConst::FTPFileDescriptor& record) {
+        names.push_back(std::string());
+        names.back().swap(record.name);
+        total += record.size;
+        return true;
+    }
 };
 
 // Returns false when a run gives other entries than expected.
 bool measure(const char* label, const std::string& text, int lines, int expectedStyle,
              long long expectedTotal, int expectedEntries, int repetitions, Figures& out) {
-    std::vector<double> split, parse, whole;
+    std::vector<double> split, parse, whole, inPlace;
     for (int r = 0; r < repetitions; ++r) {
         std::vector<std::string> parts;
         Entries entries;
@@ -120,10 +137,28 @@ bool measure(const char* label, const std::string& text, int lines, int expected
         split.push_back(seconds(t0, t1));
         parse.push_back(seconds(t1, t2));
         whole.push_back(seconds(t0, t2) + seconds(t3, t4));
+
+        NamesOut sink;
+        const Clock::time_point t5 = Clock::now();
+        const int textStyle = FTPConst::detectTextStyle(text);
+        FTPConst::forEachListedEntry(text, textStyle, sink);
+        const int named = static_cast<int>(sink.names.size());
+        sink.names.clear();
+        const Clock::time_point t6 = Clock::now();
+        if (textStyle != expectedStyle || sink.total != expectedTotal || named != expectedEntries) {
+            std::fprintf(stderr,
+                         "%s in place: style %d, %d entries, total %lld; expected style %d, %d "
+                         "entries, total %lld\n",
+                         label, textStyle, named, sink.total, expectedStyle, expectedEntries,
+                         expectedTotal);
+            return false;
+        }
+        inPlace.push_back(seconds(t5, t6));
     }
     out.split = lines / median(split);
     out.parse = lines / median(parse);
     out.whole = lines / median(whole);
+    out.inPlace = lines / median(inPlace);
     return true;
 }
 
@@ -149,8 +184,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::printf("lines per listing: %d, repetitions: %d (median)\n", lines, repetitions);
-    std::printf("%-6s %14s %14s %14s  (lines/s)\n", "style", "split", "parse", "split+parse");
-    std::printf("%-6s %14.0f %14.0f %14.0f\n", "unix", unixFigures.split, unixFigures.parse, unixFigures.whole);
-    std::printf("%-6s %14.0f %14.0f %14.0f\n", "dos", dosFigures.split, dosFigures.parse, dosFigures.whole);
+    std::printf("%-6s %14s %14s %14s %14s  (lines/s)\n", "style", "split", "parse", "split+parse",
+                "in place");
+    std::printf("%-6s %14.0f %14.0f %14.0f %14.0f\n", "unix", unixFigures.split, unixFigures.parse,
+                unixFigures.whole, unixFigures.inPlace);
+    std::printf("%-6s %14.0f %14.0f %14.0f %14.0f\n", "dos", dosFigures.split, dosFigures.parse,
+                dosFigures.whole, dosFigures.inPlace);
     return 0;
 }

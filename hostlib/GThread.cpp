@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "Clock.h"
+#include "foundation/Function.h"
 #include "host/KadmorTime.h"
 
 namespace {

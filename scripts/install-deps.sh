@@ -1,8 +1,15 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian 12 machine lacks to build and test ftpdisk:
 # compilers and build tools, GoogleTest and Google Benchmark, the armhf cross
-# toolchain with qemu-user, and the real FTP servers the server tests start on
-# loopback. Idempotent: when everything is present it only checks and prints.
+# toolchain with qemu-user, the real FTP servers the server tests start on
+# loopback, curl (the peer client of bench/peers), and the tools that make and
+# check the Debian packages and the API reference. Idempotent: when everything
+# is present it only checks and prints.
+#
+# The armhf packages' dependencies are worked out by dpkg-shlibdeps from the
+# armhf C and C++ runtime libraries as Debian installs them for a second
+# architecture, so armhf is added to dpkg's architectures and those three
+# libraries are installed (in /usr/lib/arm-linux-gnueabihf; nothing runs them).
 #
 # The three FTP daemons conflict with each other as Debian packages (each
 # provides ftp-server), so vsftpd is installed the usual way and proftpd and
@@ -38,6 +45,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-pyftpdlib
   vsftpd
+  # the peer client of the side-by-side benchmark (bench/peers)
+  curl
   # proftpd-core's libraries
   libacl1 libcap2 libcrypt1 libhiredis0.14 libidn2-0 libmemcached11
   libmemcachedutil2 libncursesw6 libpam0g libpcre2-8-0 libpcre2-posix3
@@ -48,6 +57,9 @@ packages=(
   make gcc bzip2 dpkg-dev libcrypt-dev
   # cross build for the recorder's 32-bit ARM and running its tests
   g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user
+  # Debian packages, their checks and the API reference
+  lintian file pkgconf doxygen
+  libc6:armhf libstdc++6:armhf libgcc-s1:armhf
 )
 
 # Packages unpacked into ${servers_dir}/<package> instead of installed.
@@ -65,6 +77,11 @@ apt_update_once() {
     updated=yes
   fi
 }
+
+if ! dpkg --print-foreign-architectures | grep -qx armhf; then
+  say "adding armhf to dpkg's architectures"
+  ${sudo_cmd} dpkg --add-architecture armhf
+fi
 
 missing=()
 for p in "${packages[@]}"; do

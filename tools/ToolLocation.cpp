@@ -1,9 +1,12 @@
 #include "ToolLocation.h"
 
-#include <netdb.h>
+#include <stdint.h>
 
 #include <cstdlib>
 #include <vector>
+
+#include "ftp/FTPTool.h"
+#include "location/FTPPath.h"
 
 namespace ftpdisk_tool {
 
@@ -11,17 +14,11 @@ const char* const kLocationForm = "user[(password)]@ftp://server[:port]/path";
 
 namespace {
 
-const char kMarker[] = "ftp://";
 
-// The user name escapes "(", "*" and "@" with a "*" in the text form.
+// The user name as the text form writes it: "(", "*" and "@" escaped by "*".
 std::string escapeUser(const std::string& user) {
     std::string escaped;
-    for (char c : user) {
-        if (c == '(' || c == '*' || c == '@') {
-            escaped += '*';
-        }
-        escaped += c;
-    }
+    NS_FTPPath::convertUserName(user, escaped);
     return escaped;
 }
 
@@ -86,30 +83,19 @@ bool checkPassword(const std::string& password, std::string& problem) {
     return true;
 }
 
-// The position of the "(" that ends the user name in `credentials`, or npos.
-std::string::size_type userNameEnd(const std::string& credentials) {
-    for (std::string::size_type i = 0; i < credentials.size(); ++i) {
-        if (credentials[i] == '(') {
-            return i;
-        }
-        if (credentials[i] == '*') {
-            ++i;
-        }
-    }
-    return std::string::npos;
-}
-
 }  // namespace
 
 bool findPassword(const std::string& text, std::size_t& begin, std::size_t& length) {
-    const std::string::size_type at = text.rfind('@');
-    if (at == std::string::npos) {
+    std::string credentials;
+    std::string serverInfo;
+    if (NS_FTPPath::splitInfo(text, credentials, serverInfo) == 0) {
         return false;
     }
-    const std::string credentials = text.substr(0, at);
-    const std::string::size_type open = userNameEnd(credentials);
+    std::string user;
+    const std::string::size_type open =
+        static_cast<std::string::size_type>(NS_FTPPath::parseUserName(credentials, user));
     const std::string::size_type close = credentials.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open) {
+    if (open == 0 || close == std::string::npos || close < open) {
         return false;
     }
     begin = open + 1;
@@ -118,14 +104,11 @@ bool findPassword(const std::string& text, std::size_t& begin, std::size_t& leng
 }
 
 bool lookUpServicePort(const std::string& name, unsigned short& networkOrderPort) {
-    struct servent entry;
-    struct servent* found = nullptr;
-    char scratch[1024];
-    if (::getservbyname_r(name.c_str(), "tcp", &entry, scratch, sizeof scratch, &found) != 0 ||
-        found == nullptr) {
+    uint16_t port = 0;
+    if (ftpLookUpService(name.c_str(), &port) == 0) {
         return false;
     }
-    networkOrderPort = static_cast<unsigned short>(found->s_port);
+    networkOrderPort = port;
     return true;
 }
 
@@ -150,7 +133,7 @@ std::string childPath(const std::string& dir, const std::string& name) {
 }
 
 std::string Location::masked() const {
-    return escapeUser(user) + "(***)@" + kMarker + server + base;
+    return escapeUser(user) + "(***)@" + NS_FTPPath::FTPPathBegin + server + base;
 }
 
 bool Location::setPassword(const std::string& secret, std::string& problem) {
@@ -170,68 +153,45 @@ bool Location::setPassword(const std::string& secret, std::string& problem) {
 bool parseLocation(const std::string& text, Location& out, std::string& problem) {
     out = Location();
     out.text = text;
-    const std::string::size_type at = text.rfind('@');
-    if (text.empty() || at == std::string::npos) {
+    // Every step is the registry's own (NS_FTPPath), so the tool reads a text
+    // exactly as the store's registry will; only the form without a password
+    // and the checks below are the tool's.
+    std::string userInfo;
+    std::string serverInfo;
+    if (NS_FTPPath::splitInfo(text, userInfo, serverInfo) == 0) {
         problem = "no \"@\" between the credentials and the server";
         return false;
     }
-    const std::string userInfo = text.substr(0, at);
-    const std::string serverInfo = text.substr(at + 1);
     out.serverPart = serverInfo;
 
     // The user name runs to the first "(" that is not escaped by "*"; without
     // one the whole of it is the name and the password comes from elsewhere.
-    const std::string::size_type open = userNameEnd(userInfo);
-    const std::string name = userInfo.substr(0, open);
-    for (std::string::size_type i = 0; i < name.size(); ++i) {
-        if (name[i] == '*' && i + 1 < name.size()) {
-            ++i;
-        }
-        out.user += name[i];
-    }
-    if (out.user.empty()) {
-        problem = "empty user name";
-        return false;
-    }
-    if (open == std::string::npos && out.user.find(':') != std::string::npos) {
-        // 'user:password@...' as in URLs: what follows the ":" is most likely
-        // a password, which must not be taken for a name and printed.
-        problem = "\":\" in the user name (the password goes in brackets, user(password), "
-                  "or is left out)";
-        return false;
-    }
-    if (open != std::string::npos) {
-        const std::string::size_type close = userInfo.rfind(')');
-        if (close == std::string::npos || close < open) {
+    std::string name;
+    const bool hasPassword = NS_FTPPath::parseUserName(userInfo, name) != 0;
+    if (hasPassword) {
+        if (NS_FTPPath::parseUserInfo(userInfo, out.user, out.password) == 0) {
             problem = "no \")\" after the password";
             return false;
         }
-        out.password = userInfo.substr(open + 1, close - open - 1);
         out.passwordGiven = true;
+    } else if (name.empty()) {
+        problem = "empty user name";
+        return false;
+    } else {
+        out.user = name;
+        if (out.user.find(':') != std::string::npos) {
+            // 'user:password@...' as in URLs: what follows the ":" is most
+            // likely a password, which must not be taken for a name and printed.
+            problem = "\":\" in the user name (the password goes in brackets, user(password), "
+                      "or is left out)";
+            return false;
+        }
     }
 
-    const std::string::size_type marker = serverInfo.find(kMarker);
-    if (marker == std::string::npos) {
+    if (NS_FTPPath::parseServerInfo(serverInfo, out.server, out.base) == 0) {
         problem = "no \"ftp://\" before the server";
         return false;
     }
-    std::string rest = serverInfo.substr(marker + sizeof(kMarker) - 1);
-    for (char& c : rest) {
-        if (c == '\\') {
-            c = '/';
-        }
-    }
-    const std::string::size_type slash = rest.find('/');
-    out.server = rest.substr(0, slash);
-    std::string path = slash == std::string::npos ? std::string() : rest.substr(slash);
-    const std::string::size_type doubled = path.find("//");
-    if (path.size() > 1 && doubled != std::string::npos) {
-        path.erase(doubled, 1);
-    }
-    while (!path.empty() && path.back() == '/') {
-        path.pop_back();
-    }
-    out.base = path;
 
     if (!checkServer(out.server, problem)) {
         return false;
@@ -258,7 +218,7 @@ std::string maskLocationText(const std::string& text) {
     // stands before the marker; without that either, the whole text.
     std::string::size_type end = text.rfind('@');
     if (end == std::string::npos) {
-        end = text.find(kMarker);
+        end = text.find(NS_FTPPath::FTPPathBegin);
     }
     if (end == std::string::npos) {
         end = text.size();

@@ -1,24 +1,29 @@
 // The ftpdisk command's view of a location text and of the paths below it.
 //
-// The tool parses the location text itself (the module's parser is internal)
-// with the same rules the registry applies, so that it can echo the location
-// without its password, refuse texts the store's fixed fields could not hold,
-// and place the command's path argument below the location's base directory.
-// Plain functions on values; safe from any thread.
+// The tool reads a location text with the module's own parser (the location
+// layer, linked into the command statically; the loaded module exports only
+// its three classes), so it reads every text exactly as the registry will. On
+// top of that it takes the form without a password, echoes the location
+// without its password, refuses texts the store's fixed fields could not hold
+// or that the module would read differently than a user means (a port outside
+// 1..65535, a ':' in a user name), and places the command's path argument
+// below the location's base directory. Plain functions on values; safe from
+// any thread.
 #ifndef FTPDISK_TOOLS_TOOLLOCATION_H
 #define FTPDISK_TOOLS_TOOLLOCATION_H
 
 #include <string>
 
+#include "location/LocationLimits.h"
+
 namespace ftpdisk_tool {
 
-// The limits that keep the store's fixed text fields and command buffers
-// intact: the store keeps the password in 20 bytes and the open-file table
-// keeps server, user and password in 32 bytes each, all zero-terminated; a
-// transfer command ("STOR " and the path) must fit a 256-byte line.
-constexpr std::size_t kMaxServer = 31;
-constexpr std::size_t kMaxUser = 31;
-constexpr std::size_t kMaxPassword = 19;
+// The module's limits on the texts of a location (what the store's fixed
+// fields hold), and on a remote path: a transfer command ("STOR " and the
+// path) must fit a 256-byte line.
+constexpr std::size_t kMaxServer = NS_FTPPath::kMaxServerLength;
+constexpr std::size_t kMaxUser = NS_FTPPath::kMaxUserLength;
+constexpr std::size_t kMaxPassword = NS_FTPPath::kMaxPasswordLength;
 constexpr std::size_t kMaxRemotePath = 250;
 
 // What a command needs to know about one location. Examples:

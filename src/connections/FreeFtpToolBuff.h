@@ -12,7 +12,7 @@
 #include <atomic>
 #include <vector>
 
-#include "connections/Function.h"
+#include "foundation/Function.h"
 #include "foundation/SafePointer.h"
 #include "ftp/FTPTool.h"
 #include "host/technic/KDMutex.h"

@@ -65,26 +65,17 @@ public:
         entry.path = path;
         table_.opening.push_back(entry);
     }
-    // REQUIRES: mutex is not held.
+    // REQUIRES: the table's mutex is not held.
     ~PendingOpen() {
         if (ended_) {
             return;
         }
         KDMutexLocker guard(table_.mutex, kLockSource, __LINE__);
-        forgetLocked();
+        table_.endOpening(handle_);
     }
-    // Ends the reservation while the caller holds the table's mutex (it is
-    // recording the open file in the same step).
-    void forgetLocked() FTPDISK_REQUIRES(table_.mutex) {
-        ended_ = true;
-        for (std::vector<OpenInProgress>::iterator it = table_.opening.begin();
-             it != table_.opening.end(); ++it) {
-            if (it->handle == handle_) {
-                table_.opening.erase(it);
-                return;
-            }
-        }
-    }
+    // The caller has ended the reservation itself (with endOpening, under the
+    // table's mutex, in the same step that records the open file).
+    void dismiss() { ended_ = true; }
 
 private:
     PendingOpen(const PendingOpen&);
@@ -95,10 +86,21 @@ private:
     bool ended_;
 };
 
+void FtpFileHandleManager::endOpening(int32_t handle) {
+    for (std::vector<OpenInProgress>::iterator it = opening.begin(); it != opening.end(); ++it) {
+        if (it->handle == handle) {
+            opening.erase(it);
+            return;
+        }
+    }
+}
+
 int FtpFileHandleManager::open(const char* path, int mode) {
-    // A path that does not fit the handler's name field is refused before any
-    // traffic and before a handle number is reserved.
-    if (path == NULL || strlen(path) >= static_cast<size_t>(kFtpFileNameSize)) {
+    // A path that does not fit the handler's name field, or that could never
+    // be sent (a line end inside it), is refused before any traffic and
+    // before a handle number is reserved.
+    if (path == NULL || strlen(path) >= static_cast<size_t>(kFtpFileNameSize) ||
+        strpbrk(path, "\r\n") != NULL) {
         return -1;
     }
     int id = -1;
@@ -138,7 +140,8 @@ int FtpFileHandleManager::open(const char* path, int mode) {
         return -1;
     }
     KDMutexLocker guard(mutex, kLockSource, __LINE__);
-    pending->forgetLocked();
+    endOpening(id);
+    pending->dismiss();
     fileHandlers.push_back(handler);
     return id;
 }

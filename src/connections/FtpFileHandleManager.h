@@ -36,7 +36,8 @@ public:
                          int firstHandle, int handleLimit, int maxOpenFiles);
     virtual ~FtpFileHandleManager();
 
-    // A handle, or -1 (path of 256 characters or more, too many open files,
+    // A handle, or -1 (path of 256 characters or more or holding a CR or LF,
+    // too many open files,
     // path already open, no free number, no connection, transfer refused).
     // Opens still in progress count towards the open-file limit and the
     // one-open-per-path rule. Once a number is reserved, a later failure
@@ -75,6 +76,9 @@ private:
 
     // True when `path` is open or being opened. REQUIRES: mutex is held.
     bool pathInUse(const char* path) FTPDISK_REQUIRES(mutex);
+    // Takes the open in progress with number `handle` off `opening`.
+    // REQUIRES: mutex is held.
+    void endOpening(int32_t handle) FTPDISK_REQUIRES(mutex);
 
     SafePointer<FreeFtpToolBuff> freeToolBuff;
     // Guarded by mutex. In order of opening.

@@ -13,6 +13,7 @@
 
 #include "host/KDFile.h"
 #include "host/string_util.h"
+#include "location/LocationLimits.h"
 
 namespace {
 
@@ -28,10 +29,20 @@ const unsigned int kCopyBufferSize = 8192;
 const unsigned char kLocalCreateMode = 98;
 const unsigned char kLocalReadMode = 1;
 
-// True when `text` (with its terminator) fits a field of `size` bytes.
-bool fitsField(const char* text, size_t size) {
-    return text != NULL && strlen(text) < size;
-}
+// The limits of a location are what the store's and the open-file table's
+// fields hold; a field that shrank below them would fail to compile here.
+static_assert(static_cast<size_t>(kStoreServerSize) > NS_FTPPath::kMaxServerLength &&
+                  static_cast<size_t>(kFtpTableTextSize) > NS_FTPPath::kMaxServerLength,
+              "every server field holds the longest server address and a terminator");
+static_assert(static_cast<size_t>(kStoreUserSize) > NS_FTPPath::kMaxUserLength &&
+                  static_cast<size_t>(kFtpTableTextSize) > NS_FTPPath::kMaxUserLength,
+              "every user field holds the longest user name and a terminator");
+static_assert(static_cast<size_t>(kStorePasswordSize) > NS_FTPPath::kMaxPasswordLength &&
+                  static_cast<size_t>(kFtpTableTextSize) > NS_FTPPath::kMaxPasswordLength,
+              "every password field holds the longest password and a terminator");
+
+// True when `text` is there and has at most `limit` characters.
+bool fitsLimit(const char* text, size_t limit) { return text != NULL && strlen(text) <= limit; }
 
 // Zero-fills the field, then copies `text` in; the caller has checked that it
 // fits.
@@ -40,31 +51,39 @@ void fillField(char* field, size_t size, const char* text) {
     memcpy(field, text, strlen(text));
 }
 
-// Cuts a path into the prefixes that createDir and isDirExist act on:
+// Walks the prefixes that createDir and isDirExist act on, one at a time:
 // "/rec/d1/cam1" gives "/rec/", "/rec/d1/", "/rec/d1/cam1"; "a/b" gives "a/",
 // "a/b"; "x//y" gives "x/", "x//", "x//y". Every prefix keeps its trailing "/"
 // except the last when the path has none. The root "/" alone is never acted
 // on: it always exists and cannot be made.
-std::vector<std::string> pathPrefixes(const char* path) {
-    std::vector<std::string> prefixes;
-    std::string rest(path);
-    std::string built;
-    while (!rest.empty()) {
-        const std::string::size_type slash = rest.find('/');
-        if (slash != std::string::npos) {
-            built += rest.substr(0, slash + 1);
-            rest.erase(0, slash + 1);
-        } else {
-            built += rest;
-            rest.clear();
+//
+// Each prefix is the path's first characters up to and including a "/", so
+// one is made only when asked for. A path of many separators (100,000 "/")
+// would otherwise cost the sum of all its prefixes' lengths before the first
+// command, gigabytes, while its callers stop at the first prefix too long
+// for a command line.
+class PathPrefixes {
+public:
+    explicit PathPrefixes(const char* path) : path_(path), end_(0) {}
+
+    // The next prefix into `prefix`; false once the path is used up.
+    bool next(std::string& prefix) {
+        while (end_ < path_.size()) {
+            const std::string::size_type slash = path_.find('/', end_);
+            end_ = slash == std::string::npos ? path_.size() : slash + 1;
+            if (end_ == 1 && path_[0] == '/') {
+                continue;
+            }
+            prefix.assign(path_, 0, end_);
+            return true;
         }
-        if (built == "/") {
-            continue;
-        }
-        prefixes.push_back(built);
+        return false;
     }
-    return prefixes;
-}
+
+private:
+    const std::string path_;
+    std::string::size_type end_;
+};
 
 // Opens the local file of Get or Put (its UTF-8 name widened for the host) in
 // `mode`; on failure prints the line the recorder's log has always shown and
@@ -115,12 +134,9 @@ bool fileOpenForWriting(FtpFileHandleManager* table, int handle,
 }  // namespace
 
 bool FTPFileSystemImpl::textsFit(const char* server, const char* user, const char* password) {
-    // The server text is copied into the store (48 bytes) and into the
-    // open-file table (32 bytes); user and password likewise (32/32 and
-    // 20/32). The smaller field of each pair decides.
-    return fitsField(server, kFtpTableTextSize) && fitsField(server, kStoreServerSize) &&
-           fitsField(user, kFtpTableTextSize) && fitsField(user, kStoreUserSize) &&
-           fitsField(password, kFtpTableTextSize) && fitsField(password, kStorePasswordSize);
+    return fitsLimit(server, NS_FTPPath::kMaxServerLength) &&
+           fitsLimit(user, NS_FTPPath::kMaxUserLength) &&
+           fitsLimit(password, NS_FTPPath::kMaxPasswordLength);
 }
 
 FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const char* password,
@@ -248,15 +264,16 @@ int FTPFileSystemImpl::createDir(const char* path) {
     if (!initialised) {
         return -1;
     }
-    const std::vector<std::string> prefixes = pathPrefixes(path);
-    for (size_t i = 0; i < prefixes.size(); ++i) {
+    PathPrefixes prefixes(path);
+    std::string prefix;
+    while (prefixes.next(prefix)) {
         // Back to the root before every test, so a relative path is taken from
         // the root and not from wherever the last operation left us.
         mainTool->cd("/");
-        if (mainTool->cd(prefixes[i].c_str()) == 1) {
+        if (mainTool->cd(prefix.c_str()) == 1) {
             continue;
         }
-        if (mainTool->mkdir(prefixes[i].c_str()) == 0) {
+        if (mainTool->mkdir(prefix.c_str()) == 0) {
             return -1;  // directories made so far stay
         }
     }
@@ -274,9 +291,10 @@ bool FTPFileSystemImpl::isDirExist(const char* path) {
     // Unlike createDir there is no return to "/" between the prefixes: each
     // prefix is tried from where the previous one led (kept as the recorder
     // has always seen it).
-    const std::vector<std::string> prefixes = pathPrefixes(path);
-    for (size_t i = 0; i < prefixes.size(); ++i) {
-        if (mainTool->cd(prefixes[i].c_str()) != 1) {
+    PathPrefixes prefixes(path);
+    std::string prefix;
+    while (prefixes.next(prefix)) {
+        if (mainTool->cd(prefix.c_str()) != 1) {
             return false;
         }
     }

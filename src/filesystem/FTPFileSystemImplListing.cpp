@@ -1,23 +1,24 @@
 // The listing members of FTPFileSystemImpl: fetching "LIST" text over the main
-// connection, deciding its style, parsing it into entry records, and the
-// enumeration, scan and size walks built on that.
+// connection, deciding its style, parsing it (into entry records, or straight
+// into the names, sizes and types a caller wants), and the enumeration, scan
+// and size walks built on that.
 //
 // Every listing runs on the store's main connection and changes its working
-// directory, so every caller of getFileDescriptorList holds opLock. scan also
-// holds scanLock, taken first (lock order: scanLock before opLock), and calls
-// the host's visitor with opLock released so the visitor may call back into the
-// store.
-#include <algorithm>
+// directory, so every caller of fetchListing (getFileDescriptorList included)
+// holds opLock. scan also holds scanLock, taken first (lock order: scanLock
+// before opLock), and calls the host's visitor with opLock released so the
+// visitor may call back into the store.
+#include <string.h>
+
 #include <exception>
 #include <string>
 #include <vector>
 
 #include "connections/TimeOutDetector.h"
 #include "filesystem/FTPFileSystemImpl.h"
-#include "host/StringHandler.h"
-#include "listing/LinuxFTPFileParser.h"
+#include "listing/EntryList.h"
+#include "listing/ListingLines.h"
 #include "listing/ListingStyle.h"
-#include "listing/WindowsFTPFileParser.h"
 
 namespace {
 
@@ -40,14 +41,136 @@ const char* const kLockSite = "FTPFileSystemImpl";
 // back up the tree (endlessly, or deleting the parent).
 bool isSelfOrParent(const std::string& name) { return name == "." || name == ".."; }
 
-// Appends to `names`, in listing order, the names of the entries of `type`.
-void appendNamesOfType(const EntryList& entries, int32_t type, std::vector<std::string>& names) {
-    for (EntryList::const_iterator it = entries.begin(); it != entries.end(); ++it) {
-        if ((*it)->type == type) {
-            names.push_back((*it)->name);
+// Changes to "/" and then to `path` on `tool` and fetches the listing of
+// `path` into `text`, its zero bytes turned into blanks. False when the
+// directory cannot be entered or the listing not fetched.
+// REQUIRES: the store's opLock is held (`tool` is its main connection).
+bool fetchListing(FTPFileSystemImpl& store, SafePointer<FTPTool>& tool, const char* path,
+                  std::string& text) {
+    // Listings ask for `path` again after changing into it; starting from "/"
+    // makes root-relative paths mean the same whatever the previous operation
+    // left as the working directory.
+    tool->cd("/");
+    if (tool->cd(path) != 1) {
+        return false;
+    }
+    if (!store.recvData(SafePointer<FTPTool>(tool), path, text)) {
+        return false;
+    }
+    // Stray zero bytes from a server must not cut a line short: each becomes a
+    // blank (and so splits the word it stood in). Done in place: a listing has
+    // no size limit, and on the recorder a second copy of a large one would
+    // cost as much memory again. memchr skips the (usually zero-free) text many
+    // bytes at a time.
+    if (!text.empty()) {
+        char* at = &text[0];
+        char* const end = at + text.size();
+        while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) != NULL) {
+            *at++ = ' ';
         }
     }
+    return true;
 }
+
+// Hands `sink` every entry the store keeps of a fetched listing: what the
+// parser of its style keeps (lines cut at "\r\n"; a listing with bare line
+// feeds is one line), less the "." and ".." of a DOS listing. An unknown style
+// gives none. Entries are never made into shared records here: each caller
+// takes only what it needs of them.
+template <typename Sink>
+class StoreEntries {
+public:
+    StoreEntries(int style, Sink& sink) : dos_(style == FTPConst::kListingDos), sink_(sink) {}
+
+    bool operator()(FTPConst::FTPFileDescriptor& record) {
+        if (dos_ && isSelfOrParent(record.name)) {
+            return true;
+        }
+        return sink_(record);
+    }
+
+private:
+    bool dos_;
+    Sink& sink_;
+};
+
+template <typename Sink>
+void forEachStoreEntry(const std::string& text, Sink& sink) {
+    const int style = FTPConst::detectTextStyle(text);
+    StoreEntries<Sink> entries(style, sink);
+    FTPConst::forEachListedEntry(text, style, entries);
+}
+
+// Shared records and the total, as getFileDescriptorList gives them.
+class RecordsAndTotal {
+public:
+    RecordsAndTotal(EntryList& entries, long long& total) : entries_(entries), total_(total) {}
+
+    bool operator()(FTPConst::FTPFileDescriptor& record) {
+        FTPConst::FTPFileDescriptor* kept = new FTPConst::FTPFileDescriptor;
+        kept->type = record.type;
+        kept->size = record.size;
+        kept->name.swap(record.name);
+        // Built in place: a temporary pointer copied in would lock its count
+        // twice more per entry.
+        entries_.emplace_back(kept);
+        total_ += static_cast<long long>(kept->size);
+        return true;
+    }
+
+private:
+    EntryList& entries_;
+    long long& total_;
+};
+
+// The names of the entries of one type, in listing order.
+class NamesOfType {
+public:
+    NamesOfType(int32_t type, std::vector<std::string>& names) : type_(type), names_(names) {}
+
+    bool operator()(FTPConst::FTPFileDescriptor& record) {
+        if (record.type == type_) {
+            names_.push_back(std::string());
+            names_.back().swap(record.name);
+        }
+        return true;
+    }
+
+private:
+    int32_t type_;
+    std::vector<std::string>& names_;
+};
+
+// Whether there is any entry at all; stops at the first.
+class AnyEntry {
+public:
+    AnyEntry() : found(false) {}
+
+    bool operator()(FTPConst::FTPFileDescriptor&) {
+        found = true;
+        return false;
+    }
+
+    bool found;
+};
+
+// scanRecordDir's view: every size, and the names of the directories.
+class SizesAndDirectories {
+public:
+    SizesAndDirectories() : total(0) {}
+
+    bool operator()(FTPConst::FTPFileDescriptor& record) {
+        total += static_cast<long long>(record.size);
+        if (record.type == kTypeDirectory) {
+            directories.push_back(std::string());
+            directories.back().swap(record.name);
+        }
+        return true;
+    }
+
+    long long total;
+    std::vector<std::string> directories;
+};
 
 }  // namespace
 
@@ -56,15 +179,20 @@ bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, st
     if (tool->dataConnect(path, kFtpList, 'I', &data) == 0 || data == NULL) {
         return false;
     }
-    std::vector<char> chunk(kListingChunkBytes);
     // Started only once the data connection is open: the limit bounds the
     // transfer itself, not the "TYPE"/"PASV"/"LIST" exchange before it.
     TimeOutDetector detector(kListingStallSeconds);
     try {
         for (;;) {
-            const int got = tool->read(&chunk[0], static_cast<int>(chunk.size()), data);
+            // Up to 1024 bytes a read, received straight into the end of the
+            // text rather than into a chunk that is then copied.
+            const std::string::size_type before = text.size();
+            text.resize(before + kListingChunkBytes);
+            const int got = tool->read(&text[before], static_cast<int>(kListingChunkBytes), data);
+            text.resize(before + (got > 0 ? static_cast<std::string::size_type>(got) : 0));
             if (detector.isTimeOut()) {
                 // The bytes of this last read are dropped with the rest.
+                text.resize(before);
                 detector.writeLog("FTPFileSystemImpl::recvData", 0, 0);
                 tool->closeData(data);
                 return false;
@@ -75,9 +203,8 @@ bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, st
                 tool->closeData(data);
                 return true;
             }
-            // Exactly the bytes read: a zero byte inside the chunk is kept here
-            // and turned into a blank by getFileDescriptorList.
-            text.append(&chunk[0], static_cast<std::string::size_type>(got));
+            // Exactly the bytes read are kept: a zero byte inside them stays
+            // here and is turned into a blank once the whole listing is in.
         }
     } catch (const std::exception&) {
         // A listing too large for the memory left: the data connection is
@@ -101,51 +228,15 @@ bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entri
     if (path == NULL) {
         return false;
     }
-    // Listings ask for `path` again after changing into it; starting from "/"
-    // makes root-relative paths mean the same whatever the previous operation
-    // left as the working directory.
-    mainTool->cd("/");
-    if (mainTool->cd(path) != 1) {
-        return false;
-    }
     std::string text;
-    if (!recvData(SafePointer<FTPTool>(mainTool), path, text)) {
+    if (!fetchListing(*this, mainTool, path, text)) {
         return false;
     }
-
-    // Stray zero bytes from a server must not cut a line short: each becomes a
-    // blank (and so splits the word it stood in). Done in place: a listing has
-    // no size limit, and on the recorder a second and third copy of a large
-    // one would cost as much memory again each.
-    std::replace(text.begin(), text.end(), '\0', ' ');
-
-    // Lines end in CR LF on the wire; a listing with bare line feeds stays one
-    // line. The text is released as soon as it is cut.
-    std::vector<std::string> lines;
-    StringHandler::split(text, lines, "\r\n");
-    std::string().swap(text);
-    if (lines.empty()) {
-        return true;
-    }
-
-    int type = FTPConst::kListingUnknown;
-    getFTPFileType(lines, type);
-    if (type == FTPConst::kListingUnix) {
-        LinuxFTPFileParser parser;
-        parser.getFileDescriptorList(lines, entries, total);
-    } else if (type == FTPConst::kListingDos) {
-        EntryList parsed;
-        long long parsedTotal = 0;
-        WindowsFTPFileParser parser;
-        parser.getFileDescriptorList(lines, parsed, parsedTotal);
-        for (EntryList::const_iterator it = parsed.begin(); it != parsed.end(); ++it) {
-            if (isSelfOrParent((*it)->name)) {
-                continue;
-            }
-            entries.push_back(*it);
-            total += static_cast<long long>((*it)->size);
-        }
-    }
+    // Room for every line at once: growing the list would copy, and lock the
+    // count of, every record already in it.
+    FTPConst::reserveForLines(entries, FTPConst::ListingLines::count(text));
+    RecordsAndTotal records(entries, total);
+    forEachStoreEntry(text, records);
     return true;
 }
 
@@ -158,12 +249,14 @@ bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
     if (!initialised) {
         return false;
     }
-    EntryList entries;
-    long long total = 0;
-    if (!getFileDescriptorList(path, entries, total)) {
+    std::string text;
+    if (!fetchListing(*this, mainTool, path, text)) {
         return false;
     }
-    appendNamesOfType(entries, type, names);
+    // Straight from the text: only the names are wanted, so no entry record
+    // is made and none is registered.
+    NamesOfType wanted(type, names);
+    forEachStoreEntry(text, wanted);
     return true;
 }
 
@@ -187,14 +280,15 @@ bool FTPFileSystemImpl::isEmptyDir(const char* path) {
     if (!initialised) {
         return false;
     }
-    EntryList entries;
-    long long total = 0;
+    std::string text;
     // A directory that cannot be entered or listed counts as empty, so callers
     // that clean up empty directories treat a vanished one as done.
-    if (!getFileDescriptorList(path, entries, total)) {
+    if (!fetchListing(*this, mainTool, path, text)) {
         return true;
     }
-    return entries.empty();
+    AnyEntry any;
+    forEachStoreEntry(text, any);
+    return !any.found;
 }
 
 int FTPFileSystemImpl::getFileNumber(const char* /*path*/) {
@@ -213,19 +307,19 @@ bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
     if (!initialised) {
         return false;
     }
-    EntryList entries;
+    std::vector<std::string> files;
     {
         KDMutexLocker opGuard(opLock, kLockSite, __LINE__);
-        long long total = 0;
-        if (!initialised || !getFileDescriptorList(path, entries, total)) {
+        std::string text;
+        if (!initialised || !fetchListing(*this, mainTool, path, text)) {
             return false;
         }
+        NamesOfType plainFiles(kTypeFile, files);
+        forEachStoreEntry(text, plainFiles);
     }
-    for (EntryList::const_iterator it = entries.begin(); it != entries.end(); ++it) {
-        // What the visitor returns does not stop the walk.
-        if ((*it)->type == kTypeFile) {
-            action->onFile((*it)->name.c_str());
-        }
+    // What the visitor returns does not stop the walk.
+    for (std::vector<std::string>::const_iterator it = files.begin(); it != files.end(); ++it) {
+        action->onFile(it->c_str());
     }
     return true;
 }
@@ -242,22 +336,26 @@ bool FTPFileSystemImpl::getTotalSize(const char* path, long long& size) {
 }
 
 bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
-    EntryList entries;
-    long long total = 0;
-    if (!getFileDescriptorList(path, entries, total)) {
-        return false;
+    SizesAndDirectories level;
+    {
+        std::string text;
+        if (!fetchListing(*this, mainTool, path, text)) {
+            return false;
+        }
+        forEachStoreEntry(text, level);
+        // The text goes before the walk goes deeper: only one level's listing
+        // is held at a time.
     }
     // Every listed size counts, the directory entries' own sizes included.
-    size += total;
-    for (EntryList::const_iterator it = entries.begin(); it != entries.end(); ++it) {
-        if ((*it)->type != kTypeDirectory) {
-            continue;  // files are counted above; links are not followed
-        }
+    size += level.total;
+    for (std::vector<std::string>::const_iterator it = level.directories.begin();
+         it != level.directories.end(); ++it) {
         // Each level changes to "/" and then to the full child path, so the
         // child path is built from the parent's rather than relative to it.
+        // Links are not followed: only directories are in the list.
         std::string child(path);
         child += '/';
-        child += (*it)->name;
+        child += *it;
         if (!scanRecordDir(child.c_str(), size)) {
             return false;  // what was added so far stays in `size`
         }

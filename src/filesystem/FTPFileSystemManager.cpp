@@ -32,6 +32,31 @@ void splitLocation(const std::string& location, std::vector<std::string>& parts)
     StringHandler::split(text, parts, "/");
 }
 
+// "rec(pw)@ftp://10.0.0.5/rec/a" splits into "rec(pw)@ftp:", "", "10.0.0.5",
+// "rec", "a"; it covers "rec(pw)@ftp://10.0.0.5/rec/b/x" (the first four parts
+// agree) but not "rec(pw2)@ftp://10.0.0.5/rec/a".
+bool coversLocation(const std::string& registered, const std::string& location) {
+    std::vector<std::string> r;
+    std::vector<std::string> l;
+    splitLocation(registered, r);
+    splitLocation(location, l);
+    if (r.size() > l.size()) {
+        return false;
+    }
+    if (r.size() == 1) {
+        return true;
+    }
+    // The registered location's last component is deliberately not compared:
+    // everything that shares its parent (same credentials, server and parent
+    // directories) is the same disk.
+    for (size_t i = 0; i + 1 < r.size(); ++i) {
+        if (r[i] != l[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 FTPFileSystemManager* FTPFileSystemManager::getInstance() {
@@ -52,98 +77,68 @@ FTPFileSystemManager::~FTPFileSystemManager() {}
 
 // Each map operation runs behind the exception barrier: out of memory while
 // parsing or registering is the call's failure value, never an exception in the
-// recorder's thread.
+// recorder's thread. The bodies stay inside the exported calls (as lambdas)
+// so that no helper becomes one more exported symbol.
 int FTPFileSystemManager::addFTPFileSystem(const std::string& location) {
-    return failOnException(-1, [&] { return addLocked(location); });
+    return failOnException(-1, [&]() -> int {
+        KDMutexLocker guard(lock, kLockSource, kAddLockLine);
+        FTPPath parsed;
+        if (parsed.create(location) == 0) {
+            return -1;
+        }
+        const std::string server = parsed.getServerAddress();
+        const std::string user = parsed.getUserName();
+        const std::string password = parsed.getPassword();
+        // The path is part of the key only: a store serves a whole server
+        // login, and the host names its directories with full paths.
+        if (!FTPFileSystemImpl::textsFit(server.c_str(), user.c_str(), password.c_str())) {
+            return -1;
+        }
+        if (fileSystems.find(location) != fileSystems.end()) {
+            return 0;  // already registered: no second store, no reconnection
+        }
+        SafePointer<FTPFileSystem> store(
+            new FTPFileSystem(server.c_str(), user.c_str(), password.c_str(), kStoreCapacity));
+        fileSystems.insert(std::make_pair(location, store));
+        return 0;
+    });
 }
 
 int FTPFileSystemManager::getFTPFileSystem(const std::string& location,
                                            SafePointer<FTPFileSystem>& out) {
-    return failOnException(0, [&] { return getLocked(location, out); });
+    return failOnException(0, [&]() -> int {
+        KDMutexLocker guard(lock, kLockSource, kGetLockLine);
+        // A covering test, not an exact lookup: any path below a registered
+        // location finds that location's store.
+        for (std::map<std::string, SafePointer<FTPFileSystem> >::iterator it =
+                 fileSystems.begin();
+             it != fileSystems.end(); ++it) {
+            if (coversLocation(it->first, location)) {
+                out = it->second;
+                return 1;
+            }
+        }
+        return 0;
+    });
 }
 
 int FTPFileSystemManager::deleteFileSystem(const std::string& location) {
-    return failOnException(-1, [&] { return deleteLocked(location); });
+    return failOnException(-1, [&]() -> int {
+        KDMutexLocker guard(lock, kLockSource, kDeleteLockLine);
+        std::map<std::string, SafePointer<FTPFileSystem> >::iterator it =
+            fileSystems.find(location);
+        if (it == fileSystems.end()) {
+            return -1;
+        }
+        // Dropping the registry's reference destroys the store when nobody
+        // else holds it, which runs its uninit (QUIT) under this lock: the
+        // registry lock comes before any store lock.
+        fileSystems.erase(it);
+        return 0;
+    });
 }
 
 bool FTPFileSystemManager::isSameDiskDir(const std::string& registered,
                                          const std::string& location) {
-    return failOnException(false, [&] { return coveredBy(registered, location); });
-}
-
-int FTPFileSystemManager::addLocked(const std::string& location) {
-    KDMutexLocker guard(lock, kLockSource, kAddLockLine);
-    FTPPath parsed;
-    if (parsed.create(location) == 0) {
-        return -1;
-    }
-    const std::string server = parsed.getServerAddress();
-    const std::string user = parsed.getUserName();
-    const std::string password = parsed.getPassword();
-    // The path is part of the key only: a store serves a whole server login,
-    // and the host names its directories with full paths.
-    if (!FTPFileSystemImpl::textsFit(server.c_str(), user.c_str(), password.c_str())) {
-        return -1;
-    }
-    if (fileSystems.find(location) != fileSystems.end()) {
-        return 0;  // already registered: no second store, no reconnection
-    }
-    SafePointer<FTPFileSystem> store(
-        new FTPFileSystem(server.c_str(), user.c_str(), password.c_str(), kStoreCapacity));
-    fileSystems.insert(std::make_pair(location, store));
-    return 0;
-}
-
-int FTPFileSystemManager::getLocked(const std::string& location,
-                                    SafePointer<FTPFileSystem>& out) {
-    KDMutexLocker guard(lock, kLockSource, kGetLockLine);
-    // A covering test, not an exact lookup: any path below a registered
-    // location finds that location's store.
-    for (std::map<std::string, SafePointer<FTPFileSystem> >::iterator it = fileSystems.begin();
-         it != fileSystems.end(); ++it) {
-        if (coveredBy(it->first, location)) {
-            out = it->second;
-            return 1;
-        }
-    }
-    return 0;
-}
-
-int FTPFileSystemManager::deleteLocked(const std::string& location) {
-    KDMutexLocker guard(lock, kLockSource, kDeleteLockLine);
-    std::map<std::string, SafePointer<FTPFileSystem> >::iterator it = fileSystems.find(location);
-    if (it == fileSystems.end()) {
-        return -1;
-    }
-    // Dropping the registry's reference destroys the store when nobody else
-    // holds it, which runs its uninit (QUIT) under this lock: the registry
-    // lock comes before any store lock.
-    fileSystems.erase(it);
-    return 0;
-}
-
-// "rec(pw)@ftp://10.0.0.5/rec/a" splits into "rec(pw)@ftp:", "", "10.0.0.5",
-// "rec", "a"; it covers "rec(pw)@ftp://10.0.0.5/rec/b/x" (the first four parts
-// agree) but not "rec(pw2)@ftp://10.0.0.5/rec/a".
-bool FTPFileSystemManager::coveredBy(const std::string& registered,
-                                     const std::string& location) {
-    std::vector<std::string> r;
-    std::vector<std::string> l;
-    splitLocation(registered, r);
-    splitLocation(location, l);
-    if (r.size() > l.size()) {
-        return false;
-    }
-    if (r.size() == 1) {
-        return true;
-    }
-    // The registered location's last component is deliberately not compared:
-    // everything that shares its parent (same credentials, server and parent
-    // directories) is the same disk.
-    for (size_t i = 0; i + 1 < r.size(); ++i) {
-        if (r[i] != l[i]) {
-            return false;
-        }
-    }
-    return true;
+    return failOnException(false, [&] { return coversLocation(registered, location); });
 }

@@ -1,9 +1,6 @@
 // FTPFileSystemManager: the process-wide registry of stores, one per location
-// text 'user(password)@ftp://server[:port]/path'. Exported.
-//
-// All operations are safe from any thread; the registry lock is held for each
-// whole map operation. Lock order: the registry lock before any store's locks
-// (deleteFileSystem may destroy a store, which runs its uninit, under it).
+// text. Exported. The class comment below is the contract: threads, the
+// registry lock and its place in the lock order, results.
 #ifndef FTPDISK_FILESYSTEM_FTPFILESYSTEMMANAGER_H
 #define FTPDISK_FILESYSTEM_FTPFILESYSTEMMANAGER_H
 
@@ -15,37 +12,65 @@
 #include "foundation/SafePointer.h"
 #include "host/technic/KDMutex.h"
 
+/// The process-wide registry of stores, one FTPFileSystem per location text
+/// `user(password)@ftp://server[:port]/path`. Exported from libftpdisk.so.1.
+///
+/// Any thread may call any operation. addFTPFileSystem, getFTPFileSystem and
+/// deleteFileSystem each hold the *registry lock* for their whole run; none
+/// of them sends anything. Lock order: the registry lock before any store's
+/// locks (deleteFileSystem may destroy a store, which runs its uninit, under
+/// it).
 class FTPDISK_EXPORT FTPFileSystemManager {
 public:
-    // The single instance; null only when it could not be made (out of
-    // memory), in which case the next call tries again.
+    /// The single registry, made on the first call (safe from any thread) and
+    /// destroyed at process exit, which releases every registered store.
+    /// \return the registry; null only when it could not be made (out of
+    /// memory), in which case the next call tries again.
     static FTPFileSystemManager* getInstance();
 
-    // 0 when registered or already present; -1 when the location does not
-    // parse or its server, user name or password would not fit the store's
-    // fixed fields (no store is created then).
+    /// Registers a store for `location`, keyed by the text exactly as given.
+    /// The store is made from the server, user name and password (the path
+    /// is part of the key only) with room for 1024 open files, and starts its
+    /// pool monitor thread; it is not initialised: call FTPFileSystem::init()
+    /// on it. Registry lock; nothing is sent.
+    /// \return 0 when registered, and when the same text is already
+    /// registered (nothing new is made); -1 when the location does not parse
+    /// or its server (over 31 characters), user name (over 31) or password
+    /// (over 19) would not fit the store's fixed fields, and when memory runs
+    /// out. No store is made on -1.
     int addFTPFileSystem(const std::string& location);
-    // 1 and `out` set when a registered location covers `location`; else 0 and
-    // `out` unchanged.
+    /// Finds the store that covers `location` (see isSameDiskDir), trying the
+    /// registered texts in byte order. Registry lock; nothing is sent.
+    /// \return 1 with a counted reference to the store in `out`; 0 when no
+    /// registered location covers it, `out` unchanged.
     int getFTPFileSystem(const std::string& location, SafePointer<FTPFileSystem>& out);
-    // 0 when an entry with exactly this key was removed, -1 otherwise.
+    /// Drops the registry's reference to the store registered under exactly
+    /// `location`. When nobody else holds the store it is destroyed at once,
+    /// under the registry lock: uninit ("QUIT"), open files dropped, pooled
+    /// connections quit, monitor thread joined (see ~FTPFileSystem), so other
+    /// registry calls wait meanwhile. References handed out earlier stay
+    /// valid until their holders release them.
+    /// \return 0 when an entry was removed; -1 when no entry has exactly this
+    /// text (a covered sub-path removes nothing).
     int deleteFileSystem(const std::string& location);
+    /// The covering rule of getFTPFileSystem. Both texts are split at "/"
+    /// (backslashes count as "/"); `registered` covers `location` when it has
+    /// no more parts and every part but its last equals the part of
+    /// `location` in the same place. So "rec(pw)@ftp://10.0.0.5/rec/a" covers
+    /// "rec(pw)@ftp://10.0.0.5/rec/b/x" (same scheme, credentials, server and
+    /// parent directories), but not the same path with another password.
+    /// Takes no lock; nothing is sent.
+    /// \return true when covered.
     bool isSameDiskDir(const std::string& registered, const std::string& location);
 
+    /// An empty registry. Use getInstance(): the module keeps one per process.
     FTPFileSystemManager();
+    /// Releases every registered store.
     ~FTPFileSystemManager();
 
 private:
     FTPFileSystemManager(const FTPFileSystemManager&);
     FTPFileSystemManager& operator=(const FTPFileSystemManager&);
-
-    // The three map operations and the covering rule, each behind the
-    // exported call of the same purpose. The first three take `lock`.
-    int addLocked(const std::string& location) FTPDISK_EXCLUDES(lock);
-    int getLocked(const std::string& location, SafePointer<FTPFileSystem>& out)
-        FTPDISK_EXCLUDES(lock);
-    int deleteLocked(const std::string& location) FTPDISK_EXCLUDES(lock);
-    static bool coveredBy(const std::string& registered, const std::string& location);
 
     std::map<std::string, SafePointer<FTPFileSystem> > fileSystems;  // Guarded by lock.
     KDMutex lock;

@@ -21,16 +21,37 @@
 #include "foundation/KDRuntimeError.h"
 #include "host/RefCountManager.h"
 
+/// The common base of every SafePointer instantiation.
 class BaseSafePointer {
 public:
     virtual ~BaseSafePointer() {}
 };
 
+/// A counted pointer to a shared object of type T, the way the module holds
+/// every shared object and hands stores to the recorder
+/// (FTPFileSystemManager::getFTPFileSystem).
+///
+/// The count lives in a host ref_count record handed out by the recorder's
+/// RefCountManager, keyed by the object's address; the last holder deletes
+/// the object and hands the record back. The template is compiled into the
+/// recorder's own code, so the recorder's and the module's pointers share
+/// those records. Copies may live in several threads: every count change
+/// happens under the record's lock. One SafePointer object must not be
+/// assigned in one thread while another reads it.
+///
+/// Misuse is never undefined behaviour: it prints one line
+/// "SafePointer Report:<type> <what>" on standard output (puts) and throws
+/// KDRuntimeError, the only exception the module's interface ever lets out.
 template <class T>
 class SafePointer : public BaseSafePointer {
 public:
+    /// An empty pointer (no object, no record). It exists to be filled as an
+    /// out-parameter; using it with -> or * throws.
     SafePointer() : object(NULL), count(NULL) {}
 
+    /// Takes ownership of `pointer`, a new object: asks the RefCountManager
+    /// for its record (count 1). Throws KDRuntimeError ("Construct from NULL
+    /// original pointer") for null, owning nothing.
     explicit SafePointer(T* pointer) : object(NULL), count(NULL) {
         if (pointer == NULL) {
             ThrowNullPointerException("Construct from NULL original pointer");
@@ -39,6 +60,9 @@ public:
         count = RefCountManager::getInstance()->retrieveRefCount(pointer, typeName());
     }
 
+    /// Shares `other`'s object, adding one holder under the record's lock.
+    /// Throws KDRuntimeError for an empty `other` ("Construct from NULL
+    /// <T>pointer") or one whose record no longer names its object.
     SafePointer(const SafePointer& other) : BaseSafePointer(), object(NULL), count(NULL) {
         if (other.object == NULL) {
             ThrowNullPointerException("Construct from NULL <T>pointer");
@@ -48,6 +72,9 @@ public:
         count = other.count;
     }
 
+    /// Lets go of the current object (deleting it if this was its last
+    /// holder), then shares `other`'s. Throws KDRuntimeError for an empty
+    /// `other` ("Assigned NULL <T>pointer"), leaving this pointer unchanged.
     SafePointer& operator=(const SafePointer& other) {
         if (this == &other) {
             return *this;
@@ -62,14 +89,16 @@ public:
         return *this;
     }
 
-    // A destructor cannot pass an exception on (it would end the host process
-    // through std::terminate), so a release that finds the count record no
-    // longer naming this object drops the error here; every other release path
-    // throws. Unlike dec_reference it does not keep the record's lock either:
-    // the record then belongs to another live object, and a lock left held
-    // would hang every later user of that object.
+    /// Lets go of the object; the last holder deletes it and hands its record
+    /// back. Never throws: a destructor cannot pass an exception on (it would
+    /// end the host process through std::terminate), so a release that finds
+    /// the record no longer naming this object drops the error here. Unlike
+    /// dec_reference it does not keep the record's lock either: the record
+    /// then belongs to another live object, and a lock left held would hang
+    /// every later user of that object.
     virtual ~SafePointer() { release(false); }
 
+    /// The object. Throws KDRuntimeError ("Use NULL pointer ->") when empty.
     T* operator->() const {
         if (object == NULL) {
             ThrowNullPointerException("Use NULL pointer ->");
@@ -77,14 +106,18 @@ public:
         return object;
     }
 
+    /// The object, as operator->() gives it; throws the same way.
     T& operator*() const { return *operator->(); }
 
-    // The raw object, or null for an empty pointer. The caller must not delete it.
+    /// The raw object, or null for an empty pointer. The caller must not
+    /// delete it.
     T* get() const { return object; }
+    /// True for an empty pointer.
     bool isNull() const { return object == NULL; }
 
-    // Adds a holder on the record shared with this pointer (used when copying
-    // from it).
+    /// Adds a holder on the record shared with this pointer (used when
+    /// copying from it). Throws KDRuntimeError when empty or when the record
+    /// no longer names the object (its lock is then deliberately left held).
     void inc_reference() const {
         if (count == NULL) {
             ThrowNullPointerException("Already destructed 1");
@@ -105,14 +138,18 @@ public:
         throw KDRuntimeError("not valid pointer in inc_reference ");
     }
 
-    // Removes this pointer's hold; the last holder deletes the object. A
-    // record that no longer names the object throws, its lock left held.
+    /// Removes this pointer's hold; the last holder deletes the object. A
+    /// record that no longer names the object throws KDRuntimeError, its lock
+    /// left held. Nothing happens for an empty pointer.
     void dec_reference() { release(true); }
 
+    /// Prints "SafePointer Report:<type> <text>" on standard output and throws
+    /// KDRuntimeError with that line as its message.
     void ThrowNullPointerException(const char* text) {
         static_cast<const SafePointer*>(this)->ThrowNullPointerException(text);
     }
 
+    /// As the non-const form.
     void ThrowNullPointerException(const char* text) const {
         std::string line("SafePointer Report:");
         line += typeName();

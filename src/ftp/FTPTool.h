@@ -13,6 +13,7 @@
 #define FTPDISK_FTP_FTPTOOL_H
 
 #include <netinet/in.h>
+#include <stdint.h>
 
 #include "foundation/ThreadAnnotations.h"
 #include "ftp/NetBuf.h"
@@ -26,6 +27,10 @@ enum FtpOpenType {
     kFtpStor = 4,
     kFtpAppe = 5
 };
+
+// The TCP port of a service name ("ftp") from the system's services database,
+// in network order: 1 with *port set, or 0 when the name is unknown.
+int ftpLookUpService(const char* name, uint16_t* port);
 
 // Resolves "host", "host:21" or "host:service" into an IPv4 address and port:
 // a decimal port is used as is (low 16 bits), a name is looked up as a TCP
@@ -66,8 +71,9 @@ public:
     // is a login without password. Names or passwords over 57 characters are
     // refused before anything is sent.
     int login(const char* user, const char* password);
-    // Sends one line (at most 253 characters before "\r\n") and reads the
-    // reply; 1 when its first character is `expected`.
+    // Sends one line (at most 253 characters before "\r\n", and no CR or LF
+    // of its own: such a line is refused before anything is sent) and reads
+    // the reply; 1 when its first character is `expected`.
     int Sendcmd(const char* command, char expected);
     // Reads one reply, multi-line replies whole, into connection->response.
     // A reply that does not start within the readiness wait leaves the

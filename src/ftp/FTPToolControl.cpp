@@ -2,9 +2,7 @@
 // buffered lines, socket waits, teardown).
 #include "ftp/FTPTool.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
-#include <netdb.h>
 #include <poll.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -148,39 +146,6 @@ double receiveLimit(int fd) {
     return static_cast<double>(limit.tv_sec) + static_cast<double>(limit.tv_usec) / 1e6;
 }
 
-// The port of a TCP service name, in network order; false when unknown.
-bool lookUpService(const char* name, uint16_t* port) {
-    struct servent entry;
-    struct servent* result = NULL;
-    char scratch[1024];
-    if (getservbyname_r(name, "tcp", &entry, scratch, sizeof scratch, &result) != 0 ||
-        result == NULL) {
-        return false;
-    }
-    *port = static_cast<uint16_t>(result->s_port);
-    return true;
-}
-
-// The first IPv4 address of a host name; false when it does not resolve.
-bool lookUpHost(const char* name, struct in_addr* address) {
-    struct addrinfo hints;
-    memset(&hints, 0, sizeof hints);
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    struct addrinfo* found = NULL;
-    if (getaddrinfo(name, NULL, &hints, &found) != 0 || found == NULL) return false;
-    bool ok = false;
-    for (struct addrinfo* a = found; a != NULL; a = a->ai_next) {
-        if (a->ai_family == AF_INET && a->ai_addr != NULL) {
-            *address = reinterpret_cast<struct sockaddr_in*>(a->ai_addr)->sin_addr;
-            ok = true;
-            break;
-        }
-    }
-    freeaddrinfo(found);
-    return ok;
-}
-
 // Sends the first `count` bytes of the connection's line buffer in one send
 // once the socket is writable. 1 when all of them went out; 0 when the socket
 // did not become writable within the readiness wait; -1 when the send failed
@@ -199,45 +164,6 @@ int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* for
 }
 
 }  // namespace
-
-int ftpResolveAddress(const char* host, struct sockaddr_in* address) {
-    if (host == NULL || address == NULL) return 0;
-    std::string name(host);
-    memset(address, 0, sizeof *address);
-    address->sin_family = AF_INET;
-
-    // "host:21" takes the number (low 16 bits) without asking the services
-    // database; "host:ftp" and a bare "host" look the name up.
-    std::string service = "ftp";
-    bool numericPort = false;
-    std::string::size_type colon = name.find(':');
-    if (colon != std::string::npos) {
-        std::string after = name.substr(colon + 1);
-        name.erase(colon);
-        if (!after.empty() && after[0] >= '0' && after[0] <= '9') {
-            // 64 bits on every processor: a 32-bit strtoul would stop at
-            // 4294967295 and give a longer port text another low 16 bits.
-            unsigned long long port = strtoull(after.c_str(), NULL, 10);
-            address->sin_port = htons(static_cast<uint16_t>(port & 0xFFFFu));
-            numericPort = true;
-        } else {
-            service = after;
-        }
-    }
-    if (!numericPort) {
-        uint16_t port = 0;
-        if (!lookUpService(service.c_str(), &port)) return 0;
-        address->sin_port = port;
-    }
-
-    in_addr_t dotted = inet_addr(name.c_str());
-    if (dotted != INADDR_NONE) {
-        address->sin_addr.s_addr = dotted;
-    } else if (!lookUpHost(name.c_str(), &address->sin_addr)) {
-        return 0;
-    }
-    return 1;
-}
 
 const double FTPTool::kReplyLimitSeconds = 30.0;
 const int FTPTool::kReplyLineLimit = 1000;
@@ -321,6 +247,11 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // The line with "\r\n" and its terminator must fit in 256 bytes: at most
     // 253 characters of command.
     if (strlen(command) + 3 >= kCommandLineSize + 1) return 0;
+    // A line end inside an argument (a path, a user name) would end the
+    // command early and make the server take the rest for a command of its
+    // own, whose reply would then answer the next caller. Refused like an
+    // argument that does not fit: nothing is sent, `response` is unchanged.
+    if (strpbrk(command, "\r\n") != NULL) return 0;
     char line[kCommandLineSize];
     memset(line, 0, sizeof line);
     int length = snprintf(line, sizeof line, "%s\r\n", command);

@@ -62,6 +62,53 @@ bool readUnsigned(const char*& at, unsigned* value) {
     return true;
 }
 
+// Whether a call made with MSG_DONTWAIT failed only because the socket was
+// not ready.
+bool notReady(ssize_t result) {
+    return result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
+// One image-mode receive. The bytes are taken at once when some are waiting,
+// which is the usual case in a bulk transfer and spares a readiness wait per
+// call; only a socket with nothing to read waits, at most idleTime (3 s), and
+// then receives as before. An empty request always waits first: a receive of
+// 0 bytes would not tell whether the socket is ready.
+int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
+    if (length > 0) {
+        const ssize_t got = recv(data->handle, buf, static_cast<size_t>(length), MSG_DONTWAIT);
+        if (!notReady(got)) return static_cast<int>(got);
+    }
+    if (!tool.Socketwait(data)) return -1;
+    return static_cast<int>(recv(data->handle, buf, static_cast<size_t>(length), 0));
+}
+
+// One image-mode send of `length` bytes, with the results and limits of a
+// readiness wait (at most idleTime, 3 s) followed by one blocking send: all
+// bytes; -1 when the socket does not take more within the wait or fails; fewer
+// only when the send limit ran out or the connection failed part way. The
+// bytes that fit are handed over at once, which in a bulk transfer spares a
+// wait per call; the wait comes only when not all of them fit, and then goes
+// as it always did: no room within it gives -1, as before (whatever part went
+// already is lost with the transfer, which the caller now abandons), and
+// after it the rest goes with a blocking send.
+int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
+    ssize_t sent = 0;
+    if (length > 0) {
+        sent = send(data->handle, buf, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent == length) return length;
+        if (sent < 0 && !notReady(sent)) return -1;
+        if (sent < 0) sent = 0;
+    }
+    // Part of the bytes may already be out: they are reported, as any partial
+    // send is, rather than hidden behind a failure. Only a write that sent
+    // nothing within the wait fails.
+    if (!tool.Socketwait(data)) return sent > 0 ? static_cast<int>(sent) : -1;
+    const ssize_t rest =
+        send(data->handle, buf + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
+    if (rest < 0) return sent > 0 ? static_cast<int>(sent) : -1;
+    return static_cast<int>(sent + rest);
+}
+
 }  // namespace
 
 int ftpParsePassiveReply(const char* response, struct sockaddr_in* address) {
@@ -304,8 +351,7 @@ int FTPTool::read(char* buf, int length, NetBuf* data) {
     if (data->buffer != NULL) {
         result = Readline(buf, length, data);
     } else {
-        if (!Socketwait(data)) return -1;
-        result = static_cast<int>(recv(data->handle, buf, static_cast<size_t>(length), 0));
+        result = receiveSome(*this, data, buf, length);
     }
     account(data, result);
     return result;
@@ -318,9 +364,7 @@ int FTPTool::write(const char* buf, int length, NetBuf* data) {
     if (data->buffer != NULL) {
         result = Writeline(buf, length, data);
     } else {
-        if (!Socketwait(data)) return -1;
-        // One send: a partial send is returned as it is.
-        result = static_cast<int>(send(data->handle, buf, static_cast<size_t>(length), MSG_NOSIGNAL));
+        result = sendSome(*this, data, buf, length);
     }
     account(data, result);
     return result;

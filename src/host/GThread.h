@@ -1,39 +1,58 @@
-// Host contract: a named thread that runs its body again and again.
-//
-// The body is called repeatedly: each time it returns, it is called again until
-// stop() is requested. The OS thread carries the given name (Linux keeps the
-// first 15 characters). `onStart` is called once on the new thread before the
-// first body call and `onStop` once after the last; GThread::emptyFun does
-// nothing. start/running/stop may be called from any thread except the
-// thread itself.
+// Host contract: a named thread that runs its body again and again. Declared
+// here, implemented by the recorder's process.
 #ifndef FTPDISK_HOST_GTHREAD_H
 #define FTPDISK_HOST_GTHREAD_H
 
 #include <string>
 
-#include "connections/Function.h"
 #include "foundation/Export.h"
 
+// The module's callable value type (foundation/Function.h). Only named here:
+// the contract takes callables by value, and whoever constructs or implements
+// a GThread includes their definition. So the host contracts need nothing of
+// the module's pointer or callable family, which themselves rest on the
+// contracts (the pointer keeps its counts in the host's registry).
+template <class R>
+class function;
+
+/// Host contract: a named thread that calls its body again and again.
+///
+/// The module makes one per store, "detectStateThread", the monitor of the
+/// store's idle connections: its body does one pass and then pauses 2 s with
+/// KadmorTime::wait. The module allocates the object with `new`, at the size
+/// this header gives (one pointer), so the recorder's class keeps that layout.
+/// start, running and stop may be called from any thread except the thread
+/// itself.
 class FTPDISK_HOST_API GThread {
 public:
+    /// A thread, not yet started, that will call `body` again each time it
+    /// returns until stop() is requested, `onStart` once on the new thread
+    /// before the first call and `onStop` once after the last. The OS thread
+    /// carries `name` (Linux keeps the first 15 characters).
     GThread(function<int> body, const std::string& name, function<int> onStart,
             function<int> onStop);
-    // Stops and joins the thread if it is still running.
+    /// Stops and joins the thread if it is still running.
     virtual ~GThread();
 
-    // Starts the OS thread. Non-zero on success; zero when the thread could not
-    // be created or is already running.
+    /// Starts the OS thread.
+    /// \return non-zero on success; zero when the thread could not be created
+    /// or is already running.
     int start();
-    // Non-zero while the thread runs.
+    /// \return non-zero while the thread runs.
     int running();
-    // Requests the stop, wakes a KadmorTime::wait in progress on that thread, and
-    // joins it. Returns 0. Harmless when not running.
+    /// Requests the stop, wakes a KadmorTime::wait in progress on that thread,
+    /// and joins it. Harmless when not running; start() may run it again.
+    /// \return 0.
     int stop();
 
+    /// The name given to the constructor.
     const std::string& getName() const;
 
+    /// Does nothing; the module passes it as `onStart` and `onStop`.
+    /// \return 0.
     static int emptyFun();
 
+    /// The recorder's own state of a thread.
     struct Impl;
 
 private:

@@ -1,4 +1,5 @@
-// Host contract: a local file. One object is used by one thread at a time.
+// Host contract: a local file. Declared here, implemented by the recorder's
+// process.
 #ifndef FTPDISK_HOST_KDFILE_H
 #define FTPDISK_HOST_KDFILE_H
 
@@ -6,19 +7,27 @@
 
 #include "foundation/Export.h"
 
+/// Host contract: one local file, used by FTPFileSystem::Get (to write) and
+/// FTPFileSystem::Put (to read). The module makes these objects on its stack
+/// at the size this header gives (one int), so the recorder's class keeps
+/// that layout. One object is used by one thread at a time. Recordings of
+/// 2 GiB and more need 64-bit file offsets in the implementation.
 class FTPDISK_HOST_API KDFile {
 public:
+    /// A closed file.
     KDFile();
-    // Closes the file if it is still open.
+    /// Closes the file if it is still open.
     ~KDFile();
 
-    // Opens `name`. Mode 98 ('b') creates or truncates the file for writing;
-    // mode 1 opens an existing file for reading. Non-zero on success.
+    /// Opens `name`. Mode 98 ('b') creates or truncates the file for writing;
+    /// mode 1 opens an existing file for reading.
+    /// \return non-zero on success.
     int open_w(const wchar_t* name, unsigned char mode);
-    // Bytes read (0 at end of file), negative on error.
+    /// \return bytes read (0 at end of file), negative on error.
     int read(char* buf, unsigned int len);
-    // Bytes written, negative on error.
+    /// \return bytes written, negative on error.
     int write(char* buf, unsigned int len);
+    /// Closes the file; harmless when it is not open.
     void close();
 
 private:

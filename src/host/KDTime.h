@@ -1,15 +1,19 @@
-// Host contract: the recorder's clocks, in seconds as doubles.
-// Safe to call from any thread.
+// Host contract: the recorder's clocks. Declared here, implemented by the
+// recorder's process.
 #ifndef FTPDISK_HOST_KDTIME_H
 #define FTPDISK_HOST_KDTIME_H
 
 #include "foundation/Export.h"
 
+/// Host contract: the recorder's clocks, in seconds as doubles. Safe to call
+/// from any thread.
 class FTPDISK_HOST_API KDTime {
 public:
-    // Wall-clock seconds since the epoch (pool idle times).
+    /// Wall-clock seconds since the epoch; the pool's idle times (30 s) are
+    /// measured on it.
     static double getSeconds();
-    // Seconds since an arbitrary fixed start, never going back (watchdogs).
+    /// Seconds since an arbitrary fixed start, never going back; the 30 s
+    /// bound on one reply and the 60 s bound on a listing are measured on it.
     static double getUpTime();
 };
 

@@ -1,9 +1,5 @@
-// Host contract: cuts a text at every occurrence of a separator.
-//
-// split("a\r\nb\r\n", parts, "\r\n") appends "a", "b", "" : every separator ends
-// one part, empty parts are kept (also between two adjacent separators), and
-// the text after the last separator is the last part. An empty text gives one
-// empty part. Stateless; safe from any thread.
+// Host contract: cuts a text at every occurrence of a separator. Declared
+// here, implemented by the recorder's process.
 #ifndef FTPDISK_HOST_STRINGHANDLER_H
 #define FTPDISK_HOST_STRINGHANDLER_H
 
@@ -12,9 +8,16 @@
 
 #include "foundation/Export.h"
 
+/// Host contract: cuts a text at every occurrence of a separator. The module
+/// cuts listings into lines at "\r\n" and location texts at "/".
+/// Stateless; safe from any thread.
 class FTPDISK_HOST_API StringHandler {
 public:
-    // Appends the parts to `parts`. An empty separator appends the whole text.
+    /// Appends the parts of `text` to `parts`: split("a\r\nb\r\n", parts,
+    /// "\r\n") appends "a", "b", "". Every separator ends one part, empty
+    /// parts are kept (also between two adjacent separators), and the text
+    /// after the last separator is the last part. An empty text gives one
+    /// empty part; an empty separator appends the whole text.
     static void split(const std::string& text, std::vector<std::string>& parts,
                       const std::string& separator);
 };

@@ -54,7 +54,9 @@ inline void appendRecords(const std::vector<std::string>& lines, RecordOfLine re
             continue;
         }
         const int32_t size = record->size;
-        entries.push_back(SafePointer<FTPFileDescriptor>(record));
+        // Built in place: a temporary pointer copied in would lock its count
+        // twice more per entry.
+        entries.emplace_back(record);
         total += static_cast<long long>(size);
     }
 }

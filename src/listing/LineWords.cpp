@@ -7,8 +7,10 @@ LineWords::LineWords() {
     separator_[1] = '\0';
 }
 
-int LineWords::split(const std::string& line) {
-    text_.assign(line.begin(), line.end());
+int LineWords::split(const std::string& line) { return split(line.data(), line.size()); }
+
+int LineWords::split(const char* line, size_t length) {
+    text_.assign(line, line + length);
     text_.push_back('\0');
     return parser_.Split(&text_[0], separator_);
 }

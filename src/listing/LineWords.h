@@ -10,6 +10,8 @@
 #ifndef FTPDISK_LISTING_LINEWORDS_H
 #define FTPDISK_LISTING_LINEWORDS_H
 
+#include <stddef.h>
+
 #include <string>
 #include <vector>
 
@@ -24,6 +26,9 @@ public:
     // Splits `line` (up to its first zero byte, as the host reads C text) and
     // returns the number of words.
     int split(const std::string& line);
+    // The same for the `length` bytes at `line`, which need no terminator: a
+    // line seen in place inside a whole listing.
+    int split(const char* line, size_t length);
     // The word at `index`, or "" past the last one.
     std::string word(unsigned int index);
 

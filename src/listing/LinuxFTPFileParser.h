@@ -15,6 +15,16 @@
 
 #include "foundation/SafePointer.h"
 #include "listing/FTPFileDescriptor.h"
+#include "listing/LineWords.h"
+
+namespace FTPConst {
+
+// One line of a Unix listing, already cut into `words`, read into `record`
+// (type, size and name as getFileDescriptorList below describes them). False,
+// with `record` unchanged, for a name starting with '.': the line is dropped.
+bool readUnixLine(LineWords& words, FTPFileDescriptor& record);
+
+}  // namespace FTPConst
 
 class LinuxFTPFileParser {
 public:

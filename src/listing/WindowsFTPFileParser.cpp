@@ -16,23 +16,25 @@ enum { kSizeWord = 2, kNameWord = 3 };
 
 // The record of one DOS line; no line is dropped.
 FTPConst::FTPFileDescriptor* dosRecord(FTPConst::LineWords& words) {
-    const std::string sizeWord = words.word(kSizeWord);
-
     FTPConst::FTPFileDescriptor* record = new FTPConst::FTPFileDescriptor;
-    // Whole word, exact case: "<dir>" and "<DIR>x" are sizes (reading 0).
-    if (sizeWord == FTPConst::DIR) {
-        record->type = 'd';
-        record->size = 0;
-    } else {
-        record->type = '-';
-        record->size = FTPConst::readListingSize(sizeWord.data(),
-                                                 static_cast<unsigned int>(sizeWord.size()));
-    }
-    record->name = words.word(kNameWord);
+    FTPConst::readDosLine(words, *record);
     return record;
 }
 
 }  // namespace
+
+void FTPConst::readDosLine(LineWords& words, FTPFileDescriptor& record) {
+    const std::string sizeWord = words.word(kSizeWord);
+    // Whole word, exact case: "<dir>" and "<DIR>x" are sizes (reading 0).
+    if (sizeWord == DIR) {
+        record.type = 'd';
+        record.size = 0;
+    } else {
+        record.type = '-';
+        record.size = readListingSize(sizeWord.data(), static_cast<unsigned int>(sizeWord.size()));
+    }
+    record.name = words.word(kNameWord);
+}
 
 WindowsFTPFileParser::WindowsFTPFileParser() {}
 WindowsFTPFileParser::~WindowsFTPFileParser() {}

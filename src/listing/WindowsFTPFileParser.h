@@ -17,12 +17,18 @@
 
 #include "foundation/SafePointer.h"
 #include "listing/FTPFileDescriptor.h"
+#include "listing/LineWords.h"
 
 namespace FTPConst {
 
 // The directory marker of the size column, "<DIR>". Kept in this namespace so
 // that it cannot collide with the DIR type of <dirent.h>.
 extern const char DIR[6];
+
+// One line of a DOS listing, already cut into `words`, read into `record`
+// (type, size and name as getFileDescriptorList below describes them). No
+// line is dropped.
+void readDosLine(LineWords& words, FTPFileDescriptor& record);
 
 }  // namespace FTPConst
 

@@ -52,6 +52,16 @@ TEST_F(FtpFileHandleManagerTest, HandleNumbersRunOutOneBeforeTheOpenFileLimit) {
     EXPECT_EQ(2, files->open("/e.dat", 2)) << "the freed number is given out again";
 }
 
+TEST_F(FtpFileHandleManagerTest, APathHoldingALineEndIsRefusedBeforeANumberIsReserved) {
+    auto files = table(1, 4, 4);
+    const size_t commandsBefore = server.commands().size();
+    EXPECT_EQ(-1, files->open("/a.dat\r\nDELE /b.dat", 2));
+    EXPECT_EQ(-1, files->open("/a.dat\n", 1));
+    EXPECT_EQ(commandsBefore, server.commands().size()) << joined(server.commands());
+    EXPECT_EQ(1, files->open("/a.dat", 2)) << "no number was kept by the refusals";
+    EXPECT_EQ(0, files->close(1));
+}
+
 TEST_F(FtpFileHandleManagerTest, TheOpenFileLimitRefusesBeforeAnyTraffic) {
     auto files = table(1, 10, 2);
     EXPECT_EQ(1, files->open("/a.dat", 2));

@@ -3,7 +3,7 @@
 // and the shared callable behind copies of function<int>.
 #include <gtest/gtest.h>
 
-#include "connections/Function.h"
+#include "foundation/Function.h"
 #include "host/RefCountManager.h"
 
 namespace {

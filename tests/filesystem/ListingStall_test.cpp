@@ -185,19 +185,27 @@ TEST_F(ListingStall, AnEndOfDataSeenAfterTheLimitStillCountsAsAStall) {
 }
 
 TEST_F(ListingStall, TheLimitStartsOnceTheDataConnectionIsOpen) {
-    // The clock passes 60 seconds while the store still waits for the answer
-    // to "LIST": that time is not part of the transfer, which then ends at
-    // once and succeeds.
+    // The clock passes 75 seconds while the store still waits for the answers
+    // to "TYPE", "PASV" and "LIST": that time is not part of the transfer,
+    // which then ends at once and succeeds. (Each wait stays below the 30 s
+    // that one reply may take.)
+    for (const char* verb : {"TYPE", "PASV"}) {
+        ftptest::Reply slow;
+        slow.delay = ftptest::Millis(300);
+        server().queueReply(verb, slow);
+    }
     ftptest::Reply reply("150 Here comes the listing");
-    reply.delay = ftptest::Millis(800);
+    reply.delay = ftptest::Millis(300);
     reply.body = crlf({"-rw-r--r-- 1 rec rec 5 Jan 15 10:31 prompt.dat"});
     server().queueReply("LIST", reply);
     std::vector<std::string> names;
 
     auto listing = std::async(std::launch::async,
                               [&] { return store().getFileList("/rec", names, ""); });
-    ASSERT_TRUE(server().waitForCommands(2 + mark + 5, kWaitLimit));
-    hostcontrol::advanceClock(61.0);
+    for (size_t sent = 3; sent <= 5; ++sent) {
+        ASSERT_TRUE(server().waitForCommands(2 + mark + sent, kWaitLimit));
+        hostcontrol::advanceClock(25.0);
+    }
     ASSERT_EQ(listing.wait_for(kWaitLimit), std::future_status::ready);
 
     EXPECT_TRUE(listing.get());

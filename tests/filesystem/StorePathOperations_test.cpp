@@ -1,5 +1,11 @@
 // Directory and file operations of the store on its main connection, checked
 // line by line against what the scripted server received.
+#include <malloc.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -13,6 +19,12 @@
 namespace {
 
 using Commands = std::vector<std::string>;
+
+// Heap bytes in use (every arena, mmapped blocks included); sanitizers report 0.
+size_t heapBytes() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
 using storetest::unixLine;
 
 // What a listing of `dir` sends: back to the root, into the directory, then
@@ -95,6 +107,41 @@ TEST_F(StorePaths, CreateDirKeepsADoubledSeparatorInEveryPrefix) {
     EXPECT_EQ(store->createDir("x//y"), 0);
     EXPECT_EQ(newCommands(), (Commands{"CWD /", "CWD x/", "CWD /", "CWD x//", "CWD /",
                                        "CWD x//y"}));
+}
+
+// A path of 100,000 separators has 99,999 prefixes; only those that fit a
+// command line can ever be sent, and the walk stops at the first that does
+// not. The prefixes are made one at a time: all of them at once would hold
+// about 5 GB.
+TEST_F(StorePaths, CreateDirOfAHugeRunOfSeparatorsStopsAtTheFirstPrefixTooLongToSend) {
+    const std::string path(100000, '/');
+    std::atomic<bool> done{false};
+    std::atomic<size_t> peak{0};
+    const size_t start = heapBytes();
+    std::thread sampler([&] {
+        while (!done.load()) {
+            const size_t now = heapBytes();
+            if (now > peak.load()) peak.store(now);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    const int made = store->createDir(path.c_str());
+    const bool exists = store->isDirExist(path.c_str());
+    done.store(true);
+    sampler.join();
+    EXPECT_EQ(made, -1);
+    EXPECT_FALSE(exists);
+    Commands expected;
+    for (size_t k = 2; k <= 249; ++k) {
+        expected.push_back("CWD /");
+        expected.push_back("CWD " + std::string(k, '/'));
+    }
+    expected.push_back("CWD /");  // then "CWD " + 250 "/" is refused, and so is "MKD"
+    for (size_t k = 2; k <= 249; ++k) expected.push_back("CWD " + std::string(k, '/'));
+    const Commands sent = newCommands();
+    EXPECT_EQ(sent.size(), expected.size());
+    EXPECT_TRUE(sent == expected);
+    EXPECT_LT(peak.load(), start + 64u * 1024 * 1024) << "the prefixes were made all at once";
 }
 
 TEST_F(StorePaths, CreateDirOfANullPathFails) {

@@ -163,6 +163,18 @@ TEST_F(FtpControl, ACommandOf253CharactersIsSentAndOneOf254IsRefused) {
     EXPECT_EQ(afterLogin(), (Lines{fits}));
 }
 
+TEST_F(FtpControl, ACommandHoldingALineEndIsRefusedBeforeAnythingIsSent) {
+    connectAndLogin();
+    const std::string before = tool.getResponse();
+    EXPECT_EQ(tool.Sendcmd("CWD /a\r\nDELE /b", '2'), 0);
+    EXPECT_EQ(tool.cd("/a\nb"), 0);
+    EXPECT_EQ(tool.mkdir("/a\rb"), 0);
+    EXPECT_EQ(tool.deleteFile("x\r\nQUIT"), 0);
+    EXPECT_STREQ(tool.getResponse(), before.c_str()) << "a refused line leaves the reply text";
+    EXPECT_EQ(tool.cd("/a"), 1);
+    EXPECT_EQ(afterLogin(), (Lines{"CWD /a"}));
+}
+
 TEST_F(FtpControl, OnlyTheFirstDigitOfTheReplyIsJudged) {
     connectAndLogin();
     struct Case {

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -320,6 +321,35 @@ TEST_F(FtpData, AnUploadCutByTheServerFailsOnWriteOrClose) {
     EXPECT_EQ(tool.closeData(d), 0);
     EXPECT_STREQ(tool.getResponse(), "426 Transfer aborted\n");
     EXPECT_EQ(server.uploads(), (Lines{std::string(10, 'z')}));
+}
+
+TEST_F(FtpData, AnImageWriteThatFindsNoRoomReportsExactlyWhatWentOut) {
+    NetBuf* d = openStalledUpload("/full.bin", 'I');
+    ASSERT_NE(d, nullptr);
+    d->idleTime.seconds = 0;
+    d->idleTime.microseconds = 200000;
+    // The server reads nothing: writes go into the socket buffers until they
+    // are full. The write that finds too little room reports the part that
+    // went out, or -1 when none did within the wait; no byte goes unreported.
+    const std::string chunk = randomBytes(65536, 9);
+    std::string accepted;
+    int last = 0;
+    for (int i = 0; i < 10000; ++i) {
+        last = tool.write(chunk.data(), static_cast<int>(chunk.size()), d);
+        if (last != static_cast<int>(chunk.size())) break;
+        accepted += chunk;
+    }
+    ASSERT_NE(last, static_cast<int>(chunk.size())) << "the buffers never filled";
+    EXPECT_TRUE(last == -1 || (last > 0 && last < static_cast<int>(chunk.size()))) << last;
+    if (last > 0) accepted += chunk.substr(0, static_cast<size_t>(last));
+    EXPECT_GT(accepted.size(), 0u);
+    EXPECT_EQ(static_cast<size_t>(d->transferred), accepted.size());
+    server.releaseDataStalls();
+    EXPECT_EQ(tool.closeData(d), 1);
+    const std::optional<std::string> file = server.file("/full.bin");
+    ASSERT_TRUE(file.has_value());
+    EXPECT_EQ(file->size(), accepted.size());
+    EXPECT_TRUE(*file == accepted) << "what was reported is exactly what arrived";
 }
 
 TEST_F(FtpData, ADribbledBodyIsReadWhole) {

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "connections/Function.h"
+#include "foundation/Function.h"
 #include "ftpdisk_host/HostControl.h"
 #include "host/GThread.h"
 #include "host/KadmorTime.h"

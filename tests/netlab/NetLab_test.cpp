@@ -700,4 +700,28 @@ TEST(NetLabLifetime, StopWithConnectionsOpenLeavesNoDescriptorOrThread) {
     EXPECT_EQ(labtest::waitForThreadCount(threads), threads);
 }
 
+TEST_F(NetLabTest, ANewUpstreamTakesConnectionsAcceptedAfterItAndLeavesOpenOnesAlone) {
+    connectAndLogin(tool);
+    ftptest::ScriptedFtpServer second;
+    second.setGreeting(Reply("220 second server"));
+    std::string why;
+    EXPECT_FALSE(lab.setUpstream("10.0.0.1:21", &why));
+    EXPECT_NE(why.find("127.x.x.x"), std::string::npos) << why;
+    ASSERT_TRUE(lab.setUpstream(second.address(), &why)) << why;
+
+    FTPTool other;
+    ASSERT_EQ(other.connect(lab.address().c_str()), 1) << other.getResponse();
+    EXPECT_STREQ(other.getResponse(), "220 second server\n");
+    ASSERT_EQ(other.login("rec", "pw"), 1) << other.getResponse();
+    EXPECT_EQ(storeFile(other, "/b.dat", "to the second"), "");
+    EXPECT_EQ(second.file("/b.dat"), std::optional<std::string>("to the second"));
+
+    // The connection opened before the change still talks to the first
+    // server, its data connections included.
+    EXPECT_EQ(storeFile(tool, "/a.dat", "to the first"), "");
+    EXPECT_EQ(server.file("/a.dat"), std::optional<std::string>("to the first"));
+    EXPECT_FALSE(second.file("/a.dat").has_value());
+    EXPECT_EQ(server.commands(), (Lines{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /a.dat"}));
+}
+
 }  // namespace

@@ -184,6 +184,9 @@ struct Settings {
     std::string limitReply;
     bool swallowGreeting = false;
     std::shared_ptr<const ReplyRewriter> rewriter;
+    // Where control connections accepted from now on are forwarded (and the
+    // address that stands in for a non-loopback passive address).
+    sockaddr_in upstream{};
 };
 
 struct ResetRule {
@@ -254,7 +257,10 @@ struct Pair {
 class NetLab::Engine {
 public:
     Engine(int listenFd, uint16_t port, const sockaddr_in& upstream)
-        : listenFd_(listenFd), port_(port), upstream_(upstream) {}
+        : listenFd_(listenFd), port_(port) {
+        settings_.upstream = upstream;
+        local_.upstream = upstream;
+    }
 
     ~Engine() { stop(); }
 
@@ -427,7 +433,6 @@ private:
     // --- Owned by the loop thread ------------------------------------------
     int listenFd_;
     const uint16_t port_;
-    const sockaddr_in upstream_;
     Settings local_;
     uint64_t localVersion_ = 0;
     bool refusing_ = false;   // link down, listener closed
@@ -685,7 +690,7 @@ void NetLab::Engine::acceptControl() {
         p->resetArmed = rule.armed;
         p->resetWay = rule.way;
         p->resetBytes = rule.bytes;
-        connectUpstream(*p, upstream_);
+        connectUpstream(*p, local_.upstream);
     }
 }
 
@@ -1075,7 +1080,7 @@ std::string NetLab::Engine::rewritePassive(Pair& p, const std::string& text) {
     } else {
         // Only loopback is reached: a server announcing another address (its
         // public one, 0.0.0.0) is served where the control connection went.
-        target.sin_addr = upstream_.sin_addr;
+        target.sin_addr = local_.upstream.sin_addr;
     }
     target.sin_port = htons(static_cast<uint16_t>(n[4] * 256 + n[5]));
     p.dataUpstream = target;
@@ -1109,6 +1114,18 @@ void NetLab::setLatency(Micros oneWay, Way way, Traffic traffic) {
             for (int w = 0; w < 2; ++w)
                 if (hasTraffic(traffic, t) && hasWay(way, w)) s.latency[t][w] = oneWay;
     });
+}
+
+bool NetLab::setUpstream(const std::string& upstream, std::string* why) {
+    sockaddr_in address{};
+    std::string failure;
+    if (!parseUpstream(upstream, &address, &failure)) {
+        if (why != nullptr) *why = failure;
+        return false;
+    }
+    if (!engine_) return false;
+    engine_->change([&](Settings& s, ResetRule*) { s.upstream = address; });
+    return true;
 }
 
 void NetLab::setRoundTrip(Micros roundTrip, Traffic traffic) {

@@ -148,6 +148,11 @@ public:
     std::string address() const;
 
     // --- Conditions -----------------------------------------------------------
+    // Forwards control connections accepted from now on to another server
+    // (same rules as the constructor's `upstream`); connections already open
+    // stay with the old one. False, with *why set when given, for an address
+    // the constructor would refuse, or when the lab is not running.
+    bool setUpstream(const std::string& upstream, std::string* why = nullptr);
     void setLatency(Micros oneWay, Way way = Way::kBoth, Traffic traffic = Traffic::kAll);
     // Half of `roundTrip` each way.
     void setRoundTrip(Micros roundTrip, Traffic traffic = Traffic::kAll);

@@ -13,6 +13,7 @@
 #include "LocalReplacement.h"
 #include "ToolFormat.h"
 #include "ToolLocation.h"
+#include "location/FTPPath.h"
 #include "support/FdCount.h"
 
 using namespace ftpdisk_tool;
@@ -54,6 +55,70 @@ TEST(ToolLocation, ReadsLocationsTheWayTheRegistryDoes) {
         EXPECT_EQ(c.server, location.server) << c.text;
         EXPECT_EQ(c.base, location.base) << c.text;
         EXPECT_EQ(c.text, location.text) << c.text;
+    }
+}
+
+// One table for the registry's parser and the tool's reading of a location
+// text: where the registry takes a text, the tool reads the same user,
+// password, server and path, or refuses it with the reason given here (its
+// own checks: a port the module would read otherwise, texts the store's fields
+// cannot hold); where the registry refuses a text that carries a password,
+// the tool refuses it too.
+TEST(ToolLocation, TheToolAndTheRegistryReadOneTableOfLocationsAlike) {
+    const std::string longName(32, 'n');
+    const std::string longServer = "h" + std::string(31, '1');
+    const std::string longPassword(20, 'p');
+    const std::string texts[][2] = {
+        {"rec(pw)@ftp://10.0.0.5/video/", ""},
+        {"rec(pw)@ftp://127.0.0.1:2121/video", ""},
+        {"rec(pw)@ftp://host", ""},
+        {"rec(pw)@ftp://host///", ""},
+        {"a*(b(pw)@ftp://h/p", ""},
+        {"a**b(pw)@ftp://h/p", ""},
+        {"a*@b(pw)@ftp://h/p", ""},
+        {"rec(p@ss)@ftp://h/p", ""},
+        {"rec(a(b)c)@ftp://h/p", ""},
+        {"rec(pw)@ftp://h\\dir\\sub", ""},
+        {"rec(pw)@ftp://h//a//b", ""},
+        {"rec()@ftp://h/p", ""},
+        {"rec(pw)@ftp://h:ftp/p", ""},
+        {"rec(pw)@x@ftp://h/p", ""},
+        {"(pw)@ftp://h/p", "empty user name"},
+        {"rec(pw@ftp://h/p", "no \")\""},
+        {"a)b(pw@ftp://h/p", "no \")\""},
+        {"rec(pw)@h/p", "no \"ftp://\""},
+        {"rec(pw)ftp://h/p", "no \"@\""},
+        {"", "no \"@\""},
+        {"rec(pw)@ftp://h:0/p", "not between 1 and 65535"},
+        {"rec(pw)@ftp://h:65536/p", "not between 1 and 65535"},
+        {"rec(pw)@ftp://h:21x/p", "not a number"},
+        {"rec(pw)@ftp://h:/p", "empty port"},
+        {"rec(pw)@ftp:///p", "empty server address"},
+        {"rec(pw)@ftp://h:no-such-service/p", "unknown port name"},
+        {longName + "(pw)@ftp://h/p", "user name too long"},
+        {"rec(pw)@ftp://" + longServer + "/p", "server address too long"},
+        {"rec(" + longPassword + ")@ftp://h/p", "password too long"},
+    };
+    for (const auto& row : texts) {
+        const std::string& text = row[0];
+        const std::string& refusal = row[1];
+        FTPPath registry;
+        const bool registryReads = registry.create(text) == 1;
+        Location tool;
+        std::string problem;
+        const bool toolReads = parseLocation(text, tool, problem);
+        if (refusal.empty()) {
+            ASSERT_TRUE(registryReads) << text;
+            ASSERT_TRUE(toolReads) << text << ": " << problem;
+            EXPECT_EQ(tool.user, registry.getUserName()) << text;
+            EXPECT_EQ(tool.password, registry.getPassword()) << text;
+            EXPECT_EQ(tool.server, registry.getServerAddress()) << text;
+            EXPECT_EQ(tool.base, registry.getPath()) << text;
+            EXPECT_TRUE(tool.passwordGiven) << text;
+        } else {
+            EXPECT_FALSE(toolReads) << text;
+            EXPECT_NE(problem.find(refusal), std::string::npos) << text << ": " << problem;
+        }
     }
 }
 

@@ -1,0 +1,550 @@
+// A real server's bad days, with the network lab between the store and the
+// server: the server killed in the middle of 16 recordings and started again,
+// pooled connections the server closed while idle, data connections reset
+// after N bytes, and a link that is down for ten minutes while 8 cameras try
+// to rotate their files every 10 s, until the handle numbers run out.
+//
+// The store's server address is the lab's, which stays put while the server
+// behind it changes (setUpstream).
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FaultTestUtil.h"
+#include "filesystem/FTPFileSystem.h"
+#include "filesystem/FTPFileSystemManager.h"
+#include "foundation/SafePointer.h"
+#include "ftpdisk_host/HostControl.h"
+#include "support/NetLab.h"
+#include "support/RealFtpServer.h"
+#include "support/ScriptedFtpServer.h"
+
+namespace {
+
+using faulttest::bound;
+using faulttest::noGrowth;
+using faulttest::patternBytes;
+using faulttest::recordSegment;
+using faulttest::Segment;
+using faulttest::timed;
+using faulttest::waitUntil;
+using ftptest::LinkDownMode;
+using ftptest::NetLab;
+using ftptest::ReplyEdit;
+using ftptest::ResetScope;
+using ftptest::Traffic;
+using ftptest::Way;
+using Millis = std::chrono::milliseconds;
+
+const size_t kHeapTolerance = 512 * 1024;
+
+std::string cameraPath(int camera, int round) {
+    return "/rec/cam" + std::to_string(camera) + "-" + std::to_string(round) + ".ts";
+}
+
+// Size of a file below the server's root, -1 when it cannot be read.
+long fileSize(const RealFtpServer& server, const std::string& path) {
+    std::string bytes;
+    return server.readFile(path, &bytes) ? static_cast<long>(bytes.size()) : -1;
+}
+
+// --- The server killed during 16 recordings ----------------------------------------
+
+class ServerKilled : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(first->ready()) << first->failure();
+        ASSERT_TRUE(first->makeDir("/rec"));
+        ASSERT_TRUE(lab.ok()) << lab.failure();
+        store.reset(new FTPFileSystem(lab.address().c_str(), "rec", "pw", 1024));
+        ASSERT_EQ(store->init(), 0);
+    }
+
+    // 16 cameras open their file of `round`; the handles, -1 for a failure.
+    std::vector<int> openAll(int round) {
+        std::vector<int> handles;
+        for (int c = 0; c < kCameras; ++c) handles.push_back(store->open(cameraPath(c, round).c_str(), 2));
+        return handles;
+    }
+
+    static constexpr int kCameras = 16;
+    // vsftpd writes what it receives straight to the file, so what it has
+    // taken is on its disk when it is killed (pyftpdlib buffers in its own
+    // process).
+    std::unique_ptr<RealFtpServer> first{new RealFtpServer(FtpServerKind::kVsftpd)};
+    NetLab lab{first->hostPort()};
+    std::unique_ptr<FTPFileSystem> store;
+    const std::string bytes = patternBytes(64 * 1024, 11);
+};
+
+TEST_F(ServerKilled, EveryWriteAndCloseFailsCleanlyThenRecordingResumesOnTheRestartedServer) {
+    // Warm-up round: 16 segments, so the pool holds 16 connections before
+    // the mark, as it will after the recovery round.
+    for (int h : openAll(0)) {
+        ASSERT_GT(h, 0);
+        ASSERT_EQ(store->write(h, bytes.data(), 1000), 1000);
+        ASSERT_EQ(store->close(h), 0);
+    }
+    const faulttest::Resources before = faulttest::takeResources();
+
+    const std::vector<int> handles = openAll(1);
+    for (int c = 0; c < kCameras; ++c) {
+        ASSERT_GT(handles[c], 0) << "camera " << c;
+        ASSERT_EQ(store->write(handles[c], bytes.data(), static_cast<unsigned>(bytes.size())),
+                  static_cast<int>(bytes.size()));
+    }
+    // Every byte written so far has reached the server's disk.
+    ASSERT_TRUE(waitUntil([&] {
+        for (int c = 0; c < kCameras; ++c)
+            if (fileSize(*first, cameraPath(c, 1)) != static_cast<long>(bytes.size())) return false;
+        return true;
+    }, Millis(10000))) << "the server never stored the first 64 KiB of every file";
+
+    // Killed: every process of the server, at once, without warning.
+    for (pid_t pid : first->processes()) ::kill(pid, SIGKILL);
+    first->stop();
+
+    for (int c = 0; c < kCameras; ++c) {
+        // A write may still go into the socket buffers (and the lab's queue,
+        // up to 4 MiB) before the reset is seen: 64 MiB at most, far more
+        // than every buffer on the way holds, and the failure shows.
+        int last = 0;
+        double longest = 0;
+        for (int i = 0; i < 1024; ++i) {
+            double took = 0;
+            last = timed(&took, [&] {
+                return store->write(handles[c], bytes.data(), static_cast<unsigned>(bytes.size()));
+            });
+            longest = std::max(longest, took);
+            if (last < 0) break;
+        }
+        EXPECT_EQ(last, -1) << "camera " << c;
+        EXPECT_LE(longest, bound(1, 1));
+        double took = 0;
+        EXPECT_EQ(timed(&took, [&] { return store->close(handles[c]); }), -1) << "camera " << c;
+        EXPECT_LE(took, bound(2));
+    }
+    EXPECT_EQ(store->createDir("/archive/day2"), -1);
+
+    // What the server had accepted is still on its disk.
+    for (int c = 0; c < kCameras; ++c) {
+        std::string kept;
+        ASSERT_TRUE(first->readFile(cameraPath(c, 1), &kept));
+        EXPECT_GE(kept.size(), bytes.size());
+        EXPECT_TRUE(kept.compare(0, bytes.size(), bytes) == 0) << "camera " << c;
+    }
+
+    // Started again (on another port, behind the same lab address).
+    RealFtpServer second(FtpServerKind::kVsftpd);
+    ASSERT_TRUE(second.ready()) << second.failure();
+    ASSERT_TRUE(second.makeDir("/rec"));
+    ASSERT_TRUE(lab.setUpstream(second.hostPort()));
+
+    // The failed closes quit their connections and freed their numbers, so
+    // nothing of the dead server is left in the pool. The recorder's
+    // recovery is uninit and init; the cameras then open again.
+    EXPECT_EQ(store->uninit(), 0);
+    ASSERT_EQ(store->init(), 0);
+    const std::vector<int> resumed = openAll(3);
+    for (int c = 0; c < kCameras; ++c) {
+        EXPECT_EQ(resumed[c], 1 + c) << "camera " << c;
+        EXPECT_EQ(store->write(resumed[c], bytes.data(), static_cast<unsigned>(bytes.size())),
+                  static_cast<int>(bytes.size()));
+        EXPECT_EQ(store->close(resumed[c]), 0);
+        std::string kept;
+        EXPECT_TRUE(second.readFile(cameraPath(c, 3), &kept));
+        EXPECT_TRUE(kept == bytes) << "camera " << c;
+    }
+    EXPECT_EQ(store->createDir("/archive/day2"), 0);
+    EXPECT_TRUE(second.dirExists("/archive/day2"));
+    long long total = 0;
+    EXPECT_EQ(store->getTotalSize("/rec", total), 1);
+    EXPECT_EQ(total, static_cast<long long>(kCameras * bytes.size()));
+    EXPECT_TRUE(noGrowth(before, kHeapTolerance));
+}
+
+// --- Pooled connections closed by the server while idle ----------------------------
+
+class IdleClosed : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(lab.ok()) << lab.failure();
+        store.reset(new FTPFileSystem(lab.address().c_str(), "rec", "pw", 1024));
+        ASSERT_EQ(store->init(), 0);
+        const Segment s = recordSegment(*store, "/rec/warm.ts", bytes);
+        ASSERT_EQ(s.closeResult, 0);
+        before = faulttest::takeResources();
+    }
+
+    // `arm` prepares the lab, one segment's connection goes to the pool,
+    // `end` ends it there (the server ending an idle connection); then the
+    // next two opens: the first takes the dead pooled connection and fails
+    // at once, the second connects anew.
+    void idleConnectionEnds(const std::function<void()>& arm, const std::function<void()>& end) {
+        arm();
+        const Segment s = recordSegment(*store, "/rec/a.ts", bytes);
+        ASSERT_EQ(s.closeResult, 0) << faulttest::describe(s);
+        end();
+        double took = 0;
+        const int stale = timed(&took, [&] { return store->open("/rec/b.ts", 2); });
+        EXPECT_EQ(stale, -1);
+        EXPECT_LE(took, bound(1));
+        const Segment next = recordSegment(*store, "/rec/c.ts", bytes);
+        // Number 1 went with the failed open.
+        EXPECT_EQ(next.handle, 2);
+        EXPECT_EQ(next.closeResult, 0) << faulttest::describe(next);
+        EXPECT_EQ(server.file("/rec/c.ts"), std::optional<std::string>(bytes));
+        EXPECT_TRUE(noGrowth(before, kHeapTolerance + 256 * server.commands().size() +
+                                         4 * bytes.size()));
+    }
+
+    ftptest::ScriptedFtpServer server;
+    NetLab lab{server.address()};
+    std::unique_ptr<FTPFileSystem> store;
+    const std::string bytes = patternBytes(30000, 5);
+    faulttest::Resources before;
+};
+
+// The lab ends the connection right after the closing reply of the next
+// transfer, sending `after` first.
+void closeAfterNextTransfer(NetLab& lab, const std::string& after) {
+    lab.setReplyRewriter([&lab, after](const std::string& line) -> std::optional<ReplyEdit> {
+        if (line.rfind("226", 0) != 0) return std::nullopt;
+        lab.setReplyRewriter(nullptr);
+        return ReplyEdit{line + "\r\n" + after, true};
+    });
+}
+
+// The pooled connection's control connection closes after the lab has
+// delivered the 226 of its transfer (and what follows it).
+void waitForOneControlLess(NetLab& lab, int open) {
+    ASSERT_TRUE(lab.waitFor([&](const ftptest::NetLabCounters& c) { return c.openControl < open; }))
+        << "the lab did not end the pooled connection";
+}
+
+TEST_F(IdleClosed, A421AndACloseFailTheOpenThatTakesThePooledConnection) {
+    const int open = lab.counters().openControl;
+    idleConnectionEnds([&] { closeAfterNextTransfer(lab, "421 Timeout.\r\n"); },
+                       [&] { waitForOneControlLess(lab, open); });
+}
+
+TEST_F(IdleClosed, ASilentCloseFailsTheOpenThatTakesThePooledConnection) {
+    const int open = lab.counters().openControl;
+    idleConnectionEnds([&] { closeAfterNextTransfer(lab, ""); },
+                       [&] { waitForOneControlLess(lab, open); });
+}
+
+TEST_F(IdleClosed, AResetFailsTheOpenThatTakesThePooledConnection) {
+    idleConnectionEnds([] {}, [&] {
+        // Both control connections (the pooled one and the store's main one)
+        // are reset; the main one shows on the next path operation.
+        EXPECT_EQ(lab.dropAll(), 2);
+        EXPECT_EQ(store->createDir("/rec/x"), -1);
+        EXPECT_EQ(store->uninit(), 0);
+        EXPECT_EQ(store->init(), 0);
+    });
+}
+
+// A real server's own idle limit: pyftpdlib says "421 Control connection
+// timed out." and closes, the pooled connection and the main one alike.
+TEST(IdleClosedByARealServer, TheOpenOnTheTimedOutConnectionFailsAndTheNextSucceeds) {
+    RealFtpServerOptions options;
+    options.idleTimeoutSeconds = 1;
+    RealFtpServer server(FtpServerKind::kPyftpdlib, options);
+    ASSERT_TRUE(server.ready()) << server.failure();
+    ASSERT_TRUE(server.makeDir("/rec"));
+    FTPFileSystem store(server.hostPort().c_str(), "rec", "pw", 1024);
+    ASSERT_EQ(store.init(), 0);
+    const std::string bytes = patternBytes(40000, 2);
+    ASSERT_EQ(recordSegment(store, "/rec/a.ts", bytes).closeResult, 0);
+    ASSERT_TRUE(server.waitForSessionCount(0, Millis(10000))) << "the server kept its sessions";
+
+    EXPECT_EQ(store.open("/rec/b.ts", 2), -1);
+    EXPECT_EQ(store.createDir("/rec/day"), -1);
+    EXPECT_EQ(store.uninit(), 0);
+    ASSERT_EQ(store.init(), 0);
+    const Segment s = recordSegment(store, "/rec/c.ts", bytes);
+    EXPECT_EQ(s.handle, 2);
+    EXPECT_EQ(s.closeResult, 0) << faulttest::describe(s);
+    std::string kept;
+    EXPECT_TRUE(server.readFile("/rec/c.ts", &kept));
+    EXPECT_TRUE(kept == bytes);
+    EXPECT_EQ(store.createDir("/rec/day"), 0);
+}
+
+// --- Data connections reset after N bytes ------------------------------------------
+
+class DataReset : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.ready()) << server.failure();
+        ASSERT_TRUE(server.makeDir("/rec"));
+        ASSERT_TRUE(lab.ok()) << lab.failure();
+        store.reset(new FTPFileSystem(lab.address().c_str(), "rec", "pw", 1024));
+        ASSERT_EQ(store->init(), 0);
+        ASSERT_EQ(recordSegment(*store, "/rec/warm.ts", bytes).closeResult, 0);
+        before = faulttest::takeResources();
+    }
+
+    void recoverAndRecord() {
+        EXPECT_EQ(store->uninit(), 0);
+        ASSERT_EQ(store->init(), 0);
+        const Segment s = recordSegment(*store, "/rec/after.ts", bytes);
+        EXPECT_EQ(s.closeResult, 0) << faulttest::describe(s);
+        {
+            std::string kept;
+            EXPECT_TRUE(server.readFile("/rec/after.ts", &kept));
+            EXPECT_TRUE(kept == bytes);
+        }
+        EXPECT_TRUE(noGrowth(before, kHeapTolerance));
+    }
+
+    RealFtpServer server{FtpServerKind::kPyftpdlib};
+    NetLab lab{server.hostPort()};
+    std::unique_ptr<FTPFileSystem> store;
+    const std::string bytes = patternBytes(1000000, 4);
+    faulttest::Resources before;
+};
+
+TEST_F(DataReset, AnUploadResetAfterNBytesFailsTheNextWriteAndTheServerKeepsExactlyThoseBytes) {
+    const size_t n = 300000;
+    lab.resetAfter(n, Traffic::kData, Way::kClientToServer);
+    const int handle = store->open("/rec/cut.ts", 2);
+    ASSERT_GT(handle, 0);
+    // A long recording: pieces until a write meets the reset.
+    size_t written = 0;
+    int last = 0;
+    double longest = 0;
+    for (int i = 0; i < 20000; ++i) {
+        double took = 0;
+        last = timed(&took, [&] { return store->write(handle, bytes.data() + (written % 500000), 8192); });
+        longest = std::max(longest, took);
+        if (last < 0) break;
+        written += static_cast<size_t>(last);
+    }
+    EXPECT_EQ(last, -1);
+    EXPECT_GE(written, n);
+    EXPECT_LE(longest, bound(1, 1));
+    // The failed write marked the connection: close quits it and says -1,
+    // whatever the server answered.
+    double took = 0;
+    EXPECT_EQ(timed(&took, [&] { return store->close(handle); }), -1);
+    EXPECT_LE(took, bound(2));
+    ASSERT_TRUE(waitUntil([&] { return fileSize(server, "/rec/cut.ts") == static_cast<long>(n); }))
+        << "server file holds " << fileSize(server, "/rec/cut.ts") << " bytes";
+    {
+        std::string kept;
+        ASSERT_TRUE(server.readFile("/rec/cut.ts", &kept));
+        std::string sent;
+        while (sent.size() < n) sent += bytes.substr(0, 500000);
+        EXPECT_TRUE(kept == sent.substr(0, n));
+    }
+    recoverAndRecord();
+}
+
+// The module's last write went into the socket buffers and the data
+// connection was closed before the reset came: only the server can tell.
+// pyftpdlib takes the cut connection for the end of the upload and answers
+// 226, so close succeeds; the file's length shows what was kept.
+TEST_F(DataReset, AnUploadCutAfterTheLastWriteIsJudgedByTheServersClosingReply) {
+    const size_t n = 300000;
+    lab.stall(Traffic::kData, Way::kClientToServer);
+    lab.resetAfter(n, Traffic::kData, Way::kClientToServer);
+    const int handle = store->open("/rec/cut.ts", 2);
+    ASSERT_GT(handle, 0);
+    for (size_t at = 0; at < bytes.size(); at += 8192) {
+        const unsigned piece = static_cast<unsigned>(std::min<size_t>(8192, bytes.size() - at));
+        ASSERT_EQ(store->write(handle, bytes.data() + at, piece), static_cast<int>(piece));
+    }
+    lab.release();
+    double took = 0;
+    EXPECT_EQ(timed(&took, [&] { return store->close(handle); }), 0);
+    EXPECT_LE(took, bound(1));
+    EXPECT_EQ(store->getFileLength("/rec/cut.ts"), static_cast<long long>(n));
+    recoverAndRecord();
+}
+
+TEST_F(DataReset, ADownloadResetAfterNBytesFailsGet) {
+    ASSERT_TRUE(server.writeFile("/rec/old.ts", bytes));
+    const size_t n = 200000;
+    lab.resetAfter(n, Traffic::kData, Way::kServerToClient);
+    const std::string local = ::testing::TempDir() + "/faults-reset-get.ts";
+    double took = 0;
+    EXPECT_EQ(timed(&took, [&] { return store->Get(local.c_str(), "/rec/old.ts"); }), -1);
+    EXPECT_LE(took, bound(3));
+    std::string got;
+    std::FILE* f = std::fopen(local.c_str(), "rb");
+    ASSERT_NE(f, nullptr);
+    char chunk[65536];
+    size_t r;
+    while ((r = std::fread(chunk, 1, sizeof chunk, f)) > 0) got.append(chunk, r);
+    std::fclose(f);
+    std::remove(local.c_str());
+    EXPECT_LE(got.size(), n);
+    EXPECT_TRUE(bytes.compare(0, got.size(), got) == 0) << "the partial copy is not a prefix";
+    recoverAndRecord();
+}
+
+// A listing cut by a reset ends like a complete one: the design takes a
+// failed read as the end of the data, so the recorder gets success with the
+// names that arrived.
+TEST_F(DataReset, AListingResetAfterNBytesSucceedsWithTheNamesThatArrived) {
+    for (int i = 0; i < 200; ++i) ASSERT_TRUE(server.writeFile("/rec/f" + std::to_string(1000 + i) + ".ts", "x"));
+    std::vector<std::string> all;
+    ASSERT_EQ(store->getFileList("/rec", all, ""), 1);
+    ASSERT_EQ(all.size(), 201u);  // the warm-up segment too
+
+    lab.resetAfter(4000, Traffic::kData, Way::kServerToClient);
+    std::vector<std::string> names;
+    double took = 0;
+    EXPECT_EQ(timed(&took, [&] { return store->getFileList("/rec", names, ""); }), 1);
+    EXPECT_LE(took, bound(2));
+    EXPECT_LT(names.size(), all.size());
+    // Every name but the last is whole; the last line may have been cut
+    // inside its name, which then names no file.
+    for (size_t i = 0; i + 1 < names.size(); ++i)
+        EXPECT_NE(std::find(all.begin(), all.end(), names[i]), all.end()) << names[i];
+    if (!names.empty()) {
+        const std::string& last = names.back();
+        EXPECT_TRUE(std::any_of(all.begin(), all.end(),
+                                [&](const std::string& name) { return name.rfind(last, 0) == 0; }))
+            << last;
+    }
+    // The main connection stays in step: the next listing is whole.
+    std::vector<std::string> again;
+    EXPECT_EQ(store->getFileList("/rec", again, ""), 1);
+    EXPECT_EQ(again, all);
+    recoverAndRecord();
+}
+
+// --- The link down for ten minutes -------------------------------------------------
+
+// 8 cameras rotate their files every 10 s (the hand-driven clock moves 10 s a
+// round). Every open that fails after its number was reserved keeps that
+// number, so an outage uses up 8 numbers every 10 s: the 1023 numbers of the
+// registry's store last 21 minutes of outage. Deleting the store from the
+// registry and adding it again gives a new table.
+class LinkDown : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.ready()) << server.failure();
+        ASSERT_TRUE(server.makeDir("/rec"));
+        ASSERT_TRUE(lab.ok()) << lab.failure();
+        hostcontrol::useManualClock(1.7e9, 5000.0);
+        location = "rec(pw)@ftp://" + lab.address() + "/rec";
+        ASSERT_EQ(registry->addFTPFileSystem(location), 0);
+        fetch();
+        ASSERT_EQ(store->init(), 0);
+    }
+    void TearDown() override {
+        held.reset();
+        registry->deleteFileSystem(location);
+        hostcontrol::useSystemClock();
+    }
+
+    // The store the registry holds for the location, as the recorder gets it.
+    void fetch() {
+        SafePointer<FTPFileSystem> found;
+        ASSERT_EQ(registry->getFTPFileSystem(location, found), 1);
+        held.reset(new SafePointer<FTPFileSystem>(found));
+        store = found.get();
+    }
+
+    // One rotation: each camera closes its file and opens the next. Returns
+    // the new handles.
+    std::vector<int> rotate(std::vector<int>& handles, int round) {
+        for (int c = 0; c < kCameras; ++c) {
+            if (handles[c] > 0) {
+                store->write(handles[c], bytes.data(), static_cast<unsigned>(bytes.size()));
+                store->close(handles[c]);
+            }
+            handles[c] = store->open(cameraPath(c, round).c_str(), 2);
+        }
+        hostcontrol::advanceClock(10.0);
+        return handles;
+    }
+
+    static constexpr int kCameras = 8;
+    RealFtpServer server{FtpServerKind::kPyftpdlib};
+    NetLab lab{server.hostPort()};
+    FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
+    std::string location;
+    std::unique_ptr<SafePointer<FTPFileSystem> > held;
+    FTPFileSystem* store = nullptr;
+    const std::string bytes = patternBytes(20000, 8);
+};
+
+TEST_F(LinkDown, FailedOpensUseUpTheHandleNumbersAndANewStoreFromTheRegistryRecovers) {
+    std::vector<int> handles(kCameras, -1);
+    rotate(handles, 0);
+    for (int c = 0; c < kCameras; ++c) ASSERT_EQ(handles[c], c + 1);
+    rotate(handles, 1);  // the same numbers again: each close freed its own
+    for (int c = 0; c < kCameras; ++c) ASSERT_EQ(handles[c], c + 1);
+    const faulttest::Resources before = faulttest::takeResources();
+
+    ASSERT_TRUE(lab.linkDown(LinkDownMode::kRefuse));
+    // Ten minutes: 60 rounds. Writes and closes fail at once, opens fail at
+    // once (refused connects), path operations fail.
+    double longest = 0;
+    for (int round = 2; round < 62; ++round) {
+        double took = 0;
+        timed(&took, [&] { return rotate(handles, round).size(); });
+        longest = std::max(longest, took);
+        for (int h : handles) ASSERT_EQ(h, -1) << "round " << round;
+    }
+    EXPECT_LE(longest, bound(2));
+    EXPECT_EQ(store->createDir("/rec/day2"), -1);
+    long long total = 0;
+    EXPECT_EQ(store->getTotalSize("/rec", total), 0);
+
+    // Back up: after uninit and init the cameras record again, on numbers
+    // past the 480 that the failed opens kept.
+    ASSERT_TRUE(lab.linkUp());
+    EXPECT_EQ(store->uninit(), 0);
+    ASSERT_EQ(store->init(), 0);
+    rotate(handles, 62);
+    for (int c = 0; c < kCameras; ++c) EXPECT_EQ(handles[c], 480 + 1 + c);
+
+    // Another outage of 68 rounds (11 more minutes) takes the rest: 535
+    // numbers are left, 544 opens fail. Then, with the link up, no open can
+    // get a number at all and none reaches the network.
+    ASSERT_TRUE(lab.linkDown(LinkDownMode::kRefuse));
+    for (int round = 63; round < 63 + 68; ++round) rotate(handles, round);
+    ASSERT_TRUE(lab.linkUp());
+    EXPECT_EQ(store->uninit(), 0);
+    ASSERT_EQ(store->init(), 0);
+    const uint64_t accepted = lab.counters().accepted;
+    rotate(handles, 200);
+    for (int h : handles) EXPECT_EQ(h, -1);
+    EXPECT_EQ(lab.counters().accepted, accepted) << "an open without a number reached the server";
+    EXPECT_EQ(store->createDir("/rec/day2"), 0) << "path operations are not affected";
+
+    // Delete the store and add it again: a new table with every number free.
+    held.reset();
+    store = nullptr;
+    ASSERT_EQ(registry->deleteFileSystem(location), 0);
+    ASSERT_EQ(registry->addFTPFileSystem(location), 0);
+    fetch();
+    ASSERT_EQ(store->init(), 0);
+    std::vector<int> fresh(kCameras, -1);
+    rotate(fresh, 300);
+    rotate(fresh, 301);
+    for (int c = 0; c < kCameras; ++c) EXPECT_EQ(fresh[c], c + 1);
+    for (int c = 0; c < kCameras; ++c) {
+        std::string kept;
+        EXPECT_TRUE(server.readFile(cameraPath(c, 300), &kept));
+        EXPECT_TRUE(kept == bytes) << "camera " << c;
+    }
+    EXPECT_TRUE(noGrowth(before, kHeapTolerance));
+}
+
+}  // namespace
