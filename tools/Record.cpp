@@ -12,14 +12,24 @@
 // a login of its own; the summary names the calls and their reasons, and the
 // verdict says so when the server grants fewer connections than the cameras
 // need (one per open file, plus the store's own).
+//
+// The ramp: until every camera has its first file open, opens crowd the
+// server and writes share the machine with logins. The summary gives the time
+// until the last camera's first open, and write latency over the calls that
+// started after it, so that a steady state can be judged apart from the
+// start. Each camera makes its directory (createDir) before its first open,
+// and that time is shown too. --json FILE writes every figure for scripts
+// (bench/recorder_load/run.py).
 #include <signal.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -53,6 +63,7 @@ struct Settings {
     double megabits = 4;
     double segment = 60;
     bool aio = false;
+    std::string jsonFile;  // empty: no figures file
 };
 
 // Call durations for percentiles. Exact up to kMaxSamples calls; beyond that
@@ -131,9 +142,15 @@ struct CameraResult {
     long long droppedBytes = 0;
     int failedCalls = 0;
     double maxLag = 0;
+    LatencySamples mkdirSeconds;
     LatencySamples openSeconds;
     LatencySamples closeSeconds;
     LatencySamples writeSeconds;
+    // Writes that started once every camera had its first file open.
+    LatencySamples rampedWriteSeconds;
+    // Seconds into the run when this camera's first open returned a handle;
+    // negative while it has none.
+    double firstOpenAt = -1;
 };
 
 // What the status line shows while cameras run; read without stopping them.
@@ -145,6 +162,9 @@ struct LiveCounters {
     std::atomic<int> failedCalls{0};
     std::atomic<int> openFiles{0};
     std::atomic<int> mostOpenFiles{0};
+    // Cameras that have had a file open; the ramp is over when all have.
+    std::atomic<int> camerasStarted{0};
+    std::atomic<bool> rampOver{false};
 
     void opened() {
         const int now = openFiles.fetch_add(1) + 1;
@@ -169,7 +189,9 @@ public:
         const long long ticks = std::llround(settings_.seconds / kTick);
         const long long ticksPerSegment = std::max(1LL, std::llround(settings_.segment / kTick));
 
+        const double t0 = monotonicSeconds();
         const bool dirMade = store_->createDir(dir_.c_str()) == 0;
+        result.mkdirSeconds.add(monotonicSeconds() - t0);
         if (!dirMade) {
             noteFailure("mkdir", dir_);
             result.droppedBytes = static_cast<long long>(bytesPerSecond * settings_.seconds);
@@ -197,9 +219,14 @@ public:
                 result.droppedBytes += size;
                 continue;
             }
+            const bool ramped = live_.rampOver.load();
             const double t0 = monotonicSeconds();
             const bool ok = writeBlock(size);
-            result.writeSeconds.add(monotonicSeconds() - t0);
+            const double took = monotonicSeconds() - t0;
+            result.writeSeconds.add(took);
+            if (ramped) {
+                result.rampedWriteSeconds.add(took);
+            }
             if (!ok) {
                 // The segment is lost from here on; the next one starts afresh.
                 segmentFailed_ = true;
@@ -236,9 +263,16 @@ private:
         segmentFailed_ = false;
         const double t0 = monotonicSeconds();
         handle_ = store_->open(path_.c_str(), 2);
-        result.openSeconds.add(monotonicSeconds() - t0);
+        const double t1 = monotonicSeconds();
+        result.openSeconds.add(t1 - t0);
         if (handle_ >= 0) {
             live_.opened();
+            if (result.firstOpenAt < 0) {
+                result.firstOpenAt = t1 - start_;
+                if (live_.camerasStarted.fetch_add(1) + 1 == settings_.cameras) {
+                    live_.rampOver.store(true);
+                }
+            }
         } else {
             noteFailure("open", path_);
             ++result.filesFailed;
@@ -359,6 +393,14 @@ bool readSettings(const Arguments& args, Settings& out, std::string& problem) {
         return false;
     }
     out.aio = args.has("--aio");
+    it = args.values.find("--json");
+    if (it != args.values.end()) {
+        if (it->second.empty()) {
+            problem = "--json takes a file name";
+            return false;
+        }
+        out.jsonFile = it->second;
+    }
     return true;
 }
 
@@ -434,6 +476,22 @@ std::string failureVerdict(const FailedCalls& failures, int cameras, int connect
     return verdict;
 }
 
+std::string jsonNumber(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.6f", value);
+    return text;
+}
+
+// {"calls": N, "p50_ms": ..., "p90_ms": ..., "p99_ms": ..., "max_ms": ...}
+std::string jsonLatency(const LatencySamples& calls) {
+    const std::vector<double>& s = calls.samples();
+    return "{\"calls\": " + std::to_string(calls.count()) +
+           ", \"p50_ms\": " + jsonNumber(percentile(s, 50) * 1e3) +
+           ", \"p90_ms\": " + jsonNumber(percentile(s, 90) * 1e3) +
+           ", \"p99_ms\": " + jsonNumber(percentile(s, 99) * 1e3) +
+           ", \"max_ms\": " + jsonNumber(calls.max() * 1e3) + "}";
+}
+
 }  // namespace
 
 int runRecord(const Arguments& args) {
@@ -441,6 +499,15 @@ int runRecord(const Arguments& args) {
     std::string problem;
     if (!readSettings(args, settings, problem)) {
         return usage("record", problem);
+    }
+    if (!settings.jsonFile.empty()) {
+        // Found out now rather than after a long run.
+        std::ofstream json(settings.jsonFile, std::ios::trunc);
+        if (!json) {
+            return fail("record",
+                        "cannot write the figures to " + settings.jsonFile + ": " + systemError(errno),
+                        kExitUsage);
+        }
     }
     Session session("record");
     int status = session.open(args.positional[0]);
@@ -531,6 +598,8 @@ int runRecord(const Arguments& args) {
     failures.finish();
 
     CameraResult total;
+    int started = 0;  // cameras that had a file open
+    double rampSeconds = 0;  // when the last of them opened its first file
     for (const auto& camera : cameras) {
         const CameraResult& r = camera->result;
         total.filesComplete += r.filesComplete;
@@ -539,9 +608,15 @@ int runRecord(const Arguments& args) {
         total.droppedBytes += r.droppedBytes;
         total.failedCalls += r.failedCalls;
         total.maxLag = std::max(total.maxLag, r.maxLag);
+        total.mkdirSeconds.merge(r.mkdirSeconds);
         total.openSeconds.merge(r.openSeconds);
         total.closeSeconds.merge(r.closeSeconds);
         total.writeSeconds.merge(r.writeSeconds);
+        total.rampedWriteSeconds.merge(r.rampedWriteSeconds);
+        if (r.firstOpenAt >= 0) {
+            ++started;
+            rampSeconds = std::max(rampSeconds, r.firstOpenAt);
+        }
     }
     const double target = settings.megabits * settings.cameras;
     char targetText[32];
@@ -564,6 +639,17 @@ int runRecord(const Arguments& args) {
               << latencyLine("close latency", total.closeSeconds) << "\n"
               << latencyLine("write latency", total.writeSeconds) << "\n"
               << "  max lag        " << lagText << " behind the cameras\n";
+    char rampText[96];
+    if (started == settings.cameras) {
+        std::snprintf(rampText, sizeof rampText, "every camera's first file open by %.3f s",
+                      rampSeconds);
+    } else {
+        std::snprintf(rampText, sizeof rampText, "%d of %d cameras had a file open; ramp not over",
+                      started, settings.cameras);
+    }
+    std::cout << "  first open     " << rampText << "\n"
+              << latencyLine("after ramp", total.rampedWriteSeconds) << "\n"
+              << latencyLine("mkdir latency", total.mkdirSeconds) << "\n";
     std::string silent;
     int silentCount = 0;
     for (const auto& camera : cameras) {
@@ -582,16 +668,66 @@ int runRecord(const Arguments& args) {
     }
     printFailures(failures);
     const bool passed = total.failedCalls == 0 && total.filesFailed == 0;
-    std::cout << "verdict: "
-              << (passed ? "PASS"
-                         : "FAIL: " + failureVerdict(failures, settings.cameras,
-                                                     live.mostOpenFiles.load() + 1))
-              << std::endl;
+    const std::string verdict =
+        passed ? "PASS"
+               : "FAIL: " + failureVerdict(failures, settings.cameras, live.mostOpenFiles.load() + 1);
+    std::cout << "verdict: " << verdict << std::endl;
+
+    bool jsonWritten = true;
+    if (!settings.jsonFile.empty()) {
+        std::ofstream json(settings.jsonFile, std::ios::trunc);
+        json << "{\n  \"location\": " << jsonString(session.location().masked())
+             << ",\n  \"cameras\": " << settings.cameras
+             << ",\n  \"seconds\": " << jsonNumber(settings.seconds)
+             << ",\n  \"rate_mbit\": " << jsonNumber(settings.megabits)
+             << ",\n  \"segment_seconds\": " << jsonNumber(settings.segment)
+             << ",\n  \"aio\": " << (settings.aio ? "true" : "false")
+             << ",\n  \"elapsed_seconds\": " << jsonNumber(elapsed)
+             << ",\n  \"files_complete\": " << total.filesComplete
+             << ",\n  \"files_failed\": " << total.filesFailed
+             << ",\n  \"bytes\": " << total.bytes
+             << ",\n  \"dropped_bytes\": " << total.droppedBytes
+             << ",\n  \"failed_calls\": " << total.failedCalls
+             << ",\n  \"max_lag_seconds\": " << jsonNumber(total.maxLag)
+             << ",\n  \"cameras_started\": " << started
+             << ",\n  \"first_open_all_seconds\": "
+             << (started == settings.cameras ? jsonNumber(rampSeconds) : "null")
+             << ",\n  \"most_open_files\": " << live.mostOpenFiles.load()
+             << ",\n  \"mkdir\": " << jsonLatency(total.mkdirSeconds)
+             << ",\n  \"open\": " << jsonLatency(total.openSeconds)
+             << ",\n  \"close\": " << jsonLatency(total.closeSeconds)
+             << ",\n  \"write\": " << jsonLatency(total.writeSeconds)
+             << ",\n  \"write_after_ramp\": " << jsonLatency(total.rampedWriteSeconds)
+             << ",\n  \"failed_by_reason\": [";
+        const auto reasons = failures.byReason();
+        for (std::size_t i = 0; i < reasons.size(); ++i) {
+            json << (i == 0 ? "\n    " : ",\n    ") << "{\"reason\": " << jsonString(reasons[i].first)
+                 << ", \"calls\": " << reasons[i].second << "}";
+        }
+        json << "],\n  \"first_failed_calls\": [";
+        const std::vector<FailedCall> calls = failures.firstCalls();
+        for (std::size_t i = 0; i < calls.size(); ++i) {
+            json << (i == 0 ? "\n    " : ",\n    ") << "{\"camera\": " << calls[i].camera
+                 << ", \"operation\": " << jsonString(calls[i].operation)
+                 << ", \"path\": " << jsonString(calls[i].path)
+                 << ", \"at_seconds\": " << jsonNumber(calls[i].at)
+                 << ", \"why\": " << jsonString(calls[i].why) << "}";
+        }
+        json << "],\n  \"interrupted\": " << (gStopRequested.load() ? "true" : "false")
+             << ",\n  \"verdict\": " << jsonString(verdict) << "\n}\n";
+        json.close();
+        if (!json) {
+            jsonWritten = false;
+            fail("record", "cannot write the figures to " + settings.jsonFile + ": " +
+                               systemError(errno),
+                 kExitFailed);
+        }
+    }
     // As a shell reports a command ended by Ctrl-C.
     if (interrupted) {
         return kExitInterrupted;
     }
-    return passed ? kExitOk : kExitFailed;
+    return passed && jsonWritten ? kExitOk : kExitFailed;
 }
 
 }  // namespace ftpdisk_tool

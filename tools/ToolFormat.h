@@ -28,6 +28,12 @@ double percentile(std::vector<double> values, double p);
 std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds,
                          int width);
 
+// `text` as a JSON string literal, quotes included. A server's reply may hold
+// any bytes: each byte outside printable ASCII is written as the character of
+// that number ("\u00e9" for byte 0xe9), so the result is valid JSON whatever
+// the text holds.
+std::string jsonString(const std::string& text);
+
 // The system's text for an errno value ("No such file or directory").
 std::string systemError(int error);
 

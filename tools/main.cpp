@@ -120,7 +120,7 @@ const std::vector<Command>& commands() {
          {}, {}, 2, 2, runCat},
         {"record", "simulate a recorder writing cameras' segment files",
          "usage: ftpdisk record LOCATION [--cameras N] [--seconds S] [--rate MBIT]\n"
-         "                      [--segment SEC] [--aio]\n"
+         "                      [--segment SEC] [--aio] [--json FILE]\n"
          "\n"
          "Runs N camera threads (default 1, at most 64) for S seconds (default 10).\n"
          "Each makes <base>/<YYYY-MM-DD>/cam<NN> and writes MBIT megabits per second\n"
@@ -139,8 +139,12 @@ const std::vector<Command>& commands() {
          "10 calls. Each camera holds one connection for its open file and the store\n"
          "one more; when the server turns logins away, the verdict says how many\n"
          "connections it granted, how many the cameras need, and what it answered.\n"
+         "The summary also gives when every camera had its first file open and the\n"
+         "write latency of the calls after that; --json FILE writes every figure of\n"
+         "the summary into FILE as one JSON object, for scripts.\n"
          "\n" LOCATION_HELP,
-         {"--aio"}, {"--cameras", "--seconds", "--rate", "--segment"}, 1, 1, runRecord},
+         {"--aio"}, {"--cameras", "--seconds", "--rate", "--segment", "--json"}, 1, 1,
+         runRecord},
     };
     return table;
 }

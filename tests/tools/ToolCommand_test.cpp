@@ -801,6 +801,13 @@ void expectRecording(const ToolRun& result, const std::string& localBase, long l
                                    " +p50 [0-9.]+ ms  p90 [0-9.]+ ms  p99 [0-9.]+ ms  max [0-9.]+ ms")))
             << latency << "\n" << result.transcript();
     }
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\n  first open     every camera's first file open by [0-9.]+ s\n"
+                               "  after ramp     p50 [0-9.]+ ms  p90 [0-9.]+ ms  p99 [0-9.]+ ms  "
+                               "max [0-9.]+ ms  \\([0-9]+ calls\\)\n"
+                               "  mkdir latency  p50 [0-9.]+ ms  p90 [0-9.]+ ms  p99 [0-9.]+ ms  "
+                               "max [0-9.]+ ms  \\([0-9]+ calls\\)\n")))
+        << result.transcript();
     EXPECT_TRUE(contains(result.out, "\nverdict: PASS\n")) << result.transcript();
 
     long long onDisk = 0;
@@ -833,6 +840,52 @@ TEST_F(ToolCommand, RecordThroughAioWritesTheSameBytes) {
     EXPECT_TRUE(contains(result.out, "1 s segments, aioWrite")) << result.transcript();
     // 3 cameras x 0.5 s at 1 MB/s, one (short) segment each.
     expectRecording(result, server().localPath(base_), 3, 1500000);
+}
+
+TEST_F(ToolCommand, RecordWritesEveryFigureOfItsSummaryAsJson) {
+    const std::string figures = work_ + "/figures.json";
+    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1",
+                                "--rate", "2", "--segment", "0.5", "--json", figures});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    expectRecording(result, server().localPath(base_), 4, 500000);
+    const std::string json = readLocal(figures);
+    for (const char* field :
+         {"\n  \"cameras\": 2,\n", "\n  \"files_complete\": 4,\n", "\n  \"files_failed\": 0,\n",
+          "\n  \"bytes\": 500000,\n", "\n  \"dropped_bytes\": 0,\n", "\n  \"failed_calls\": 0,\n",
+          "\n  \"cameras_started\": 2,\n", "\n  \"failed_by_reason\": [],\n",
+          "\n  \"first_failed_calls\": [],\n", "\n  \"interrupted\": false,\n",
+          "\n  \"verdict\": \"PASS\"\n}\n"}) {
+        EXPECT_TRUE(contains(json, field)) << field << "\n" << json;
+    }
+    EXPECT_TRUE(contains(json, "\n  \"location\": \"rec(***)@ftp://" + server().hostPort() + base_ +
+                                   "\",\n"))
+        << json;
+    EXPECT_TRUE(std::regex_search(json, std::regex("\n  \"first_open_all_seconds\": [0-9]+\\.[0-9]{6},\n")))
+        << json;
+    // Every call of the run: 4 opens and closes, 20 writes (ten a second per camera).
+    const std::string latency = "\\{\"calls\": ([0-9]+), \"p50_ms\": [0-9.]+, \"p90_ms\": [0-9.]+, "
+                                "\"p99_ms\": [0-9.]+, \"max_ms\": [0-9.]+\\}";
+    for (const auto& kind : std::vector<std::pair<std::string, std::string>>{
+             {"mkdir", "2"}, {"open", "4"}, {"close", "4"}, {"write", "20"}}) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(json, m, std::regex("\n  \"" + kind.first + "\": " + latency)))
+            << kind.first << "\n" << json;
+        EXPECT_EQ(kind.second, m[1].str()) << kind.first;
+    }
+    std::smatch ramped;
+    ASSERT_TRUE(std::regex_search(json, ramped, std::regex("\n  \"write_after_ramp\": " + latency)))
+        << json;
+    EXPECT_LE(std::stoi(ramped[1].str()), 20);
+}
+
+TEST_F(ToolCommand, RecordRefusesAFiguresFileItCannotWriteBeforeItStarts) {
+    const ToolRun result = run({"record", location(), "--seconds", "0.2", "--json",
+                                work_ + "/no such folder/figures.json"});
+    EXPECT_EQ(2, result.status) << result.transcript();
+    EXPECT_EQ("", result.out);
+    EXPECT_EQ("ftpdisk record: cannot write the figures to " + work_ +
+                  "/no such folder/figures.json: No such file or directory\n",
+              result.err);
 }
 
 TEST_F(ToolCommand, RecordShowsALiveStatusLineOnATerminal) {
