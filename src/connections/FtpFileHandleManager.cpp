@@ -32,7 +32,8 @@ FtpFileHandleManager::FtpFileHandleManager(const char* server, const char* user,
       maxOpenFiles(maxOpenFiles),
       mutex(),
       handleInUse(),
-      opening() {
+      opening(),
+      connectGate(kConnectsInFlight) {
     copyField(this->server, sizeof this->server, server);
     copyField(this->user, sizeof this->user, user);
     copyField(this->password, sizeof this->password, password);
@@ -241,6 +242,10 @@ bool FtpFileHandleManager::getPFTPTool(SafePointer<FTPTool>& out) {
         return true;
     }
     out = SafePointer<FTPTool>(new FTPTool);
+    // New connections pass the gate from connect to the end of the login,
+    // so that a burst of opens never has more of them waiting on the server
+    // at once than it queues (see ConnectGate).
+    ConnectGate::Place place(connectGate);
     if (out->connect(server) != 1) {
         return false;
     }
