@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian 12 machine lacks to build and test ftpdisk:
 # compilers and build tools, GoogleTest and Google Benchmark, the armhf cross
-# toolchain with qemu-user, and the real FTP servers the server tests start on
-# loopback. Idempotent: when everything is present it only checks and prints.
+# toolchain with qemu-user, the real FTP servers the server tests start on
+# loopback, and gnuplot for the soak's plot. Idempotent: when everything is present it only checks and prints.
 #
 # The three FTP daemons conflict with each other as Debian packages (each
 # provides ftp-server), so vsftpd is installed the usual way and proftpd and
@@ -48,6 +48,8 @@ packages=(
   make gcc bzip2 dpkg-dev libcrypt-dev
   # cross build for the recorder's 32-bit ARM and running its tests
   g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user
+  # the soak's plot (scripts/soak.sh)
+  gnuplot-nox
 )
 
 # Packages unpacked into ${servers_dir}/<package> instead of installed.
