@@ -1,5 +1,6 @@
 #include "Housekeeping.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 #include <vector>
@@ -59,16 +60,27 @@ void Housekeeping::pass(double elapsed) {
     ++passes_;
     const std::string base = base_.empty() ? "/" : base_;
     std::vector<std::string> days;
-    if (store_->getSubDirList(base.c_str(), days, "") != 1) {
+    const bool listed = store_->getSubDirList(base.c_str(), days, "") == 1;
+    if (!listed) {
         failed("list", base, elapsed);
     }
     long long total = 0;
     if (store_->getTotalSize(base.c_str(), total) != 1) {
         failed("size", base, elapsed);
     }
+    // Removals go by the listing, as a recorder's do: a day in which every
+    // camera paused was never made, and a failed listing removes nothing
+    // until the next pass.
+    if (!listed) {
+        return;
+    }
     const long long last = schedule_.lastDayToRemove(elapsed);
     for (; nextDayToRemove_ <= last; ++nextDayToRemove_) {
-        const std::string day = base_ + "/" + dayName(startDay_, nextDayToRemove_);
+        const std::string name = dayName(startDay_, nextDayToRemove_);
+        if (std::find(days.begin(), days.end(), name) == days.end()) {
+            continue;
+        }
+        const std::string day = base_ + "/" + name;
         if (store_->removeDir(day.c_str()) == 0) {
             ++daysRemoved_;
         } else {

@@ -1,7 +1,7 @@
 // What record does besides writing, as a recorder does: every few seconds a
 // pass lists the base (its day directories) and adds up the size of
 // everything below it, then removes the run's day directories that are past
-// keeping (RecordSchedule). It runs on a thread of its own and uses the
+// keeping (RecordSchedule) and that the listing shows. It runs on a thread of its own and uses the
 // store's own connection, as the recorder's space accounting does, so camera
 // threads that make a new day's directory meanwhile wait for it.
 //
