@@ -38,7 +38,9 @@
 
 #include "Commands.h"
 #include "FailedCalls.h"
+#include "Housekeeping.h"
 #include "LoginProbe.h"
+#include "RecordSchedule.h"
 #include "ToolFormat.h"
 
 namespace ftpdisk_tool {
@@ -56,6 +58,8 @@ constexpr int kAioMaxWaits = 30;
 // calls: a server at its limit is asked about once a second, not once per
 // failure.
 constexpr double kProbeSpacingSeconds = 1.0;
+// Housekeeping passes when days are removed and no period is given.
+constexpr double kDefaultPassSeconds = 10.0;
 
 struct Settings {
     int cameras = 1;
@@ -64,26 +68,33 @@ struct Settings {
     double segment = 60;
     bool aio = false;
     std::string jsonFile;  // empty: no figures file
+    // Day directories, removals, housekeeping passes and pauses; the base
+    // and the start's local time are filled in once the run starts.
+    RecordSchedule schedule;
+    std::string base;
+    std::tm startDay{};
 };
 
-// Call durations for percentiles. Exact up to kMaxSamples calls; beyond that
-// a uniform random sample of that size (reservoir sampling), so that a
-// day-long run keeps a bounded amount of memory. The count and the maximum
-// stay exact.
+// Latency samples kept per camera and kind (--samples); fixed before the
+// cameras start.
+std::size_t gLatencySampleLimit = 100000;
+
+// Call durations for percentiles. Exact up to gLatencySampleLimit calls;
+// beyond that a uniform random sample of that size (reservoir sampling), so
+// that a day-long run keeps a bounded amount of memory. The count and the
+// maximum stay exact.
 class LatencySamples {
 public:
-    static constexpr std::size_t kMaxSamples = 100000;
-
     void add(double seconds) {
         ++count_;
         max_ = std::max(max_, seconds);
-        if (samples_.size() < kMaxSamples) {
+        if (samples_.size() < limit_) {
             samples_.push_back(seconds);
             return;
         }
         std::uniform_int_distribution<long long> pick(0, count_ - 1);
         const long long slot = pick(random_);
-        if (slot < static_cast<long long>(kMaxSamples)) {
+        if (slot < static_cast<long long>(limit_)) {
             samples_[static_cast<std::size_t>(slot)] = seconds;
         }
     }
@@ -102,6 +113,7 @@ public:
     double max() const { return max_; }
 
 private:
+    std::size_t limit_ = gLatencySampleLimit;
     std::vector<double> samples_;
     long long count_ = 0;
     double max_ = 0;
@@ -207,6 +219,10 @@ public:
             } else {
                 result.maxLag = std::max(result.maxLag, now - due);
             }
+            if (settings_.schedule.pausedSegment(tick / ticksPerSegment)) {
+                closeSegment();
+                continue;
+            }
             if (tick % ticksPerSegment == 0) {
                 closeSegment();
                 openSegment(tick / ticksPerSegment + 1);
@@ -253,6 +269,9 @@ private:
     }
 
     void openSegment(long long segment) {
+        if (!enterDay(segment)) {
+            return;
+        }
         const std::tm local = localNow();
         char name[64];
         std::snprintf(name, sizeof name, "/%05lld_%02d%02d%02d.dat", segment, local.tm_hour,
@@ -297,6 +316,26 @@ private:
         } else {
             ++result.filesFailed;
         }
+    }
+
+    // Moves to the directory of the day `segment` starts in, making it when
+    // the day is new. False, the segment being lost, when it cannot be made.
+    bool enterDay(long long segment) {
+        const long long day =
+            settings_.schedule.dayAt(static_cast<double>(segment - 1) * settings_.segment);
+        if (day == day_) {
+            return true;
+        }
+        const std::string dir =
+            settings_.base + "/" + dayName(settings_.startDay, day) + "/" + name();
+        if (store_->createDir(dir.c_str()) != 0) {
+            noteFailure("mkdir", dir);
+            ++result.filesFailed;
+            return false;
+        }
+        day_ = day;
+        dir_ = dir;
+        return true;
     }
 
     const char* dataAt(long long offset) const {
@@ -350,11 +389,39 @@ private:
     FailedCalls& failures_;
 
     int handle_ = -1;
+    long long day_ = 0;  // of dir_
     std::string path_;  // of the current segment
     int seed_ = 0;
     long long offset_ = 0;
     bool segmentFailed_ = false;
 };
+
+// The schedule's options checked against each other; pauses in whole
+// segments, so that every pause starts and ends at a segment's end.
+bool readSchedule(Settings& out, double pauseEvery, double pauseFor, std::string& problem) {
+    RecordSchedule& schedule = out.schedule;
+    schedule.segmentSeconds = out.segment;
+    if (schedule.keepDays > 0 && schedule.daySeconds <= 0) {
+        problem = "--keep-days needs --day-seconds";
+        return false;
+    }
+    if ((pauseEvery > 0) != (pauseFor > 0)) {
+        problem = "--pause-every and --pause-for go together";
+        return false;
+    }
+    if (schedule.daySeconds > 0 && schedule.daySeconds < out.segment) {
+        problem = "--day-seconds must be at least one segment";
+        return false;
+    }
+    if (pauseEvery > 0) {
+        schedule.recordSegments = wholeSegments(pauseEvery, out.segment);
+        schedule.pauseSegments = wholeSegments(pauseFor, out.segment);
+    }
+    if (schedule.keepDays > 0 && schedule.passSeconds <= 0) {
+        schedule.passSeconds = kDefaultPassSeconds;
+    }
+    return true;
+}
 
 bool readSettings(const Arguments& args, Settings& out, std::string& problem) {
     long long whole = 0;
@@ -366,13 +433,38 @@ bool readSettings(const Arguments& args, Settings& out, std::string& problem) {
         }
         out.cameras = static_cast<int>(whole);
     }
+    struct Whole {
+        const char* name;
+        long long limit;
+        long long value;
+    } wholes[] = {{"--keep-days", 10000, 0}, {"--samples", 100000, 100000}};
+    for (Whole& number : wholes) {
+        it = args.values.find(number.name);
+        if (it == args.values.end()) {
+            continue;
+        }
+        if (!parseInt(it->second, number.value) || number.value < 1 ||
+            number.value > number.limit) {
+            problem = std::string(number.name) + " takes a whole number from 1 to " +
+                      std::to_string(number.limit) + ", not \"" + it->second + "\"";
+            return false;
+        }
+    }
+    out.schedule.keepDays = static_cast<int>(wholes[0].value);
+    gLatencySampleLimit = static_cast<std::size_t>(wholes[1].value);
+    double pauseEvery = 0;
+    double pauseFor = 0;
     struct Real {
         const char* name;
         double* target;
         double limit;
     } reals[] = {{"--seconds", &out.seconds, 86400},
                  {"--rate", &out.megabits, 1000},
-                 {"--segment", &out.segment, 86400}};
+                 {"--segment", &out.segment, 86400},
+                 {"--day-seconds", &out.schedule.daySeconds, 86400},
+                 {"--list-every", &out.schedule.passSeconds, 86400},
+                 {"--pause-every", &pauseEvery, 86400},
+                 {"--pause-for", &pauseFor, 86400}};
     for (const Real& real : reals) {
         it = args.values.find(real.name);
         if (it == args.values.end()) {
@@ -390,6 +482,9 @@ bool readSettings(const Arguments& args, Settings& out, std::string& problem) {
     }
     if (out.seconds < kTick || out.segment < kTick) {
         problem = "--seconds and --segment must be at least 0.1";
+        return false;
+    }
+    if (!readSchedule(out, pauseEvery, pauseFor, problem)) {
         return false;
     }
     out.aio = args.has("--aio");
@@ -492,6 +587,30 @@ std::string jsonLatency(const LatencySamples& calls) {
            ", \"max_ms\": " + jsonNumber(calls.max() * 1e3) + "}";
 }
 
+// "days of 30 s, keeping 2; housekeeping every 10 s; ...", or "" when the run
+// only writes.
+std::string describeSchedule(const RecordSchedule& schedule) {
+    std::string text;
+    const auto add = [&text](const std::string& part) {
+        text += (text.empty() ? "" : "; ") + part;
+    };
+    char number[32];
+    if (schedule.daySeconds > 0) {
+        std::snprintf(number, sizeof number, "%g", schedule.daySeconds);
+        add(std::string("days of ") + number + " s" +
+            (schedule.keepDays > 0 ? ", keeping " + std::to_string(schedule.keepDays) : ""));
+    }
+    if (schedule.passSeconds > 0) {
+        std::snprintf(number, sizeof number, "%g", schedule.passSeconds);
+        add(std::string("housekeeping every ") + number + " s");
+    }
+    if (schedule.recordSegments > 0) {
+        add("every camera pauses for " + std::to_string(schedule.pauseSegments) +
+            " segments after " + std::to_string(schedule.recordSegments));
+    }
+    return text;
+}
+
 }  // namespace
 
 int runRecord(const Arguments& args) {
@@ -531,6 +650,10 @@ int runRecord(const Arguments& args) {
         }
         dirs.push_back(dir);
     }
+    // The base holds the day directories: cut "/<day>/cam01" off.
+    settings.startDay = local;
+    settings.base = dirs.front().substr(0, dirs.front().rfind('/'));
+    settings.base.erase(settings.base.rfind('/'));
 
     // One shared pattern, long enough to start at any phase and still cover
     // the biggest single write.
@@ -549,6 +672,10 @@ int runRecord(const Arguments& args) {
               << settings.segment << " s segments, " << (settings.aio ? "aioWrite" : "write")
               << ", into " << dirs.front().substr(0, dirs.front().rfind('/')) << "/cam.."
               << std::endl;
+    const std::string plan = describeSchedule(settings.schedule);
+    if (!plan.empty()) {
+        std::cout << "schedule: " << plan << std::endl;
+    }
 
     LiveCounters live;
     const Location location = session.location();
@@ -562,6 +689,12 @@ int runRecord(const Arguments& args) {
     }
     for (auto& camera : cameras) {
         threads.emplace_back(&Camera::run, camera.get());
+    }
+    std::unique_ptr<Housekeeping> housekeeping;
+    if (settings.schedule.passSeconds > 0) {
+        housekeeping.reset(new Housekeeping(session.store(), settings.schedule, settings.base,
+                                            settings.startDay, start, failures));
+        housekeeping->start();
     }
 
     // The status line: redrawn twice a second while cameras run, on a terminal only.
@@ -588,6 +721,9 @@ int runRecord(const Arguments& args) {
     }
     for (std::thread& thread : threads) {
         thread.join();
+    }
+    if (housekeeping) {
+        housekeeping->stop();
     }
     const double elapsed = monotonicSeconds() - start;
     done.store(true);
@@ -621,6 +757,10 @@ int runRecord(const Arguments& args) {
     const double target = settings.megabits * settings.cameras;
     char targetText[32];
     std::snprintf(targetText, sizeof targetText, "%.2f Mbit/s", target);
+    // Housekeeping's calls are the recorder's too.
+    if (housekeeping) {
+        total.failedCalls += housekeeping->failedCalls();
+    }
     char elapsedText[32];
     std::snprintf(elapsedText, sizeof elapsedText, "%.2f s", elapsed);
     char lagText[32];
@@ -660,6 +800,9 @@ int runRecord(const Arguments& args) {
     if (silentCount > 0) {
         std::cout << "  cameras        " << silentCount << " of " << settings.cameras
                   << " wrote nothing:" << silent << "\n";
+    }
+    if (housekeeping) {
+        std::cout << "  housekeeping   " << housekeeping->summary() << "\n";
     }
     const bool interrupted = gStopRequested.load();
     if (interrupted) {

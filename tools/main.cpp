@@ -121,6 +121,9 @@ const std::vector<Command>& commands() {
         {"record", "simulate a recorder writing cameras' segment files",
          "usage: ftpdisk record LOCATION [--cameras N] [--seconds S] [--rate MBIT]\n"
          "                      [--segment SEC] [--aio] [--json FILE]\n"
+         "                      [--day-seconds SEC [--keep-days N]]\n"
+         "                      [--list-every SEC] [--pause-every SEC --pause-for SEC]\n"
+         "                      [--samples N]\n"
          "\n"
          "Runs N camera threads (default 1, at most 64) for S seconds (default 10).\n"
          "Each makes <base>/<YYYY-MM-DD>/cam<NN> and writes MBIT megabits per second\n"
@@ -142,9 +145,23 @@ const std::vector<Command>& commands() {
          "The summary also gives when every camera had its first file open and the\n"
          "write latency of the calls after that; --json FILE writes every figure of\n"
          "the summary into FILE as one JSON object, for scripts.\n"
+         "\n"
+         "What a recorder does besides writing:\n"
+         "  --day-seconds SEC  a new day directory every SEC seconds of the run (the\n"
+         "                     dates that follow the start's), so days roll in a short run\n"
+         "  --keep-days N      remove the run's days older than the N most recent\n"
+         "  --list-every SEC   every SEC seconds list the base and add up its size\n"
+         "                     (default 10 with --keep-days, which removes at those times)\n"
+         "  --pause-every SEC, --pause-for SEC\n"
+         "                     every camera closes its file and pauses for the second\n"
+         "                     time after recording for the first (whole segments)\n"
+         "  --samples N        latency samples kept per camera and kind (default and\n"
+         "                     most 100000)\n"
          "\n" LOCATION_HELP,
-         {"--aio"}, {"--cameras", "--seconds", "--rate", "--segment", "--json"}, 1, 1,
-         runRecord},
+         {"--aio"},
+         {"--cameras", "--seconds", "--rate", "--segment", "--json", "--day-seconds",
+          "--keep-days", "--list-every", "--pause-every", "--pause-for", "--samples"},
+         1, 1, runRecord},
     };
     return table;
 }
