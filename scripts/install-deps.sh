@@ -2,9 +2,9 @@
 # Installs what a fresh Debian 12 machine lacks to build and test ftpdisk:
 # compilers and build tools, GoogleTest and Google Benchmark, the armhf cross
 # toolchain with qemu-user, the real FTP servers the server tests start on
-# loopback, curl (the peer client of bench/peers), and the tools that make and
-# check the Debian packages and the API reference. Idempotent: when everything
-# is present it only checks and prints.
+# loopback, curl (the peer client of bench/peers), gnuplot for the soak's plot,
+# and the tools that make and check the Debian packages and the API reference.
+# Idempotent: when everything is present it only checks and prints.
 #
 # The armhf packages' dependencies are worked out by dpkg-shlibdeps from the
 # armhf C and C++ runtime libraries as Debian installs them for a second
@@ -62,6 +62,8 @@ packages=(
   # Debian packages, their checks and the API reference
   lintian file pkgconf doxygen
   libc6:armhf libstdc++6:armhf libgcc-s1:armhf
+  # the soak's plot (scripts/soak.sh)
+  gnuplot-nox
 )
 
 # Packages unpacked into ${servers_dir}/<package> instead of installed.

@@ -7,13 +7,17 @@
 # the concurrency tests under the tsan preset, and the armhf cross build under
 # qemu-user; then the "packages" step: the Debian packages for amd64 and armhf
 # with their content checks and lintian, the downstream recorder built against
-# the amd64 packages, and the API reference. Exits non-zero on the first
-# failure.
+# the amd64 packages, and the API reference. With the debug preset come the
+# fault suite (label "faults") and two long checks, once per run: every
+# libFuzzer target for 20 s (clang, ASan + UBSan, scripts/fuzz.sh) and a
+# 3-minute soak of `ftpdisk record` against vsftpd (scripts/soak.sh). Exits
+# non-zero on the first failure.
 #
 #   scripts/test.sh                # everything
 #   FTPDISK_PRESETS="debug" scripts/test.sh      # a subset of presets
 #   FTPDISK_PRESETS="packages" scripts/test.sh   # only the packages step
 #   FTPDISK_PRESETS="lint" scripts/test.sh       # only the lint step
+#   FTPDISK_LONG_CHECKS=0 scripts/test.sh        # without the fuzzing and the soak
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -50,6 +54,23 @@ run_preset() {
     *) ctest --preset "${preset}" -j "${jobs}" --no-tests=error -LE faults ;;
   esac
   echo "=== ${preset}: done in $((SECONDS - started)) s"
+  if [ "${preset}" = debug ] && [ "${FTPDISK_LONG_CHECKS:-1}" != 0 ]; then
+    long_checks
+  fi
+}
+
+# The fuzz targets for a bounded time each, and the soak's 3-minute version
+# with this preset's build (it fails when descriptors, threads or memory grow
+# after the first minute).
+long_checks() {
+  local started=$SECONDS
+  echo "=== fuzz: every target for 20 s"
+  scripts/fuzz.sh --seconds 20
+  echo "=== fuzz: done in $((SECONDS - started)) s"
+  started=$SECONDS
+  echo "=== soak: 3 minutes"
+  FTPDISK_SOAK_PRESET=debug scripts/soak.sh 0.05 build/soak
+  echo "=== soak: done in $((SECONDS - started)) s"
 }
 
 run_packages() {

@@ -12,14 +12,24 @@
 // a login of its own; the summary names the calls and their reasons, and the
 // verdict says so when the server grants fewer connections than the cameras
 // need (one per open file, plus the store's own).
+//
+// The ramp: until every camera has its first file open, opens crowd the
+// server and writes share the machine with logins. The summary gives the time
+// until the last camera's first open, and write latency over the calls that
+// started after it, so that a steady state can be judged apart from the
+// start. Each camera makes its directory (createDir) before its first open,
+// and that time is shown too. --json FILE writes every figure for scripts
+// (bench/recorder_load/run.py).
 #include <signal.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -28,7 +38,9 @@
 
 #include "Commands.h"
 #include "FailedCalls.h"
+#include "Housekeeping.h"
 #include "LoginProbe.h"
+#include "RecordSchedule.h"
 #include "ToolFormat.h"
 
 namespace ftpdisk_tool {
@@ -46,6 +58,8 @@ constexpr int kAioMaxWaits = 30;
 // calls: a server at its limit is asked about once a second, not once per
 // failure.
 constexpr double kProbeSpacingSeconds = 1.0;
+// Housekeeping passes when days are removed and no period is given.
+constexpr double kDefaultPassSeconds = 10.0;
 
 struct Settings {
     int cameras = 1;
@@ -53,26 +67,34 @@ struct Settings {
     double megabits = 4;
     double segment = 60;
     bool aio = false;
+    std::string jsonFile;  // empty: no figures file
+    // Day directories, removals, housekeeping passes and pauses; the base
+    // and the start's local time are filled in once the run starts.
+    RecordSchedule schedule;
+    std::string base;
+    std::tm startDay{};
 };
 
-// Call durations for percentiles. Exact up to kMaxSamples calls; beyond that
-// a uniform random sample of that size (reservoir sampling), so that a
-// day-long run keeps a bounded amount of memory. The count and the maximum
-// stay exact.
+// Latency samples kept per camera and kind (--samples); fixed before the
+// cameras start.
+std::size_t gLatencySampleLimit = 100000;
+
+// Call durations for percentiles. Exact up to gLatencySampleLimit calls;
+// beyond that a uniform random sample of that size (reservoir sampling), so
+// that a day-long run keeps a bounded amount of memory. The count and the
+// maximum stay exact.
 class LatencySamples {
 public:
-    static constexpr std::size_t kMaxSamples = 100000;
-
     void add(double seconds) {
         ++count_;
         max_ = std::max(max_, seconds);
-        if (samples_.size() < kMaxSamples) {
+        if (samples_.size() < limit_) {
             samples_.push_back(seconds);
             return;
         }
         std::uniform_int_distribution<long long> pick(0, count_ - 1);
         const long long slot = pick(random_);
-        if (slot < static_cast<long long>(kMaxSamples)) {
+        if (slot < static_cast<long long>(limit_)) {
             samples_[static_cast<std::size_t>(slot)] = seconds;
         }
     }
@@ -91,6 +113,7 @@ public:
     double max() const { return max_; }
 
 private:
+    std::size_t limit_ = gLatencySampleLimit;
     std::vector<double> samples_;
     long long count_ = 0;
     double max_ = 0;
@@ -131,9 +154,15 @@ struct CameraResult {
     long long droppedBytes = 0;
     int failedCalls = 0;
     double maxLag = 0;
+    LatencySamples mkdirSeconds;
     LatencySamples openSeconds;
     LatencySamples closeSeconds;
     LatencySamples writeSeconds;
+    // Writes that started once every camera had its first file open.
+    LatencySamples rampedWriteSeconds;
+    // Seconds into the run when this camera's first open returned a handle;
+    // negative while it has none.
+    double firstOpenAt = -1;
 };
 
 // What the status line shows while cameras run; read without stopping them.
@@ -145,6 +174,9 @@ struct LiveCounters {
     std::atomic<int> failedCalls{0};
     std::atomic<int> openFiles{0};
     std::atomic<int> mostOpenFiles{0};
+    // Cameras that have had a file open; the ramp is over when all have.
+    std::atomic<int> camerasStarted{0};
+    std::atomic<bool> rampOver{false};
 
     void opened() {
         const int now = openFiles.fetch_add(1) + 1;
@@ -169,7 +201,9 @@ public:
         const long long ticks = std::llround(settings_.seconds / kTick);
         const long long ticksPerSegment = std::max(1LL, std::llround(settings_.segment / kTick));
 
+        const double t0 = monotonicSeconds();
         const bool dirMade = store_->createDir(dir_.c_str()) == 0;
+        result.mkdirSeconds.add(monotonicSeconds() - t0);
         if (!dirMade) {
             noteFailure("mkdir", dir_);
             result.droppedBytes = static_cast<long long>(bytesPerSecond * settings_.seconds);
@@ -185,6 +219,10 @@ public:
             } else {
                 result.maxLag = std::max(result.maxLag, now - due);
             }
+            if (settings_.schedule.pausedSegment(tick / ticksPerSegment)) {
+                closeSegment();
+                continue;
+            }
             if (tick % ticksPerSegment == 0) {
                 closeSegment();
                 openSegment(tick / ticksPerSegment + 1);
@@ -197,9 +235,14 @@ public:
                 result.droppedBytes += size;
                 continue;
             }
+            const bool ramped = live_.rampOver.load();
             const double t0 = monotonicSeconds();
             const bool ok = writeBlock(size);
-            result.writeSeconds.add(monotonicSeconds() - t0);
+            const double took = monotonicSeconds() - t0;
+            result.writeSeconds.add(took);
+            if (ramped) {
+                result.rampedWriteSeconds.add(took);
+            }
             if (!ok) {
                 // The segment is lost from here on; the next one starts afresh.
                 segmentFailed_ = true;
@@ -226,6 +269,9 @@ private:
     }
 
     void openSegment(long long segment) {
+        if (!enterDay(segment)) {
+            return;
+        }
         const std::tm local = localNow();
         char name[64];
         std::snprintf(name, sizeof name, "/%05lld_%02d%02d%02d.dat", segment, local.tm_hour,
@@ -236,9 +282,16 @@ private:
         segmentFailed_ = false;
         const double t0 = monotonicSeconds();
         handle_ = store_->open(path_.c_str(), 2);
-        result.openSeconds.add(monotonicSeconds() - t0);
+        const double t1 = monotonicSeconds();
+        result.openSeconds.add(t1 - t0);
         if (handle_ >= 0) {
             live_.opened();
+            if (result.firstOpenAt < 0) {
+                result.firstOpenAt = t1 - start_;
+                if (live_.camerasStarted.fetch_add(1) + 1 == settings_.cameras) {
+                    live_.rampOver.store(true);
+                }
+            }
         } else {
             noteFailure("open", path_);
             ++result.filesFailed;
@@ -263,6 +316,26 @@ private:
         } else {
             ++result.filesFailed;
         }
+    }
+
+    // Moves to the directory of the day `segment` starts in, making it when
+    // the day is new. False, the segment being lost, when it cannot be made.
+    bool enterDay(long long segment) {
+        const long long day =
+            settings_.schedule.dayAt(static_cast<double>(segment - 1) * settings_.segment);
+        if (day == day_) {
+            return true;
+        }
+        const std::string dir =
+            settings_.base + "/" + dayName(settings_.startDay, day) + "/" + name();
+        if (store_->createDir(dir.c_str()) != 0) {
+            noteFailure("mkdir", dir);
+            ++result.filesFailed;
+            return false;
+        }
+        day_ = day;
+        dir_ = dir;
+        return true;
     }
 
     const char* dataAt(long long offset) const {
@@ -316,11 +389,39 @@ private:
     FailedCalls& failures_;
 
     int handle_ = -1;
+    long long day_ = 0;  // of dir_
     std::string path_;  // of the current segment
     int seed_ = 0;
     long long offset_ = 0;
     bool segmentFailed_ = false;
 };
+
+// The schedule's options checked against each other; pauses in whole
+// segments, so that every pause starts and ends at a segment's end.
+bool readSchedule(Settings& out, double pauseEvery, double pauseFor, std::string& problem) {
+    RecordSchedule& schedule = out.schedule;
+    schedule.segmentSeconds = out.segment;
+    if (schedule.keepDays > 0 && schedule.daySeconds <= 0) {
+        problem = "--keep-days needs --day-seconds";
+        return false;
+    }
+    if ((pauseEvery > 0) != (pauseFor > 0)) {
+        problem = "--pause-every and --pause-for go together";
+        return false;
+    }
+    if (schedule.daySeconds > 0 && schedule.daySeconds < out.segment) {
+        problem = "--day-seconds must be at least one segment";
+        return false;
+    }
+    if (pauseEvery > 0) {
+        schedule.recordSegments = wholeSegments(pauseEvery, out.segment);
+        schedule.pauseSegments = wholeSegments(pauseFor, out.segment);
+    }
+    if (schedule.keepDays > 0 && schedule.passSeconds <= 0) {
+        schedule.passSeconds = kDefaultPassSeconds;
+    }
+    return true;
+}
 
 bool readSettings(const Arguments& args, Settings& out, std::string& problem) {
     long long whole = 0;
@@ -332,13 +433,38 @@ bool readSettings(const Arguments& args, Settings& out, std::string& problem) {
         }
         out.cameras = static_cast<int>(whole);
     }
+    struct Whole {
+        const char* name;
+        long long limit;
+        long long value;
+    } wholes[] = {{"--keep-days", 10000, 0}, {"--samples", 100000, 100000}};
+    for (Whole& number : wholes) {
+        it = args.values.find(number.name);
+        if (it == args.values.end()) {
+            continue;
+        }
+        if (!parseInt(it->second, number.value) || number.value < 1 ||
+            number.value > number.limit) {
+            problem = std::string(number.name) + " takes a whole number from 1 to " +
+                      std::to_string(number.limit) + ", not \"" + it->second + "\"";
+            return false;
+        }
+    }
+    out.schedule.keepDays = static_cast<int>(wholes[0].value);
+    gLatencySampleLimit = static_cast<std::size_t>(wholes[1].value);
+    double pauseEvery = 0;
+    double pauseFor = 0;
     struct Real {
         const char* name;
         double* target;
         double limit;
     } reals[] = {{"--seconds", &out.seconds, 86400},
                  {"--rate", &out.megabits, 1000},
-                 {"--segment", &out.segment, 86400}};
+                 {"--segment", &out.segment, 86400},
+                 {"--day-seconds", &out.schedule.daySeconds, 86400},
+                 {"--list-every", &out.schedule.passSeconds, 86400},
+                 {"--pause-every", &pauseEvery, 86400},
+                 {"--pause-for", &pauseFor, 86400}};
     for (const Real& real : reals) {
         it = args.values.find(real.name);
         if (it == args.values.end()) {
@@ -358,7 +484,18 @@ bool readSettings(const Arguments& args, Settings& out, std::string& problem) {
         problem = "--seconds and --segment must be at least 0.1";
         return false;
     }
+    if (!readSchedule(out, pauseEvery, pauseFor, problem)) {
+        return false;
+    }
     out.aio = args.has("--aio");
+    it = args.values.find("--json");
+    if (it != args.values.end()) {
+        if (it->second.empty()) {
+            problem = "--json takes a file name";
+            return false;
+        }
+        out.jsonFile = it->second;
+    }
     return true;
 }
 
@@ -434,6 +571,46 @@ std::string failureVerdict(const FailedCalls& failures, int cameras, int connect
     return verdict;
 }
 
+std::string jsonNumber(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.6f", value);
+    return text;
+}
+
+// {"calls": N, "p50_ms": ..., "p90_ms": ..., "p99_ms": ..., "max_ms": ...}
+std::string jsonLatency(const LatencySamples& calls) {
+    const std::vector<double>& s = calls.samples();
+    return "{\"calls\": " + std::to_string(calls.count()) +
+           ", \"p50_ms\": " + jsonNumber(percentile(s, 50) * 1e3) +
+           ", \"p90_ms\": " + jsonNumber(percentile(s, 90) * 1e3) +
+           ", \"p99_ms\": " + jsonNumber(percentile(s, 99) * 1e3) +
+           ", \"max_ms\": " + jsonNumber(calls.max() * 1e3) + "}";
+}
+
+// "days of 30 s, keeping 2; housekeeping every 10 s; ...", or "" when the run
+// only writes.
+std::string describeSchedule(const RecordSchedule& schedule) {
+    std::string text;
+    const auto add = [&text](const std::string& part) {
+        text += (text.empty() ? "" : "; ") + part;
+    };
+    char number[32];
+    if (schedule.daySeconds > 0) {
+        std::snprintf(number, sizeof number, "%g", schedule.daySeconds);
+        add(std::string("days of ") + number + " s" +
+            (schedule.keepDays > 0 ? ", keeping " + std::to_string(schedule.keepDays) : ""));
+    }
+    if (schedule.passSeconds > 0) {
+        std::snprintf(number, sizeof number, "%g", schedule.passSeconds);
+        add(std::string("housekeeping every ") + number + " s");
+    }
+    if (schedule.recordSegments > 0) {
+        add("every camera pauses for " + std::to_string(schedule.pauseSegments) +
+            " segments after " + std::to_string(schedule.recordSegments));
+    }
+    return text;
+}
+
 }  // namespace
 
 int runRecord(const Arguments& args) {
@@ -441,6 +618,15 @@ int runRecord(const Arguments& args) {
     std::string problem;
     if (!readSettings(args, settings, problem)) {
         return usage("record", problem);
+    }
+    if (!settings.jsonFile.empty()) {
+        // Found out now rather than after a long run.
+        std::ofstream json(settings.jsonFile, std::ios::trunc);
+        if (!json) {
+            return fail("record",
+                        "cannot write the figures to " + settings.jsonFile + ": " + systemError(errno),
+                        kExitUsage);
+        }
     }
     Session session("record");
     int status = session.open(args.positional[0]);
@@ -464,6 +650,10 @@ int runRecord(const Arguments& args) {
         }
         dirs.push_back(dir);
     }
+    // The base holds the day directories: cut "/<day>/cam01" off.
+    settings.startDay = local;
+    settings.base = dirs.front().substr(0, dirs.front().rfind('/'));
+    settings.base.erase(settings.base.rfind('/'));
 
     // One shared pattern, long enough to start at any phase and still cover
     // the biggest single write.
@@ -482,6 +672,10 @@ int runRecord(const Arguments& args) {
               << settings.segment << " s segments, " << (settings.aio ? "aioWrite" : "write")
               << ", into " << dirs.front().substr(0, dirs.front().rfind('/')) << "/cam.."
               << std::endl;
+    const std::string plan = describeSchedule(settings.schedule);
+    if (!plan.empty()) {
+        std::cout << "schedule: " << plan << std::endl;
+    }
 
     LiveCounters live;
     const Location location = session.location();
@@ -497,6 +691,12 @@ int runRecord(const Arguments& args) {
     }
     for (auto& camera : cameras) {
         threads.emplace_back(&Camera::run, camera.get());
+    }
+    std::unique_ptr<Housekeeping> housekeeping;
+    if (settings.schedule.passSeconds > 0) {
+        housekeeping.reset(new Housekeeping(session.store(), settings.schedule, settings.base,
+                                            settings.startDay, start, failures));
+        housekeeping->start();
     }
 
     // The status line: redrawn twice a second while cameras run, on a terminal only.
@@ -524,6 +724,9 @@ int runRecord(const Arguments& args) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+    if (housekeeping) {
+        housekeeping->stop();
+    }
     const double elapsed = monotonicSeconds() - start;
     done.store(true);
     if (status_line.joinable()) {
@@ -533,6 +736,8 @@ int runRecord(const Arguments& args) {
     failures.finish();
 
     CameraResult total;
+    int started = 0;  // cameras that had a file open
+    double rampSeconds = 0;  // when the last of them opened its first file
     for (const auto& camera : cameras) {
         const CameraResult& r = camera->result;
         total.filesComplete += r.filesComplete;
@@ -541,13 +746,23 @@ int runRecord(const Arguments& args) {
         total.droppedBytes += r.droppedBytes;
         total.failedCalls += r.failedCalls;
         total.maxLag = std::max(total.maxLag, r.maxLag);
+        total.mkdirSeconds.merge(r.mkdirSeconds);
         total.openSeconds.merge(r.openSeconds);
         total.closeSeconds.merge(r.closeSeconds);
         total.writeSeconds.merge(r.writeSeconds);
+        total.rampedWriteSeconds.merge(r.rampedWriteSeconds);
+        if (r.firstOpenAt >= 0) {
+            ++started;
+            rampSeconds = std::max(rampSeconds, r.firstOpenAt);
+        }
     }
     const double target = settings.megabits * settings.cameras;
     char targetText[32];
     std::snprintf(targetText, sizeof targetText, "%.2f Mbit/s", target);
+    // Housekeeping's calls are the recorder's too.
+    if (housekeeping) {
+        total.failedCalls += housekeeping->failedCalls();
+    }
     char elapsedText[32];
     std::snprintf(elapsedText, sizeof elapsedText, "%.2f s", elapsed);
     char lagText[32];
@@ -566,6 +781,17 @@ int runRecord(const Arguments& args) {
               << latencyLine("close latency", total.closeSeconds) << "\n"
               << latencyLine("write latency", total.writeSeconds) << "\n"
               << "  max lag        " << lagText << " behind the cameras\n";
+    char rampText[96];
+    if (started == settings.cameras) {
+        std::snprintf(rampText, sizeof rampText, "every camera's first file open by %.3f s",
+                      rampSeconds);
+    } else {
+        std::snprintf(rampText, sizeof rampText, "%d of %d cameras had a file open; ramp not over",
+                      started, settings.cameras);
+    }
+    std::cout << "  first open     " << rampText << "\n"
+              << latencyLine("after ramp", total.rampedWriteSeconds) << "\n"
+              << latencyLine("mkdir latency", total.mkdirSeconds) << "\n";
     std::string silent;
     int silentCount = 0;
     for (const auto& camera : cameras) {
@@ -577,6 +803,9 @@ int runRecord(const Arguments& args) {
         std::cout << "  cameras        " << silentCount << " of " << settings.cameras
                   << " wrote nothing:" << silent << "\n";
     }
+    if (housekeeping) {
+        std::cout << "  housekeeping   " << housekeeping->summary() << "\n";
+    }
     const bool interrupted = gStopRequested.load();
     if (interrupted) {
         std::cout << "  interrupted    after " << elapsedText << " of " << settings.seconds
@@ -584,16 +813,66 @@ int runRecord(const Arguments& args) {
     }
     printFailures(failures);
     const bool passed = total.failedCalls == 0 && total.filesFailed == 0;
-    std::cout << "verdict: "
-              << (passed ? "PASS"
-                         : "FAIL: " + failureVerdict(failures, settings.cameras,
-                                                     live.mostOpenFiles.load() + 1))
-              << std::endl;
+    const std::string verdict =
+        passed ? "PASS"
+               : "FAIL: " + failureVerdict(failures, settings.cameras, live.mostOpenFiles.load() + 1);
+    std::cout << "verdict: " << verdict << std::endl;
+
+    bool jsonWritten = true;
+    if (!settings.jsonFile.empty()) {
+        std::ofstream json(settings.jsonFile, std::ios::trunc);
+        json << "{\n  \"location\": " << jsonString(session.location().masked())
+             << ",\n  \"cameras\": " << settings.cameras
+             << ",\n  \"seconds\": " << jsonNumber(settings.seconds)
+             << ",\n  \"rate_mbit\": " << jsonNumber(settings.megabits)
+             << ",\n  \"segment_seconds\": " << jsonNumber(settings.segment)
+             << ",\n  \"aio\": " << (settings.aio ? "true" : "false")
+             << ",\n  \"elapsed_seconds\": " << jsonNumber(elapsed)
+             << ",\n  \"files_complete\": " << total.filesComplete
+             << ",\n  \"files_failed\": " << total.filesFailed
+             << ",\n  \"bytes\": " << total.bytes
+             << ",\n  \"dropped_bytes\": " << total.droppedBytes
+             << ",\n  \"failed_calls\": " << total.failedCalls
+             << ",\n  \"max_lag_seconds\": " << jsonNumber(total.maxLag)
+             << ",\n  \"cameras_started\": " << started
+             << ",\n  \"first_open_all_seconds\": "
+             << (started == settings.cameras ? jsonNumber(rampSeconds) : "null")
+             << ",\n  \"most_open_files\": " << live.mostOpenFiles.load()
+             << ",\n  \"mkdir\": " << jsonLatency(total.mkdirSeconds)
+             << ",\n  \"open\": " << jsonLatency(total.openSeconds)
+             << ",\n  \"close\": " << jsonLatency(total.closeSeconds)
+             << ",\n  \"write\": " << jsonLatency(total.writeSeconds)
+             << ",\n  \"write_after_ramp\": " << jsonLatency(total.rampedWriteSeconds)
+             << ",\n  \"failed_by_reason\": [";
+        const auto reasons = failures.byReason();
+        for (std::size_t i = 0; i < reasons.size(); ++i) {
+            json << (i == 0 ? "\n    " : ",\n    ") << "{\"reason\": " << jsonString(reasons[i].first)
+                 << ", \"calls\": " << reasons[i].second << "}";
+        }
+        json << "],\n  \"first_failed_calls\": [";
+        const std::vector<FailedCall> calls = failures.firstCalls();
+        for (std::size_t i = 0; i < calls.size(); ++i) {
+            json << (i == 0 ? "\n    " : ",\n    ") << "{\"camera\": " << calls[i].camera
+                 << ", \"operation\": " << jsonString(calls[i].operation)
+                 << ", \"path\": " << jsonString(calls[i].path)
+                 << ", \"at_seconds\": " << jsonNumber(calls[i].at)
+                 << ", \"why\": " << jsonString(calls[i].why) << "}";
+        }
+        json << "],\n  \"interrupted\": " << (gStopRequested.load() ? "true" : "false")
+             << ",\n  \"verdict\": " << jsonString(verdict) << "\n}\n";
+        json.close();
+        if (!json) {
+            jsonWritten = false;
+            fail("record", "cannot write the figures to " + settings.jsonFile + ": " +
+                               systemError(errno),
+                 kExitFailed);
+        }
+    }
     // As a shell reports a command ended by Ctrl-C.
     if (interrupted) {
         return kExitInterrupted;
     }
-    return passed ? kExitOk : kExitFailed;
+    return passed && jsonWritten ? kExitOk : kExitFailed;
 }
 
 }  // namespace ftpdisk_tool

@@ -115,6 +115,24 @@ bool parseInt(const std::string& text, long long& out) {
     return true;
 }
 
+std::string jsonString(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (u < 0x20 || u >= 0x7f) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", u);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
 bool parsePositiveReal(const std::string& text, double& out) {
     if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) {
         return false;

@@ -27,6 +27,12 @@ double percentile(std::vector<double> values, double p);
 // With total < 0 (size unknown) the bar, percentage and ETA are left out.
 std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds, int width);
 
+// `text` as a JSON string literal, quotes included. A server's reply may hold
+// any bytes: each byte outside printable ASCII is written as the character of
+// that number ("\u00e9" for byte 0xe9), so the result is valid JSON whatever
+// the text holds.
+std::string jsonString(const std::string& text);
+
 // The system's text for an errno value ("No such file or directory").
 std::string systemError(int error);
 

@@ -13,27 +13,29 @@ namespace ftpdisk_tool {
 
 namespace {
 
-#define LOCATION_HELP                                                                   \
-    "LOCATION is user@ftp://server[:port]/path, for example\n"                          \
-    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"       \
-    "  password; /path is the base directory, and every PATH argument is taken\n"       \
-    "  below it (a leading / included; \"..\" is refused).\n"                           \
-    "\n"                                                                                \
+#define LOCATION_HELP                                                                     \
+    "LOCATION is user@ftp://server[:port]/path, for example\n"                             \
+    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"         \
+    "  password; /path is the base directory, and every PATH argument is taken\n"         \
+    "  below it (a leading / included; \"..\" is refused).\n"                               \
+    "\n"                                                                                   \
     "The password comes from the environment variable FTPDISK_PASSWORD, or when\n"      \
-    "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"          \
-    "  \"machine HOST:PORT login USER password SECRET\" for the server, else one for\n" \
-    "  \"machine HOST\", else a \"default\" entry; an entry without login serves any\n" \
+    "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"            \
+    "  \"machine HOST:PORT login USER password SECRET\" for the server, else one for\n"  \
+    "  \"machine HOST\", else a \"default\" entry; an entry without login serves any\n"  \
     "  user. The file must be private (chmod 600 ~/.netrc). The password is never\n"    \
-    "  printed.\n"                                                                      \
+    "  printed.\n"                                                                         \
     "The older form user(password)@ftp://server[:port]/path still works (quote it:\n"   \
     "  the shell treats ( and ) specially) but exposes the password: every local\n"     \
-    "  user sees it in the process list until the command has read its arguments\n"     \
+    "  user sees it in the process list until the command has read its arguments\n"   \
     "  (it then blanks it out of them), and the shell's history keeps it.\n"
 
 const std::vector<Command>& commands() {
+    // One row per command, laid out by hand: formatting would give every
+    // field of a row a line of its own.
+    // clang-format off
     static const std::vector<Command> table = {
-        {"check",
-         "walk a location through everything a recorder does, with a verdict",
+        {"check", "walk a location through everything a recorder does, with a verdict",
          "usage: ftpdisk check LOCATION [--cameras N]\n"
          "\n"
          "Registers the location, connects and logs in, makes a test directory below\n"
@@ -46,87 +48,52 @@ const std::vector<Command>& commands() {
          "                how long the opens took, and, when the server refuses one,\n"
          "                what it answered.\n"
          "\n" LOCATION_HELP,
-         {},
-         {"--cameras"},
-         1,
-         1,
-         runCheck},
-        {"ls",
-         "list the directories and files of a directory",
+         {}, {"--cameras"}, 1, 1, runCheck},
+        {"ls", "list the directories and files of a directory",
          "usage: ftpdisk ls [-l] LOCATION [PATH]\n"
          "\n"
          "Lists the subdirectories (with a trailing /) and then the plain files of\n"
          "PATH (default: the base directory), each group sorted by name.\n"
          "  -l   show each file's size in bytes (one directory listing per file)\n"
          "\n" LOCATION_HELP,
-         {"-l"},
-         {},
-         1,
-         2,
-         runLs},
-        {"du",
-         "total size of a directory tree",
+         {"-l"}, {}, 1, 2, runLs},
+        {"du", "total size of a directory tree",
          "usage: ftpdisk du LOCATION [PATH]\n"
          "\n"
          "Adds up the listed sizes of everything below PATH (default: the base\n"
          "directory), the directory entries' own listed sizes included, as the\n"
          "recorder's space accounting does. Prints bytes, a readable size and the path.\n"
          "\n" LOCATION_HELP,
-         {},
-         {},
-         1,
-         2,
-         runDu},
-        {"df",
-         "the store's space figures",
+         {}, {}, 1, 2, runDu},
+        {"df", "the store's space figures",
          "usage: ftpdisk df LOCATION\n"
          "\n"
          "Prints the store's two space figures. The store counts only the bytes it\n"
          "wrote itself since init and never asks the server, so a fresh store in this\n"
          "process reports 0 MiB used; use du for what is on the server.\n"
          "\n" LOCATION_HELP,
-         {},
-         {},
-         1,
-         1,
-         runDf},
-        {"mkdir",
-         "make a directory and every missing parent",
+         {}, {}, 1, 1, runDf},
+        {"mkdir", "make a directory and every missing parent",
          "usage: ftpdisk mkdir LOCATION PATH\n"
          "\n"
          "Creates PATH and every missing directory above it.\n"
          "\n" LOCATION_HELP,
-         {},
-         {},
-         2,
-         2,
-         runMkdir},
-        {"rm",
-         "delete a file, or a directory tree with -r",
+         {}, {}, 2, 2, runMkdir},
+        {"rm", "delete a file, or a directory tree with -r",
          "usage: ftpdisk rm [-r] LOCATION PATH\n"
          "\n"
          "Deletes the file PATH. With -r, PATH may be a directory: it is removed with\n"
          "everything below it, depth first; on a failure what was already removed\n"
          "stays removed. The server's root directory is never removed.\n"
          "\n" LOCATION_HELP,
-         {"-r"},
-         {},
-         2,
-         2,
-         runRm},
-        {"mv",
-         "rename a file",
+         {"-r"}, {}, 2, 2, runRm},
+        {"mv", "rename a file",
          "usage: ftpdisk mv LOCATION FROM TO\n"
          "\n"
          "Renames FROM to TO, both below the base directory.\n"
          "\n" LOCATION_HELP,
-         {},
-         {},
-         3,
-         3,
-         runMv},
-        {"put",
-         "upload a local file",
+         {}, {}, 3, 3, runMv},
+        {"put", "upload a local file",
          "usage: ftpdisk put LOCATION LOCALFILE [PATH]\n"
          "\n"
          "Uploads LOCALFILE to PATH (default: its own name in the base directory; an\n"
@@ -135,13 +102,8 @@ const std::vector<Command>& commands() {
          "progress bar with bytes, rate and time left is drawn on standard error.\n"
          "A failed upload leaves the partial file on the server and says so.\n"
          "\n" LOCATION_HELP,
-         {},
-         {},
-         2,
-         3,
-         runPut},
-        {"get",
-         "download a remote file",
+         {}, {}, 2, 3, runPut},
+        {"get", "download a remote file",
          "usage: ftpdisk get LOCATION PATH [LOCALFILE]\n"
          "\n"
          "Downloads PATH to LOCALFILE (default: its own name in the current directory;\n"
@@ -152,26 +114,19 @@ const std::vector<Command>& commands() {
          "file and leaves every other file as it was. On a terminal a progress bar\n"
          "with bytes, rate and time left is drawn on standard error.\n"
          "\n" LOCATION_HELP,
-         {},
-         {},
-         2,
-         3,
-         runGet},
-        {"cat",
-         "write a remote file to standard output",
+         {}, {}, 2, 3, runGet},
+        {"cat", "write a remote file to standard output",
          "usage: ftpdisk cat LOCATION PATH\n"
          "\n"
          "Copies the file PATH to standard output, byte for byte.\n"
          "\n" LOCATION_HELP,
-         {},
-         {},
-         2,
-         2,
-         runCat},
-        {"record",
-         "simulate a recorder writing cameras' segment files",
+         {}, {}, 2, 2, runCat},
+        {"record", "simulate a recorder writing cameras' segment files",
          "usage: ftpdisk record LOCATION [--cameras N] [--seconds S] [--rate MBIT]\n"
-         "                      [--segment SEC] [--aio]\n"
+         "                      [--segment SEC] [--aio] [--json FILE]\n"
+         "                      [--day-seconds SEC [--keep-days N]]\n"
+         "                      [--list-every SEC] [--pause-every SEC --pause-for SEC]\n"
+         "                      [--samples N]\n"
          "\n"
          "Runs N camera threads (default 1, at most 64) for S seconds (default 10).\n"
          "Each makes <base>/<YYYY-MM-DD>/cam<NN> and writes MBIT megabits per second\n"
@@ -190,13 +145,28 @@ const std::vector<Command>& commands() {
          "10 calls. Each camera holds one connection for its open file and the store\n"
          "one more; when the server turns logins away, the verdict says how many\n"
          "connections it granted, how many the cameras need, and what it answered.\n"
+         "The summary also gives when every camera had its first file open and the\n"
+         "write latency of the calls after that; --json FILE writes every figure of\n"
+         "the summary into FILE as one JSON object, for scripts.\n"
+         "\n"
+         "What a recorder does besides writing:\n"
+         "  --day-seconds SEC  a new day directory every SEC seconds of the run (the\n"
+         "                     dates that follow the start's), so days roll in a short run\n"
+         "  --keep-days N      remove the run's days older than the N most recent\n"
+         "  --list-every SEC   every SEC seconds list the base and add up its size\n"
+         "                     (default 10 with --keep-days, which removes at those times)\n"
+         "  --pause-every SEC, --pause-for SEC\n"
+         "                     every camera closes its file and pauses for the second\n"
+         "                     time after recording for the first (whole segments)\n"
+         "  --samples N        latency samples kept per camera and kind (default and\n"
+         "                     most 100000)\n"
          "\n" LOCATION_HELP,
          {"--aio"},
-         {"--cameras", "--seconds", "--rate", "--segment"},
-         1,
-         1,
-         runRecord},
+         {"--cameras", "--seconds", "--rate", "--segment", "--json", "--day-seconds",
+          "--keep-days", "--list-every", "--pause-every", "--pause-for", "--samples"},
+         1, 1, runRecord},
     };
+    // clang-format on
     return table;
 }
 
@@ -239,7 +209,8 @@ void blankPasswords(int argc, char** argv) {
 int runCommand(const Command& command, int argc, char** argv) {
     Arguments args;
     std::string problem;
-    const bool parsed = parseArguments(argc, argv, command.flags, command.values, args, problem);
+    const bool parsed =
+        parseArguments(argc, argv, command.flags, command.values, args, problem);
     blankPasswords(argc, argv);
     if (!parsed) {
         return usage(command.name, problem);

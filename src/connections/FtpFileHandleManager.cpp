@@ -20,7 +20,8 @@ FtpFileHandleManager::FtpFileHandleManager(const char* server, const char* user,
     : freeToolBuff(new FreeFtpToolBuff),
       handleLimit(handleLimit),
       firstHandle(firstHandle),
-      maxOpenFiles(maxOpenFiles) {
+      maxOpenFiles(maxOpenFiles),
+      connectGate(kConnectsInFlight) {
     copyTextField(this->server, sizeof this->server, server);
     copyTextField(this->user, sizeof this->user, user);
     copyTextField(this->password, sizeof this->password, password);
@@ -229,6 +230,10 @@ bool FtpFileHandleManager::getPFTPTool(SafePointer<FTPTool>& out) {
         return true;
     }
     out = SafePointer<FTPTool>(new FTPTool);
+    // New connections pass the gate from connect to the end of the login,
+    // so that a burst of opens never has more of them waiting on the server
+    // at once than it queues (see ConnectGate).
+    ConnectGate::Place place(connectGate);
     if (out->connect(server) != 1) {
         return false;
     }

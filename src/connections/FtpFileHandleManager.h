@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "connections/ConnectGate.h"
 #include "connections/FreeFtpToolBuff.h"
 #include "connections/FtpFileHandler.h"
 #include "foundation/SafePointer.h"
@@ -62,6 +63,10 @@ public:
     // The pool (tests and diagnostics).
     SafePointer<FreeFtpToolBuff>& getFreeToolBuff();
 
+    // New connections of this table connecting or logging in at once, at
+    // most (see ConnectGate); opens beyond wait for a place.
+    static const unsigned int kConnectsInFlight = 8;
+
 private:
     FtpFileHandleManager(const FtpFileHandleManager&);
     FtpFileHandleManager& operator=(const FtpFileHandleManager&);
@@ -95,6 +100,8 @@ private:
     // Guarded by mutex. Opens whose number is reserved but whose handler is
     // not yet in fileHandlers.
     std::vector<OpenInProgress> opening FTPDISK_GUARDED_BY(mutex);
+    // New connections' connects and logins, kConnectsInFlight at once.
+    ConnectGate connectGate;
 };
 
 #endif  // FTPDISK_CONNECTIONS_FTPFILEHANDLEMANAGER_H

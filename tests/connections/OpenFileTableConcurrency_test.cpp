@@ -176,6 +176,37 @@ TEST(OpenFileTableConcurrency, ConcurrentOpensNeverExceedTheOpenFileLimit) {
     for (int h : opened) EXPECT_EQ(table->close(h), 0);
 }
 
+TEST(OpenFileTableConcurrency, ABurstOfOpensConnectsAtMostEightNewConnectionsAtOnce) {
+    ftptest::ScriptedFtpServer server;
+    // Greetings and logins are slow, so the first connections are still
+    // logging in when the burst's others would connect.
+    Reply slowGreeting("220 ready");
+    slowGreeting.delay = Millis(300);
+    server.setGreeting(slowGreeting);
+    Reply slowLogin("230 Logged in");
+    slowLogin.delay = Millis(300);
+    server.setReply("PASS", slowLogin);
+    auto table = tableOn(server, 64, 64);
+
+    const int kCameras = 20;
+    std::vector<int> handles(kCameras, 0);
+    std::vector<std::thread> cameras;
+    for (int i = 0; i < kCameras; ++i) {
+        cameras.emplace_back([&, i] {
+            handles[i] = table->open(("/cam" + std::to_string(i) + "/0001.dat").c_str(), 2);
+        });
+    }
+    // No login can end before its PASS is answered (300 ms after it came):
+    // until then the gate lets no ninth connection in.
+    ASSERT_TRUE(eventually([&] { return countOf(server.commands(), "PASS pw") >= 1; }));
+    EXPECT_LE(server.connectionCount(), static_cast<int>(FtpFileHandleManager::kConnectsInFlight));
+    for (std::thread& t : cameras) t.join();
+    std::sort(handles.begin(), handles.end());
+    for (int i = 0; i < kCameras; ++i) EXPECT_EQ(handles[i], i + 1);
+    EXPECT_EQ(server.connectionCount(), kCameras);
+    for (int h : handles) EXPECT_EQ(table->close(h), 0);
+}
+
 TEST(OpenFileTableConcurrency, AWriterGoesOnWhileTheMonitorQuitsAConnectionThatNeverAnswers) {
     hostcontrol::useManualClock(1000.0, 1000.0);
     {

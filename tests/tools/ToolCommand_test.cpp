@@ -155,6 +155,16 @@ TEST_F(ToolCommand, UsageErrorsAreOneLineOnStandardErrorWithStatusTwo) {
          "ftpdisk record: --rate takes a number above 0"},
         {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--seconds", "-3"},
          "ftpdisk record: --seconds takes a number above 0"},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--keep-days", "2"},
+         "ftpdisk record: --keep-days needs --day-seconds"},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--day-seconds", "5", "--keep-days", "0"},
+         "ftpdisk record: --keep-days takes a whole number from 1 to 10000, not \"0\""},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--pause-every", "30"},
+         "ftpdisk record: --pause-every and --pause-for go together"},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--segment", "60", "--day-seconds", "30"},
+         "ftpdisk record: --day-seconds must be at least one segment"},
+        {{"record", "rec(pw)@ftp://127.0.0.1:1/x", "--samples", "100001"},
+         "ftpdisk record: --samples takes a whole number from 1 to 100000, not \"100001\""},
     };
     for (const auto& c : cases) {
         const ToolRun result = run(c.args);
@@ -817,6 +827,13 @@ void expectRecording(const ToolRun& result, const std::string& localBase, long l
             << latency << "\n"
             << result.transcript();
     }
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\n  first open     every camera's first file open by [0-9.]+ s\n"
+                               "  after ramp     p50 [0-9.]+ ms  p90 [0-9.]+ ms  p99 [0-9.]+ ms  "
+                               "max [0-9.]+ ms  \\([0-9]+ calls\\)\n"
+                               "  mkdir latency  p50 [0-9.]+ ms  p90 [0-9.]+ ms  p99 [0-9.]+ ms  "
+                               "max [0-9.]+ ms  \\([0-9]+ calls\\)\n")))
+        << result.transcript();
     EXPECT_TRUE(contains(result.out, "\nverdict: PASS\n")) << result.transcript();
 
     long long onDisk = 0;
@@ -850,6 +867,52 @@ TEST_F(ToolCommand, RecordThroughAioWritesTheSameBytes) {
     EXPECT_TRUE(contains(result.out, "1 s segments, aioWrite")) << result.transcript();
     // 3 cameras x 0.5 s at 1 MB/s, one (short) segment each.
     expectRecording(result, server().localPath(base_), 3, 1500000);
+}
+
+TEST_F(ToolCommand, RecordWritesEveryFigureOfItsSummaryAsJson) {
+    const std::string figures = work_ + "/figures.json";
+    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1",
+                                "--rate", "2", "--segment", "0.5", "--json", figures});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    expectRecording(result, server().localPath(base_), 4, 500000);
+    const std::string json = readLocal(figures);
+    for (const char* field :
+         {"\n  \"cameras\": 2,\n", "\n  \"files_complete\": 4,\n", "\n  \"files_failed\": 0,\n",
+          "\n  \"bytes\": 500000,\n", "\n  \"dropped_bytes\": 0,\n", "\n  \"failed_calls\": 0,\n",
+          "\n  \"cameras_started\": 2,\n", "\n  \"failed_by_reason\": [],\n",
+          "\n  \"first_failed_calls\": [],\n", "\n  \"interrupted\": false,\n",
+          "\n  \"verdict\": \"PASS\"\n}\n"}) {
+        EXPECT_TRUE(contains(json, field)) << field << "\n" << json;
+    }
+    EXPECT_TRUE(contains(json, "\n  \"location\": \"rec(***)@ftp://" + server().hostPort() + base_ +
+                                   "\",\n"))
+        << json;
+    EXPECT_TRUE(std::regex_search(json, std::regex("\n  \"first_open_all_seconds\": [0-9]+\\.[0-9]{6},\n")))
+        << json;
+    // Every call of the run: 4 opens and closes, 20 writes (ten a second per camera).
+    const std::string latency = "\\{\"calls\": ([0-9]+), \"p50_ms\": [0-9.]+, \"p90_ms\": [0-9.]+, "
+                                "\"p99_ms\": [0-9.]+, \"max_ms\": [0-9.]+\\}";
+    for (const auto& kind : std::vector<std::pair<std::string, std::string>>{
+             {"mkdir", "2"}, {"open", "4"}, {"close", "4"}, {"write", "20"}}) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(json, m, std::regex("\n  \"" + kind.first + "\": " + latency)))
+            << kind.first << "\n" << json;
+        EXPECT_EQ(kind.second, m[1].str()) << kind.first;
+    }
+    std::smatch ramped;
+    ASSERT_TRUE(std::regex_search(json, ramped, std::regex("\n  \"write_after_ramp\": " + latency)))
+        << json;
+    EXPECT_LE(std::stoi(ramped[1].str()), 20);
+}
+
+TEST_F(ToolCommand, RecordRefusesAFiguresFileItCannotWriteBeforeItStarts) {
+    const ToolRun result = run({"record", location(), "--seconds", "0.2", "--json",
+                                work_ + "/no such folder/figures.json"});
+    EXPECT_EQ(2, result.status) << result.transcript();
+    EXPECT_EQ("", result.out);
+    EXPECT_EQ("ftpdisk record: cannot write the figures to " + work_ +
+                  "/no such folder/figures.json: No such file or directory\n",
+              result.err);
 }
 
 TEST_F(ToolCommand, RecordShowsALiveStatusLineOnATerminal) {
@@ -950,6 +1013,79 @@ TEST_F(ToolCommand, RecordInterruptedByCtrlCClosesItsFilesAndPrintsTheSummary) {
     std::vector<std::string> problems;
     EXPECT_EQ(figures.files, checkSegments(recordings, onDisk, problems));
     EXPECT_EQ(figures.bytes, onDisk);
+    for (const std::string& p : problems) {
+        ADD_FAILURE() << p;
+    }
+}
+
+TEST_F(ToolCommand, RecordRollsDaysRemovesTheOldOnesAndPausesAsARecorderDoes) {
+    // Segments of 0.5 s in days of 1 s, so 2 segment slots a day; every
+    // camera records 2 slots, then pauses for 2. Slots 0..12 in 6.5 s:
+    // segments 1, 2 in day 0; 5, 6 in day 2; 9, 10 in day 4; 13 in day 6.
+    // Days 1, 3 and 5 have no recording and are never made. Housekeeping
+    // every second keeps the current day only: a day goes one segment after
+    // the next one began (day 0 at 2 s, day 2 at 4 s, day 4 at 6 s); the
+    // passes that find a day to remove that was never made (3 s, 5 s) skip it.
+    const ToolRun result =
+        run({"record", location(), "--cameras", "2", "--seconds", "6.5", "--rate", "0.8",
+             "--segment", "0.5", "--day-seconds", "1", "--keep-days", "1", "--list-every", "1",
+             "--pause-every", "1", "--pause-for", "1", "--samples", "10"});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "\nschedule: days of 1 s, keeping 1; housekeeping every 1 s; "
+                                     "every camera pauses for 2 segments after 2\n"))
+        << result.transcript();
+    // 7 segments of 50000 bytes for each camera, none dropped: a pause is no loss.
+    const SummaryFigures figures = readSummary(result.out);
+    EXPECT_EQ(14, figures.files) << result.transcript();
+    EXPECT_EQ(0, figures.failedFiles) << result.transcript();
+    EXPECT_EQ(700000, figures.bytes) << result.transcript();
+    EXPECT_EQ(0, figures.failedCalls) << result.transcript();
+    EXPECT_TRUE(std::regex_search(result.out, std::regex("\n  bytes +700000 \\(.*\\), 0 dropped\n")))
+        << result.transcript();
+    EXPECT_TRUE(contains(result.out, "\nverdict: PASS\n")) << result.transcript();
+
+    // Passes are due at 1, 2, ... 6 s; a busy machine may run the last one
+    // after the run's end, so the summary says how many days went.
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(
+        result.out, m,
+        std::regex("\n  housekeeping   ([0-9]+) passes \\(listing and size of the base\\), "
+                   "([0-9]+) days? removed, 0 failed\n")))
+        << result.transcript();
+    const int passes = std::stoi(m[1]);
+    const int removed = std::stoi(m[2]);
+    EXPECT_GE(passes, 3) << result.transcript();
+    EXPECT_LE(passes, 6) << result.transcript();
+    EXPECT_GE(removed, 2) << result.transcript();
+    EXPECT_LE(removed, 3) << result.transcript();
+
+    // What is left: the days after the removed ones, in date order, each
+    // with its segments for both cameras and their patterns.
+    const std::vector<std::vector<std::string>> segmentsOfDay = {
+        {"00001", "00002"}, {"00005", "00006"}, {"00009", "00010"}, {"00013"}};
+    std::vector<std::string> days;
+    for (const auto& entry : fs::directory_iterator(server().localPath(base_))) {
+        days.push_back(entry.path().filename().string());
+    }
+    std::sort(days.begin(), days.end());
+    ASSERT_EQ(static_cast<std::size_t>(4 - removed), days.size()) << result.transcript();
+    for (std::size_t i = 0; i < days.size(); ++i) {
+        EXPECT_TRUE(std::regex_match(days[i], std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}"))) << days[i];
+        for (const char* camera : {"cam01", "cam02"}) {
+            const std::string dir = server().localPath(base_ + "/" + days[i] + "/" + camera);
+            std::vector<std::string> numbers;
+            for (const auto& entry : fs::directory_iterator(dir)) {
+                numbers.push_back(entry.path().filename().string().substr(0, 5));
+            }
+            std::sort(numbers.begin(), numbers.end());
+            EXPECT_EQ(segmentsOfDay[static_cast<std::size_t>(removed) + i], numbers) << dir;
+        }
+    }
+    long long onDisk = 0;
+    std::vector<std::string> problems;
+    const int left = checkSegments(server().localPath(base_), onDisk, problems);
+    EXPECT_EQ(removed == 2 ? 6 : 2, left);
+    EXPECT_EQ(50000LL * left, onDisk);
     for (const std::string& p : problems) {
         ADD_FAILURE() << p;
     }

@@ -452,6 +452,15 @@ TEST_F(LocalReplacementTest, ADirectoryThatRefusesNewFilesCreatesNothing) {
     EXPECT_EQ(descriptors, ftptest::openDescriptorCount());
 }
 
+TEST(ToolFormat, JsonStringsStayValidWhateverBytesTheyHold) {
+    EXPECT_EQ("\"\"", jsonString(""));
+    EXPECT_EQ("\"open: 421 Too many connections (3) from this IP\"",
+              jsonString("open: 421 Too many connections (3) from this IP"));
+    EXPECT_EQ("\"say \\\"hi\\\" \\\\ bye\"", jsonString("say \"hi\" \\ bye"));
+    EXPECT_EQ("\"a\\u000d\\u000ab\\u0009\\u0000\"", jsonString(std::string("a\r\nb\t\0", 6)));
+    EXPECT_EQ("\"caf\\u00c3\\u00a9 \\u00ff\\u007f\"", jsonString("caf\xc3\xa9 \xff\x7f"));
+}
+
 TEST(ToolFormat, PercentilesUseTheNearestRank) {
     const std::vector<double> values = {5, 1, 4, 2, 3, 10, 9, 8, 7, 6};
     EXPECT_EQ(5, percentile(values, 50));
