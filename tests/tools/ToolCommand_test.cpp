@@ -871,8 +871,8 @@ TEST_F(ToolCommand, RecordThroughAioWritesTheSameBytes) {
 
 TEST_F(ToolCommand, RecordWritesEveryFigureOfItsSummaryAsJson) {
     const std::string figures = work_ + "/figures.json";
-    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1",
-                                "--rate", "2", "--segment", "0.5", "--json", figures});
+    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1", "--rate",
+                                "2", "--segment", "0.5", "--json", figures});
     EXPECT_EQ(0, result.status) << result.transcript();
     expectRecording(result, server().localPath(base_), 4, 500000);
     const std::string json = readLocal(figures);
@@ -884,19 +884,23 @@ TEST_F(ToolCommand, RecordWritesEveryFigureOfItsSummaryAsJson) {
           "\n  \"verdict\": \"PASS\"\n}\n"}) {
         EXPECT_TRUE(contains(json, field)) << field << "\n" << json;
     }
-    EXPECT_TRUE(contains(json, "\n  \"location\": \"rec(***)@ftp://" + server().hostPort() + base_ +
-                                   "\",\n"))
+    EXPECT_TRUE(contains(
+        json, "\n  \"location\": \"rec(***)@ftp://" + server().hostPort() + base_ + "\",\n"))
         << json;
-    EXPECT_TRUE(std::regex_search(json, std::regex("\n  \"first_open_all_seconds\": [0-9]+\\.[0-9]{6},\n")))
+    EXPECT_TRUE(
+        std::regex_search(json, std::regex("\n  \"first_open_all_seconds\": [0-9]+\\.[0-9]{6},\n")))
         << json;
     // Every call of the run: 4 opens and closes, 20 writes (ten a second per camera).
-    const std::string latency = "\\{\"calls\": ([0-9]+), \"p50_ms\": [0-9.]+, \"p90_ms\": [0-9.]+, "
-                                "\"p99_ms\": [0-9.]+, \"max_ms\": [0-9.]+\\}";
+    const std::string latency =
+        "\\{\"calls\": ([0-9]+), \"p50_ms\": [0-9.]+, \"p90_ms\": [0-9.]+, "
+        "\"p99_ms\": [0-9.]+, \"max_ms\": [0-9.]+\\}";
     for (const auto& kind : std::vector<std::pair<std::string, std::string>>{
              {"mkdir", "2"}, {"open", "4"}, {"close", "4"}, {"write", "20"}}) {
         std::smatch m;
-        ASSERT_TRUE(std::regex_search(json, m, std::regex("\n  \"" + kind.first + "\": " + latency)))
-            << kind.first << "\n" << json;
+        ASSERT_TRUE(
+            std::regex_search(json, m, std::regex("\n  \"" + kind.first + "\": " + latency)))
+            << kind.first << "\n"
+            << json;
         EXPECT_EQ(kind.second, m[1].str()) << kind.first;
     }
     std::smatch ramped;
@@ -1027,12 +1031,14 @@ TEST_F(ToolCommand, RecordRollsDaysRemovesTheOldOnesAndPausesAsARecorderDoes) {
     // the next one began (day 0 at 2 s, day 2 at 4 s, day 4 at 6 s); the
     // passes that find a day to remove that was never made (3 s, 5 s) skip it.
     const ToolRun result =
-        run({"record", location(), "--cameras", "2", "--seconds", "6.5", "--rate", "0.8",
-             "--segment", "0.5", "--day-seconds", "1", "--keep-days", "1", "--list-every", "1",
-             "--pause-every", "1", "--pause-for", "1", "--samples", "10"});
+        run({"record",      location(), "--cameras",    "2",   "--seconds",     "6.5",
+             "--rate",      "0.8",      "--segment",    "0.5", "--day-seconds", "1",
+             "--keep-days", "1",        "--list-every", "1",   "--pause-every", "1",
+             "--pause-for", "1",        "--samples",    "10"});
     EXPECT_EQ(0, result.status) << result.transcript();
-    EXPECT_TRUE(contains(result.out, "\nschedule: days of 1 s, keeping 1; housekeeping every 1 s; "
-                                     "every camera pauses for 2 segments after 2\n"))
+    EXPECT_TRUE(contains(result.out,
+                         "\nschedule: days of 1 s, keeping 1; housekeeping every 1 s; "
+                         "every camera pauses for 2 segments after 2\n"))
         << result.transcript();
     // 7 segments of 50000 bytes for each camera, none dropped: a pause is no loss.
     const SummaryFigures figures = readSummary(result.out);
@@ -1040,7 +1046,8 @@ TEST_F(ToolCommand, RecordRollsDaysRemovesTheOldOnesAndPausesAsARecorderDoes) {
     EXPECT_EQ(0, figures.failedFiles) << result.transcript();
     EXPECT_EQ(700000, figures.bytes) << result.transcript();
     EXPECT_EQ(0, figures.failedCalls) << result.transcript();
-    EXPECT_TRUE(std::regex_search(result.out, std::regex("\n  bytes +700000 \\(.*\\), 0 dropped\n")))
+    EXPECT_TRUE(
+        std::regex_search(result.out, std::regex("\n  bytes +700000 \\(.*\\), 0 dropped\n")))
         << result.transcript();
     EXPECT_TRUE(contains(result.out, "\nverdict: PASS\n")) << result.transcript();
 
