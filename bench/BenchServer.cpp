@@ -167,7 +167,8 @@ int main(int argc, char** argv) {
     }
     FtpServerKind kind;
     if (!kindNamed(kindName, kind)) {
-        return usage(kindName.empty() ? "--kind is required" : "no server kind \"" + kindName + "\"");
+        return usage(kindName.empty() ? "--kind is required"
+                                      : "no server kind \"" + kindName + "\"");
     }
 
     struct sigaction action;

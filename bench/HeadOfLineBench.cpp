@@ -49,7 +49,8 @@ double percentile(std::vector<double> values, double p) {
         return 0;
     }
     std::sort(values.begin(), values.end());
-    std::size_t rank = static_cast<std::size_t>(p / 100 * static_cast<double>(values.size()) + 0.999999);
+    std::size_t rank =
+        static_cast<std::size_t>(p / 100 * static_cast<double>(values.size()) + 0.999999);
     rank = std::min(std::max<std::size_t>(rank, 1), values.size());
     return values[rank - 1];
 }
@@ -138,7 +139,8 @@ CaseResult runCase(bool slow, int rotations, double promptSeconds) {
     other.join();
     if (otherFailures.load() > 0 && result.ok) {
         result.ok = false;
-        result.problem = std::to_string(otherFailures.load()) + " of the other thread's calls failed";
+        result.problem =
+            std::to_string(otherFailures.load()) + " of the other thread's calls failed";
     }
     server.clearReply("STOR");
     server.clearReply("PASS");
@@ -194,21 +196,23 @@ int main(int argc, char** argv) {
             hostcontrol::setLogRoot(dir);
         }
     }
-    std::printf("writer: 1 KiB write every 10 ms on its own open file; other thread: open + close\n");
-    std::printf("slow server: new logins answered 2.5 s late, closing replies 2 s late; "
-                "%d rotation%s\n\n",
-                rotations, rotations == 1 ? "" : "s");
+    std::printf(
+        "writer: 1 KiB write every 10 ms on its own open file; other thread: open + close\n");
+    std::printf(
+        "slow server: new logins answered 2.5 s late, closing replies 2 s late; "
+        "%d rotation%s\n\n",
+        rotations, rotations == 1 ? "" : "s");
     const CaseResult slowCase = runCase(true, rotations, 0);
     const CaseResult promptCase = runCase(false, 0, slowCase.seconds);
-    std::printf("%-7s %7s %7s %9s %9s %9s %9s %9s %9s %9s\n", "server", "writes", "s",
-                "w p50 ms", "w p99 ms", "w max ms", "open p50", "open max", "close p50",
-                "close max");
+    std::printf("%-7s %7s %7s %9s %9s %9s %9s %9s %9s %9s\n", "server", "writes", "s", "w p50 ms",
+                "w p99 ms", "w max ms", "open p50", "open max", "close p50", "close max");
     printRow("prompt", promptCase);
     printRow("slow", slowCase);
     const double slowMax = percentile(slowCase.writeSeconds, 100);
-    std::printf("\nhead-of-line target: writer's max write latency under 50 ms on the slow "
-                "server: %s (%.2f ms; %d writes in %.1f s, %.0f expected at one per 10 ms)\n",
-                slowMax < 0.050 ? "met" : "NOT met", slowMax * 1e3, slowCase.writes,
-                slowCase.seconds, slowCase.seconds / 0.010);
+    std::printf(
+        "\nhead-of-line target: writer's max write latency under 50 ms on the slow "
+        "server: %s (%.2f ms; %d writes in %.1f s, %.0f expected at one per 10 ms)\n",
+        slowMax < 0.050 ? "met" : "NOT met", slowMax * 1e3, slowCase.writes, slowCase.seconds,
+        slowCase.seconds / 0.010);
     return slowCase.ok && promptCase.ok ? 0 : 1;
 }

@@ -44,8 +44,8 @@ std::string unixListing(int lines, long long& expectedTotal, int& expectedEntrie
         const long long size = dir ? 4096 : 100000000LL + (i * 7919LL) % 900000000LL;
         std::snprintf(line, sizeof(line),
                       "%s    1 1000     1000     %10lld %s %02d %02d:%02d ch%02d_%08d_%06d.%s\r\n",
-                      dir ? "drwxr-xr-x" : "-rw-r--r--", size, kMonths[i % 12], 1 + i % 28,
-                      i % 24, i % 60, i % 16, 20200101 + i % 28, i, dir ? "d" : "mp4");
+                      dir ? "drwxr-xr-x" : "-rw-r--r--", size, kMonths[i % 12], 1 + i % 28, i % 24,
+                      i % 60, i % 16, 20200101 + i % 28, i, dir ? "d" : "mp4");
         text += line;
         expectedTotal += size;
         ++expectedEntries;
@@ -62,10 +62,12 @@ std::string dosListing(int lines, long long& expectedTotal, int& expectedEntries
         const bool dir = i % 50 == 0;
         const long long size = 100000000LL + (i * 7919LL) % 900000000LL;
         if (dir) {
-            std::snprintf(line, sizeof(line), "%02d-%02d-20  %02d:%02dAM       <DIR>          ch%02d_%06d\r\n",
+            std::snprintf(line, sizeof(line),
+                          "%02d-%02d-20  %02d:%02dAM       <DIR>          ch%02d_%06d\r\n",
                           1 + i % 12, 1 + i % 28, 1 + i % 12, i % 60, i % 16, i);
         } else {
-            std::snprintf(line, sizeof(line), "%02d-%02d-20  %02d:%02dPM           %10lld ch%02d_%06d.mp4\r\n",
+            std::snprintf(line, sizeof(line),
+                          "%02d-%02d-20  %02d:%02dPM           %10lld ch%02d_%06d.mp4\r\n",
                           1 + i % 12, 1 + i % 28, 1 + i % 12, i % 60, size, i % 16, i);
             expectedTotal += size;
         }

@@ -16,8 +16,8 @@
 
 #include "foundation/SafePointer.h"
 #include "host/StringHandler.h"
-#include "listing/LineWords.h"
 #include "listing/FTPFileDescriptor.h"
+#include "listing/LineWords.h"
 #include "listing/ListingSize.h"
 #include "listing/ListingStyle.h"
 

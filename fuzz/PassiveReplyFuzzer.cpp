@@ -82,15 +82,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&address.sin_addr);
     for (int i = 0; i < 4; ++i) {
         if (numbers[i].defined) {
-            check(bytes[i] == (numbers[i].value & 0xFFu), "each address byte is its number's low byte");
+            check(bytes[i] == (numbers[i].value & 0xFFu),
+                  "each address byte is its number's low byte");
         }
     }
     if (numbers[4].defined && numbers[5].defined) {
         const unsigned port = (numbers[4].value & 0xFFu) * 256u + (numbers[5].value & 0xFFu);
-        check(ntohs(address.sin_port) == port, "the port is the fifth and sixth numbers' low bytes");
+        check(ntohs(address.sin_port) == port,
+              "the port is the fifth and sixth numbers' low bytes");
     }
     struct sockaddr_in zero;
     memset(&zero, 0, sizeof zero);
-    check(memcmp(address.sin_zero, zero.sin_zero, sizeof zero.sin_zero) == 0, "the padding is zeroed");
+    check(memcmp(address.sin_zero, zero.sin_zero, sizeof zero.sin_zero) == 0,
+          "the padding is zeroed");
     return 0;
 }

@@ -91,7 +91,8 @@ void checkCounters(const NetBuf* c) {
               c->writePos <= c->buffer + kNetBufSize,
           "buffer <= readPos <= writePos <= buffer end");
     check(c->available == c->writePos - c->readPos, "available is what lies between the positions");
-    check(c->spaceLeft == c->buffer + kNetBufSize - c->writePos, "spaceLeft is the room after writePos");
+    check(c->spaceLeft == c->buffer + kNetBufSize - c->writePos,
+          "spaceLeft is the room after writePos");
     check(memchr(c->response, '\0', kNetBufResponseSize) != NULL, "the reply line is terminated");
 }
 
@@ -189,7 +190,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int result = tool->Readresp(expected, control);
     checkCounters(control);
     check(result == wanted, "Readresp's result is the reference's");
-    check(reply.size() < kNetBufResponseSize && memcmp(control->response, reply.c_str(), reply.size() + 1) == 0,
+    check(reply.size() < kNetBufResponseSize &&
+              memcmp(control->response, reply.c_str(), reply.size() + 1) == 0,
           "the reply line is the reference's");
 
     // The rest, line by line, in a buffer of exactly `capacity` bytes.

@@ -2,8 +2,8 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 
+#include "HostMutex.h"
 #include "ftpdisk_host/HostControl.h"
 #include "host/KDTime.h"
 #include "host/KadmorTime.h"
@@ -11,12 +11,14 @@
 namespace {
 
 struct ClockState {
-    std::mutex mutex;  // guards every field below
-    std::condition_variable changed;
-    bool manual = false;
-    double manualWall = 0;
-    double manualUp = 0;
-    int waiting = 0;
+    hostlib::HostMutex mutex;
+    // Waited on with `mutex` held (condition_variable_any, as the mutex is
+    // the annotated wrapper, not std::mutex).
+    std::condition_variable_any changed;
+    bool manual FTPDISK_GUARDED_BY(mutex) = false;
+    double manualWall FTPDISK_GUARDED_BY(mutex) = 0;
+    double manualUp FTPDISK_GUARDED_BY(mutex) = 0;
+    int waiting FTPDISK_GUARDED_BY(mutex) = 0;
 };
 
 ClockState& state() {
@@ -40,19 +42,19 @@ namespace hostlib {
 
 double wallSeconds() {
     ClockState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
+    hostlib::HostLock guard(s.mutex);
     return s.manual ? s.manualWall : systemWall();
 }
 
 double upSeconds() {
     ClockState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
+    hostlib::HostLock guard(s.mutex);
     return s.manual ? s.manualUp : systemUp();
 }
 
 void pause(double seconds, const std::atomic<bool>* stop) {
     ClockState& s = state();
-    std::unique_lock<std::mutex> lock(s.mutex);
+    HostLock lock(s.mutex);
     ++s.waiting;
     s.changed.notify_all();
     const bool manual = s.manual;
@@ -65,9 +67,9 @@ void pause(double seconds, const std::atomic<bool>* stop) {
         if (s.manual != manual) break;  // clock switched: end the pause
         if (manual) {
             if (s.manualUp >= until) break;
-            s.changed.wait(lock);
+            s.changed.wait(s.mutex);
         } else {
-            if (s.changed.wait_until(lock, realDeadline) == std::cv_status::timeout) break;
+            if (s.changed.wait_until(s.mutex, realDeadline) == std::cv_status::timeout) break;
         }
     }
     --s.waiting;
@@ -76,7 +78,7 @@ void pause(double seconds, const std::atomic<bool>* stop) {
 
 void wakeAll() {
     ClockState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
+    hostlib::HostLock guard(s.mutex);
     s.changed.notify_all();
 }
 
@@ -86,7 +88,7 @@ namespace hostcontrol {
 
 void useManualClock(double wallSeconds, double upSeconds) {
     ClockState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
+    hostlib::HostLock guard(s.mutex);
     s.manual = true;
     s.manualWall = wallSeconds;
     s.manualUp = upSeconds;
@@ -95,20 +97,20 @@ void useManualClock(double wallSeconds, double upSeconds) {
 
 void useSystemClock() {
     ClockState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
+    hostlib::HostLock guard(s.mutex);
     s.manual = false;
     s.changed.notify_all();
 }
 
 bool isManualClock() {
     ClockState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
+    hostlib::HostLock guard(s.mutex);
     return s.manual;
 }
 
 void advanceClock(double seconds) {
     ClockState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
+    hostlib::HostLock guard(s.mutex);
     s.manualWall += seconds;
     s.manualUp += seconds;
     s.changed.notify_all();
@@ -116,7 +118,7 @@ void advanceClock(double seconds) {
 
 int waitingThreads() {
     ClockState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
+    hostlib::HostLock guard(s.mutex);
     return s.waiting;
 }
 

@@ -6,10 +6,10 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "Clock.h"
+#include "HostMutex.h"
 #include "foundation/Function.h"
 #include "host/KadmorTime.h"
 
@@ -19,7 +19,8 @@ thread_local const std::atomic<bool>* currentStopFlag = nullptr;
 }  // namespace
 
 struct GThread::Impl {
-    Impl(function<int> b, const std::string& n, function<int> s, function<int> e)
+    Impl(const function<int>& b, const std::string& n, const function<int>& s,
+         const function<int>& e)
         : body(b), name(n), onStart(s), onStop(e) {}
 
     function<int> body;
@@ -27,8 +28,8 @@ struct GThread::Impl {
     function<int> onStart;
     function<int> onStop;
 
-    std::mutex control;  // serialises start/stop and guards `thread`
-    std::thread thread;
+    hostlib::HostMutex control;  // serialises start/stop
+    std::thread thread FTPDISK_GUARDED_BY(control);
     std::atomic<bool> stopRequested{false};
     std::atomic<bool> isRunning{false};
 
@@ -47,9 +48,12 @@ struct GThread::Impl {
     }
 };
 
+// The callables come by value: the host contract's signature.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 GThread::GThread(function<int> body, const std::string& name, function<int> onStart,
                  function<int> onStop)
     : impl(new Impl(body, name, onStart, onStop)) {}
+// NOLINTEND(performance-unnecessary-value-param)
 
 GThread::~GThread() {
     stop();
@@ -57,7 +61,7 @@ GThread::~GThread() {
 }
 
 int GThread::start() {
-    std::lock_guard<std::mutex> guard(impl->control);
+    hostlib::HostLock guard(impl->control);
     if (impl->isRunning.load()) {
         return 0;
     }
@@ -78,7 +82,7 @@ int GThread::start() {
 int GThread::running() { return impl->isRunning.load() ? 1 : 0; }
 
 int GThread::stop() {
-    std::lock_guard<std::mutex> guard(impl->control);
+    hostlib::HostLock guard(impl->control);
     impl->stopRequested.store(true);
     hostlib::wakeAll();
     if (impl->thread.joinable()) {

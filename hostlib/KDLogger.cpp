@@ -8,19 +8,20 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 
+#include "HostMutex.h"
 #include "ftpdisk_host/HostControl.h"
 
 namespace {
 
-std::mutex& logMutex() {
-    static std::mutex* m = new std::mutex;
+hostlib::HostMutex& logMutex() {
+    static hostlib::HostMutex* m = new hostlib::HostMutex;
     return *m;
 }
 
-std::string& logRoot() {
+// The log folder's root; REQUIRES: logMutex() is held.
+std::string& logRoot() FTPDISK_REQUIRES(logMutex()) {
     static std::string* root = [] {
         const char* env = std::getenv("FTPDISK_LOG_ROOT");
         return new std::string(env != nullptr ? env : "");
@@ -58,13 +59,13 @@ void rotate(const std::string& path, int keep) {
 namespace hostcontrol {
 
 void setLogRoot(const std::string& directory) {
-    std::lock_guard<std::mutex> guard(logMutex());
+    hostlib::HostLock guard(logMutex());
     logRoot() = directory;
 }
 
 std::string resolveLogPath(const char* file) {
     std::string path(file != nullptr ? file : "");
-    std::lock_guard<std::mutex> guard(logMutex());
+    hostlib::HostLock guard(logMutex());
     if (!logRoot().empty() && !path.empty() && path[0] == '/') {
         return logRoot() + path;
     }
@@ -89,7 +90,7 @@ void KDLogger::writeLog(const char* file, const char* where, const char* message
     std::string line = std::string(stamp) + " [" + (where != nullptr ? where : "") + "] " +
                        (message != nullptr ? message : "") + "\n";
 
-    std::lock_guard<std::mutex> guard(logMutex());
+    hostlib::HostLock guard(logMutex());
     makeParents(path);
     if (maxBytes > 0 && fileSize(path) + static_cast<long>(line.size()) > maxBytes) {
         rotate(path, keepFiles);

@@ -17,9 +17,10 @@
 #include <pthread.h>
 
 #include <cstddef>
-#include <mutex>
 #include <unordered_map>
 #include <vector>
+
+#include "HostMutex.h"
 
 struct ref_count::State {
     State() { pthread_mutex_init(&mutex, nullptr); }
@@ -45,9 +46,9 @@ struct ref_count::State {
 
 class RefCountManager::Impl {
 public:
-    std::mutex mutex;  // guards byObject and freeList
-    std::unordered_map<void*, ref_count*> byObject;
-    std::vector<ref_count*> freeList;
+    hostlib::HostMutex mutex;
+    std::unordered_map<void*, ref_count*> byObject FTPDISK_GUARDED_BY(mutex);
+    std::vector<ref_count*> freeList FTPDISK_GUARDED_BY(mutex);
 };
 
 ref_count::ref_count() : state(new State) {}
@@ -102,7 +103,7 @@ ref_count* RefCountManager::retrieveRefCount(void* object, const char* /*typeNam
         bool existing = false;
         bool recycled = false;
         {
-            std::lock_guard<std::mutex> guard(impl->mutex);
+            hostlib::HostLock guard(impl->mutex);
             auto found = impl->byObject.find(object);
             if (found != impl->byObject.end()) {
                 record = found->second;
@@ -135,7 +136,7 @@ ref_count* RefCountManager::retrieveRefCount(void* object, const char* /*typeNam
             }
             pthread_mutex_unlock(recordLock);
             {
-                std::lock_guard<std::mutex> guard(impl->mutex);
+                hostlib::HostLock guard(impl->mutex);
                 --record->state->pins;
             }
             if (same) {
@@ -155,7 +156,7 @@ ref_count* RefCountManager::retrieveRefCount(void* object, const char* /*typeNam
         record->state->count = 1;
         record->state->valid = true;
         pthread_mutex_unlock(recordLock);
-        std::lock_guard<std::mutex> guard(impl->mutex);
+        hostlib::HostLock guard(impl->mutex);
         if (impl->byObject.find(object) == impl->byObject.end()) {
             impl->byObject[object] = record;
             return record;
@@ -174,7 +175,7 @@ void RefCountManager::returnbackRefCount(ref_count* record, const char* /*typeNa
     if (record == nullptr) {
         return;
     }
-    std::lock_guard<std::mutex> guard(impl->mutex);
+    hostlib::HostLock guard(impl->mutex);
     // The caller usually holds the record's lock here, so its fields are
     // changed without taking it again.
     auto found = impl->byObject.find(record->state->pointer);
@@ -188,6 +189,6 @@ void RefCountManager::returnbackRefCount(ref_count* record, const char* /*typeNa
 }
 
 unsigned long RefCountManager::liveRecords() {
-    std::lock_guard<std::mutex> guard(impl->mutex);
+    hostlib::HostLock guard(impl->mutex);
     return static_cast<unsigned long>(impl->byObject.size());
 }

@@ -58,6 +58,9 @@ std::string wchar2utf8(const wchar_t* wide) {
     std::string out;
     if (wide == nullptr) return out;
     for (; *wide != 0; ++wide) {
+        // wchar_t is an int, not a char: a negative one becomes a code above
+        // 0x10FFFF and so U+FFFD, which is what is wanted.
+        // NOLINTNEXTLINE(bugprone-signed-char-misuse)
         unsigned long code = static_cast<unsigned long>(*wide);
         if (code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) code = 0xFFFD;
         if (code < 0x80) {
@@ -84,7 +87,8 @@ std::string wchar2utf8(const wchar_t* wide) {
 StringParser::StringParser() {}
 StringParser::~StringParser() {}
 
-int StringParser::Split(char* text, char* separator) {
+// A writable separator: the host contract's signature.
+int StringParser::Split(char* text, char* separator) {  // NOLINT(readability-non-const-parameter)
     starts_.clear();
     lengths_.clear();
     if (text == nullptr) {

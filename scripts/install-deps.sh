@@ -42,6 +42,8 @@ fi
 # are listed here as well, because nothing else would pull them in.
 packages=(
   cmake ninja-build g++ clang
+  # scripts/lint.sh
+  clang-format-14 clang-tidy-14
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-pyftpdlib
   vsftpd

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Runs every test: installs what a fresh machine lacks, then builds and tests
-# the debug and asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets,
+# the debug preset, builds everything with clang (lock annotations checked,
+# -Wthread-safety as an error) and runs its unit tests, the "lint" step
+# (scripts/lint.sh: clang-format and clang-tidy over every source), the asan
+# (AddressSanitizer + UndefinedBehaviorSanitizer) preset,
 # the concurrency tests under the tsan preset, and the armhf cross build under
 # qemu-user; then the "packages" step: the Debian packages for amd64 and armhf
 # with their content checks and lintian, the downstream recorder built against
@@ -13,12 +16,13 @@
 #   scripts/test.sh                # everything
 #   FTPDISK_PRESETS="debug" scripts/test.sh      # a subset of presets
 #   FTPDISK_PRESETS="packages" scripts/test.sh   # only the packages step
+#   FTPDISK_PRESETS="lint" scripts/test.sh       # only the lint step
 #   FTPDISK_LONG_CHECKS=0 scripts/test.sh        # without the fuzzing and the soak
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 jobs=${FTPDISK_JOBS:-2}
-presets=${FTPDISK_PRESETS:-"debug asan tsan armhf packages"}
+presets=${FTPDISK_PRESETS:-"debug clang lint asan tsan armhf packages"}
 # The fault suite (label "faults") waits out real readiness limits for a
 # minute or two; it runs in this preset only.
 faults_preset=${FTPDISK_FAULTS_PRESET:-debug}
@@ -43,6 +47,9 @@ run_preset() {
   echo "=== ${preset}: test"
   case "${preset}" in
     tsan) ctest --preset "${preset}" -L concurrency -j "${jobs}" --no-tests=error ;;
+    # The clang build is there for its compile-time lock analysis; the unit
+    # tests check that what it built runs.
+    clang) ctest --preset "${preset}" -L unit -j "${jobs}" --no-tests=error ;;
     "${faults_preset}") ctest --preset "${preset}" -j "${jobs}" --no-tests=error ;;
     *) ctest --preset "${preset}" -j "${jobs}" --no-tests=error -LE faults ;;
   esac
@@ -88,6 +95,7 @@ for preset in ${presets}; do
       fi
       ;;
     packages) run_packages ;;
+    lint) scripts/lint.sh ;;
     *) run_preset "${preset}" ;;
   esac
 done

@@ -81,15 +81,15 @@ bool openCameraFiles(FTPFileSystem* store, const Location& location, const std::
         }
     }
     const long long granted = static_cast<long long>(handles.size()) + 1;
-    const std::string need = plural(cameras, "camera needs ", "cameras need ") +
-                             std::to_string(cameras + 1);
+    const std::string need =
+        plural(cameras, "camera needs ", "cameras need ") + std::to_string(cameras + 1);
     if (!refused.empty()) {
         if (probe.turnedAway()) {
             detail = "server granted " + plural(granted, "connection", "connections") + "; " +
                      need + ": '" + (probe.reply.empty() ? probe.text : probe.reply) + "'";
         } else {
-            detail = "cannot open " + refused + " with " +
-                     plural(granted - 1, "file", "files") + " open (" +
+            detail = "cannot open " + refused + " with " + plural(granted - 1, "file", "files") +
+                     " open (" +
                      (probe.outcome == LoginProbe::kLoggedIn ? "no reason given; " : "") +
                      probe.text + ")";
         }
@@ -358,10 +358,10 @@ int runCheck(const Arguments& args) {
                   << steps.passed() << " of " << steps.steps() << " steps passed)" << std::endl;
         return kExitOk;
     }
-    std::cout << "verdict: FAIL: " << location.masked() << " is not usable: "
-              << steps.steps() - steps.passed() - steps.skipped() << " of " << steps.steps()
-              << " steps failed, " << steps.skipped() << " skipped; first failure: "
-              << steps.firstFailure() << std::endl;
+    std::cout << "verdict: FAIL: " << location.masked()
+              << " is not usable: " << steps.steps() - steps.passed() - steps.skipped() << " of "
+              << steps.steps() << " steps failed, " << steps.skipped()
+              << " skipped; first failure: " << steps.firstFailure() << std::endl;
     return kExitFailed;
 }
 

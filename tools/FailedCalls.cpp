@@ -129,9 +129,11 @@ std::vector<std::pair<std::string, long long>> FailedCalls::byReason() const {
     for (const auto& calls : waiting_) {
         all.emplace_back(calls.first + ": not explained", calls.second);
     }
-    std::stable_sort(all.begin(), all.end(),
-                     [](const std::pair<std::string, long long>& a,
-                        const std::pair<std::string, long long>& b) { return a.second > b.second; });
+    std::stable_sort(
+        all.begin(), all.end(),
+        [](const std::pair<std::string, long long>& a, const std::pair<std::string, long long>& b) {
+            return a.second > b.second;
+        });
     return all;
 }
 

@@ -32,11 +32,11 @@
 namespace ftpdisk_tool {
 
 struct FailedCall {
-    int camera = 0;          // 1, 2, ...
-    std::string operation;   // "mkdir", "open", "write", "aioReturn", "aioWrite", "close"
-    std::string path;        // the remote directory or file
-    double at = 0;           // seconds into the run
-    std::string why;         // "" until explained
+    int camera = 0;         // 1, 2, ...
+    std::string operation;  // "mkdir", "open", "write", "aioReturn", "aioWrite", "close"
+    std::string path;       // the remote directory or file
+    double at = 0;          // seconds into the run
+    std::string why;        // "" until explained
 };
 
 class FailedCalls {
@@ -84,8 +84,8 @@ private:
     // Guarded by mutex_.
     long long count_ = 0;
     std::vector<FailedCall> shown_;
-    std::size_t shownExplained_ = 0;             // shown_[0, shownExplained_) have their why
-    std::map<std::string, long long> waiting_;   // unexplained calls by operation
+    std::size_t shownExplained_ = 0;            // shown_[0, shownExplained_) have their why
+    std::map<std::string, long long> waiting_;  // unexplained calls by operation
     std::vector<std::pair<std::string, long long>> reasons_;  // in order of first appearance
     bool haveTurnedAway_ = false;
     LoginProbe turnedAway_;

@@ -22,7 +22,8 @@ int runLs(const Arguments& args) {
     FTPFileSystem* store = session.store();
     std::vector<std::string> dirs;
     std::vector<std::string> files;
-    if (!store->getSubDirList(dir.c_str(), dirs, "") || !store->getFileList(dir.c_str(), files, "")) {
+    if (!store->getSubDirList(dir.c_str(), dirs, "") ||
+        !store->getFileList(dir.c_str(), files, "")) {
         return fail("ls", "cannot list " + dir, kExitFailed);
     }
     std::sort(dirs.begin(), dirs.end());
@@ -123,8 +124,10 @@ int runRm(const Arguments& args) {
             return fail("rm", "refusing to remove the server's root directory", kExitFailed);
         }
         if (store->removeDir(path.c_str()) != 0) {
-            return fail("rm", "cannot remove directory " + path + " (what was already removed stays removed)",
-                        kExitFailed);
+            return fail(
+                "rm",
+                "cannot remove directory " + path + " (what was already removed stays removed)",
+                kExitFailed);
         }
         std::cout << "removed directory " << path << std::endl;
         return kExitOk;

@@ -12,8 +12,12 @@ namespace ftpdisk_tool {
 
 Housekeeping::Housekeeping(FTPFileSystem* store, const RecordSchedule& schedule, std::string base,
                            const std::tm& startDay, double start, FailedCalls& failures)
-    : store_(store), schedule_(schedule), base_(std::move(base)), startDay_(startDay),
-      start_(start), failures_(failures) {}
+    : store_(store),
+      schedule_(schedule),
+      base_(std::move(base)),
+      startDay_(startDay),
+      start_(start),
+      failures_(failures) {}
 
 Housekeeping::~Housekeeping() { stop(); }
 

@@ -19,8 +19,7 @@ constexpr std::size_t kMaxNameKept = 200;
 constexpr int kNameTries = 100;
 
 std::string randomSuffix(std::mt19937_64& random) {
-    static const char kLetters[] =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    static const char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
     std::uniform_int_distribution<int> pick(0, static_cast<int>(sizeof kLetters) - 2);
     std::string suffix;
     for (int i = 0; i < 6; ++i) {
@@ -34,7 +33,8 @@ std::string randomSuffix(std::mt19937_64& random) {
 bool LocalReplacement::create(std::string& problem) {
     abandon();
     const std::string::size_type slash = target_.rfind('/');
-    const std::string dir = slash == std::string::npos ? std::string() : target_.substr(0, slash + 1);
+    const std::string dir =
+        slash == std::string::npos ? std::string() : target_.substr(0, slash + 1);
     const std::string name =
         (slash == std::string::npos ? target_ : target_.substr(slash + 1)).substr(0, kMaxNameKept);
     std::random_device seed;
@@ -44,7 +44,11 @@ bool LocalReplacement::create(std::string& problem) {
     // O_EXCL makes each try either a file of our own or EEXIST: an existing
     // file, whoever made it, is never opened, let alone truncated.
     for (int attempt = 0; attempt < kNameTries && error == EEXIST; ++attempt) {
-        const std::string path = dir + "." + name + ".ftpdisk-" + randomSuffix(random);
+        std::string path = dir;
+        path += ".";
+        path += name;
+        path += ".ftpdisk-";
+        path += randomSuffix(random);
         fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd_ >= 0) {
             temporary_ = path;

@@ -127,9 +127,8 @@ public:
             const ssize_t n = ::send(fd_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
             if (n > 0) {
                 sent += static_cast<std::size_t>(n);
-            } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
-                return false;
-            } else if (!waitFor(POLLOUT, deadline)) {
+            } else if ((n < 0 && errno != EAGAIN && errno != EINTR) ||
+                       !waitFor(POLLOUT, deadline)) {
                 return false;
             }
         }
@@ -250,8 +249,9 @@ LoginProbe probeLogin(const Location& location) {
     probe.send("QUIT");
     if (answer < 0) {
         result.outcome = LoginProbe::kNoLoginAnswer;
-        result.text = location.server + (probe.closed() ? " closed the connection at the login as "
-                                                        : " did not answer the login as ") +
+        result.text = location.server +
+                      (probe.closed() ? " closed the connection at the login as "
+                                      : " did not answer the login as ") +
                       location.user +
                       (probe.closed() ? std::string()
                                       : " within " + std::to_string(kProbeStepSeconds) + " s");
@@ -260,7 +260,8 @@ LoginProbe probeLogin(const Location& location) {
     if (answer / 100 != 2) {
         result.outcome = LoginProbe::kLoginRefused;
         result.reply = shown(line, location.password);
-        result.text = location.server + " refused the login as " + location.user + ": " + result.reply;
+        result.text =
+            location.server + " refused the login as " + location.user + ": " + result.reply;
         return result;
     }
     result.outcome = LoginProbe::kLoggedIn;

@@ -192,8 +192,14 @@ public:
     Camera(FTPFileSystem* store, const Settings& settings, int number, std::string dir,
            const std::vector<char>& pattern, double start, LiveCounters& live,
            FailedCalls& failures)
-        : store_(store), settings_(settings), number_(number), dir_(std::move(dir)),
-          pattern_(pattern), start_(start), live_(live), failures_(failures) {}
+        : store_(store),
+          settings_(settings),
+          number_(number),
+          dir_(std::move(dir)),
+          pattern_(pattern),
+          start_(start),
+          live_(live),
+          failures_(failures) {}
 
     // The thread body.
     void run() {
@@ -227,7 +233,8 @@ public:
                 closeSegment();
                 openSegment(tick / ticksPerSegment + 1);
             }
-            const long long before = static_cast<long long>(bytesPerSecond * kTick * static_cast<double>(tick));
+            const long long before =
+                static_cast<long long>(bytesPerSecond * kTick * static_cast<double>(tick));
             const long long after =
                 static_cast<long long>(bytesPerSecond * kTick * static_cast<double>(tick + 1));
             const long long size = after - before;
@@ -277,7 +284,7 @@ private:
         std::snprintf(name, sizeof name, "/%05lld_%02d%02d%02d.dat", segment, local.tm_hour,
                       local.tm_min, local.tm_sec);
         path_ = dir_ + name;
-        seed_ = static_cast<int>((31 * number_ + segment) % kPatternPeriod);
+        seed_ = static_cast<int>((31LL * number_ + segment) % kPatternPeriod);
         offset_ = 0;
         segmentFailed_ = false;
         const double t0 = monotonicSeconds();
@@ -390,7 +397,7 @@ private:
 
     int handle_ = -1;
     long long day_ = 0;  // of dir_
-    std::string path_;  // of the current segment
+    std::string path_;   // of the current segment
     int seed_ = 0;
     long long offset_ = 0;
     bool segmentFailed_ = false;
@@ -623,9 +630,10 @@ int runRecord(const Arguments& args) {
         // Found out now rather than after a long run.
         std::ofstream json(settings.jsonFile, std::ios::trunc);
         if (!json) {
-            return fail("record",
-                        "cannot write the figures to " + settings.jsonFile + ": " + systemError(errno),
-                        kExitUsage);
+            return fail(
+                "record",
+                "cannot write the figures to " + settings.jsonFile + ": " + systemError(errno),
+                kExitUsage);
         }
     }
     Session session("record");
@@ -683,9 +691,12 @@ int runRecord(const Arguments& args) {
     const double start = monotonicSeconds();
     std::vector<std::unique_ptr<Camera>> cameras;
     std::vector<std::thread> threads;
+    cameras.reserve(static_cast<std::size_t>(settings.cameras));
+    threads.reserve(static_cast<std::size_t>(settings.cameras));
     for (int i = 0; i < settings.cameras; ++i) {
-        cameras.emplace_back(new Camera(session.store(), settings, i + 1, dirs[static_cast<std::size_t>(i)],
-                                        pattern, start, live, failures));
+        cameras.emplace_back(new Camera(session.store(), settings, i + 1,
+                                        dirs[static_cast<std::size_t>(i)], pattern, start, live,
+                                        failures));
     }
     for (auto& camera : cameras) {
         threads.emplace_back(&Camera::run, camera.get());
@@ -707,12 +718,11 @@ int runRecord(const Arguments& args) {
                 const double elapsed = monotonicSeconds() - start;
                 const long long bytes = live.bytes.load();
                 char line[160];
-                std::snprintf(line, sizeof line,
-                              "\r  %6.1f / %g s  files %d  %s  %s  failed calls %d   ",
-                              elapsed, settings.seconds, live.files.load(),
-                              humanBytes(static_cast<double>(bytes)).c_str(),
-                              megabits(static_cast<double>(bytes), elapsed).c_str(),
-                              live.failedCalls.load());
+                std::snprintf(
+                    line, sizeof line, "\r  %6.1f / %g s  files %d  %s  %s  failed calls %d   ",
+                    elapsed, settings.seconds, live.files.load(),
+                    humanBytes(static_cast<double>(bytes)).c_str(),
+                    megabits(static_cast<double>(bytes), elapsed).c_str(), live.failedCalls.load());
                 std::cerr << line << std::flush;
                 std::this_thread::sleep_for(std::chrono::milliseconds(500));
             }
@@ -734,7 +744,7 @@ int runRecord(const Arguments& args) {
     failures.finish();
 
     CameraResult total;
-    int started = 0;  // cameras that had a file open
+    int started = 0;         // cameras that had a file open
     double rampSeconds = 0;  // when the last of them opened its first file
     for (const auto& camera : cameras) {
         const CameraResult& r = camera->result;
@@ -811,9 +821,9 @@ int runRecord(const Arguments& args) {
     }
     printFailures(failures);
     const bool passed = total.failedCalls == 0 && total.filesFailed == 0;
-    const std::string verdict =
-        passed ? "PASS"
-               : "FAIL: " + failureVerdict(failures, settings.cameras, live.mostOpenFiles.load() + 1);
+    const std::string verdict = passed ? "PASS"
+                                       : "FAIL: " + failureVerdict(failures, settings.cameras,
+                                                                   live.mostOpenFiles.load() + 1);
     std::cout << "verdict: " << verdict << std::endl;
 
     bool jsonWritten = true;
@@ -827,13 +837,11 @@ int runRecord(const Arguments& args) {
              << ",\n  \"aio\": " << (settings.aio ? "true" : "false")
              << ",\n  \"elapsed_seconds\": " << jsonNumber(elapsed)
              << ",\n  \"files_complete\": " << total.filesComplete
-             << ",\n  \"files_failed\": " << total.filesFailed
-             << ",\n  \"bytes\": " << total.bytes
+             << ",\n  \"files_failed\": " << total.filesFailed << ",\n  \"bytes\": " << total.bytes
              << ",\n  \"dropped_bytes\": " << total.droppedBytes
              << ",\n  \"failed_calls\": " << total.failedCalls
              << ",\n  \"max_lag_seconds\": " << jsonNumber(total.maxLag)
-             << ",\n  \"cameras_started\": " << started
-             << ",\n  \"first_open_all_seconds\": "
+             << ",\n  \"cameras_started\": " << started << ",\n  \"first_open_all_seconds\": "
              << (started == settings.cameras ? jsonNumber(rampSeconds) : "null")
              << ",\n  \"most_open_files\": " << live.mostOpenFiles.load()
              << ",\n  \"mkdir\": " << jsonLatency(total.mkdirSeconds)
@@ -844,7 +852,8 @@ int runRecord(const Arguments& args) {
              << ",\n  \"failed_by_reason\": [";
         const auto reasons = failures.byReason();
         for (std::size_t i = 0; i < reasons.size(); ++i) {
-            json << (i == 0 ? "\n    " : ",\n    ") << "{\"reason\": " << jsonString(reasons[i].first)
+            json << (i == 0 ? "\n    " : ",\n    ")
+                 << "{\"reason\": " << jsonString(reasons[i].first)
                  << ", \"calls\": " << reasons[i].second << "}";
         }
         json << "],\n  \"first_failed_calls\": [";
@@ -861,8 +870,8 @@ int runRecord(const Arguments& args) {
         json.close();
         if (!json) {
             jsonWritten = false;
-            fail("record", "cannot write the figures to " + settings.jsonFile + ": " +
-                               systemError(errno),
+            fail("record",
+                 "cannot write the figures to " + settings.jsonFile + ": " + systemError(errno),
                  kExitFailed);
         }
     }

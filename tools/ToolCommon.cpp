@@ -14,8 +14,7 @@
 namespace ftpdisk_tool {
 
 bool parseArguments(int argc, char** argv, const std::set<std::string>& flagNames,
-                    const std::set<std::string>& valueNames, Arguments& out,
-                    std::string& problem) {
+                    const std::set<std::string>& valueNames, Arguments& out, std::string& problem) {
     bool optionsEnded = false;
     for (int i = 0; i < argc; ++i) {
         const std::string word = argv[i];
@@ -91,8 +90,8 @@ int Session::registerLocation(const std::string& text) {
     std::string problem;
     if (!parseLocation(text, location_, problem)) {
         return fail(command_,
-                    "not a location: " + maskLocationText(text) + " (" + problem +
-                        "; expected " + kLocationForm + ")",
+                    "not a location: " + maskLocationText(text) + " (" + problem + "; expected " +
+                        kLocationForm + ")",
                     kExitUsage);
     }
     if (!location_.passwordGiven) {
@@ -160,9 +159,10 @@ bool Session::listableName(const std::string& relative) {
     const std::string name = nameWithBlank(relative);
     if (!name.empty()) {
         fail(command_,
-             "\"" + name + "\" holds a blank: the store reads listed names only up to their "
-             "first blank, so it would not find this one again in a listing; choose a name "
-             "without blanks",
+             "\"" + name +
+                 "\" holds a blank: the store reads listed names only up to their "
+                 "first blank, so it would not find this one again in a listing; choose a name "
+                 "without blanks",
              kExitUsage);
         return false;
     }

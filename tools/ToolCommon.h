@@ -21,8 +21,8 @@ namespace ftpdisk_tool {
 
 // Exit statuses of the command.
 constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;  // an operation on the store failed
-constexpr int kExitUsage = 2;   // bad arguments or a text that is not a location
+constexpr int kExitFailed = 1;         // an operation on the store failed
+constexpr int kExitUsage = 2;          // bad arguments or a text that is not a location
 constexpr int kExitInterrupted = 130;  // record ended early by Ctrl-C (SIGINT) or SIGTERM
 
 // One subcommand's arguments after the subcommand word. Options are
@@ -47,8 +47,7 @@ constexpr unsigned kBlock = 64 * 1024;
 // Splits argv. `flagNames` take no value, `valueNames` take one. On an unknown
 // option or a missing value returns false with `problem` set.
 bool parseArguments(int argc, char** argv, const std::set<std::string>& flagNames,
-                    const std::set<std::string>& valueNames, Arguments& out,
-                    std::string& problem);
+                    const std::set<std::string>& valueNames, Arguments& out, std::string& problem);
 
 // "ftpdisk <command>: <message>" on standard error; returns `status`.
 int fail(const std::string& command, const std::string& message, int status);

@@ -31,8 +31,10 @@ std::string humanBytes(double bytes) {
         ++unit;
     }
     // Three significant digits read best in a status line.
-    return printf1(bytes < 10 ? "%.2f %s" : bytes < 100 ? "%.1f %s" : "%.0f %s", bytes,
-                   units[unit]);
+    return printf1(bytes < 10    ? "%.2f %s"
+                   : bytes < 100 ? "%.1f %s"
+                                 : "%.0f %s",
+                   bytes, units[unit]);
 }
 
 std::string humanRate(double bytesPerSecond) { return humanBytes(bytesPerSecond) + "/s"; }
@@ -64,13 +66,13 @@ double percentile(std::vector<double> values, double p) {
     return values[std::min(index, values.size() - 1)];
 }
 
-std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds,
-                         int width) {
+std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds, int width) {
     const double rate = elapsedSeconds > 0 ? static_cast<double>(done) / elapsedSeconds : 0;
     std::string figures;
     if (total >= 0) {
         const double fraction =
-            total == 0 ? 1.0 : std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
+            total == 0 ? 1.0
+                       : std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
         char percent[16];
         std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(fraction * 100));
         figures = std::string(percent) + "  " + humanBytes(static_cast<double>(done)) + " / " +
@@ -105,7 +107,8 @@ bool parseInt(const std::string& text, long long& out) {
     errno = 0;
     char* end = nullptr;
     const long long value = std::strtoll(text.c_str(), &end, 10);
-    if (errno != 0 || end == nullptr || *end != '\0' || std::isspace(static_cast<unsigned char>(text[0]))) {
+    if (errno != 0 || end == nullptr || *end != '\0' ||
+        std::isspace(static_cast<unsigned char>(text[0]))) {
         return false;
     }
     out = value;

@@ -25,8 +25,7 @@ double percentile(std::vector<double> values, double p);
 // One progress line without a line end, at most `width` columns:
 //   "[########------------]  40%  4.00 MiB / 10.0 MiB  2.00 MiB/s  ETA 0:03"
 // With total < 0 (size unknown) the bar, percentage and ETA are left out.
-std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds,
-                         int width);
+std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds, int width);
 
 // `text` as a JSON string literal, quotes included. A server's reply may hold
 // any bytes: each byte outside printable ASCII is written as the character of

@@ -14,7 +14,6 @@ const char* const kLocationForm = "user[(password)]@ftp://server[:port]/path";
 
 namespace {
 
-
 // The user name as the text form writes it: "(", "*" and "@" escaped by "*".
 std::string escapeUser(const std::string& user) {
     std::string escaped;
@@ -182,8 +181,9 @@ bool parseLocation(const std::string& text, Location& out, std::string& problem)
         if (out.user.find(':') != std::string::npos) {
             // 'user:password@...' as in URLs: what follows the ":" is most
             // likely a password, which must not be taken for a name and printed.
-            problem = "\":\" in the user name (the password goes in brackets, user(password), "
-                      "or is left out)";
+            problem =
+                "\":\" in the user name (the password goes in brackets, user(password), "
+                "or is left out)";
             return false;
         }
     }

@@ -32,13 +32,13 @@ constexpr std::size_t kMaxRemotePath = 250;
 //   'rec@ftp://127.0.0.1:2121/video'
 //   -> user "rec", no password yet (see setPassword), the same server and base
 struct Location {
-    std::string text;      // the registry's key: as given, or with the password put in
-    std::string user;      // unescaped
-    std::string password;  // never printed; see masked()
+    std::string text;            // the registry's key: as given, or with the password put in
+    std::string user;            // unescaped
+    std::string password;        // never printed; see masked()
     bool passwordGiven = false;  // the text itself carried "(password)"
-    std::string server;    // host[:port]
-    std::string base;      // "" for the root, else "/dir..." without a trailing "/"
-    std::string serverPart;  // the text after its last "@", as given
+    std::string server;          // host[:port]
+    std::string base;            // "" for the root, else "/dir..." without a trailing "/"
+    std::string serverPart;      // the text after its last "@", as given
 
     // The location for display: the password replaced by "***".
     std::string masked() const;

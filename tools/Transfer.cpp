@@ -142,7 +142,8 @@ int runPut(const Arguments& args) {
     Session session("put");
     const std::string local = args.positional[1];
     std::string remote;
-    const int status = session.openAt(args.positional[0], args.positionalOr(2, baseName(local)), remote);
+    const int status =
+        session.openAt(args.positional[0], args.positionalOr(2, baseName(local)), remote);
     if (status != kExitOk) {
         return status;
     }
@@ -195,7 +196,8 @@ int runPut(const Arguments& args) {
         if (n == 0) {
             break;
         }
-        const std::size_t sent = writeToStore(store, handle, buffer.data(), static_cast<std::size_t>(n));
+        const std::size_t sent =
+            writeToStore(store, handle, buffer.data(), static_cast<std::size_t>(n));
         done += static_cast<std::int64_t>(sent);
         if (sent != static_cast<std::size_t>(n)) {
             problem = "writing to the server failed after " + std::to_string(done) + " bytes";
@@ -215,8 +217,8 @@ int runPut(const Arguments& args) {
     const long long stored = store->getFileLength(remote.c_str());
     if (!matchesListedSize(stored, done)) {
         return fail("put",
-                    "the server lists " + remote + " with " + std::to_string(stored) +
-                        " bytes, " + std::to_string(done) + " were sent",
+                    "the server lists " + remote + " with " + std::to_string(stored) + " bytes, " +
+                        std::to_string(done) + " were sent",
                     kExitFailed);
     }
     std::cout << "put " << local << " -> " << remote << ": " << rateText(done, progress.elapsed())
@@ -290,7 +292,8 @@ int runCat(const Arguments& args) {
     FTPFileSystem* store = session.store();
     std::cout.flush();
     std::string problem;
-    const std::int64_t done = copyDown(store, handle, STDOUT_FILENO, "standard output", nullptr, problem);
+    const std::int64_t done =
+        copyDown(store, handle, STDOUT_FILENO, "standard output", nullptr, problem);
     const int closed = store->close(handle);
     if (done < 0) {
         return fail("cat", problem, kExitFailed);

@@ -13,24 +13,27 @@ namespace ftpdisk_tool {
 
 namespace {
 
-#define LOCATION_HELP                                                                     \
-    "LOCATION is user@ftp://server[:port]/path, for example\n"                             \
-    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"         \
-    "  password; /path is the base directory, and every PATH argument is taken\n"         \
-    "  below it (a leading / included; \"..\" is refused).\n"                               \
-    "\n"                                                                                   \
+#define LOCATION_HELP                                                                   \
+    "LOCATION is user@ftp://server[:port]/path, for example\n"                          \
+    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"       \
+    "  password; /path is the base directory, and every PATH argument is taken\n"       \
+    "  below it (a leading / included; \"..\" is refused).\n"                           \
+    "\n"                                                                                \
     "The password comes from the environment variable FTPDISK_PASSWORD, or when\n"      \
-    "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"            \
-    "  \"machine HOST:PORT login USER password SECRET\" for the server, else one for\n"  \
-    "  \"machine HOST\", else a \"default\" entry; an entry without login serves any\n"  \
+    "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"          \
+    "  \"machine HOST:PORT login USER password SECRET\" for the server, else one for\n" \
+    "  \"machine HOST\", else a \"default\" entry; an entry without login serves any\n" \
     "  user. The file must be private (chmod 600 ~/.netrc). The password is never\n"    \
-    "  printed.\n"                                                                         \
+    "  printed.\n"                                                                      \
     "The older form user(password)@ftp://server[:port]/path still works (quote it:\n"   \
     "  the shell treats ( and ) specially) but exposes the password: every local\n"     \
-    "  user sees it in the process list until the command has read its arguments\n"   \
+    "  user sees it in the process list until the command has read its arguments\n"     \
     "  (it then blanks it out of them), and the shell's history keeps it.\n"
 
 const std::vector<Command>& commands() {
+    // One row per command, laid out by hand: formatting would give every
+    // field of a row a line of its own.
+    // clang-format off
     static const std::vector<Command> table = {
         {"check", "walk a location through everything a recorder does, with a verdict",
          "usage: ftpdisk check LOCATION [--cameras N]\n"
@@ -163,6 +166,7 @@ const std::vector<Command>& commands() {
           "--keep-days", "--list-every", "--pause-every", "--pause-for", "--samples"},
          1, 1, runRecord},
     };
+    // clang-format on
     return table;
 }
 
@@ -205,8 +209,7 @@ void blankPasswords(int argc, char** argv) {
 int runCommand(const Command& command, int argc, char** argv) {
     Arguments args;
     std::string problem;
-    const bool parsed =
-        parseArguments(argc, argv, command.flags, command.values, args, problem);
+    const bool parsed = parseArguments(argc, argv, command.flags, command.values, args, problem);
     blankPasswords(argc, argv);
     if (!parsed) {
         return usage(command.name, problem);

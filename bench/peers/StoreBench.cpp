@@ -129,11 +129,11 @@ int main(int argc, char** argv) {
     const std::string location = argv[1];
     const std::string work = argv[2];
     std::vector<std::string> args(argv + 3, argv + argc);
-    const bool known = (work == "stream" && (args.size() == 2 ||
-                                             (args.size() == 3 && args[2] == "warm"))) ||
-                       (work == "put" && args.size() == 2) || (work == "get" && args.size() == 2) ||
-                       (work == "many" && args.size() == 3) || (work == "list" && args.size() == 2) ||
-                       (work == "handles" && args.size() == 2);
+    const bool known =
+        (work == "stream" && (args.size() == 2 || (args.size() == 3 && args[2] == "warm"))) ||
+        (work == "put" && args.size() == 2) || (work == "get" && args.size() == 2) ||
+        (work == "many" && args.size() == 3) || (work == "list" && args.size() == 2) ||
+        (work == "handles" && args.size() == 2);
     if (!known) {
         return usage();
     }
@@ -141,7 +141,8 @@ int main(int argc, char** argv) {
     const long long rssStart = residentBytes();
     FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
     SafePointer<FTPFileSystem> store;
-    if (registry->addFTPFileSystem(location) != 0 || registry->getFTPFileSystem(location, store) != 1) {
+    if (registry->addFTPFileSystem(location) != 0 ||
+        registry->getFTPFileSystem(location, store) != 1) {
         std::fprintf(stderr, "the registry refused %s\n", location.c_str());
         return 1;
     }

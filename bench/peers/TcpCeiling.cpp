@@ -63,7 +63,8 @@ int main(int argc, char** argv) {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+    if (listener < 0 ||
+        bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         listen(listener, 1) != 0 ||
         getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         std::perror("listen");
@@ -109,8 +110,8 @@ int main(int argc, char** argv) {
     }
     close(fd);
     long long received = -1;
-    const bool heard = read(report[0], &received, sizeof received) ==
-                       static_cast<ssize_t>(sizeof received);
+    const bool heard =
+        read(report[0], &received, sizeof received) == static_cast<ssize_t>(sizeof received);
     const double ended = now();
     int status = 0;
     waitpid(receiver, &status, 0);

@@ -19,7 +19,7 @@ const long FreeFtpToolBuff::kPassPauseSeconds = 2;
 
 // --- FreeFTPInfo ------------------------------------------------------------
 
-FreeFTPInfo::FreeFTPInfo() : beginFreeTime(0.0), ftpTool() {}
+FreeFTPInfo::FreeFTPInfo() : beginFreeTime(0.0) {}
 
 // Only releases the connection: whether it is quit is decided by whoever holds
 // the last reference (the FTPTool destructor quits a live connection).
@@ -35,11 +35,11 @@ SafePointer<FTPTool>& FreeFTPInfo::getFTPTool() { return ftpTool; }
 
 // --- FreeFtpToolBuff --------------------------------------------------------
 
-FreeFtpToolBuff::FreeFtpToolBuff() : idleList(), monitorThread(NULL), paused(true), lock() {
+FreeFtpToolBuff::FreeFtpToolBuff() : monitorThread(NULL), paused(true) {
     // The thread is only created here; the open-file table starts it.
-    monitorThread = new GThread(make_function(&FreeFtpToolBuff::theThread, this),
-                                "detectStateThread", make_function(&GThread::emptyFun),
-                                make_function(&GThread::emptyFun));
+    monitorThread =
+        new GThread(make_function(&FreeFtpToolBuff::theThread, this), "detectStateThread",
+                    make_function(&GThread::emptyFun), make_function(&GThread::emptyFun));
 }
 
 FreeFtpToolBuff::~FreeFtpToolBuff() {

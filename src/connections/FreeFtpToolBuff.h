@@ -37,7 +37,7 @@ private:
 
 class FreeFtpToolBuff {
 public:
-    static const double kIdleSeconds;  // 30
+    static const double kIdleSeconds;     // 30
     static const long kPassPauseSeconds;  // 2
 
     FreeFtpToolBuff();
@@ -66,7 +66,7 @@ private:
 
     // Guarded by lock. Oldest first: new entries are appended.
     std::vector<SafePointer<FreeFTPInfo> > idleList FTPDISK_GUARDED_BY(lock);
-    GThread* monitorThread;  // owned; created by the constructor, started by start()
+    GThread* monitorThread;    // owned; created by the constructor, started by start()
     std::atomic<bool> paused;  // written by start/stop, read by the monitor pass
     KDMutex lock;
 };

@@ -4,39 +4,27 @@
 
 #include <memory>
 
+#include "foundation/TextField.h"
+
 namespace {
 
 // Source name under which the table's lock is taken, for the host's lock
 // diagnostics.
 const char* const kLockSource = "FtpFileHandleManager";
 
-// Zero-fills a fixed text field and copies `text` into it. The callers (store
-// and registry) refuse texts that do not fit; the bound only guarantees that a
-// longer one is cut instead of overflowing the field.
-void copyField(char* field, size_t size, const char* text) {
-    memset(field, 0, size);
-    if (text != NULL) {
-        strncpy(field, text, size - 1);
-    }
-}
-
 }  // namespace
 
 FtpFileHandleManager::FtpFileHandleManager(const char* server, const char* user,
-                                           const char* password, int firstHandle,
-                                           int handleLimit, int maxOpenFiles)
+                                           const char* password, int firstHandle, int handleLimit,
+                                           int maxOpenFiles)
     : freeToolBuff(new FreeFtpToolBuff),
-      fileHandlers(),
       handleLimit(handleLimit),
       firstHandle(firstHandle),
       maxOpenFiles(maxOpenFiles),
-      mutex(),
-      handleInUse(),
-      opening(),
       connectGate(kConnectsInFlight) {
-    copyField(this->server, sizeof this->server, server);
-    copyField(this->user, sizeof this->user, user);
-    copyField(this->password, sizeof this->password, password);
+    copyTextField(this->server, sizeof this->server, server);
+    copyTextField(this->user, sizeof this->user, user);
+    copyTextField(this->password, sizeof this->password, password);
     // If the monitor cannot start, idle connections simply stay pooled until
     // reused or until the table goes; opening and closing still work.
     freeToolBuff->start();
@@ -66,8 +54,8 @@ public:
         entry.path = path;
         table_.opening.push_back(entry);
     }
-    // REQUIRES: the table's mutex is not held.
-    ~PendingOpen() {
+    // The table's mutex must not be held: this takes it.
+    ~PendingOpen() FTPDISK_EXCLUDES(table_.mutex) {
         if (ended_) {
             return;
         }
@@ -158,8 +146,8 @@ int FtpFileHandleManager::close(int handle) {
         // A number whose open has not returned yet belongs to nobody who
         // could close it: freeing it would let a second file take it while
         // the first is still being opened.
-        for (std::vector<OpenInProgress>::const_iterator it = opening.begin();
-             it != opening.end(); ++it) {
+        for (std::vector<OpenInProgress>::const_iterator it = opening.begin(); it != opening.end();
+             ++it) {
             if (it->handle == handle) {
                 return -1;
             }

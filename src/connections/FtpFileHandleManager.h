@@ -31,8 +31,8 @@ enum { kFtpTableTextSize = 32 };
 
 class FtpFileHandleManager {
 public:
-    // Texts must be under 32 characters (the registry and the store refuse
-    // longer ones). Handles run from firstHandle to handleLimit - 1.
+    // Texts longer than 31 characters are cut (the store never passes one).
+    // Handles run from firstHandle to handleLimit - 1.
     FtpFileHandleManager(const char* server, const char* user, const char* password,
                          int firstHandle, int handleLimit, int maxOpenFiles);
     virtual ~FtpFileHandleManager();

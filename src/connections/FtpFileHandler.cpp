@@ -20,7 +20,7 @@ const char* const kLockSource = "FtpFileHandler";
 
 FtpFileHandler::FtpFileHandler(SafePointer<FTPTool>& tool, int mode, int fileHandle,
                                const char* fileName)
-    : ftpTool(tool), dataConnection(NULL), mode(mode), fileHandle(fileHandle), transferLock() {
+    : ftpTool(tool), dataConnection(NULL), mode(mode), fileHandle(fileHandle) {
     memset(this->fileName, 0, sizeof this->fileName);
     if (fileName != NULL) {
         // The open-file table refuses paths of 256 characters or more before
@@ -45,24 +45,16 @@ FtpFileHandler::~FtpFileHandler() FTPDISK_NO_THREAD_SAFETY_ANALYSIS {
     }
 }
 
-bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/,
-                          const char* /*password*/) {
+bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/, const char* /*password*/) {
     // The connection is already logged in; the three texts are accepted for
     // the callers' sake and deliberately not used.
     int kind;
     switch (mode) {
-        case kFtpModeRead:
-            kind = kFtpRetr;
-            break;
+        case kFtpModeRead: kind = kFtpRetr; break;
         case kFtpModeWrite:
-        case kFtpModeWrite2:
-            kind = kFtpStor;
-            break;
-        case kFtpModeAppend:
-            kind = kFtpAppe;
-            break;
-        default:
-            return false;
+        case kFtpModeWrite2: kind = kFtpStor; break;
+        case kFtpModeAppend: kind = kFtpAppe; break;
+        default: return false;
     }
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection != NULL) {

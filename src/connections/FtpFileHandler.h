@@ -20,12 +20,7 @@
 #include "host/technic/KDMutex.h"
 
 // Open modes: 1 read (RETR), 2 write (STOR), 3 append (APPE), 4 write (STOR).
-enum FtpOpenMode {
-    kFtpModeRead = 1,
-    kFtpModeWrite = 2,
-    kFtpModeAppend = 3,
-    kFtpModeWrite2 = 4
-};
+enum FtpOpenMode { kFtpModeRead = 1, kFtpModeWrite = 2, kFtpModeAppend = 3, kFtpModeWrite2 = 4 };
 
 enum { kFtpFileNameSize = 256 };
 

@@ -28,7 +28,7 @@ int32_t truncateSeconds(double seconds) {
 }  // namespace
 
 TimeOutDetector::TimeOutDetector(int seconds)
-    : timeOutSeconds(seconds), beginTime(KDTime::getUpTime()), note() {}
+    : timeOutSeconds(seconds), beginTime(KDTime::getUpTime()) {}
 
 void TimeOutDetector::resetBeginTime() { beginTime = KDTime::getUpTime(); }
 

@@ -31,16 +31,10 @@ int asInt(bool answer) { return answer ? 1 : 0; }
 FTPFileSystem::FTPFileSystem(const char* server, const char* user, const char* password,
                              int capacity)
     : impl(NULL) {
-    // Texts that would overflow the fixed fields never reach them: the store
-    // is built with empty texts and refused, so it fails every operation
-    // instead of corrupting memory or connecting somewhere unintended.
+    // Texts that do not fit are refused by the implementation itself (see
+    // FTPFileSystemImpl::textsFit): the store then fails every operation.
     try {
-        if (FTPFileSystemImpl::textsFit(server, user, password)) {
-            impl = new FTPFileSystemImpl(server, user, password, capacity);
-        } else {
-            impl = new FTPFileSystemImpl("", "", "", capacity);
-            impl->markRefused();
-        }
+        impl = new FTPFileSystemImpl(server, user, password, capacity);
     } catch (const std::exception&) {
         // Out of memory: a store without an implementation, which fails every
         // call rather than throwing out of a constructor into the recorder.

@@ -277,9 +277,9 @@ public:
     /// \return 0 when every byte arrived and the final reply was positive;
     /// -1 for a null argument, a local file that cannot be made (the line
     /// `Cannot open file "localFile"! Please check the file name!e`, with the
-    /// name given, is printed on standard output and nothing is sent), a refused open, a failed read or
-    /// local write, or a final reply that is not 2xx. The partial (or empty)
-    /// local file is left in place.
+    /// name given, is printed on standard output and nothing is sent), a refused open, a failed
+    /// read or local write, or a final reply that is not 2xx. The partial (or empty) local file is
+    /// left in place.
     int Get(const char* localFile, const char* remoteFile);
     /// Copies the local file `localFile` (UTF-8 name, opened through the
     /// host's KDFile with mode 1) to the remote file `remoteFile`, through

@@ -1,25 +1,23 @@
-// The store: lifecycle, path operations on the main connection, the handle
-// gates in front of the open-file table, whole-file copies and the snapshot
-// stream. The listing members live in FTPFileSystemImplListing.cpp.
+// FTPFileSystemImpl, the header's sections "Construction" to "Whole-file
+// transfer and snapshots": construction, lifecycle, path operations on the
+// main connection, the handle gates in front of the open-file table,
+// whole-file copies and the snapshot calls. The listing members live in
+// FTPFileSystemImplListing.cpp.
 #include "filesystem/FTPFileSystemImpl.h"
 
-#include <errno.h>
-#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
 
+#include "filesystem/PathOperation.h"
+#include "foundation/TextField.h"
 #include "host/KDFile.h"
 #include "host/string_util.h"
 #include "location/LocationLimits.h"
 
 namespace {
-
-// Source name under which every lock of the store is taken, for the host's
-// lock diagnostics.
-const char* const kLockSource = "FTPFileSystemImpl";
 
 // Size of the copy buffer of Get and Put.
 const unsigned int kCopyBufferSize = 8192;
@@ -43,13 +41,6 @@ static_assert(static_cast<size_t>(kStorePasswordSize) > NS_FTPPath::kMaxPassword
 
 // True when `text` is there and has at most `limit` characters.
 bool fitsLimit(const char* text, size_t limit) { return text != NULL && strlen(text) <= limit; }
-
-// Zero-fills the field, then copies `text` in; the caller has checked that it
-// fits.
-void fillField(char* field, size_t size, const char* text) {
-    memset(field, 0, size);
-    memcpy(field, text, strlen(text));
-}
 
 // Walks the prefixes that createDir and isDirExist act on, one at a time:
 // "/rec/d1/cam1" gives "/rec/", "/rec/d1/", "/rec/d1/cam1"; "a/b" gives "a/",
@@ -124,6 +115,48 @@ int copyToEnd(char* buf, unsigned int size, ReadSome readSome, WriteSome writeSo
     }
 }
 
+// Get (remoteMode kFtpModeRead: remote to local) and Put (kFtpModeWrite:
+// local to remote) through the store's handle operations. The partial
+// destination stays on a failure.
+int copyWholeFile(FTPFileSystemImpl& store, const char* localFile, const char* remoteFile,
+                  int remoteMode) {
+    if (localFile == NULL || remoteFile == NULL) {
+        return -1;
+    }
+    const bool download = remoteMode == kFtpModeRead;
+    // Allocated first: nothing is open yet should memory be short.
+    std::vector<char> buffer(kCopyBufferSize);
+    KDFile local;
+    if (!openLocal(local, localFile, download ? kLocalCreateMode : kLocalReadMode)) {
+        return -1;
+    }
+    const int handle = store.open(remoteFile, remoteMode);
+    if (handle == -1) {
+        local.close();
+        return -1;
+    }
+    int result = -1;
+    if (download) {
+        result = copyToEnd(
+            &buffer[0], kCopyBufferSize,
+            [&](char* buf, unsigned int len) { return store.read(handle, buf, len); },
+            [&](char* buf, unsigned int len) { return local.write(buf, len); });
+    } else {
+        result = copyToEnd(
+            &buffer[0], kCopyBufferSize,
+            [&](char* buf, unsigned int len) { return local.read(buf, len); },
+            [&](char* buf, unsigned int len) { return store.write(handle, buf, len); });
+    }
+    local.close();
+    // The end of the data alone does not prove the copy complete: the server's
+    // final reply does (a transfer it aborted ends the data just the same, and
+    // a refused closing reply on a store means the bytes were not kept).
+    if (store.close(handle) != 0) {
+        result = -1;
+    }
+    return result;
+}
+
 // The open file behind `handle` when it was opened for writing; false for a
 // handle the table does not know and for one opened for reading.
 bool fileOpenForWriting(FtpFileHandleManager* table, int handle,
@@ -133,6 +166,8 @@ bool fileOpenForWriting(FtpFileHandleManager* table, int handle,
 
 }  // namespace
 
+// --- Construction -------------------------------------------------------------
+
 bool FTPFileSystemImpl::textsFit(const char* server, const char* user, const char* password) {
     return fitsLimit(server, NS_FTPPath::kMaxServerLength) &&
            fitsLimit(user, NS_FTPPath::kMaxUserLength) &&
@@ -141,25 +176,23 @@ bool FTPFileSystemImpl::textsFit(const char* server, const char* user, const cha
 
 FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const char* password,
                                      int capacity)
-    : mainTool(),
-      usedBytes(0),
+    : space(kStoreLockSource),
       capacity(capacity),
       handleManager(NULL),
+      scanGate(kStoreLockSource),
       initialised(false),
-      snapshotStream(NULL),
+      snapshot(kStoreLockSource),
       refused(false) {
-    // Texts that would not fit are never copied: the store keeps empty texts
-    // and refuses to initialise, so nothing overflows and nothing connects to
-    // a half-copied server name.
+    // Nothing connects to a half-copied server name.
     if (!textsFit(server, user, password)) {
         refused = true;
         server = "";
         user = "";
         password = "";
     }
-    fillField(this->server, sizeof(this->server), server);
-    fillField(this->user, sizeof(this->user), user);
-    fillField(this->password, sizeof(this->password), password);
+    copyTextField(this->server, sizeof(this->server), server);
+    copyTextField(this->user, sizeof(this->user), user);
+    copyTextField(this->password, sizeof(this->password), password);
     mainTool = SafePointer<FTPTool>(new FTPTool());
     // Handle numbers 1 to capacity - 1 and an open-file limit of capacity: the
     // numbers run out one file before the limit is reached.
@@ -171,10 +204,7 @@ FTPFileSystemImpl::~FTPFileSystemImpl() {
     initialised = false;
     // A snapshot still open would keep a data socket and a record pointing at
     // the main connection's control record: end it while both still exist.
-    {
-        KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
-        dropSnapshotStream();
-    }
+    { SnapshotStream::Pause paused(snapshot, mainTool.get(), __LINE__); }
     // Handles still open are only released by the table: their data
     // connections are not closed and no final reply is read.
     delete handleManager;
@@ -193,7 +223,7 @@ bool FTPFileSystemImpl::isRefused() { return refused; }
 // --- Lifecycle --------------------------------------------------------------
 
 int FTPFileSystemImpl::init() {
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    KDMutexLocker guard(opLock, kStoreLockSource, __LINE__);
     if (refused) {
         return -1;
     }
@@ -202,8 +232,7 @@ int FTPFileSystemImpl::init() {
         // connect releases the previous control record; a snapshot opened on
         // it must not outlive it, and no snapshot call may start on it while
         // it is being replaced.
-        KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
-        dropSnapshotStream();
+        SnapshotStream::Pause paused(snapshot, mainTool.get(), __LINE__);
         if (mainTool->connect(server) != 0) {
             loggedIn = mainTool->login(user, password) != 0;
             if (!loggedIn) {
@@ -214,31 +243,21 @@ int FTPFileSystemImpl::init() {
         }
     }
     if (!loggedIn) {
-        setInitialised(false);
+        space.setFlag(initialised, false, false);
         return -1;
     }
-    {
-        KDMutexLocker space(spaceLock, kLockSource, __LINE__);
-        usedBytes = 0;
-        initialised = true;
-    }
+    space.setFlag(initialised, true, true);
     return 0;
 }
 
-void FTPFileSystemImpl::setInitialised(bool value) {
-    KDMutexLocker space(spaceLock, kLockSource, __LINE__);
-    initialised = value;
-}
-
 int FTPFileSystemImpl::uninit() {
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
+    KDMutexLocker guard(opLock, kStoreLockSource, __LINE__);
     initialised = false;
     // QUIT frees the control record that an open snapshot's data record
     // points at; end the snapshot first so the server's closing reply is read
     // in order and no dangling record is left. A snapshot call on another
     // thread finishes first and then finds the stream gone.
-    KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
-    dropSnapshotStream();
+    SnapshotStream::Pause paused(snapshot, mainTool.get(), __LINE__);
     if (!mainTool.isNull()) {
         mainTool->quit();
     }
@@ -257,11 +276,8 @@ int FTPFileSystemImpl::reinit() {
 // --- Directory and file operations ------------------------------------------
 
 int FTPFileSystemImpl::createDir(const char* path) {
-    if (path == NULL) {
-        return -1;
-    }
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return -1;
     }
     PathPrefixes prefixes(path);
@@ -281,11 +297,8 @@ int FTPFileSystemImpl::createDir(const char* path) {
 }
 
 bool FTPFileSystemImpl::isDirExist(const char* path) {
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return false;
     }
     // Unlike createDir there is no return to "/" between the prefixes: each
@@ -302,11 +315,8 @@ bool FTPFileSystemImpl::isDirExist(const char* path) {
 }
 
 bool FTPFileSystemImpl::isFileExist(const char* path) {
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return false;
     }
     // A file exists when the server agrees to send it; no byte is read.
@@ -319,11 +329,8 @@ bool FTPFileSystemImpl::isFileExist(const char* path) {
 }
 
 int FTPFileSystemImpl::createFile(const char* path) {
-    if (path == NULL) {
-        return -1;
-    }
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return -1;
     }
     // Retrieve first, so an existing file is left as it is; only a missing one
@@ -358,7 +365,7 @@ long long FTPFileSystemImpl::baseGetFileLength(const char* path) {
     }
     for (size_t i = 0; i < entries.size(); ++i) {
         // Only plain files count: a directory of the same name has no length.
-        if (entries[i]->type == '-' && entries[i]->name == name) {
+        if (entries[i]->type == FTPConst::kTypePlainFile && entries[i]->name == name) {
             return static_cast<long long>(entries[i]->size);
         }
     }
@@ -366,27 +373,24 @@ long long FTPFileSystemImpl::baseGetFileLength(const char* path) {
 }
 
 long long FTPFileSystemImpl::getFileLength(const char* path) {
-    if (path == NULL) {
-        return -1;
-    }
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return -1;
     }
     return baseGetFileLength(path);
 }
 
 int FTPFileSystemImpl::deleteFile(const char* path) {
-    if (path == NULL) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.locked()) {
         return -1;
     }
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
     // The length is asked before the flag is looked at, and a file missing from
     // the listing gives -1, which the account below then "subtracts" (raising
     // it by one). Both are kept: the recorder's space figures have always
     // behaved so.
     const long long len = baseGetFileLength(path);
-    if (!initialised) {
+    if (!operation.ready()) {
         return -1;
     }
     if (mainTool->deleteFile(path) == 0) {
@@ -397,11 +401,8 @@ int FTPFileSystemImpl::deleteFile(const char* path) {
 }
 
 int FTPFileSystemImpl::renameFile(const char* from, const char* to) {
-    if (from == NULL || to == NULL) {
-        return -1;
-    }
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, from != NULL && to != NULL, __LINE__);
+    if (!operation.ready()) {
         return -1;
     }
     return mainTool->moveFile(from, to) != 0 ? 0 : -1;
@@ -414,11 +415,8 @@ int FTPFileSystemImpl::moveDir(const char* /*from*/, const char* /*to*/) {
 }
 
 int FTPFileSystemImpl::removeDir(const char* path) {
-    if (path == NULL) {
-        return -1;
-    }
-    KDMutexLocker guard(opLock, kLockSource, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return -1;
     }
     return rmFTPDir(path) != 0 ? 0 : -1;
@@ -434,7 +432,7 @@ int FTPFileSystemImpl::rmFTPDir(const char* path) {
         // A path ending in "/" gives a doubled separator here; servers accept
         // it, so it is left alone.
         const std::string child = std::string(path) + "/" + entries[i]->name;
-        if (entries[i]->type == 'd') {
+        if (entries[i]->type == FTPConst::kTypeDirectory) {
             if (rmFTPDir(child.c_str()) == 0) {
                 return 0;
             }
@@ -510,149 +508,25 @@ int FTPFileSystemImpl::aioReturn(int handle, int milliseconds) {
     return file->aioReturn(milliseconds);
 }
 
+FtpFileHandleManager* FTPFileSystemImpl::getHandleManager() { return handleManager; }
+
 // --- Whole-file transfer and snapshots ---------------------------------------
 
 int FTPFileSystemImpl::Get(const char* localFile, const char* remoteFile) {
-    if (localFile == NULL || remoteFile == NULL) {
-        return -1;
-    }
-    // Allocated first: nothing is open yet should memory be short.
-    std::vector<char> buffer(kCopyBufferSize);
-    KDFile local;
-    if (!openLocal(local, localFile, kLocalCreateMode)) {
-        return -1;
-    }
-    const int handle = open(remoteFile, kFtpModeRead);
-    if (handle == -1) {
-        local.close();
-        return -1;
-    }
-    int result = copyToEnd(
-        &buffer[0], kCopyBufferSize,
-        [&](char* buf, unsigned int len) { return this->read(handle, buf, len); },
-        [&](char* buf, unsigned int len) { return local.write(buf, len); });
-    local.close();
-    // The end of the data alone does not prove the file complete: the server's
-    // final reply does (a transfer it aborted ends the data just the same).
-    if (close(handle) != 0) {
-        result = -1;
-    }
-    return result;
+    return copyWholeFile(*this, localFile, remoteFile, kFtpModeRead);
 }
 
 int FTPFileSystemImpl::Put(const char* localFile, const char* remoteFile) {
-    if (localFile == NULL || remoteFile == NULL) {
-        return -1;
-    }
-    // Allocated first: nothing is open yet should memory be short.
-    std::vector<char> buffer(kCopyBufferSize);
-    KDFile local;
-    if (!openLocal(local, localFile, kLocalReadMode)) {
-        return -1;
-    }
-    const int handle = open(remoteFile, kFtpModeWrite);
-    if (handle == -1) {
-        local.close();
-        return -1;
-    }
     // Through write, so the used-bytes account rises with every piece taken.
-    int result = copyToEnd(
-        &buffer[0], kCopyBufferSize,
-        [&](char* buf, unsigned int len) { return local.read(buf, len); },
-        [&](char* buf, unsigned int len) { return this->write(handle, buf, len); });
-    local.close();
-    // Only the server's final reply says the bytes were stored; a refused
-    // closing reply makes the copy a failure. What arrived stays on the server.
-    if (close(handle) != 0) {
-        result = -1;
-    }
-    return result;
+    return copyWholeFile(*this, localFile, remoteFile, kFtpModeWrite);
 }
 
 int FTPFileSystemImpl::snapshot_open(const char* path, int /*unused*/) {
-    KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
-    // One snapshot at a time: a second open would lose the first stream and
-    // mix two transfers on one control connection.
-    if (snapshotStream != NULL || path == NULL) {
-        return -1;
-    }
-    if (mainTool->getControlBuf() == NULL) {
-        return -1;  // never connected, or quit: nothing to talk to
-    }
-    NetBuf* stream = NULL;
-    if (mainTool->dataConnect(path, kFtpStor, 'I', &stream) == 0 || stream == NULL) {
-        return -1;
-    }
-    snapshotStream = stream;
-    return 0;
+    return snapshot.open(*mainTool, path);
 }
 
 int FTPFileSystemImpl::snapshot_write(const char* buf, unsigned int len) {
-    KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
-    int n = -1;
-    if (snapshotStream == NULL) {
-        errno = EBADF;  // no stream: report it as a write to a closed descriptor
-    } else {
-        const int length = len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
-        n = mainTool->write(buf, length, snapshotStream);
-    }
-    if (n >= 0) {
-        return n;
-    }
-    printf("FTPFileSystemImpl::snapshot_write %d\n", errno);
-    fflush(stdout);
-    return -1;
+    return snapshot.write(*mainTool, buf, len);
 }
 
-int FTPFileSystemImpl::snapshot_close() {
-    KDMutexLocker snapshot(snapshotLock, kLockSource, __LINE__);
-    if (snapshotStream == NULL) {
-        return -1;
-    }
-    NetBuf* stream = snapshotStream;
-    snapshotStream = NULL;  // closeData frees the record whatever it returns
-    return mainTool->closeData(stream) == 1 ? 0 : -1;
-}
-
-void FTPFileSystemImpl::dropSnapshotStream() {
-    if (snapshotStream == NULL) {
-        return;
-    }
-    NetBuf* stream = snapshotStream;
-    snapshotStream = NULL;
-    mainTool->closeData(stream);
-}
-
-// --- Space ----------------------------------------------------------------------
-
-void FTPFileSystemImpl::updateSpaceInfo(long long bytes, bool add) {
-    KDMutexLocker space(spaceLock, kLockSource, __LINE__);
-    if (add) {
-        usedBytes += bytes;
-    } else {
-        usedBytes -= bytes;
-    }
-}
-
-void FTPFileSystemImpl::getDiskSpaceInfo(long& first, long& second) {
-    KDMutexLocker space(spaceLock, kLockSource, __LINE__);
-    first = 0;
-    // The server's free space is never asked for: only what this store wrote
-    // is reported, in whole mebibytes (truncated toward zero). The clamp keeps
-    // a 32-bit long from overflowing on an absurd account.
-    const double mebibytes = static_cast<double>(usedBytes) / 1048576.0;
-    if (mebibytes >= static_cast<double>(LONG_MAX)) {
-        second = LONG_MAX;
-    } else if (mebibytes <= static_cast<double>(LONG_MIN)) {
-        second = LONG_MIN;
-    } else {
-        second = static_cast<long>(mebibytes);
-    }
-}
-
-long long FTPFileSystemImpl::getUsedBytes() {
-    KDMutexLocker space(spaceLock, kLockSource, __LINE__);
-    return usedBytes;
-}
-
-FtpFileHandleManager* FTPFileSystemImpl::getHandleManager() { return handleManager; }
+int FTPFileSystemImpl::snapshot_close() { return snapshot.close(*mainTool); }

@@ -1,13 +1,19 @@
 // FTPFileSystemImpl: the store behind the exported FTPFileSystem facade.
 //
 // Owns the main control connection (used by every path operation), the
-// credentials, the used-bytes account and the open-file table, whose
-// connections are separate. Any host thread may call any operation.
+// credentials, the used-space account, the snapshot stream, the scan gate and
+// the open-file table, whose connections are separate. Any host thread may
+// call any operation.
 //
-// Lock order: scanLock before opLock before spaceLock, and opLock before
-// snapshotLock; spaceLock and snapshotLock are never held together. The
-// table's own locks (FtpFileHandleManager) are never taken while one of these
-// is held.
+// Lock order: the scan gate's lock before opLock; opLock before the space
+// account's lock or the snapshot stream's lock, which are never held together.
+// The table's own locks (FtpFileHandleManager) are never taken while one of
+// these is held.
+//
+// The members are defined in two files, by the sections below:
+// FTPFileSystemImpl.cpp from "Construction" to "Whole-file transfer and
+// snapshots", FTPFileSystemImplListing.cpp "Enumeration, scanning and space"
+// and "Listing retrieval".
 #ifndef FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H
 #define FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H
 
@@ -18,26 +24,23 @@
 #include <vector>
 
 #include "connections/FtpFileHandleManager.h"
+#include "filesystem/ScanGate.h"
+#include "filesystem/SnapshotStream.h"
+#include "filesystem/SpaceAccount.h"
 #include "foundation/SafePointer.h"
 #include "ftp/FTPTool.h"
 #include "host/IFileScanAction.h"
 #include "host/technic/KDMutex.h"
 #include "listing/FTPFileDescriptor.h"
 
-enum {
-    kStoreServerSize = 48,
-    kStoreUserSize = 32,
-    kStorePasswordSize = 20
-};
+enum { kStoreServerSize = 48, kStoreUserSize = 32, kStorePasswordSize = 20 };
 
 class FTPFileSystemImpl {
 public:
-    // No network traffic. The caller keeps server, user and password shorter
-    // than their fields (48, 32 and 20 characters with the terminator, and 32
-    // for the open-file table); FTPFileSystem refuses longer texts before
-    // constructing this. Should a text (or a null pointer) still arrive, none
-    // of the three is copied: the store keeps empty texts and is refused (see
-    // markRefused).
+    // --- Construction -------------------------------------------------------
+    // No network traffic. Texts that do not pass textsFit (a null pointer
+    // included) are not copied: the store keeps empty texts and is refused
+    // (see markRefused).
     FTPFileSystemImpl(const char* server, const char* user, const char* password, int capacity);
     // Ends an open snapshot stream, then releases the open-file table (handles
     // still open are dropped without their final replies), the locks and the
@@ -45,13 +48,16 @@ public:
     // runs uninit first.
     virtual ~FTPFileSystemImpl();
 
-    // True when server, user and password fit every field they are copied
-    // into: server and user at most 31 characters, password at most 19. Null
-    // pointers do not fit.
+    // The one rule for the texts of a store: true when server, user and
+    // password fit every fixed field they are copied into (the store's and the
+    // open-file table's), that is at most the lengths of location/
+    // LocationLimits.h: 31, 31 and 19 characters. Null pointers do not fit.
+    // The registry refuses a location whose texts fail it; the constructor
+    // refuses the store.
     static bool textsFit(const char* server, const char* user, const char* password);
     // Marks the store as refused for good: init returns -1 without traffic,
     // path operations fail as uninitialised and open returns -1. Call before
-    // the store is shared with other threads (FTPFileSystem's constructor).
+    // the store is shared with other threads.
     void markRefused();
     bool isRefused();
 
@@ -69,6 +75,8 @@ public:
     int reinit();
 
     // --- Directory and file operations (main connection, opLock) -----------
+    // Each fails (-1, or false) without traffic when a path is null or the
+    // store is not initialised.
     int createDir(const char* path);
     bool isDirExist(const char* path);
     bool isFileExist(const char* path);
@@ -78,6 +86,11 @@ public:
     int moveDir(const char* from, const char* to);
     int removeDir(const char* path);
     long long getFileLength(const char* path);
+    // The size listed for `path` in its directory's listing; -1 when it is
+    // not a plain file there or the directory cannot be listed.
+    long long baseGetFileLength(const char* path) FTPDISK_REQUIRES(opLock);
+    // Removes the tree under `path`, files first. 1 on success, 0 on failure.
+    int rmFTPDir(const char* path) FTPDISK_REQUIRES(opLock);
 
     // --- Handle operations (open-file table, no lock here) -------------------
     int open(const char* path, int mode);
@@ -86,6 +99,8 @@ public:
     int write(int handle, const char* buf, unsigned int len);
     int aioWrite(int handle, const char* buf, unsigned int len);
     int aioReturn(int handle, int milliseconds);
+    // The open-file table (tests and diagnostics).
+    FtpFileHandleManager* getHandleManager();
 
     // --- Whole-file transfer and snapshots -----------------------------------
     // Get and Put: 0 when every byte was copied and the server's final reply
@@ -93,12 +108,9 @@ public:
     // The local name is UTF-8. Neither takes a lock of this object.
     int Get(const char* localFile, const char* remoteFile);
     int Put(const char* localFile, const char* remoteFile);
-    // One snapshot stream on the main tool, deliberately without the
-    // operation lock: it shares the main connection with the path operations
-    // unguarded. snapshotLock only keeps init, uninit and destruction from
-    // closing the stream, or replacing the connection, under a snapshot call
-    // running on another thread. -1 when a snapshot is already open, the main
-    // tool is not connected or the server refuses the store.
+    // One snapshot stream on the main tool, without the operation lock (see
+    // SnapshotStream). -1 when a snapshot is already open, the main tool is
+    // not connected or the server refuses the store.
     int snapshot_open(const char* path, int unused);
     int snapshot_write(const char* buf, unsigned int len);
     int snapshot_close();
@@ -111,61 +123,55 @@ public:
     int getFileNumber(const char* path);
     bool scan(const char* path, IFileScanAction* action, const std::string& filter);
     bool getTotalSize(const char* path, long long& size);
+    bool scanRecordDir(const char* path, long long& size) FTPDISK_REQUIRES(opLock);
     void updateSpaceInfo(long long bytes, bool add);
     void getDiskSpaceInfo(long& first, long& second);
-
-    // REQUIRES: opLock is held.
-    bool scanRecordDir(const char* path, long long& size);
-    // REQUIRES: opLock is held.
-    long long baseGetFileLength(const char* path);
-    // REQUIRES: opLock is held. 1 on success, 0 on failure.
-    int rmFTPDir(const char* path);
+    // Used bytes as recorded (tests and diagnostics).
+    long long getUsedBytes();
 
     // --- Listing retrieval ----------------------------------------------------
     bool recvData(SafePointer<FTPTool> tool, const char* path, std::string& text);
     bool getFTPFileType(const std::vector<std::string>& lines, int& type);
-    // REQUIRES: opLock is held.
     bool getFileDescriptorList(const char* path,
                                std::vector<SafePointer<FTPConst::FTPFileDescriptor> >& entries,
-                               long long& total);
-
-    // Used bytes as recorded (tests and diagnostics).
-    long long getUsedBytes();
-    // The open-file table (tests and diagnostics).
-    FtpFileHandleManager* getHandleManager();
+                               long long& total) FTPDISK_REQUIRES(opLock);
 
 private:
     FTPFileSystemImpl(const FTPFileSystemImpl&);
     FTPFileSystemImpl& operator=(const FTPFileSystemImpl&);
 
+    // The opening every path operation shares. With its arguments missing it
+    // takes no lock and is never ready; otherwise it holds opLock for its life
+    // and is ready when the store is initialised.
+    class PathOperation;
+
+    // Changes to "/" and then to `path` on the main tool and fetches the
+    // listing of `path` into `text`, its zero bytes turned into blanks. False
+    // when the directory cannot be entered or the listing not fetched.
+    bool fetchListing(const char* path, std::string& text) FTPDISK_REQUIRES(opLock);
+
     // getFileList and getSubDirList: lists `path` under opLock and appends the
-    // names of the entries of `type` ('-' or 'd'). False when not initialised
-    // or not listed.
+    // names of the entries of `type`. False when not initialised or not
+    // listed.
     bool appendNamesListed(const char* path, int32_t type, std::vector<std::string>& names);
 
-    // Sets the flag under spaceLock. REQUIRES: opLock is held.
-    void setInitialised(bool value);
-    // Closes an open snapshot stream (its final reply is read) and forgets
-    // it. REQUIRES: snapshotLock is held.
-    void dropSnapshotStream() FTPDISK_REQUIRES(snapshotLock);
-
-    SafePointer<FTPTool> mainTool;  // Guarded by opLock (snapshots excepted).
+    // Not annotated as guarded: the pointer is set once in the constructor,
+    // and the connection behind it is used under opLock by path operations
+    // but, on purpose, under the snapshot lock alone by snapshot calls.
+    SafePointer<FTPTool> mainTool;
     char server[kStoreServerSize];
     char user[kStoreUserSize];
     char password[kStorePasswordSize];
-    int64_t usedBytes FTPDISK_GUARDED_BY(spaceLock);
+    // Used bytes and the space lock.
+    SpaceAccount space;
     int32_t capacity;
     FtpFileHandleManager* handleManager;
-    KDMutex spaceLock;
     KDMutex opLock;
-    KDMutex scanLock;
-    std::atomic<bool> initialised;  // Set under opLock (and spaceLock in init); reinit reads it unlocked.
-    // Held by every snapshot call for its whole run, and by init and uninit
-    // (after opLock) while they end the stream and connect or quit the main
-    // tool: a writer on one thread never uses a record that another thread
-    // has freed.
-    KDMutex snapshotLock;
-    NetBuf* snapshotStream FTPDISK_GUARDED_BY(snapshotLock);
+    ScanGate scanGate;
+    // Set under opLock (and under the space lock in init); reinit reads it
+    // unlocked, so it is atomic.
+    std::atomic<bool> initialised;
+    SnapshotStream snapshot;
     // Set before the store is shared (constructor or markRefused), read-only
     // afterwards.
     bool refused;

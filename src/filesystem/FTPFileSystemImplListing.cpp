@@ -1,13 +1,14 @@
-// The listing members of FTPFileSystemImpl: fetching "LIST" text over the main
-// connection, deciding its style, parsing it (into entry records, or straight
-// into the names, sizes and types a caller wants), and the enumeration, scan
-// and size walks built on that.
+// FTPFileSystemImpl, the header's sections "Enumeration, scanning and space"
+// and "Listing retrieval": the enumeration, scan and size walks and the space
+// account's figures; fetching "LIST" text over the main connection, deciding
+// its style and parsing it (into entry records, or straight into the names,
+// sizes and types a caller wants).
 //
 // Every listing runs on the store's main connection and changes its working
 // directory, so every caller of fetchListing (getFileDescriptorList included)
-// holds opLock. scan also holds scanLock, taken first (lock order: scanLock
-// before opLock), and calls the host's visitor with opLock released so the
-// visitor may call back into the store.
+// holds opLock. scan also holds the scan gate, taken first, and calls the
+// host's visitor with opLock released so the visitor may call back into the
+// store.
 #include <string.h>
 
 #include <exception>
@@ -16,6 +17,7 @@
 
 #include "connections/TimeOutDetector.h"
 #include "filesystem/FTPFileSystemImpl.h"
+#include "filesystem/PathOperation.h"
 #include "listing/EntryList.h"
 #include "listing/ListingLines.h"
 #include "listing/ListingStyle.h"
@@ -30,47 +32,11 @@ typedef std::vector<SafePointer<FTPConst::FTPFileDescriptor> > EntryList;
 const int kListingStallSeconds = 60;
 const unsigned int kListingChunkBytes = 1024;
 
-const int32_t kTypeDirectory = 'd';
-const int32_t kTypeFile = '-';
-
-const char* const kLockSite = "FTPFileSystemImpl";
-
 // The self and parent entries a DOS-style server may list. The Unix parser
 // drops every dot name; the DOS parser keeps all names, so these two are taken
 // out here: followed by scanRecordDir or removed by rmFTPDir they would walk
 // back up the tree (endlessly, or deleting the parent).
 bool isSelfOrParent(const std::string& name) { return name == "." || name == ".."; }
-
-// Changes to "/" and then to `path` on `tool` and fetches the listing of
-// `path` into `text`, its zero bytes turned into blanks. False when the
-// directory cannot be entered or the listing not fetched.
-// REQUIRES: the store's opLock is held (`tool` is its main connection).
-bool fetchListing(FTPFileSystemImpl& store, SafePointer<FTPTool>& tool, const char* path,
-                  std::string& text) {
-    // Listings ask for `path` again after changing into it; starting from "/"
-    // makes root-relative paths mean the same whatever the previous operation
-    // left as the working directory.
-    tool->cd("/");
-    if (tool->cd(path) != 1) {
-        return false;
-    }
-    if (!store.recvData(SafePointer<FTPTool>(tool), path, text)) {
-        return false;
-    }
-    // Stray zero bytes from a server must not cut a line short: each becomes a
-    // blank (and so splits the word it stood in). Done in place: a listing has
-    // no size limit, and on the recorder a second copy of a large one would
-    // cost as much memory again. memchr skips the (usually zero-free) text many
-    // bytes at a time.
-    if (!text.empty()) {
-        char* at = &text[0];
-        char* const end = at + text.size();
-        while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) != NULL) {
-            *at++ = ' ';
-        }
-    }
-    return true;
-}
 
 // Hands `sink` every entry the store keeps of a fetched listing: what the
 // parser of its style keeps (lines cut at "\r\n"; a listing with bare line
@@ -161,7 +127,7 @@ public:
 
     bool operator()(FTPConst::FTPFileDescriptor& record) {
         total += static_cast<long long>(record.size);
-        if (record.type == kTypeDirectory) {
+        if (record.type == FTPConst::kTypeDirectory) {
             directories.push_back(std::string());
             directories.back().swap(record.name);
         }
@@ -174,6 +140,36 @@ public:
 
 }  // namespace
 
+bool FTPFileSystemImpl::fetchListing(const char* path, std::string& text) {
+    SafePointer<FTPTool>& tool = mainTool;
+    // Listings ask for `path` again after changing into it; starting from "/"
+    // makes root-relative paths mean the same whatever the previous operation
+    // left as the working directory.
+    tool->cd("/");
+    if (tool->cd(path) != 1) {
+        return false;
+    }
+    if (!recvData(SafePointer<FTPTool>(tool), path, text)) {
+        return false;
+    }
+    // Stray zero bytes from a server must not cut a line short: each becomes a
+    // blank (and so splits the word it stood in). Done in place: a listing has
+    // no size limit, and on the recorder a second copy of a large one would
+    // cost as much memory again. memchr skips the (usually zero-free) text many
+    // bytes at a time.
+    if (!text.empty()) {
+        char* at = &text[0];
+        char* const end = at + text.size();
+        while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) != NULL) {
+            *at++ = ' ';
+        }
+    }
+    return true;
+}
+
+// The tool comes by value: the listing members keep their long-standing
+// signatures.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, std::string& text) {
     NetBuf* data = NULL;
     if (tool->dataConnect(path, kFtpList, 'I', &data) == 0 || data == NULL) {
@@ -229,7 +225,7 @@ bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entri
         return false;
     }
     std::string text;
-    if (!fetchListing(*this, mainTool, path, text)) {
+    if (!fetchListing(path, text)) {
         return false;
     }
     // Room for every line at once: growing the list would copy, and lock the
@@ -242,15 +238,12 @@ bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entri
 
 bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
                                           std::vector<std::string>& names) {
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSite, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return false;
     }
     std::string text;
-    if (!fetchListing(*this, mainTool, path, text)) {
+    if (!fetchListing(path, text)) {
         return false;
     }
     // Straight from the text: only the names are wanted, so no entry record
@@ -262,28 +255,25 @@ bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
 
 bool FTPFileSystemImpl::getFileList(const char* path, std::vector<std::string>& names,
                                     const std::string& /*filter: every file is returned*/) {
-    return appendNamesListed(path, kTypeFile, names);
+    return appendNamesListed(path, FTPConst::kTypePlainFile, names);
 }
 
 bool FTPFileSystemImpl::getSubDirList(const char* path, std::vector<std::string>& names,
                                       const std::string& /*filter: every directory is returned*/) {
-    return appendNamesListed(path, kTypeDirectory, names);
+    return appendNamesListed(path, FTPConst::kTypeDirectory, names);
 }
 
 bool FTPFileSystemImpl::isEmptyDir(const char* path) {
     // No path is no question: answered "not empty" without any traffic, so a
     // caller that removes empty directories does nothing with it.
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSite, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return false;
     }
     std::string text;
     // A directory that cannot be entered or listed counts as empty, so callers
     // that clean up empty directories treat a vanished one as done.
-    if (!fetchListing(*this, mainTool, path, text)) {
+    if (!fetchListing(path, text)) {
         return true;
     }
     AnyEntry any;
@@ -301,20 +291,20 @@ bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
     if (path == NULL || action == NULL) {
         return false;
     }
-    // scanLock for the whole walk, so two scans never interleave their visits;
+    // The gate for the whole walk, so two scans never interleave their visits;
     // opLock only for the listing itself, so the visitor may use the store.
-    KDMutexLocker scanGuard(scanLock, kLockSite, __LINE__);
+    ScanGate::Turn turn(scanGate, __LINE__);
     if (!initialised) {
         return false;
     }
     std::vector<std::string> files;
     {
-        KDMutexLocker opGuard(opLock, kLockSite, __LINE__);
+        PathOperation operation(*this, true, __LINE__);
         std::string text;
-        if (!initialised || !fetchListing(*this, mainTool, path, text)) {
+        if (!operation.ready() || !fetchListing(path, text)) {
             return false;
         }
-        NamesOfType plainFiles(kTypeFile, files);
+        NamesOfType plainFiles(FTPConst::kTypePlainFile, files);
         forEachStoreEntry(text, plainFiles);
     }
     // What the visitor returns does not stop the walk.
@@ -325,11 +315,8 @@ bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
 }
 
 bool FTPFileSystemImpl::getTotalSize(const char* path, long long& size) {
-    if (path == NULL) {
-        return false;
-    }
-    KDMutexLocker guard(opLock, kLockSite, __LINE__);
-    if (!initialised) {
+    PathOperation operation(*this, path != NULL, __LINE__);
+    if (!operation.ready()) {
         return false;
     }
     return scanRecordDir(path, size);
@@ -339,7 +326,7 @@ bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
     SizesAndDirectories level;
     {
         std::string text;
-        if (!fetchListing(*this, mainTool, path, text)) {
+        if (!fetchListing(path, text)) {
             return false;
         }
         forEachStoreEntry(text, level);
@@ -362,3 +349,11 @@ bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
     }
     return true;
 }
+
+void FTPFileSystemImpl::updateSpaceInfo(long long bytes, bool add) { space.update(bytes, add); }
+
+void FTPFileSystemImpl::getDiskSpaceInfo(long& first, long& second) {
+    space.figures(first, second);
+}
+
+long long FTPFileSystemImpl::getUsedBytes() { return space.used(); }

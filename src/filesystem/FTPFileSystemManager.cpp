@@ -110,8 +110,7 @@ int FTPFileSystemManager::getFTPFileSystem(const std::string& location,
         KDMutexLocker guard(lock, kLockSource, kGetLockLine);
         // A covering test, not an exact lookup: any path below a registered
         // location finds that location's store.
-        for (std::map<std::string, SafePointer<FTPFileSystem> >::iterator it =
-                 fileSystems.begin();
+        for (std::map<std::string, SafePointer<FTPFileSystem> >::iterator it = fileSystems.begin();
              it != fileSystems.end(); ++it) {
             if (coversLocation(it->first, location)) {
                 out = it->second;

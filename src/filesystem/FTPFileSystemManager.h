@@ -72,7 +72,7 @@ private:
     FTPFileSystemManager(const FTPFileSystemManager&);
     FTPFileSystemManager& operator=(const FTPFileSystemManager&);
 
-    std::map<std::string, SafePointer<FTPFileSystem> > fileSystems;  // Guarded by lock.
+    std::map<std::string, SafePointer<FTPFileSystem> > fileSystems FTPDISK_GUARDED_BY(lock);
     KDMutex lock;
 };
 

@@ -88,7 +88,8 @@ function<R> make_function(R (*f)()) {
 /// A function<R> calling `member` on `object`.
 template <class R, class C>
 function<R> make_function(R (C::*member)(), C* object) {
-    return function<R>(new function_obj<R, bind_funcobj0<R, C> >(bind_funcobj0<R, C>(member, object)));
+    return function<R>(
+        new function_obj<R, bind_funcobj0<R, C> >(bind_funcobj0<R, C>(member, object)));
 }
 
 #endif  // FTPDISK_FOUNDATION_FUNCTION_H

@@ -1,8 +1,8 @@
 #include "foundation/KDRuntimeError.h"
 
-KDRuntimeError::KDRuntimeError(const char* text) : message(text != NULL ? text : "") {}
+KDRuntimeError::KDRuntimeError(const char* message) : message(message != NULL ? message : "") {}
 
-KDRuntimeError::KDRuntimeError(const std::string& text) : message(text) {}
+KDRuntimeError::KDRuntimeError(const std::string& message) : message(message) {}
 
 KDRuntimeError::~KDRuntimeError() throw() {}
 

@@ -96,6 +96,7 @@ public:
     /// dec_reference it does not keep the record's lock either: the record
     /// then belongs to another live object, and a lock left held would hang
     /// every later user of that object.
+    // NOLINTNEXTLINE(bugprone-exception-escape): release(false) never throws (see above).
     virtual ~SafePointer() { release(false); }
 
     /// The object. Throws KDRuntimeError ("Use NULL pointer ->") when empty.

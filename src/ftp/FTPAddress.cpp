@@ -87,4 +87,3 @@ int ftpResolveAddress(const char* host, struct sockaddr_in* address) {
     }
     return 1;
 }
-

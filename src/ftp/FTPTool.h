@@ -20,13 +20,7 @@
 #include "host/technic/KDMutex.h"
 
 // Transfer kinds of dataConnect.
-enum FtpOpenType {
-    kFtpNlst = 1,
-    kFtpList = 2,
-    kFtpRetr = 3,
-    kFtpStor = 4,
-    kFtpAppe = 5
-};
+enum FtpOpenType { kFtpNlst = 1, kFtpList = 2, kFtpRetr = 3, kFtpStor = 4, kFtpAppe = 5 };
 
 // The TCP port of a service name ("ftp") from the system's services database,
 // in network order: 1 with *port set, or 0 when the name is unknown.

@@ -10,6 +10,8 @@
 // 253 characters of line, so that "\r\n" and the terminator fit). Sendcmd's is
 // the tighter one for all of them: the longest argument that goes out is 249
 // characters for CWD, MKD and RMD, 248 for RNFR, RNTO, DELE, SITE and SIZE.
+// SIZE, which sends TYPE first, holds its path to Sendcmd's limit before
+// sending anything.
 #include "ftp/FTPTool.h"
 
 #include <stdint.h>
@@ -24,9 +26,26 @@ using ftptool::kCommandLineSize;
 
 namespace {
 
-// Whether an argument of `length` with `extra` bytes of command word, blank
-// and terminator fits the line buffer.
-bool fits(size_t length, size_t extra) { return length + extra <= kCommandLineSize; }
+// Whether "VERB " followed by an argument of `length` characters, and the
+// terminator, fits the line buffer.
+bool fits(const char* verb, size_t length) {
+    return strlen(verb) + 1 + length + 1 <= kCommandLineSize;
+}
+
+// Whether "VERB " followed by an argument of `length` characters is a line
+// Sendcmd will send: "\r\n" and the terminator must fit after it.
+bool sendable(const char* verb, size_t length) {
+    return strlen(verb) + 1 + length + 3 <= kCommandLineSize;
+}
+
+// Builds "VERB argument" into `line`, zeroed first; false, leaving it zeroed,
+// when it would not fit.
+bool commandLine(char (&line)[kCommandLineSize], const char* verb, const char* argument) {
+    memset(line, 0, sizeof line);
+    if (!fits(verb, strlen(argument))) return false;
+    snprintf(line, sizeof line, "%s %s", verb, argument);
+    return true;
+}
 
 // Reads one decimal integer the way "%d" does (leading white space, an
 // optional sign, then digits), keeping the low 32 bits of the number so that
@@ -50,11 +69,9 @@ bool readInteger(const char*& at, int32_t* value) {
 
 int FTPTool::cd(const char* dir) {
     if (dir == NULL || controlBuf == NULL) return 0;
-    if (!fits(strlen(dir), 6)) return 0;
     char line[kCommandLineSize];
-    memset(line, 0, sizeof line);
     // An empty directory means the root.
-    snprintf(line, sizeof line, "CWD %s", dir[0] == '\0' ? "/" : dir);
+    if (!commandLine(line, "CWD", dir[0] == '\0' ? "/" : dir)) return 0;
     return Sendcmd(line, '2');
 }
 
@@ -65,42 +82,37 @@ int FTPTool::cdup() {
 
 int FTPTool::mkdir(const char* dir) {
     if (dir == NULL || controlBuf == NULL) return 0;
-    if (!fits(strlen(dir), 6)) return 0;
     char line[kCommandLineSize];
-    memset(line, 0, sizeof line);
-    snprintf(line, sizeof line, "MKD %s", dir);
+    if (!commandLine(line, "MKD", dir)) return 0;
     return Sendcmd(line, '2');
 }
 
 int FTPTool::rmdir(const char* dir) {
     if (dir == NULL || controlBuf == NULL) return 0;
-    if (!fits(strlen(dir), 6)) return 0;
     char line[kCommandLineSize];
-    memset(line, 0, sizeof line);
-    snprintf(line, sizeof line, "RMD %s", dir);
+    if (!commandLine(line, "RMD", dir)) return 0;
     return Sendcmd(line, '2');
 }
 
 int FTPTool::site(const char* command) {
     if (command == NULL || controlBuf == NULL) return 0;
-    if (!fits(strlen(command), 7)) return 0;
     char line[kCommandLineSize];
-    memset(line, 0, sizeof line);
-    snprintf(line, sizeof line, "SITE %s", command);
+    if (!commandLine(line, "SITE", command)) return 0;
     return Sendcmd(line, '2');
 }
 
 // "213 1234" stores 1234. The type set first stays in force for later
 // commands on this connection.
-int FTPTool::size(const char* path, int* result, char mode) {
-    if (path == NULL || result == NULL || controlBuf == NULL) return 0;
-    if (!fits(strlen(path), 7)) return 0;
+int FTPTool::size(const char* path, int* size, char mode) {
+    if (path == NULL || size == NULL || controlBuf == NULL) return 0;
+    // Two lines: the second must be one that goes out, or TYPE would be sent
+    // for nothing.
+    if (!sendable("SIZE", strlen(path))) return 0;
     char line[kCommandLineSize];
     memset(line, 0, sizeof line);
     snprintf(line, sizeof line, "TYPE %c", mode);
     if (!Sendcmd(line, '2')) return 0;
-    memset(line, 0, sizeof line);
-    snprintf(line, sizeof line, "SIZE %s", path);
+    commandLine(line, "SIZE", path);
     char reply[kNetBufResponseSize];
     if (!exchange(line, '2', reply)) return 0;
     // The reply code, then the size: both must be there.
@@ -108,22 +120,18 @@ int FTPTool::size(const char* path, int* result, char mode) {
     int32_t code = 0;
     int32_t bytes = 0;
     if (!readInteger(at, &code) || !readInteger(at, &bytes)) return 0;
-    *result = bytes;
+    *size = bytes;
     return 1;
 }
 
 int FTPTool::moveFile(const char* from, const char* to) {
     if (from == NULL || to == NULL || controlBuf == NULL) return 0;
-    if (!fits(strlen(from), 6)) return 0;
     char line[kCommandLineSize];
-    memset(line, 0, sizeof line);
-    snprintf(line, sizeof line, "RNFR %s", from);
+    if (!commandLine(line, "RNFR", from)) return 0;
     if (!Sendcmd(line, '3')) return 0;
     // RNFR has gone out by now; a destination that does not fit leaves it
     // pending on the server, and nothing undoes it.
-    if (!fits(strlen(to), 6)) return 0;
-    memset(line, 0, sizeof line);
-    snprintf(line, sizeof line, "RNTO %s", to);
+    if (!commandLine(line, "RNTO", to)) return 0;
     return Sendcmd(line, '2');
 }
 
@@ -143,13 +151,14 @@ int FTPTool::deleteFile(const char* path) {
         // Both changes of directory are tried; a failure does not stop the
         // deletion (the server then judges the name where it stands).
         Sendcmd("CWD /", '2');
+        // Shorter than the whole path, which is checked below.
         memset(line, 0, sizeof line);
         snprintf(line, sizeof line, "CWD %s", whole.substr(0, slash).c_str());
         Sendcmd(line, '2');
         name = whole.substr(slash + 1);
     }
-    if (!fits(whole.size(), 6)) return 0;
-    memset(line, 0, sizeof line);
-    snprintf(line, sizeof line, "DELE %s", name.c_str());
+    // The whole path is held to DELE's limit, not just the name that goes out.
+    if (!fits("DELE", whole.size())) return 0;
+    commandLine(line, "DELE", name.c_str());
     return Sendcmd(line, '2');
 }

@@ -71,9 +71,7 @@ namespace {
 __attribute__((unused)) const char* errorText(int result, const char* buffer) {
     return result == 0 ? buffer : "Unknown error";
 }
-__attribute__((unused)) const char* errorText(const char* result, const char*) {
-    return result;
-}
+__attribute__((unused)) const char* errorText(const char* result, const char*) { return result; }
 }  // namespace
 
 void setErrorResponse(NetBuf* connection, int error) {
@@ -153,8 +151,8 @@ double receiveLimit(int fd) {
 // and its siblings, one for each place that sends) when the host asks for it.
 int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* format) {
     if (!tool.Socketwait(connection)) return 0;
-    ssize_t sent = send(connection->handle, connection->buffer, static_cast<size_t>(count),
-                        MSG_NOSIGNAL);
+    ssize_t sent =
+        send(connection->handle, connection->buffer, static_cast<size_t>(count), MSG_NOSIGNAL);
     if (sent != count) {
         int error = errno;
         if (ftptool::printReports()) ftptool::report(format, static_cast<int>(sent), error);
@@ -168,7 +166,7 @@ int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* for
 const double FTPTool::kReplyLimitSeconds = 30.0;
 const int FTPTool::kReplyLineLimit = 1000;
 
-FTPTool::FTPTool() : controlBuf(NULL), usable(true), controlLock() {}
+FTPTool::FTPTool() : controlBuf(NULL), usable(true) {}
 
 FTPTool::~FTPTool() {
     quit();
@@ -177,7 +175,7 @@ FTPTool::~FTPTool() {
     Empty();
 }
 
-void FTPTool::setUsable(bool value) { usable = value; }
+void FTPTool::setUsable(bool usable) { this->usable = usable; }
 
 bool FTPTool::getUsable() { return usable; }
 
@@ -240,7 +238,9 @@ int FTPTool::login(const char* user, const char* password) {
     return Sendcmd(line, '2');
 }
 
-int FTPTool::Sendcmd(const char* command, char expected) { return exchange(command, expected, NULL); }
+int FTPTool::Sendcmd(const char* command, char expected) {
+    return exchange(command, expected, NULL);
+}
 
 int FTPTool::exchange(const char* command, char expected, char* reply) {
     if (command == NULL || controlBuf == NULL || controlBuf->direction != kNetBufControl) return 0;
@@ -423,8 +423,8 @@ int FTPTool::Writeline(const char* data, int length, NetBuf* connection) {
             buffer[buffered++] = '\r';
         }
         if (buffered == kNetBufSize) {
-            int flushed = sendLineBuffer(*this, connection, buffered,
-                                         "write(2) returned %d, errno = %d\n");
+            int flushed =
+                sendLineBuffer(*this, connection, buffered, "write(2) returned %d, errno = %d\n");
             if (flushed != 1) return flushed == 0 ? sentUpTo : -1;
             buffered = 0;
             sentUpTo = consumed;

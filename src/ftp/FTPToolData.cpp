@@ -64,9 +64,7 @@ bool readUnsigned(const char*& at, unsigned* value) {
 
 // Whether a call made with MSG_DONTWAIT failed only because the socket was
 // not ready.
-bool notReady(ssize_t result) {
-    return result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-}
+bool notReady(ssize_t result) { return result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK); }
 
 // One image-mode receive. The bytes are taken at once when some are waiting,
 // which is the usual case in a bulk transfer and spares a readiness wait per
@@ -159,17 +157,32 @@ int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
     const char* word;
     int direction;
     switch (type) {
-    case kFtpNlst: word = "NLST"; direction = kNetBufDataRead; break;
-    case kFtpList: word = "LIST"; direction = kNetBufDataRead; break;
-    case kFtpRetr: word = "RETR"; direction = kNetBufDataRead; break;
-    case kFtpStor: word = "STOR"; direction = kNetBufDataWrite; break;
-    // APPE without a path is sent as is: the server decides.
-    case kFtpAppe: word = "APPE"; direction = kNetBufDataWrite; break;
-    default:
-        char text[kNetBufResponseSize];
-        snprintf(text, sizeof text, "Invalid open type %d\n", type);
-        setLocalResponse(text);
-        return 0;
+        case kFtpNlst:
+            word = "NLST";
+            direction = kNetBufDataRead;
+            break;
+        case kFtpList:
+            word = "LIST";
+            direction = kNetBufDataRead;
+            break;
+        case kFtpRetr:
+            word = "RETR";
+            direction = kNetBufDataRead;
+            break;
+        case kFtpStor:
+            word = "STOR";
+            direction = kNetBufDataWrite;
+            break;
+        // APPE without a path is sent as is: the server decides.
+        case kFtpAppe:
+            word = "APPE";
+            direction = kNetBufDataWrite;
+            break;
+        default:
+            char text[kNetBufResponseSize];
+            snprintf(text, sizeof text, "Invalid open type %d\n", type);
+            setLocalResponse(text);
+            return 0;
     }
     memset(line, 0, sizeof line);
     if (path != NULL) {
@@ -381,8 +394,8 @@ int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
 int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
     if (data == NULL || milliseconds < 0) return -2;
     short revents = 0;
-    int n = ftptool::waitFor(data->handle, POLLOUT | POLLPRI, ftpAioWaitTime(milliseconds),
-                             &revents);
+    int n =
+        ftptool::waitFor(data->handle, POLLOUT | POLLPRI, ftpAioWaitTime(milliseconds), &revents);
     if (n == 0) return -1;
     if (n < 0) return -2;
     // An error or hang-up counts as writable, as select reports it: the next

@@ -39,14 +39,14 @@ enum NetBufConnectionMode {
 };
 
 struct NetBuf {
-    char* writePos;        // where the next received bytes are stored in buffer
-    char* readPos;         // next unread byte in buffer
-    int32_t handle;        // socket descriptor; -1 once closed
-    int32_t available;     // received, not yet consumed bytes
-    int32_t spaceLeft;     // free bytes in buffer after writePos
-    char* buffer;          // kNetBufSize bytes; null for image-mode data
-    int32_t direction;     // NetBufDirection
-    NetBuf* control;       // data: control record whose final reply is read on close
+    char* writePos;          // where the next received bytes are stored in buffer
+    char* readPos;           // next unread byte in buffer
+    int32_t handle;          // socket descriptor; -1 once closed
+    int32_t available;       // received, not yet consumed bytes
+    int32_t spaceLeft;       // free bytes in buffer after writePos
+    char* buffer;            // kNetBufSize bytes; null for image-mode data
+    int32_t direction;       // NetBufDirection
+    NetBuf* control;         // data: control record whose final reply is read on close
     int32_t connectionMode;  // control record only: NetBufConnectionMode
     NetBufWaitTime idleTime;
     NetBufProgressCallback progressCallback;

@@ -12,7 +12,9 @@
 // a GThread includes their definition. So the host contracts need nothing of
 // the module's pointer or callable family, which themselves rest on the
 // contracts (the pointer keeps its counts in the host's registry).
+// Its one member, a SafePointer, never throws on release.
 template <class R>
+// NOLINTNEXTLINE(bugprone-exception-escape)
 class function;
 
 /// Host contract: a named thread that calls its body again and again.

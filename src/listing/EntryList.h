@@ -36,8 +36,7 @@ typedef FTPFileDescriptor* (*RecordOfLine)(LineWords& words);
 // to `recordOf`; a record it returns is appended to `entries` and its size
 // added to `total` (never reset here).
 inline void appendRecords(const std::vector<std::string>& lines, RecordOfLine recordOf,
-                          std::vector<SafePointer<FTPFileDescriptor> >& entries,
-                          long long& total) {
+                          std::vector<SafePointer<FTPFileDescriptor> >& entries, long long& total) {
     // Growing the list copies every SafePointer already in it, and each copy
     // takes its count's lock: one reservation up front avoids that.
     reserveForLines(entries, lines.size());

@@ -9,12 +9,17 @@
 
 namespace FTPConst {
 
+// The two entry types the module acts on. Every other type (a Unix listing's
+// 'l', say) is neither a file nor a directory to the store.
+const int32_t kTypeDirectory = 'd';
+const int32_t kTypePlainFile = '-';
+
 class FTPFileDescriptor {
 public:
     FTPFileDescriptor() : type(0), size(0) {}
     virtual ~FTPFileDescriptor() {}
 
-    // 'd' directory, '-' plain file; from Unix listings also 'l' and other
+    // kTypeDirectory, kTypePlainFile; from Unix listings also 'l' and other
     // letters of the permission field, stored as the byte value (0 to 255) so
     // that it does not depend on whether char is signed.
     int32_t type;

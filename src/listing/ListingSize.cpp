@@ -34,8 +34,8 @@ int32_t readListingSize(const char* word, unsigned int length) {
     }
     // Magnitude in 64 bits, saturating like strtoll: 2^63 - 1 upwards,
     // 2^63 downwards.
-    const uint64_t limit = negative ? (static_cast<uint64_t>(1) << 63)
-                                    : (static_cast<uint64_t>(1) << 63) - 1;
+    const uint64_t limit =
+        negative ? (static_cast<uint64_t>(1) << 63) : (static_cast<uint64_t>(1) << 63) - 1;
     uint64_t magnitude = 0;
     bool saturated = false;
     for (; i < length && word[i] >= '0' && word[i] <= '9'; ++i) {

@@ -13,9 +13,9 @@ namespace FTPConst {
 
 // Listing style codes, as FTPFileSystemImpl::getFTPFileType reports them.
 enum {
-    kListingUnix = 0,     // LinuxFTPFileParser
-    kListingDos = 1,      // WindowsFTPFileParser
-    kListingUnknown = 2   // no parser: the entry list stays empty
+    kListingUnix = 0,    // LinuxFTPFileParser
+    kListingDos = 1,     // WindowsFTPFileParser
+    kListingUnknown = 2  // no parser: the entry list stays empty
 };
 
 }  // namespace FTPConst

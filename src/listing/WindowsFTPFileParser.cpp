@@ -27,10 +27,10 @@ void FTPConst::readDosLine(LineWords& words, FTPFileDescriptor& record) {
     const std::string sizeWord = words.word(kSizeWord);
     // Whole word, exact case: "<dir>" and "<DIR>x" are sizes (reading 0).
     if (sizeWord == DIR) {
-        record.type = 'd';
+        record.type = kTypeDirectory;
         record.size = 0;
     } else {
-        record.type = '-';
+        record.type = kTypePlainFile;
         record.size = readListingSize(sizeWord.data(), static_cast<unsigned int>(sizeWord.size()));
     }
     record.name = words.word(kNameWord);

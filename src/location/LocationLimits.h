@@ -2,9 +2,9 @@
 // into a store, in characters. A store keeps its server in 48 bytes, its user
 // in 32 and its password in 20, and the open-file table keeps each of the three
 // in 32; every field holds its text and a terminator, so the smaller field of
-// each pair sets the limit. The registry refuses a location beyond these
-// limits; the store's and the table's fields are checked against them when the
-// module is compiled. Constants only; any thread.
+// each pair sets the limit. FTPFileSystemImpl::textsFit applies them; the
+// store's and the table's fields are checked against them when the module is
+// compiled. Constants only; any thread.
 #ifndef FTPDISK_LOCATION_LOCATIONLIMITS_H
 #define FTPDISK_LOCATION_LOCATIONLIMITS_H
 

@@ -18,20 +18,12 @@
 #include "ftp/FTPTool.h"
 #include "ftpdisk_host/HostControl.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace conntest {
 
-// Polls `condition` without relying on any time limit of the code under test;
-// gives up after `limit` so that a broken build fails instead of hanging.
-template <class F>
-bool eventually(F condition, std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using ftptest::eventually;
+using ftptest::joined;
 
 // True once `count` threads are pausing in KadmorTime::wait.
 inline bool waitForPausingThreads(int count) {
@@ -48,13 +40,6 @@ inline SafePointer<FTPTool> loggedInTool(const ftptest::ScriptedFtpServer& serve
 
 inline bool contains(const std::vector<std::string>& lines, const std::string& line) {
     return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
-// Lines joined for failure messages.
-inline std::string joined(const std::vector<std::string>& lines) {
-    std::string out;
-    for (const std::string& line : lines) out += "[" + line + "] ";
-    return out;
 }
 
 // How many threads of this process the kernel shows under `name`.

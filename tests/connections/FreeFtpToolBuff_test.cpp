@@ -33,7 +33,8 @@ protected:
     // One monitor pass made on this thread's behalf: theThread() runs on a
     // helper thread, and once it pauses the 2 seconds are let pass.
     static void runOnePass(FreeFtpToolBuff& pool) {
-        std::future<int> pass = std::async(std::launch::async, [&pool] { return pool.theThread(); });
+        std::future<int> pass =
+            std::async(std::launch::async, [&pool] { return pool.theThread(); });
         ASSERT_TRUE(waitForPausingThreads(1));
         hostcontrol::advanceClock(2.0);
         EXPECT_EQ(0, pass.get());

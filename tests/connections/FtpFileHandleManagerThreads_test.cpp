@@ -45,8 +45,8 @@ std::string roundTrip(FtpFileHandleManager& files, int thread, int file) {
         if (!files.getFileHandler(writeHandle, handler)) return path + ": handle lost";
         size_t sent = 0;
         for (int round = 0; sent < bytes.size() && round < 100000; ++round) {
-            const unsigned int piece =
-                static_cast<unsigned int>(std::min<size_t>(1000 + thread * 100, bytes.size() - sent));
+            const unsigned int piece = static_cast<unsigned int>(
+                std::min<size_t>(1000 + thread * 100, bytes.size() - sent));
             const int n = handler->write(bytes.data() + sent, piece);
             if (n <= 0) return path + ": write gave " + std::to_string(n);
             sent += static_cast<size_t>(n);
@@ -69,7 +69,8 @@ std::string roundTrip(FtpFileHandleManager& files, int thread, int file) {
         }
     }
     if (files.close(readHandle) != 0) return path + ": close after reading failed";
-    if (back != bytes) return path + ": read back " + std::to_string(back.size()) + " bytes differing";
+    if (back != bytes)
+        return path + ": read back " + std::to_string(back.size()) + " bytes differing";
     return "";
 }
 

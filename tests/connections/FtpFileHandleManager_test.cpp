@@ -162,7 +162,7 @@ TEST_F(FtpFileHandleManagerTest, ATransferRefusedByTheServerDropsTheConnectionAn
     auto files = table(1, 8, 8);
     server.queueReply("STOR", "553 Could not create file.");
     EXPECT_EQ(-1, files->open("/a.dat", 2));
-    const std::vector<std::string> expected = {"USER rec", "PASS pw", "TYPE I",
+    const std::vector<std::string> expected = {"USER rec", "PASS pw",     "TYPE I",
                                                "PASV",     "STOR /a.dat", "QUIT"};
     EXPECT_EQ(expected, server.commandsOn(1)) << "the dropped connection is quit, not pooled";
     EXPECT_EQ(0u, files->getFreeToolBuff()->idleCount());

@@ -52,8 +52,8 @@ TEST(FtpFileHandler, AnUnknownModeFailsToOpenAndSendsNothing) {
         SafePointer<FTPTool> tool = loggedInTool(server);
         FtpFileHandler handler(tool, mode, 1, "/clip.dat");
         EXPECT_FALSE(handler.open("server", "user", "password")) << "mode " << mode;
-        EXPECT_TRUE(afterLogin(server).empty()) << "mode " << mode << ": "
-                                                << joined(afterLogin(server));
+        EXPECT_TRUE(afterLogin(server).empty())
+            << "mode " << mode << ": " << joined(afterLogin(server));
         EXPECT_EQ(-1, handler.close()) << "nothing to close for mode " << mode;
         EXPECT_TRUE(tool->getUsable());
     }

@@ -162,9 +162,8 @@ TEST(OpenFileTableConcurrency, ConcurrentOpensNeverExceedTheOpenFileLimit) {
     std::vector<int> handles(kThreads, 0);
     std::vector<std::thread> openers;
     for (int i = 0; i < kThreads; ++i) {
-        openers.emplace_back([&, i] {
-            handles[i] = table->open(("/cam" + std::to_string(i) + ".dat").c_str(), 2);
-        });
+        openers.emplace_back(
+            [&, i] { handles[i] = table->open(("/cam" + std::to_string(i) + ".dat").c_str(), 2); });
     }
     for (std::thread& t : openers) t.join();
     std::vector<int> opened;
@@ -314,12 +313,8 @@ void closeRacesA(Step step) {
             case Step::kWrite:
                 stepResult = file->write(big.data(), static_cast<unsigned int>(big.size()));
                 break;
-            case Step::kRead:
-                stepResult = file->read(readBuffer, sizeof readBuffer);
-                break;
-            case Step::kAioReturn:
-                stepResult = file->aioReturn(10000);
-                break;
+            case Step::kRead: stepResult = file->read(readBuffer, sizeof readBuffer); break;
+            case Step::kAioReturn: stepResult = file->aioReturn(10000); break;
         }
         stepDone = true;
     });

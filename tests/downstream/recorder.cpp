@@ -76,7 +76,8 @@ bool writeRecording(FTPFileSystem& store, const std::string& path) {
 
 bool sameFile(const std::string& path, const std::vector<char>& expected) {
     std::ifstream in(path.c_str(), std::ios::binary);
-    const std::vector<char> got((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::vector<char> got((std::istreambuf_iterator<char>(in)),
+                                std::istreambuf_iterator<char>());
     return got == expected;
 }
 

@@ -26,18 +26,22 @@
 
 #include "filesystem/FTPFileSystem.h"
 #include "support/FdCount.h"
+#include "support/TestHelpers.h"
 
 namespace faulttest {
+
+using ftptest::patternBytes;
+using ftptest::tail;
 
 using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
 
 // The design's limits, in seconds.
-constexpr double kReadinessWait = 3.0;     // before each receive, data read or write
+constexpr double kReadinessWait = 3.0;        // before each receive, data read or write
 constexpr double kControlSocketLimit = 10.0;  // one send or receive on a control socket
-constexpr double kDataSocketLimit = 30.0;  // one send or receive on a data socket
-constexpr double kReplyLimit = 30.0;       // one reply in all (host up-time clock)
-constexpr double kListingStall = 60.0;     // one listing in all (host up-time clock)
+constexpr double kDataSocketLimit = 30.0;     // one send or receive on a data socket
+constexpr double kReplyLimit = 30.0;          // one reply in all (host up-time clock)
+constexpr double kListingStall = 60.0;        // one listing in all (host up-time clock)
 // Added to every bound: scheduling on a loaded machine, sanitizers, qemu.
 constexpr double kMargin = 10.0;
 
@@ -127,25 +131,6 @@ inline ::testing::AssertionResult noGrowth(const Resources& before, size_t heapT
            << "descriptors " << before.descriptors << " -> " << descriptors << ", threads "
            << before.threads << " -> " << threads << ", heap " << before.heap << " -> " << heap
            << " (tolerance " << heapTolerance << ")";
-}
-
-// The elements of `all` from index `from` on.
-inline std::vector<std::string> tail(const std::vector<std::string>& all, size_t from) {
-    if (from >= all.size()) return std::vector<std::string>();
-    return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(from), all.end());
-}
-
-// Bytes that differ at every position and between seeds (xorshift).
-inline std::string patternBytes(size_t size, uint32_t seed) {
-    std::string bytes(size, '\0');
-    uint32_t x = seed * 2654435761u + 1u;
-    for (size_t i = 0; i < size; ++i) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        bytes[i] = static_cast<char>(x & 0xFF);
-    }
-    return bytes;
 }
 
 // What one segment of a camera's recording road gave.

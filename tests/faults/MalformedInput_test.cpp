@@ -14,23 +14,19 @@
 #include "ScriptedRoad.h"
 #include "filesystem/FTPFileSystemManager.h"
 #include "foundation/SafePointer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::randomBytes;
 
 using faulttest::bound;
 using faulttest::timed;
 using ftptest::Reply;
 using Lines = std::vector<std::string>;
 
-const std::vector<size_t> kLengths = {1, 2, 31, 32, 200, 253, 254, 255, 256, 1000, 8191,
-                                      8192, 8193, 100000};
-
-std::string binaryBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (char& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
+const std::vector<size_t> kLengths = {1,   2,   31,   32,   200,  253,  254,
+                                      255, 256, 1000, 8191, 8192, 8193, 100000};
 
 // The longest line the server received; the module builds every command in
 // 256 bytes, so none may exceed 253 characters before its line end.
@@ -47,14 +43,18 @@ TEST(MalformedLocations, EveryLengthAndByteIsRefusedOrRegisteredWithoutTraffic) 
     std::vector<std::string> texts;
     for (size_t n : kLengths) {
         texts.push_back(std::string(n, 'a'));
-        texts.push_back(binaryBytes(n, static_cast<unsigned>(n)));
-        texts.push_back("rec(pw)@ftp://127.0.0.1:1/" + std::string(n, 'p'));     // long path
-        texts.push_back("rec(pw)@ftp://" + std::string(n, '1') + "/rec");        // long server
-        texts.push_back(std::string(n, 'u') + "(pw)@ftp://127.0.0.1:1/rec");     // long user
+        texts.push_back(randomBytes(n, static_cast<unsigned>(n)));
+        texts.push_back("rec(pw)@ftp://127.0.0.1:1/" + std::string(n, 'p'));      // long path
+        texts.push_back("rec(pw)@ftp://" + std::string(n, '1') + "/rec");         // long server
+        texts.push_back(std::string(n, 'u') + "(pw)@ftp://127.0.0.1:1/rec");      // long user
         texts.push_back("rec(" + std::string(n, 'w') + ")@ftp://127.0.0.1:1/r");  // long password
-        texts.push_back("rec(pw)@ftp://127.0.0.1:1/" + binaryBytes(n, 7));
+        texts.push_back("rec(pw)@ftp://127.0.0.1:1/" + randomBytes(n, 7));
     }
+    // The counts take in the literal's own terminator: each text ends in a
+    // zero byte as well.
+    // NOLINTNEXTLINE(bugprone-string-constructor)
     texts.push_back(std::string("rec(pw)@ftp://127.0.0.1:1/a\0b", 30));
+    // NOLINTNEXTLINE(bugprone-string-constructor)
     texts.push_back(std::string("rec(p\0w)@ftp://127.0.0.1:1/a", 29));
     texts.push_back(std::string("\0", 1));
     texts.push_back("");
@@ -95,7 +95,7 @@ TEST_F(MalformedPaths, EveryOperationTakesPathsOfEveryLengthAndNothingOverlongIs
         paths.push_back("/rec/" + std::string(n, 'd'));
         paths.push_back(std::string(n, '/'));
         // Binary bytes without CR, LF and NUL (see the next test for those).
-        std::string binary = binaryBytes(n, static_cast<unsigned>(n) + 1);
+        std::string binary = randomBytes(n, static_cast<unsigned>(n) + 1);
         for (char& c : binary)
             if (c == '\r' || c == '\n' || c == '\0') c = '_';
         paths.push_back("/rec/" + binary);
@@ -163,7 +163,7 @@ using MalformedReplies = faulttest::ScriptedRoadTest;
 
 TEST_F(MalformedReplies, GreetingsOfEveryLengthAndBinaryRepliesNeverCrashOrHang) {
     for (size_t n : kLengths) {
-        for (const std::string& text : {"220 " + std::string(n, 'g'), "220 " + binaryBytes(n, 3)}) {
+        for (const std::string& text : {"220 " + std::string(n, 'g'), "220 " + randomBytes(n, 3)}) {
             Reply raw(text + "\r\n");
             raw.raw = true;
             server.setGreeting(raw);
@@ -185,7 +185,7 @@ TEST_F(MalformedReplies, GreetingsOfEveryLengthAndBinaryRepliesNeverCrashOrHang)
     server.setGreeting(nul);
     EXPECT_EQ(store->uninit(), 0);
     EXPECT_EQ(store->init(), 0);
-    server.queueReply("PASV", Reply(binaryBytes(5000, 9)));
+    server.queueReply("PASV", Reply(randomBytes(5000, 9)));
     EXPECT_EQ(store->open("/rec/cam.ts", 2), -1);
     server.setGreeting(Reply("220 ready"));
     recoverAndRecord(2);
@@ -199,7 +199,7 @@ TEST_F(MalformedListings, LinesOfEveryLengthBinaryBytesAndANulAreParsedOrPassedO
     for (size_t n : kLengths) {
         const std::string name(n, 'n');
         const std::string body = "-rw-r--r-- 1 rec rec 7 Jan 15 10:31 " + name + "\r\n" +
-                                 binaryBytes(n, 5) + "\r\n" + std::string(n, ' ') + "\r\n" +
+                                 randomBytes(n, 5) + "\r\n" + std::string(n, ' ') + "\r\n" +
                                  "drwxr-xr-x 2 rec rec 4096 Jan 15 10:31 " + name + "d\r\n";
         server.setListing(body);
         std::vector<std::string> files;

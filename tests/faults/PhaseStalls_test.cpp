@@ -62,7 +62,8 @@ TEST_F(PhaseStalls, ASilentGreetingFailsInitAndTheOpenThatNeedsANewConnection) {
     EXPECT_LE(took, bound(2));
     EXPECT_EQ(store->write(first, segmentBytes.data(), 1000), 1000);
     EXPECT_EQ(store->close(first), 0);
-    EXPECT_EQ(server.file("/rec/cam1.ts"), std::optional<std::string>(segmentBytes.substr(0, 1000)));
+    EXPECT_EQ(server.file("/rec/cam1.ts"),
+              std::optional<std::string>(segmentBytes.substr(0, 1000)));
 
     server.setGreeting(Reply("220 ready"));
     // Handle 2 went with the failed open: the next segment gets 3.

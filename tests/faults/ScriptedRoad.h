@@ -54,7 +54,8 @@ protected:
         const size_t mark = server.commands().size();
         EXPECT_EQ(store->createDir("/rec/after-dir"), 0);
         EXPECT_EQ(tail(server.commands(), mark),
-                  (std::vector<std::string>{"CWD /", "CWD /rec/", "CWD /", "CWD /rec/after-dir", "MKD /rec/after-dir"}));
+                  (std::vector<std::string>{"CWD /", "CWD /rec/", "CWD /", "CWD /rec/after-dir",
+                                            "MKD /rec/after-dir"}));
         server.setListing("-rw-r--r-- 1 rec rec 42 Jan 15 10:31 after.ts\r\n");
         std::vector<std::string> names;
         EXPECT_EQ(store->getFileList("/rec", names, ""), 1);

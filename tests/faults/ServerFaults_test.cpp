@@ -72,7 +72,8 @@ protected:
     // 16 cameras open their file of `round`; the handles, -1 for a failure.
     std::vector<int> openAll(int round) {
         std::vector<int> handles;
-        for (int c = 0; c < kCameras; ++c) handles.push_back(store->open(cameraPath(c, round).c_str(), 2));
+        for (int c = 0; c < kCameras; ++c)
+            handles.push_back(store->open(cameraPath(c, round).c_str(), 2));
         return handles;
     }
 
@@ -103,11 +104,15 @@ TEST_F(ServerKilled, EveryWriteAndCloseFailsCleanlyThenRecordingResumesOnTheRest
                   static_cast<int>(bytes.size()));
     }
     // Every byte written so far has reached the server's disk.
-    ASSERT_TRUE(waitUntil([&] {
-        for (int c = 0; c < kCameras; ++c)
-            if (fileSize(*first, cameraPath(c, 1)) != static_cast<long>(bytes.size())) return false;
-        return true;
-    }, Millis(10000))) << "the server never stored the first 64 KiB of every file";
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            for (int c = 0; c < kCameras; ++c)
+                if (fileSize(*first, cameraPath(c, 1)) != static_cast<long>(bytes.size()))
+                    return false;
+            return true;
+        },
+        Millis(10000)))
+        << "the server never stored the first 64 KiB of every file";
 
     // Killed: every process of the server, at once, without warning.
     for (pid_t pid : first->processes()) ::kill(pid, SIGKILL);
@@ -203,8 +208,8 @@ protected:
         EXPECT_EQ(next.handle, 2);
         EXPECT_EQ(next.closeResult, 0) << faulttest::describe(next);
         EXPECT_EQ(server.file("/rec/c.ts"), std::optional<std::string>(bytes));
-        EXPECT_TRUE(noGrowth(before, kHeapTolerance + 256 * server.commands().size() +
-                                         4 * bytes.size()));
+        EXPECT_TRUE(
+            noGrowth(before, kHeapTolerance + 256 * server.commands().size() + 4 * bytes.size()));
     }
 
     ftptest::ScriptedFtpServer server;
@@ -244,14 +249,15 @@ TEST_F(IdleClosed, ASilentCloseFailsTheOpenThatTakesThePooledConnection) {
 }
 
 TEST_F(IdleClosed, AResetFailsTheOpenThatTakesThePooledConnection) {
-    idleConnectionEnds([] {}, [&] {
-        // Both control connections (the pooled one and the store's main one)
-        // are reset; the main one shows on the next path operation.
-        EXPECT_EQ(lab.dropAll(), 2);
-        EXPECT_EQ(store->createDir("/rec/x"), -1);
-        EXPECT_EQ(store->uninit(), 0);
-        EXPECT_EQ(store->init(), 0);
-    });
+    idleConnectionEnds([] {},
+                       [&] {
+                           // Both control connections (the pooled one and the store's main one)
+                           // are reset; the main one shows on the next path operation.
+                           EXPECT_EQ(lab.dropAll(), 2);
+                           EXPECT_EQ(store->createDir("/rec/x"), -1);
+                           EXPECT_EQ(store->uninit(), 0);
+                           EXPECT_EQ(store->init(), 0);
+                       });
 }
 
 // A real server's own idle limit: pyftpdlib says "421 Control connection
@@ -326,7 +332,8 @@ TEST_F(DataReset, AnUploadResetAfterNBytesFailsTheNextWriteAndTheServerKeepsExac
     double longest = 0;
     for (int i = 0; i < 20000; ++i) {
         double took = 0;
-        last = timed(&took, [&] { return store->write(handle, bytes.data() + (written % 500000), 8192); });
+        last = timed(&took,
+                     [&] { return store->write(handle, bytes.data() + (written % 500000), 8192); });
         longest = std::max(longest, took);
         if (last < 0) break;
         written += static_cast<size_t>(last);
@@ -398,7 +405,8 @@ TEST_F(DataReset, ADownloadResetAfterNBytesFailsGet) {
 // failed read as the end of the data, so the recorder gets success with the
 // names that arrived.
 TEST_F(DataReset, AListingResetAfterNBytesSucceedsWithTheNamesThatArrived) {
-    for (int i = 0; i < 200; ++i) ASSERT_TRUE(server.writeFile("/rec/f" + std::to_string(1000 + i) + ".ts", "x"));
+    for (int i = 0; i < 200; ++i)
+        ASSERT_TRUE(server.writeFile("/rec/f" + std::to_string(1000 + i) + ".ts", "x"));
     std::vector<std::string> all;
     ASSERT_EQ(store->getFileList("/rec", all, ""), 1);
     ASSERT_EQ(all.size(), 201u);  // the warm-up segment too
@@ -415,9 +423,9 @@ TEST_F(DataReset, AListingResetAfterNBytesSucceedsWithTheNamesThatArrived) {
         EXPECT_NE(std::find(all.begin(), all.end(), names[i]), all.end()) << names[i];
     if (!names.empty()) {
         const std::string& last = names.back();
-        EXPECT_TRUE(std::any_of(all.begin(), all.end(),
-                                [&](const std::string& name) { return name.rfind(last, 0) == 0; }))
-            << last;
+        EXPECT_TRUE(std::any_of(all.begin(), all.end(), [&](const std::string& name) {
+            return name.rfind(last, 0) == 0;
+        })) << last;
     }
     // The main connection stays in step: the next listing is whole.
     std::vector<std::string> again;

@@ -57,8 +57,8 @@ namespace {
 std::string bigListing(int count) {
     std::string text;
     for (int i = 0; i < count; ++i) {
-        text += "-rw-r--r--    1 rec      rec          1000 Nov 22 04:13 clip" +
-                std::to_string(i) + ".dat\r\n";
+        text += "-rw-r--r--    1 rec      rec          1000 Nov 22 04:13 clip" + std::to_string(i) +
+                ".dat\r\n";
     }
     return text;
 }

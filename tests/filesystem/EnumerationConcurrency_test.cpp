@@ -81,8 +81,9 @@ TEST(EnumerationConcurrency, ASecondScanWaitsForTheFirstWhileOtherOperationsGoOn
     ASSERT_TRUE(fixture.init());
     ftptest::ScriptedFtpServer& server = fixture.server();
     FTPFileSystemImpl& store = fixture.store();
-    serveListing(server, "/a", crlf({"-rw-r--r-- 1 rec rec 1 Jan 15 10:31 a1",
-                                     "-rw-r--r-- 1 rec rec 2 Jan 15 10:31 a2"}));
+    serveListing(
+        server, "/a",
+        crlf({"-rw-r--r-- 1 rec rec 1 Jan 15 10:31 a1", "-rw-r--r-- 1 rec rec 2 Jan 15 10:31 a2"}));
     serveListing(server, "/b", crlf({"-rw-r--r-- 1 rec rec 3 Jan 15 10:31 b1"}));
     serveListing(server, "/other", crlf({"-rw-r--r-- 1 rec rec 4 Jan 15 10:31 o1"}));
     VisitLog log;
@@ -124,8 +125,9 @@ TEST(EnumerationConcurrency, ThreadsMixingEveryListingOperationEachGetTheirOwnAn
     ASSERT_TRUE(fixture.init());
     ftptest::ScriptedFtpServer& server = fixture.server();
     FTPFileSystemImpl& store = fixture.store();
-    serveListing(server, "/t", crlf({"drwxr-xr-x 2 rec rec 10 Jan 15 10:30 d",
-                                     "-rw-r--r-- 1 rec rec 20 Jan 15 10:31 f"}));
+    serveListing(
+        server, "/t",
+        crlf({"drwxr-xr-x 2 rec rec 10 Jan 15 10:30 d", "-rw-r--r-- 1 rec rec 20 Jan 15 10:31 f"}));
     serveListing(server, "/t/d", crlf({"-rw-r--r-- 1 rec rec 30 Jan 15 10:31 g"}));
 
     const int kThreads = 4;

@@ -37,10 +37,11 @@ class Enumeration : public listingtest::ScriptedStoreTest {};
 // --- getFileList and getSubDirList -------------------------------------------
 
 TEST_F(Enumeration, GetFileListOnADirectoryHoldingOnlySubDirectoriesReturnsTrueAndAppendsNothing) {
-    serveListing(server(), "/rec", crlf({
-        "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:30 cam1",
-        "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:32 cam2",
-    }));
+    serveListing(server(), "/rec",
+                 crlf({
+                     "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:30 cam1",
+                     "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:32 cam2",
+                 }));
     Lines names;
 
     EXPECT_TRUE(store().getFileList("/rec", names, ""));
@@ -70,12 +71,13 @@ TEST_F(Enumeration, GetSubDirListAppendsTheDirectoriesInListingOrderWhateverTheF
 }
 
 TEST_F(Enumeration, ListingsOfADosServerGiveNeitherSelfNorParentAsSubDirectories) {
-    serveListing(server(), "/video", crlf({
-        "01-15-20  10:30AM       <DIR>          .",
-        "01-15-20  10:30AM       <DIR>          ..",
-        "01-15-20  10:30AM       <DIR>          cam1",
-        "01-15-20  10:31AM              1048576 ch01.mp4",
-    }));
+    serveListing(server(), "/video",
+                 crlf({
+                     "01-15-20  10:30AM       <DIR>          .",
+                     "01-15-20  10:30AM       <DIR>          ..",
+                     "01-15-20  10:30AM       <DIR>          cam1",
+                     "01-15-20  10:31AM              1048576 ch01.mp4",
+                 }));
     Lines dirs;
     Lines files;
 
@@ -130,8 +132,7 @@ TEST_F(Enumeration, IsEmptyDirIsFalseWhenTheListingHasAnyEntryAndTrueWhenItHasNo
          crlf({"01-15-20  10:30AM       <DIR>          .",
                "01-15-20  10:30AM       <DIR>          .."}),
          true},
-        {"Windows server, one file", crlf({"01-15-20  10:31AM                  512 a.mp4"}),
-         false},
+        {"Windows server, one file", crlf({"01-15-20  10:31AM                  512 a.mp4"}), false},
     };
     for (const Case& c : cases) {
         serveListing(server(), "/rec", c.body);
@@ -151,17 +152,20 @@ TEST_F(Enumeration, GetFileNumberIsAlwaysMinusOneAndSendsNothing) {
 // --- getTotalSize and scanRecordDir ----------------------------------------------
 
 TEST_F(Enumeration, GetTotalSizeOnATreeXYZAddsTheListedSizesOfEveryLevelDirectoriesIncluded) {
-    serveListing(server(), "x", crlf({
-        "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:30 y",
-        "-rw-r--r--    1 rec      rec           100 Jan 15 10:31 a.dat",
-    }));
-    serveListing(server(), "x/y", crlf({
-        "-rw-r--r--    1 rec      rec           200 Jan 15 10:31 b.dat",
-        "drwxr-xr-x    2 rec      rec          3072 Jan 15 10:30 z",
-    }));
-    serveListing(server(), "x/y/z", crlf({
-        "-rw-r--r--    1 rec      rec           300 Jan 15 10:31 c.dat",
-    }));
+    serveListing(server(), "x",
+                 crlf({
+                     "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:30 y",
+                     "-rw-r--r--    1 rec      rec           100 Jan 15 10:31 a.dat",
+                 }));
+    serveListing(server(), "x/y",
+                 crlf({
+                     "-rw-r--r--    1 rec      rec           200 Jan 15 10:31 b.dat",
+                     "drwxr-xr-x    2 rec      rec          3072 Jan 15 10:30 z",
+                 }));
+    serveListing(server(), "x/y/z",
+                 crlf({
+                     "-rw-r--r--    1 rec      rec           300 Jan 15 10:31 c.dat",
+                 }));
     long long size = 1000;  // not reset: the caller's start value stays
 
     EXPECT_TRUE(store().getTotalSize("x", size));
@@ -171,13 +175,15 @@ TEST_F(Enumeration, GetTotalSizeOnATreeXYZAddsTheListedSizesOfEveryLevelDirector
 }
 
 TEST_F(Enumeration, GetTotalSizeWalksDepthFirstInListingOrderWithRootBasedChildPaths) {
-    serveListing(server(), "/rec", crlf({
-        "drwxr-xr-x    2 rec      rec          10 Jan 15 10:30 a",
-        "drwxr-xr-x    2 rec      rec          20 Jan 15 10:30 b",
-    }));
-    serveListing(server(), "/rec/a", crlf({
-        "drwxr-xr-x    2 rec      rec          30 Jan 15 10:30 c",
-    }));
+    serveListing(server(), "/rec",
+                 crlf({
+                     "drwxr-xr-x    2 rec      rec          10 Jan 15 10:30 a",
+                     "drwxr-xr-x    2 rec      rec          20 Jan 15 10:30 b",
+                 }));
+    serveListing(server(), "/rec/a",
+                 crlf({
+                     "drwxr-xr-x    2 rec      rec          30 Jan 15 10:30 c",
+                 }));
     serveListing(server(), "/rec/a/c", "");
     serveListing(server(), "/rec/b", "");
     long long size = 0;
@@ -211,11 +217,12 @@ TEST_F(Enumeration, ASymbolicLinkIsNeitherListedAsAFileOrDirectoryNorFollowed) {
 }
 
 TEST_F(Enumeration, AChildThatCannotBeListedEndsTheWalkWithFalseAndKeepsWhatWasAdded) {
-    serveListing(server(), "/rec", crlf({
-        "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:30 d1",
-        "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:30 d2",
-        "-rw-r--r--    1 rec      rec           100 Jan 15 10:31 a.dat",
-    }));
+    serveListing(server(), "/rec",
+                 crlf({
+                     "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:30 d1",
+                     "drwxr-xr-x    2 rec      rec          4096 Jan 15 10:30 d2",
+                     "-rw-r--r--    1 rec      rec           100 Jan 15 10:31 a.dat",
+                 }));
     server().setReply("CWD /rec/d1", "550 Permission denied");
     long long size = 0;
 
@@ -226,17 +233,19 @@ TEST_F(Enumeration, AChildThatCannotBeListedEndsTheWalkWithFalseAndKeepsWhatWasA
 }
 
 TEST_F(Enumeration, GetTotalSizeOnADosServerNeverWalksIntoSelfOrParent) {
-    serveListing(server(), "/video", crlf({
-        "01-15-20  10:30AM       <DIR>          .",
-        "01-15-20  10:30AM       <DIR>          ..",
-        "01-15-20  10:30AM       <DIR>          cam1",
-        "01-15-20  10:31AM                  700 ch01.mp4",
-    }));
-    serveListing(server(), "/video/cam1", crlf({
-        "01-15-20  10:30AM       <DIR>          .",
-        "01-15-20  10:30AM       <DIR>          ..",
-        "01-15-20  10:31AM                   50 ch02.mp4",
-    }));
+    serveListing(server(), "/video",
+                 crlf({
+                     "01-15-20  10:30AM       <DIR>          .",
+                     "01-15-20  10:30AM       <DIR>          ..",
+                     "01-15-20  10:30AM       <DIR>          cam1",
+                     "01-15-20  10:31AM                  700 ch01.mp4",
+                 }));
+    serveListing(server(), "/video/cam1",
+                 crlf({
+                     "01-15-20  10:30AM       <DIR>          .",
+                     "01-15-20  10:30AM       <DIR>          ..",
+                     "01-15-20  10:31AM                   50 ch02.mp4",
+                 }));
     long long size = 0;
 
     EXPECT_TRUE(store().getTotalSize("/video", size));

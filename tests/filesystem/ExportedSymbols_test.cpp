@@ -72,7 +72,8 @@ TEST(ExportedSymbols, TheSharedLibraryExportsOnlyTheStoreTheRegistryAndTheErrorT
         }
         const std::string name = demangle(symbol);
         readable.insert(name);
-        EXPECT_TRUE(belongsToAnExportedClass(name)) << "exported: " << name << " (" << symbol << ")";
+        EXPECT_TRUE(belongsToAnExportedClass(name))
+            << "exported: " << name << " (" << symbol << ")";
     }
     // And the recorder finds what it needs.
     for (const char* needed :

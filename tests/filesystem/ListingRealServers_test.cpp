@@ -13,6 +13,7 @@
 
 #include "filesystem/ListingTestUtil.h"
 #include "support/RealFtpServer.h"
+#include "support/TestHelpers.h"
 
 using listingtest::describe;
 using listingtest::Entries;
@@ -20,12 +21,9 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-const long long kTwoGiBMinusOne = 2147483647LL;
+using ftptest::sorted;
 
-Lines sorted(Lines lines) {
-    std::sort(lines.begin(), lines.end());
-    return lines;
-}
+const long long kTwoGiBMinusOne = 2147483647LL;
 
 class ListingRealServers : public ::testing::TestWithParam<FtpServerKind> {
 protected:

@@ -6,8 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include "support/FdCount.h"
 #include "filesystem/ListingTestUtil.h"
+#include "support/FdCount.h"
 
 using listingtest::crlf;
 using listingtest::describe;
@@ -373,30 +373,38 @@ TEST_F(ListingRetrieval, ServedLinesOfEitherStyleBecomeTheEntriesTheParsersMake)
     const LineCase cases[] = {
         {"Unix directory line",
          crlf({"drwxr-xr-x 2 user group 4096 Jan 01 10:00 rec"}),
-         {"d 4096 rec"}, 4096},
+         {"d 4096 rec"},
+         4096},
         {"Unix self, parent and a dot-file after a directory",
          crlf({"drwxr-xr-x 2 user group 4096 Jan 01 10:00 rec",
                "drwxr-xr-x 2 user group 4096 Jan 01 10:00 .",
                "drwxr-xr-x 9 user group 4096 Jan 01 10:00 ..",
                "-rw-r--r-- 1 user group 64 Jan 01 10:00 .profile"}),
-         {"d 4096 rec"}, 4096},
+         {"d 4096 rec"},
+         4096},
         {"Unix name with a blank after a nine-word line",
          crlf({"drwxr-xr-x 2 user group 4096 Jan 01 10:00 rec",
                "-rw-r--r-- 1 u g 100 Jan 01 10:00 my file.dat"}),
-         {"d 4096 rec", "- 100 my"}, 4196},
+         {"d 4096 rec", "- 100 my"},
+         4196},
         {"Unix link after a nine-word line",
          crlf({"-rw-r--r-- 1 u g 100 Jan 01 10:00 a.dat",
                "lrwxrwxrwx 1 u g 5 Jan 01 10:00 latest -> a.dat"}),
-         {"- 100 a.dat", "l 5 latest"}, 105},
+         {"- 100 a.dat", "l 5 latest"},
+         105},
         {"DOS directory, columns padded with many blanks",
          crlf({"01-15-20  10:30AM       <DIR>          rec"}),
-         {"d 0 rec"}, 0},
+         {"d 0 rec"},
+         0},
         {"DOS file", crlf({"01-15-20  10:30AM             512 a.dat"}), {"- 512 a.dat"}, 512},
         {"DOS size with a thousands separator",
          crlf({"01-15-20  10:30AM           2,048 b.dat"}),
-         {"- 2 b.dat"}, 2},
-        {"DOS marker in lower case", crlf({"01-15-20  10:30AM       <dir>          c"}),
-         {"- 0 c"}, 0},
+         {"- 2 b.dat"},
+         2},
+        {"DOS marker in lower case",
+         crlf({"01-15-20  10:30AM       <dir>          c"}),
+         {"- 0 c"},
+         0},
     };
     for (const LineCase& c : cases) {
         server().setListing(c.body);
@@ -420,12 +428,14 @@ TEST(ListingStyleOfTheStore, TheFirstLineOfFourOrNineWordsDecidesAndTheAnswerIsA
         {"no lines at all", {}, 2},
         {"only an empty line", {""}, 2},
         {"Linux daemon with a total line",
-         {"total 8", "-rw-r--r--    1 rec      rec   100 Jan 15 10:31 a.dat"}, 0},
+         {"total 8", "-rw-r--r--    1 rec      rec   100 Jan 15 10:31 a.dat"},
+         0},
         {"Windows server", {"01-15-20  10:30AM       <DIR>          rec"}, 1},
         {"four words before nine", {"a b c d", "1 2 3 4 5 6 7 8 9"}, 1},
         {"nine words before four", {"1 2 3 4 5 6 7 8 9", "a b c d"}, 0},
         {"link line of eleven words, then nothing else",
-         {"lrwxrwxrwx 1 rec rec 7 Jan 15 10:31 link -> target"}, 2},
+         {"lrwxrwxrwx 1 rec rec 7 Jan 15 10:31 link -> target"},
+         2},
         {"three and five words only", {"a b c", "a b c d e"}, 2},
     };
     FTPFileSystemImpl store("127.0.0.1:1", "rec", "pw", 1024);  // never connects

@@ -91,17 +91,16 @@ protected:
 };
 
 // "<local time> [<where>] <message>", as the host logger writes a line.
-const std::regex kStallLine(
-    R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \[FTPFileSystemImpl::recvData\] )"
-    R"(Detect TimeOut\[61\], TototalDataLen\[0\], WritedLen\[0\])");
+const std::regex kStallLine(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \[FTPFileSystemImpl::recvData\] )"
+                            R"(Detect TimeOut\[61\], TototalDataLen\[0\], WritedLen\[0\])");
 
 TEST_F(ListingStall, AListingTricklingPastSixtySecondsFailsClosesItsDataConnectionAndLogsOneLine) {
     server().queueReply("LIST", trickle(longUnixListing()));
     std::vector<std::string> names{"kept"};
     const std::set<ino_t> before = listingtest::openSockets();
 
-    auto listing = std::async(std::launch::async,
-                              [&] { return store().getFileList("/rec", names, ""); });
+    auto listing =
+        std::async(std::launch::async, [&] { return store().getFileList("/rec", names, ""); });
     ASSERT_TRUE(listingtest::waitUntilConsumed(before, 40, kWaitLimit))
         << "the store never read the first piece";
     hostcontrol::advanceClock(61.0);
@@ -132,9 +131,8 @@ TEST_F(ListingStall, TheSixtySecondsBoundTheWholeListingNotTheGapsBetweenReads) 
     long long total = 0;
     const std::set<ino_t> before = listingtest::openSockets();
 
-    auto listing = std::async(std::launch::async, [&] {
-        return store().getFileDescriptorList("/rec", entries, total);
-    });
+    auto listing = std::async(
+        std::launch::async, [&] { return store().getFileDescriptorList("/rec", entries, total); });
     // Three gaps of 30, 30 and 1 seconds: none is long, together they pass
     // the limit. At exactly 60 seconds the listing is still running.
     ASSERT_TRUE(listingtest::waitUntilConsumed(before, 40, kWaitLimit));
@@ -169,9 +167,8 @@ TEST_F(ListingStall, AnEndOfDataSeenAfterTheLimitStillCountsAsAStall) {
     long long total = 3;
     const std::set<ino_t> before = listingtest::openSockets();
 
-    auto listing = std::async(std::launch::async, [&] {
-        return store().getFileDescriptorList("/rec", entries, total);
-    });
+    auto listing = std::async(
+        std::launch::async, [&] { return store().getFileDescriptorList("/rec", entries, total); });
     ASSERT_TRUE(listingtest::waitUntilConsumed(before, reply.body->size(), kWaitLimit));
     hostcontrol::advanceClock(61.0);
     ASSERT_EQ(listing.wait_for(kWaitLimit), std::future_status::ready);
@@ -200,8 +197,8 @@ TEST_F(ListingStall, TheLimitStartsOnceTheDataConnectionIsOpen) {
     server().queueReply("LIST", reply);
     std::vector<std::string> names;
 
-    auto listing = std::async(std::launch::async,
-                              [&] { return store().getFileList("/rec", names, ""); });
+    auto listing =
+        std::async(std::launch::async, [&] { return store().getFileList("/rec", names, ""); });
     for (size_t sent = 3; sent <= 5; ++sent) {
         ASSERT_TRUE(server().waitForCommands(2 + mark + sent, kWaitLimit));
         hostcontrol::advanceClock(25.0);
@@ -224,8 +221,8 @@ TEST_F(ListingStall, ASlowListingThatEndsWithinSixtySecondsSucceedsAndLogsNothin
     std::vector<std::string> names;
     const std::set<ino_t> before = listingtest::openSockets();
 
-    auto listing = std::async(std::launch::async,
-                              [&] { return store().getFileList("/rec", names, ""); });
+    auto listing =
+        std::async(std::launch::async, [&] { return store().getFileList("/rec", names, ""); });
     ASSERT_TRUE(listingtest::waitUntilConsumed(before, 40, kWaitLimit));
     hostcontrol::advanceClock(60.0);
     ASSERT_EQ(listing.wait_for(kWaitLimit), std::future_status::ready);

@@ -7,8 +7,8 @@
 #ifndef FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
 #define FTPDISK_TESTS_FILESYSTEM_LISTINGTESTUTIL_H
 
-#include <dirent.h>
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <stdlib.h>
@@ -31,11 +31,13 @@
 
 #include <gtest/gtest.h>
 
-#include "support/ScriptedFtpServer.h"
-#include "filesystem/FTPFileSystemImpl.h"
 #include "StoreTestUtil.h"
+#include "filesystem/FTPFileSystemImpl.h"
+#include "support/ScriptedFtpServer.h"
 
 namespace listingtest {
+
+using ftptest::listingReply;
 
 using Entries = std::vector<SafePointer<FTPConst::FTPFileDescriptor> >;
 
@@ -48,13 +50,6 @@ inline std::string crlf(std::initializer_list<std::string> lines) {
         text += "\r\n";
     }
     return text;
-}
-
-// A reply that opens the data connection and sends `body` as the listing.
-inline ftptest::Reply listingReply(const std::string& body) {
-    ftptest::Reply reply("150 Here comes the listing");
-    reply.body = body;
-    return reply;
 }
 
 // Serves `body` as the listing of exactly `path`, every time it is asked for.
@@ -83,8 +78,7 @@ inline std::vector<std::string> describe(const Entries& entries) {
 // what the server received after "USER rec" and "PASS pw".
 class ScriptedStore {
 public:
-    ScriptedStore()
-        : store_(new FTPFileSystemImpl(server_.address().c_str(), "rec", "pw", 1024)) {}
+    ScriptedStore() : store_(new FTPFileSystemImpl(server_.address().c_str(), "rec", "pw", 1024)) {}
 
     // Logs in; true when init gave 0 and the server saw exactly the login.
     bool init() {

@@ -6,19 +6,22 @@
 #include <chrono>
 #include <functional>
 #include <set>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "connections/FtpFileHandleManager.h"
-#include "filesystem/FTPFileSystemImpl.h"
-#include "ftpdisk_host/HostControl.h"
-#include "filesystem/FTPFileSystemManager.h"
-#include "support/ScriptedFtpServer.h"
 #include "RecordingMutex.h"
 #include "StoreTestUtil.h"
+#include "connections/FtpFileHandleManager.h"
+#include "filesystem/FTPFileSystemImpl.h"
+#include "filesystem/FTPFileSystemManager.h"
+#include "ftpdisk_host/HostControl.h"
+#include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::eventually;
 
 using lockrecord::Event;
 
@@ -348,17 +351,6 @@ TEST(LockOrder, RegistryBeforeStoreScanBeforeOperationBeforeSpaceOrSnapshotAndNe
 
 using ftptest::Millis;
 using ftptest::Reply;
-
-// Polls `condition` for at most `limit`; false when it never held.
-template <class F>
-bool eventually(F condition, Millis limit = Millis(10000)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(Millis(1));
-    }
-    return true;
-}
 
 // Whether the table's or the pool's lock was seen held by any thread at any
 // moment during `window`, sampled every millisecond.

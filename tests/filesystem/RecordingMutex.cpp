@@ -13,8 +13,8 @@ std::mutex& recordMutex() {
     return *m;
 }
 
-bool recording = false;          // guarded by recordMutex()
-std::vector<Event>* events() {   // guarded by recordMutex()
+bool recording = false;         // guarded by recordMutex()
+std::vector<Event>* events() {  // guarded by recordMutex()
     static std::vector<Event>* all = new std::vector<Event>;
     return all;
 }
@@ -58,7 +58,8 @@ struct KDMutex::Impl {
 KDMutex::KDMutex() : impl(new Impl) {}
 KDMutex::~KDMutex() { delete impl; }
 
-void KDMutex::Lock(char* file, int line) {
+// The host contract's signature, writable name and all.
+void KDMutex::Lock(char* file, int line) {  // NOLINT(readability-non-const-parameter)
     const std::string name = file != nullptr ? file : "";
     {
         std::lock_guard<std::mutex> guard(lockrecord::recordMutex());
@@ -73,7 +74,7 @@ void KDMutex::Lock(char* file, int line) {
     lockrecord::heldNow()->push_back(name);
 }
 
-void KDMutex::Unlock(char* file, int line) {
+void KDMutex::Unlock(char* file, int line) {  // NOLINT(readability-non-const-parameter)
     std::vector<lockrecord::Held>& held = lockrecord::heldByThisThread;
     for (size_t i = held.size(); i > 0; --i) {
         if (held[i - 1].mutex == this) {

@@ -20,7 +20,7 @@ struct Event {
     const void* mutex;
     std::string file;
     int line;
-    bool lock;                // false for Unlock
+    bool lock;                 // false for Unlock
     std::vector<Held> before;  // what this thread held just before a Lock
 };
 

@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
+#include "StoreTestUtil.h"
 #include "filesystem/FTPFileSystemManager.h"
 #include "support/ScriptedFtpServer.h"
-#include "StoreTestUtil.h"
 
 namespace {
 
@@ -78,9 +78,8 @@ TEST_F(Registry, AddingTheSameLocationTwiceKeepsOneStore) {
 }
 
 TEST_F(Registry, AnUnparsableLocationIsRefusedAndChangesNothing) {
-    const std::vector<std::string> bad = {
-        "", "rec@ftp://127.0.0.1/p", "(pw)@ftp://127.0.0.1/p", "rec(pw@ftp://127.0.0.1/p",
-        "rec(pw)@127.0.0.1/p"};
+    const std::vector<std::string> bad = {"", "rec@ftp://127.0.0.1/p", "(pw)@ftp://127.0.0.1/p",
+                                          "rec(pw@ftp://127.0.0.1/p", "rec(pw)@127.0.0.1/p"};
     for (const std::string& text : bad) {
         EXPECT_EQ(add(text), -1) << text;
         SafePointer<FTPFileSystem> out;
@@ -251,7 +250,7 @@ TEST(RegistryCovering, IsSameDiskDirComparesEverythingButTheRegisteredLastCompon
         {"rec(pw)@ftp:\\\\h\\rec\\a", "rec(pw)@ftp://h/rec/zzz", true},
         {"rec(pw)@ftp://h", "rec(pw)@ftp://h/anything", true},
         {"rec(pw)@ftp://h", "rec(pw)@ftp://other", true},  // "h" is the last component
-        {"single", "anything/at/all", true},                // one component: always
+        {"single", "anything/at/all", true},               // one component: always
         {"a/b", "c/b", false},
         {"", "", true},
     };

@@ -20,7 +20,8 @@ namespace {
 using ftptest::Millis;
 using ftptest::Reply;
 
-TEST(SnapshotSharing, ASnapshotCloseAndAPathOperationAwaitingRepliesTogetherLeaveTheConnectionIntact) {
+TEST(SnapshotSharing,
+     ASnapshotCloseAndAPathOperationAwaitingRepliesTogetherLeaveTheConnectionIntact) {
     ftptest::ScriptedFtpServer server;
     // The snapshot's closing reply and every directory reply come a little
     // late, so both threads are waiting on the connection when they arrive.

@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "StoreTestUtil.h"
 #include "filesystem/FTPFileSystemManager.h"
 #include "support/RealFtpServer.h"
-#include "StoreTestUtil.h"
 
 namespace {
 
@@ -58,16 +58,14 @@ TEST(StoreConcurrency, RegistryAndStoresUsedFromSeveralThreadsNeitherRaceNorDead
                 const bool removeWhileHeld = i % 2 == 0;
                 {
                     SafePointer<FTPFileSystem> store;
-                    check(registry->getFTPFileSystem(location, store) == 1, log,
-                          "get " + location);
+                    check(registry->getFTPFileSystem(location, store) == 1, log, "get " + location);
                     if (store.isNull()) continue;
                     check(store->init() == 0, log, "init " + location);
                     check(store->createDir(dir.c_str()) == 0, log, "createDir " + dir);
                     if (removeWhileHeld) {
                         // Removed while this thread still holds it: the store
                         // stays usable until released here.
-                        check(registry->deleteFileSystem(location) == 0, log,
-                              "delete " + location);
+                        check(registry->deleteFileSystem(location) == 0, log, "delete " + location);
                         check(store->isDirExist(dir.c_str()), log, "isDirExist " + dir);
                     } else {
                         check(store->uninit() == 0, log, "uninit " + location);

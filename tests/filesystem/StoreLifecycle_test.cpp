@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "StoreTestUtil.h"
 #include "filesystem/FTPFileSystem.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "support/FdCount.h"
 #include "support/ScriptedFtpServer.h"
-#include "StoreTestUtil.h"
 
 namespace {
 
@@ -276,17 +276,14 @@ TEST_P(StoreTextLimits, TextsThatFitAreUsedAndLongerOnesLeaveTheStoreRefused) {
 
 INSTANTIATE_TEST_SUITE_P(
     AtAndAroundEachLimit, StoreTextLimits,
-    ::testing::Values(TextCase{"server 30", 30, 3, 2, true}, TextCase{"server 31", 31, 3, 2, true},
-                      TextCase{"server 32", 32, 3, 2, false},
-                      TextCase{"server 47", 47, 3, 2, false},
-                      TextCase{"server 48", 48, 3, 2, false},
-                      TextCase{"server 200", 200, 3, 2, false},
-                      TextCase{"user 31", 15, 31, 2, true}, TextCase{"user 32", 15, 32, 2, false},
-                      TextCase{"user 100", 15, 100, 2, false},
-                      TextCase{"password 19", 15, 3, 19, true},
-                      TextCase{"password 20", 15, 3, 20, false},
-                      TextCase{"password 31", 15, 3, 31, false},
-                      TextCase{"empty user and password", 15, 0, 0, true}),
+    ::testing::Values(
+        TextCase{"server 30", 30, 3, 2, true}, TextCase{"server 31", 31, 3, 2, true},
+        TextCase{"server 32", 32, 3, 2, false}, TextCase{"server 47", 47, 3, 2, false},
+        TextCase{"server 48", 48, 3, 2, false}, TextCase{"server 200", 200, 3, 2, false},
+        TextCase{"user 31", 15, 31, 2, true}, TextCase{"user 32", 15, 32, 2, false},
+        TextCase{"user 100", 15, 100, 2, false}, TextCase{"password 19", 15, 3, 19, true},
+        TextCase{"password 20", 15, 3, 20, false}, TextCase{"password 31", 15, 3, 31, false},
+        TextCase{"empty user and password", 15, 0, 0, true}),
     [](const ::testing::TestParamInfo<TextCase>& info) {
         std::string name = info.param.label;
         for (char& ch : name) {
@@ -309,9 +306,8 @@ TEST(StoreTextRefusal, TheImplementationRefusesTextsThatDoNotFitOnItsOwn) {
     FTPFileSystemImpl impl(longServer.c_str(), "rec", "pw", 1024);
     EXPECT_TRUE(impl.isRefused());
     EXPECT_EQ(impl.init(), -1);
-    EXPECT_TRUE(FTPFileSystemImpl::textsFit(std::string(31, 's').c_str(),
-                                            std::string(31, 'u').c_str(),
-                                            std::string(19, 'p').c_str()));
+    EXPECT_TRUE(FTPFileSystemImpl::textsFit(
+        std::string(31, 's').c_str(), std::string(31, 'u').c_str(), std::string(19, 'p').c_str()));
     EXPECT_FALSE(FTPFileSystemImpl::textsFit("h", "u", std::string(20, 'p').c_str()));
 }
 

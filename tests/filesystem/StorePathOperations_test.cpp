@@ -12,11 +12,13 @@
 #include <string>
 #include <vector>
 
+#include "StoreTestUtil.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "support/ScriptedFtpServer.h"
-#include "StoreTestUtil.h"
 
 namespace {
+
+using ftptest::listingReply;
 
 using Commands = std::vector<std::string>;
 
@@ -37,12 +39,6 @@ Commands listingOf(const std::string& dir) {
 Commands operator+(Commands a, const Commands& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
-}
-
-ftptest::Reply listingReply(const std::string& body) {
-    ftptest::Reply reply("150 Here comes the directory listing");
-    reply.body = body;
-    return reply;
 }
 
 class StorePaths : public ::testing::Test {
@@ -94,8 +90,8 @@ TEST_F(StorePaths, CreateDirStopsAtTheFirstFailedMkdirAndKeepsWhatItMade) {
     server.queueReply("CWD /a/b/", "550 No such directory");
     server.queueReply("MKD /a/b/", "550 Permission denied");
     EXPECT_EQ(store->createDir("/a/b/c"), -1);
-    EXPECT_EQ(newCommands(), (Commands{"CWD /", "CWD /a/", "MKD /a/", "CWD /", "CWD /a/b/",
-                                       "MKD /a/b/"}));
+    EXPECT_EQ(newCommands(),
+              (Commands{"CWD /", "CWD /a/", "MKD /a/", "CWD /", "CWD /a/b/", "MKD /a/b/"}));
 }
 
 TEST_F(StorePaths, CreateDirTakesARelativePathFromTheRoot) {
@@ -105,8 +101,8 @@ TEST_F(StorePaths, CreateDirTakesARelativePathFromTheRoot) {
 
 TEST_F(StorePaths, CreateDirKeepsADoubledSeparatorInEveryPrefix) {
     EXPECT_EQ(store->createDir("x//y"), 0);
-    EXPECT_EQ(newCommands(), (Commands{"CWD /", "CWD x/", "CWD /", "CWD x//", "CWD /",
-                                       "CWD x//y"}));
+    EXPECT_EQ(newCommands(),
+              (Commands{"CWD /", "CWD x/", "CWD /", "CWD x//", "CWD /", "CWD x//y"}));
 }
 
 // A path of 100,000 separators has 99,999 prefixes; only those that fit a
@@ -224,7 +220,8 @@ TEST_F(StorePaths, GetFileLengthOfANameThatIsOnlyADirectoryIsMinusOne) {
 }
 
 TEST_F(StorePaths, GetFileLengthSkipsADirectoryOfTheSameNameAndFindsTheFile) {
-    server.setReply("LIST /rec", listingReply(unixLine('d', "4096", "x") + unixLine('-', "9", "x")));
+    server.setReply("LIST /rec",
+                    listingReply(unixLine('d', "4096", "x") + unixLine('-', "9", "x")));
     EXPECT_EQ(store->getFileLength("/rec/x"), 9);
 }
 
@@ -325,19 +322,18 @@ TEST_F(StorePaths, RenameFileWithANullArgumentOrUninitialisedFailsWithoutTraffic
 
 TEST_F(StorePaths, RemoveDirDeletesFilesAndDirectoriesDepthFirst) {
     store->updateSpaceInfo(1000, true);
-    server.setReply("LIST /t", listingReply(unixLine('-', "10", "a.dat") +
-                                            unixLine('d', "4096", "sub") +
-                                            unixLine('-', "20", "b.dat")));
+    server.setReply("LIST /t",
+                    listingReply(unixLine('-', "10", "a.dat") + unixLine('d', "4096", "sub") +
+                                 unixLine('-', "20", "b.dat")));
     server.setReply("LIST /t/sub", listingReply(unixLine('-', "300", "c.dat")));
     EXPECT_EQ(store->removeDir("/t"), 0);
     const Commands expected =
-        listingOf("/t") +                                           // what /t holds
+        listingOf("/t") +                                              // what /t holds
         listingOf("/t") + Commands{"CWD /", "CWD /t", "DELE a.dat"} +  // a.dat
-        listingOf("/t/sub") +                                       // what sub holds
+        listingOf("/t/sub") +                                          // what sub holds
         listingOf("/t/sub") + Commands{"CWD /", "CWD /t/sub", "DELE c.dat"} +
-        Commands{"CWD /", "RMD /t/sub"} +                           // sub itself
-        listingOf("/t") + Commands{"CWD /", "CWD /t", "DELE b.dat"} +
-        Commands{"CWD /", "RMD /t"};
+        Commands{"CWD /", "RMD /t/sub"} +  // sub itself
+        listingOf("/t") + Commands{"CWD /", "CWD /t", "DELE b.dat"} + Commands{"CWD /", "RMD /t"};
     EXPECT_EQ(newCommands(), expected);
     EXPECT_EQ(store->getUsedBytes(), 1000 - 10 - 300 - 20);
 }
@@ -363,22 +359,22 @@ TEST_F(StorePaths, RemoveDirStopsAtAFileWhoseWrappedSizeIsMinusOne) {
 }
 
 TEST_F(StorePaths, RemoveDirStopsAtTheFirstFailureAndKeepsWhatItRemoved) {
-    server.setReply("LIST /t", listingReply(unixLine('-', "10", "a.dat") +
-                                            unixLine('-', "20", "b.dat")));
+    server.setReply("LIST /t",
+                    listingReply(unixLine('-', "10", "a.dat") + unixLine('-', "20", "b.dat")));
     server.queueReply("DELE b.dat", "550 Permission denied");
     EXPECT_EQ(store->removeDir("/t"), -1);
-    EXPECT_EQ(newCommands(), (listingOf("/t") + listingOf("/t") +
-                                 Commands{"CWD /", "CWD /t", "DELE a.dat"} + listingOf("/t") +
-                                 Commands{"CWD /", "CWD /t", "DELE b.dat"}));
+    EXPECT_EQ(newCommands(),
+              (listingOf("/t") + listingOf("/t") + Commands{"CWD /", "CWD /t", "DELE a.dat"} +
+               listingOf("/t") + Commands{"CWD /", "CWD /t", "DELE b.dat"}));
     EXPECT_EQ(store->getUsedBytes(), -10);
 }
 
 TEST_F(StorePaths, RemoveDirOfAPathEndingInSlashBuildsDoubledChildPaths) {
     server.setReply("LIST /t/", listingReply(unixLine('-', "10", "a.dat")));
     EXPECT_EQ(store->removeDir("/t/"), 0);
-    EXPECT_EQ(newCommands(), (listingOf("/t/") + listingOf("/t/") +
-                                 Commands{"CWD /", "CWD /t/", "DELE a.dat"} +
-                                 Commands{"CWD /", "RMD /t/"}));
+    EXPECT_EQ(newCommands(),
+              (listingOf("/t/") + listingOf("/t/") + Commands{"CWD /", "CWD /t/", "DELE a.dat"} +
+               Commands{"CWD /", "RMD /t/"}));
 }
 
 TEST_F(StorePaths, RemoveDirFailsWhenTheServerRefusesRmd) {
@@ -442,8 +438,8 @@ TEST_F(StorePaths, HandleOperationsUseTheirOwnConnectionAndIgnoreTheInitialisedF
     EXPECT_EQ(server.file("/rec/seg.ts"), std::optional<std::string>("12345"));
     // The main connection was quit; the file went over a second one.
     EXPECT_EQ(server.connectionCount(), 2);
-    EXPECT_EQ(server.commandsOn(2), (Commands{"USER rec", "PASS pw", "TYPE I", "PASV",
-                                              "STOR /rec/seg.ts"}));
+    EXPECT_EQ(server.commandsOn(2),
+              (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /rec/seg.ts"}));
 }
 
 TEST_F(StorePaths, AioWriteDoesNotRaiseTheAccountAndAioReturnReportsWritable) {

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "StoreTestUtil.h"
 #include "filesystem/FTPFileSystem.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "support/RealFtpServer.h"
-#include "StoreTestUtil.h"
 
 namespace {
 
@@ -27,8 +27,8 @@ template <class Store>
 size_t writeAll(Store& store, int handle, const std::string& bytes) {
     size_t done = 0;
     for (int round = 0; done < bytes.size() && round < 100000; ++round) {
-        const int n = store.write(handle, bytes.data() + done,
-                                  static_cast<unsigned>(bytes.size() - done));
+        const int n =
+            store.write(handle, bytes.data() + done, static_cast<unsigned>(bytes.size() - done));
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }
@@ -96,8 +96,8 @@ TEST_F(StoreOnRealServer, AnAsynchronousWriteStreamOf16MiBArrivesByteExact) {
     // Wait for room, then hand over as much as the socket takes. Bounded in
     // rounds and in time: a round either moves bytes or waits up to a second.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-    for (int round = 0; sent < bytes.size() && round < 200000 &&
-                        std::chrono::steady_clock::now() < deadline;
+    for (int round = 0;
+         sent < bytes.size() && round < 200000 && std::chrono::steady_clock::now() < deadline;
          ++round) {
         const int ready = store->aioReturn(handle, 1000);
         if (ready == -1) continue;  // not writable yet
@@ -145,8 +145,8 @@ TEST_F(StoreOnRealServer, RemoveDirOfAThreeLevelTreeLeavesNothingAndLowersTheAcc
         std::string path;
         size_t size;
     };
-    const std::vector<File> files = {{"/rec/a.ts", 1000},          {"/rec/d1/b.ts", 20000},
-                                     {"/rec/d1/c.ts", 0},          {"/rec/d1/cam1/d.ts", 8193},
+    const std::vector<File> files = {{"/rec/a.ts", 1000},           {"/rec/d1/b.ts", 20000},
+                                     {"/rec/d1/c.ts", 0},           {"/rec/d1/cam1/d.ts", 8193},
                                      {"/rec/d1/cam1/e.ts", 123457}, {"/rec/d2/f.ts", 5}};
     ASSERT_EQ(store->createDir("/rec/d1/cam1"), 0);
     ASSERT_EQ(store->createDir("/rec/d2/empty"), 0);

@@ -3,9 +3,9 @@
 // a transfer fails.
 #include <dirent.h>
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
+#include "StoreTestUtil.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "support/ScriptedFtpServer.h"
-#include "StoreTestUtil.h"
 
 namespace {
 
@@ -52,7 +52,8 @@ TEST_F(StoreTransfers, GetCopiesTheWholeRemoteFileOverAHandleConnection) {
     std::string copied;
     ASSERT_TRUE(readLocalFile(target, &copied));
     EXPECT_TRUE(copied == bytes) << "got " << copied.size() << " bytes";
-    EXPECT_EQ(server.commands(), (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "RETR /rec/a.ts"}));
+    EXPECT_EQ(server.commands(),
+              (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "RETR /rec/a.ts"}));
 }
 
 TEST_F(StoreTransfers, GetOfAnEmptyRemoteFileCreatesAnEmptyLocalFile) {
@@ -79,8 +80,8 @@ TEST_F(StoreTransfers, GetOfAMissingRemoteFileFailsAndLeavesTheEmptyLocalFile) {
     EXPECT_EQ(store->Get(target.c_str(), "/rec/missing.ts"), -1);
     EXPECT_TRUE(storetest::localFileExists(target));
     // The connection of the failed open is dropped, not pooled.
-    EXPECT_EQ(server.commands(), (Commands{"USER rec", "PASS pw", "TYPE I", "PASV",
-                                           "RETR /rec/missing.ts", "QUIT"}));
+    EXPECT_EQ(server.commands(),
+              (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "RETR /rec/missing.ts", "QUIT"}));
 }
 
 TEST_F(StoreTransfers, GetReportsFailureWhenTheServerAbortsAndKeepsTheBytesReceived) {
@@ -135,7 +136,8 @@ TEST_F(StoreTransfers, PutCopiesTheWholeLocalFileAndRaisesTheAccount) {
     EXPECT_EQ(store->Put(source.c_str(), "/rec/up.ts"), 0);
     EXPECT_TRUE(server.file("/rec/up.ts") == std::optional<std::string>(bytes));
     EXPECT_EQ(store->getUsedBytes(), static_cast<long long>(bytes.size()));
-    EXPECT_EQ(server.commands(), (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /rec/up.ts"}));
+    EXPECT_EQ(server.commands(),
+              (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /rec/up.ts"}));
 }
 
 TEST_F(StoreTransfers, PutOfAMissingLocalFilePrintsTheMessageWithTheLocalName) {
@@ -159,7 +161,8 @@ TEST_F(StoreTransfers, PutReportsFailureWhenTheServerDropsTheDataConnectionAndKe
     EXPECT_EQ(store->Put(source.c_str(), "/rec/big.ts"), -1);
     const std::optional<std::string> stored = server.file("/rec/big.ts");
     ASSERT_TRUE(stored.has_value());
-    EXPECT_TRUE(*stored == bytes.substr(0, 100000)) << "server holds " << stored->size() << " bytes";
+    EXPECT_TRUE(*stored == bytes.substr(0, 100000))
+        << "server holds " << stored->size() << " bytes";
 }
 
 TEST_F(StoreTransfers, PutRefusedByTheServerFails) {
@@ -183,7 +186,9 @@ TEST_F(StoreTransfers, LocalNamesOutsideAsciiAreUsedByExactlyTheirUtf8Bytes) {
     // Two-, three- and four-byte characters (the last one outside the basic
     // plane): the wide conversion must round-trip each to the same bytes.
     const std::string sourceName = "cam-\xF0\x9F\x93\xB7-\xD0\xB2\xD0\xB8\xD0\xB4-\xE3\x82\xAB.ts";
-    const std::string targetName = "zur\xC3\xBC" "ck-\xF0\x9F\x8E\xA5.ts";
+    const std::string targetName =
+        "zur\xC3\xBC"
+        "ck-\xF0\x9F\x8E\xA5.ts";
     const std::string bytes = patternBytes(10000, 21);
     ASSERT_TRUE(writeLocalFile(local.file(sourceName), bytes));
     EXPECT_EQ(store->Put(local.file(sourceName).c_str(), "/rec/u.ts"), 0);
@@ -256,7 +261,8 @@ TEST_F(StoreTransfers, SnapshotCloseWithoutASuccessfulOpenFails) {
     server.queueReply("STOR", "553 Not allowed");
     EXPECT_EQ(store->snapshot_open("/ro/3.jpg", 0), -1);
     EXPECT_EQ(store->snapshot_close(), -1);
-    EXPECT_EQ(server.commands(), (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /ro/3.jpg"}));
+    EXPECT_EQ(server.commands(),
+              (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /ro/3.jpg"}));
 }
 
 TEST_F(StoreTransfers, SnapshotOpenOnANeverConnectedStoreFailsWithoutTraffic) {
@@ -302,8 +308,8 @@ TEST_F(StoreTransfers, InitAgainWithAnOpenSnapshotEndsItKeepingItsBytesAndLogsIn
     ASSERT_EQ(store->snapshot_write("before", 6), 6);
     EXPECT_EQ(store->init(), 0);
     EXPECT_EQ(server.file("/snap/10.jpg"), std::optional<std::string>("before"));
-    EXPECT_EQ(server.commandsOn(1), (Commands{"USER rec", "PASS pw", "TYPE I", "PASV",
-                                              "STOR /snap/10.jpg"}));
+    EXPECT_EQ(server.commandsOn(1),
+              (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /snap/10.jpg"}));
     EXPECT_EQ(server.commandsOn(2), (Commands{"USER rec", "PASS pw"}));
     EXPECT_EQ(store->snapshot_close(), -1);
     // The new connection takes a new snapshot.
@@ -327,7 +333,8 @@ TEST_F(StoreTransfers, UninitWhileAnotherThreadWritesASnapshotKeepsEveryAccepted
         size_t done = 0;
         for (int round = 0; done < bytes.size() && round < 100000; ++round) {
             const size_t chunk = std::min<size_t>(4096, bytes.size() - done);
-            const int n = store->snapshot_write(bytes.data() + done, static_cast<unsigned int>(chunk));
+            const int n =
+                store->snapshot_write(bytes.data() + done, static_cast<unsigned int>(chunk));
             last = n;
             if (n < 0) break;
             done += static_cast<size_t>(n);

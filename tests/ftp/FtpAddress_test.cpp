@@ -111,8 +111,8 @@ TEST(FtpAioWaitTime, TheRemainderIsUsedAsMicrosecondsUnscaled) {
         int seconds;
         int microseconds;
     };
-    const Case cases[] = {{1500, 1, 500}, {0, 0, 0}, {999, 0, 999}, {1000, 1, 0},
-                          {30000, 30, 0}, {2001, 2, 1}};
+    const Case cases[] = {{1500, 1, 500}, {0, 0, 0},      {999, 0, 999},
+                          {1000, 1, 0},   {30000, 30, 0}, {2001, 2, 1}};
     for (const Case& c : cases) {
         NetBufWaitTime t = ftpAioWaitTime(c.milliseconds);
         EXPECT_EQ(t.seconds, c.seconds) << c.milliseconds;

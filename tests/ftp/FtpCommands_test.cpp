@@ -48,7 +48,8 @@ TEST_F(FtpCommands, CdupMkdirRmdirAndSiteSendOneLineEach) {
     EXPECT_STREQ(tool.getResponse(), "257 \"/rec/new\" created\n");
     EXPECT_EQ(tool.rmdir("/rec/old"), 1);
     EXPECT_EQ(tool.site("CHMOD 644 /rec/a"), 1);
-    EXPECT_EQ(afterLogin(), (Lines{"CDUP", "MKD /rec/new", "RMD /rec/old", "SITE CHMOD 644 /rec/a"}));
+    EXPECT_EQ(afterLogin(),
+              (Lines{"CDUP", "MKD /rec/new", "RMD /rec/old", "SITE CHMOD 644 /rec/a"}));
 }
 
 TEST_F(FtpCommands, CommandsFailOnAnyReplyButTheExpectedClass) {
@@ -266,7 +267,8 @@ TEST_F(FtpCommands, AnOverlongPathIsRefusedAfterTheChangesOfDirectory) {
     // 250 characters pass.
     const std::string fits = "/d/" + std::string(247, 'n');
     EXPECT_EQ(tool.deleteFile(fits.c_str()), 1);
-    EXPECT_EQ(afterLogin(), (Lines{"CWD /", "CWD /d", "CWD /", "CWD /d", "DELE " + std::string(247, 'n')}));
+    EXPECT_EQ(afterLogin(),
+              (Lines{"CWD /", "CWD /d", "CWD /", "CWD /d", "DELE " + std::string(247, 'n')}));
 }
 
 }  // namespace

@@ -51,8 +51,7 @@ TEST_F(FtpControl, ConnectSetsTenSecondSendAndReceiveLimits) {
     for (int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
         timeval limit{};
         socklen_t length = sizeof limit;
-        ASSERT_EQ(getsockopt(tool.getControlBuf()->handle, SOL_SOCKET, option, &limit, &length),
-                  0);
+        ASSERT_EQ(getsockopt(tool.getControlBuf()->handle, SOL_SOCKET, option, &limit, &length), 0);
         EXPECT_EQ(limit.tv_sec, 10) << option;
         EXPECT_EQ(limit.tv_usec, 0) << option;
     }
@@ -183,9 +182,10 @@ TEST_F(FtpControl, OnlyTheFirstDigitOfTheReplyIsJudged) {
         int result;
     };
     const Case cases[] = {
-        {"200 OK", '2', 1},       {"299 odd but positive", '2', 1}, {"2xx", '2', 1},
-        {"250 OK", '3', 0},       {"331 more", '3', 1},             {"550 no", '2', 0},
-        {"150 going", '1', 1},    {"x00 garbage", '2', 0},
+        {"200 OK", '2', 1},    {"299 odd but positive", '2', 1},
+        {"2xx", '2', 1},       {"250 OK", '3', 0},
+        {"331 more", '3', 1},  {"550 no", '2', 0},
+        {"150 going", '1', 1}, {"x00 garbage", '2', 0},
     };
     for (const Case& c : cases) {
         server.queueReply("NOOP", c.reply);

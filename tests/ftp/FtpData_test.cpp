@@ -16,8 +16,11 @@
 
 #include "FtpTestFixture.h"
 #include "host/GlobalEnv.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::randomBytes;
 
 class FtpData : public FtpToolTest {
 protected:
@@ -33,13 +36,6 @@ protected:
         return d;
     }
 };
-
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
 
 // Reads until the server ends the data (0) or a read fails; at most
 // `maxReads` reads so that a broken client cannot loop for ever.
@@ -274,8 +270,10 @@ TEST_F(FtpData, CloseDataGivesOneFor226AndZeroFor426) {
         const char* finalReply;
         int result;
     };
-    const Case cases[] = {{"226 Transfer complete", 1}, {"426 Connection closed; aborted", 0},
-                          {"250 Fine too", 1}, {"451 Local error", 0}};
+    const Case cases[] = {{"226 Transfer complete", 1},
+                          {"426 Connection closed; aborted", 0},
+                          {"250 Fine too", 1},
+                          {"451 Local error", 0}};
     for (const Case& c : cases) {
         Reply r;
         r.finalText = c.finalReply;
@@ -430,9 +428,9 @@ TEST_F(FtpData, AioWriteSendsAndAioReturnReportsTheSocketWritable) {
     size_t at = 0;
     for (int i = 0; i < 1000 && at < content.size(); ++i) {
         ASSERT_EQ(tool.aioReturn(3000, d), 0);
-        int n = tool.aioWrite(content.data() + at,
-                              static_cast<unsigned>(std::min<size_t>(32768, content.size() - at)),
-                              d);
+        int n =
+            tool.aioWrite(content.data() + at,
+                          static_cast<unsigned>(std::min<size_t>(32768, content.size() - at)), d);
         ASSERT_GT(n, 0);
         at += static_cast<size_t>(n);
     }
@@ -566,9 +564,10 @@ TEST_F(FtpData, AnAsciiDataRecordStartsWithAnEmptyLineBuffer) {
 
 TEST_F(FtpData, AsciiReadsReturnOneLineEachWithCrLfTurnedIntoLf) {
     const std::string a(300, 'a');
-    server.setListing("-rw-r--r-- 1 rec rec 5 Jan 1 00:00 one\r\n"
-                      "bare lf\n" +
-                      a + "\r\nlast without end");
+    server.setListing(
+        "-rw-r--r-- 1 rec rec 5 Jan 1 00:00 one\r\n"
+        "bare lf\n" +
+        a + "\r\nlast without end");
     connectAndLogin();
     NetBuf* d = nullptr;
     ASSERT_EQ(tool.dataConnect("/dir", kFtpNlst, 'A', &d), 1);
@@ -790,8 +789,6 @@ TEST_F(FtpData, CloseDataAfterTheControlConnectionIsGoneReturnsZero) {
     tool.Empty();
     EXPECT_EQ(tool.closeData(d), 0);
 }
-
-
 
 // The recorder may start other programs; none of them must inherit the
 // module's sockets, in passive or port mode.

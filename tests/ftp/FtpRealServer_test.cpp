@@ -8,15 +8,11 @@
 
 #include "ftp/FTPTool.h"
 #include "support/RealFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
 
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
+using ftptest::randomBytes;
 
 bool store(FTPTool& tool, const char* path, const std::string& bytes) {
     NetBuf* d = nullptr;

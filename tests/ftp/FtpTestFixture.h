@@ -11,9 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include "ftp/FTPTool.h"
 #include "support/FdCount.h"
 #include "support/ScriptedFtpServer.h"
-#include "ftp/FTPTool.h"
 
 using ftptest::Millis;
 using ftptest::Reply;

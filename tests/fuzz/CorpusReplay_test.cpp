@@ -30,7 +30,8 @@ TEST(FTPDISK_FUZZ_SUITE, EveryInputKeepsTheTargetsProperties) {
     ASSERT_FALSE(inputs.empty()) << FTPDISK_FUZZ_CORPUS;
     for (const auto& input : inputs) {
         std::ifstream file(input, std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        const std::string bytes((std::istreambuf_iterator<char>(file)),
+                                std::istreambuf_iterator<char>());
         ASSERT_TRUE(file.good() || file.eof()) << input;
         SCOPED_TRACE(input.string());
         EXPECT_EQ(0, LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()),

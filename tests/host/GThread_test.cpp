@@ -1,8 +1,8 @@
 // The host thread: its body runs again and again until stopped, the OS thread
 // carries the (15-character) name, onStart/onStop bracket the body calls, and
 // stop interrupts a KadmorTime::wait in progress. Also the host mutex.
-#include <gtest/gtest.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,8 +19,11 @@
 #include "host/GThread.h"
 #include "host/KadmorTime.h"
 #include "host/technic/KDMutex.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::eventually;
 
 // Names of every thread of this process, as the kernel shows them.
 std::vector<std::string> threadNames() {
@@ -42,18 +45,6 @@ bool hasThreadNamed(const std::string& name) {
         if (n == name) return true;
     }
     return false;
-}
-
-// Polls `condition` without sleeping for a limit; gives up after 30 s so that a
-// broken build fails instead of hanging.
-template <class F>
-bool eventually(F condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
 }
 
 // The three callables of a GThread, counting their calls.

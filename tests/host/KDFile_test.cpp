@@ -5,11 +5,14 @@
 #include <filesystem>
 #include <string>
 
-#include "TempDir.h"
 #include "host/KDFile.h"
 #include "host/string_util.h"
+#include "support/TempDir.h"
 
 namespace {
+
+using ftptest::readWholeFile;
+using ftptest::TempDir;
 
 std::wstring wide(const std::string& utf8) { return string_util::utf82wchar(utf8.c_str()); }
 
@@ -72,7 +75,8 @@ TEST(KDFile, NonAsciiNamesAreWrittenAsUtf8OnDisk) {
     TempDir dir;
     // "Aufnahme größe 录像 🎥.dat" in UTF-8 bytes.
     const std::string name =
-        "Aufnahme_gr\xC3\xB6\xC3\x9F" "e_\xE5\xBD\x95\xE5\x83\x8F_\xF0\x9F\x8E\xA5.dat";
+        "Aufnahme_gr\xC3\xB6\xC3\x9F"
+        "e_\xE5\xBD\x95\xE5\x83\x8F_\xF0\x9F\x8E\xA5.dat";
     const std::string path = dir.path() + "/" + name;
     const std::wstring widePath = wide(path);
     EXPECT_EQ(std::wstring(L"Aufnahme_gr\u00f6\u00dfe_\u5f55\u50cf_\U0001F3A5.dat"),
@@ -96,7 +100,10 @@ struct Utf8Case {
 TEST(StringUtil, Utf8ToWideTable) {
     const Utf8Case cases[] = {
         {"ascii", "abc/01.dat", L"abc/01.dat"},
-        {"two-byte", "gr\xC3\xB6\xC3\x9F" "e", L"gr\u00f6\u00dfe"},
+        {"two-byte",
+         "gr\xC3\xB6\xC3\x9F"
+         "e",
+         L"gr\u00f6\u00dfe"},
         {"three-byte", "\xE5\xBD\x95\xE5\x83\x8F", L"\u5f55\u50cf"},
         {"four-byte", "\xF0\x9F\x8E\xA5", L"\U0001F3A5"},
         {"empty", "", L""},
@@ -106,7 +113,10 @@ TEST(StringUtil, Utf8ToWideTable) {
         {"overlong slash", "\xC0\xAF", L"\uFFFD"},
         {"encoded surrogate", "\xED\xA0\x80", L"\uFFFD"},
         {"past U+10FFFF", "\xF4\x90\x80\x80", L"\uFFFD"},
-        {"invalid lead 0xFF", "\xFF" "a", L"\uFFFDa"},
+        {"invalid lead 0xFF",
+         "\xFF"
+         "a",
+         L"\uFFFDa"},
     };
     for (const Utf8Case& c : cases) {
         EXPECT_EQ(c.wide, string_util::utf82wchar(c.utf8)) << c.label;
@@ -131,10 +141,10 @@ TEST(StringUtil, WideToUtf8Table) {
 
 TEST(StringUtil, ValidTextSurvivesTheRoundTrip) {
     const char* texts[] = {"/rec/2024-03-01/ch01_120000.dat",
-                           "\xE5\xBD\x95\xE5\x83\x8F/gr\xC3\xB6\xC3\x9F" "e/\xF0\x9F\x8E\xA5"};
+                           "\xE5\xBD\x95\xE5\x83\x8F/gr\xC3\xB6\xC3\x9F"
+                           "e/\xF0\x9F\x8E\xA5"};
     for (const char* text : texts) {
-        EXPECT_EQ(std::string(text),
-                  string_util::wchar2utf8(string_util::utf82wchar(text).c_str()))
+        EXPECT_EQ(std::string(text), string_util::wchar2utf8(string_util::utf82wchar(text).c_str()))
             << text;
     }
 }

@@ -9,11 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "TempDir.h"
 #include "ftpdisk_host/HostControl.h"
 #include "host/KDLogger.h"
+#include "support/TempDir.h"
 
 namespace {
+
+using ftptest::readWholeFile;
+using ftptest::TempDir;
 
 class KDLoggerTest : public testing::Test {
 protected:

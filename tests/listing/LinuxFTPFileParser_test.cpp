@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "ParserTestUtil.h"
 #include "foundation/SafePointer.h"
 #include "listing/FTPFileDescriptor.h"
 #include "listing/LinuxFTPFileParser.h"
-#include "ParserTestUtil.h"
 
 namespace {
 
@@ -38,21 +38,24 @@ void expectRows(const std::vector<Row>& rows) {
 TEST(LinuxListing, ReadsTypeSizeAndNameOfServerLines) {
     expectRows({
         {"example line", "drwxr-xr-x 2 user group 4096 Jan 01 10:00 rec", true, 'd', 4096, "rec"},
-        {"Linux daemon LIST", "-rw-r--r--    1 1000     1000      1048576 Jan 15 10:30 ch01_20200115.mp4",
-         true, '-', 1048576, "ch01_20200115.mp4"},
+        {"Linux daemon LIST",
+         "-rw-r--r--    1 1000     1000      1048576 Jan 15 10:30 ch01_20200115.mp4", true, '-',
+         1048576, "ch01_20200115.mp4"},
         {"Linux daemon LIST", "drwxr-xr-x    5 1000     1000         4096 Mar 02  2019 archive",
          true, 'd', 4096, "archive"},
-        {"Linux daemon LIST, empty file", "-rw-------    1 0        0               0 Dec 31 23:59 empty.log",
-         true, '-', 0, "empty.log"},
-        {"NAS", "drwxrwxrwx   1 admin    administrators        0 Jan 15 10:30 recordings",
-         true, 'd', 0, "recordings"},
-        {"NAS", "-rwxrwxrwx   1 admin    administrators 536870912 Jan 15 10:30 cam1-0001.dav",
-         true, '-', 536870912, "cam1-0001.dav"},
+        {"Linux daemon LIST, empty file",
+         "-rw-------    1 0        0               0 Dec 31 23:59 empty.log", true, '-', 0,
+         "empty.log"},
+        {"NAS", "drwxrwxrwx   1 admin    administrators        0 Jan 15 10:30 recordings", true,
+         'd', 0, "recordings"},
+        {"NAS", "-rwxrwxrwx   1 admin    administrators 536870912 Jan 15 10:30 cam1-0001.dav", true,
+         '-', 536870912, "cam1-0001.dav"},
         {"NAS with owner names", "-rw-r--r--   1 nvr  users   734003200 Feb 29  2020 leap.mp4",
          true, '-', 734003200, "leap.mp4"},
-        {"server with ACL mark", "-rw-r--r--+  1 nvr  users   42 Feb 29 11:11 acl.txt",
-         true, '-', 42, "acl.txt"},
-        {"character device", "crw-rw-rw-   1 root root 1, 3 Jan 01 10:00 null", true, 'c', 1, "10:00"},
+        {"server with ACL mark", "-rw-r--r--+  1 nvr  users   42 Feb 29 11:11 acl.txt", true, '-',
+         42, "acl.txt"},
+        {"character device", "crw-rw-rw-   1 root root 1, 3 Jan 01 10:00 null", true, 'c', 1,
+         "10:00"},
     });
 }
 
@@ -69,8 +72,8 @@ TEST(LinuxListing, DropsDotNamesWithoutTouchingTheTotal) {
     expectRows({
         {"Linux daemon LIST -a", "drwxr-xr-x    2 1000     1000         4096 Jan 15 10:30 .", false,
          0, 0, ""},
-        {"Linux daemon LIST -a", "drwxr-xr-x    9 1000     1000         4096 Jan 15 10:30 ..", false,
-         0, 0, ""},
+        {"Linux daemon LIST -a", "drwxr-xr-x    9 1000     1000         4096 Jan 15 10:30 ..",
+         false, 0, 0, ""},
         {"NAS hidden file", "-rw-r--r--    1 admin    users        6148 Jan 15 10:30 .DS_Store",
          false, 0, 0, ""},
         {"hidden directory", "drwx------    2 nvr      nvr          4096 Jan 15 10:30 .trash",
@@ -82,8 +85,9 @@ TEST(LinuxListing, DropsDotNamesWithoutTouchingTheTotal) {
 
 TEST(LinuxListing, KeepsLinksWithTheirOwnType) {
     expectRows({
-        {"Linux daemon LIST, link", "lrwxrwxrwx    1 0        0              11 Jan 15  2020 latest -> ch01.mp4",
-         true, 'l', 11, "latest"},
+        {"Linux daemon LIST, link",
+         "lrwxrwxrwx    1 0        0              11 Jan 15  2020 latest -> ch01.mp4", true, 'l',
+         11, "latest"},
         {"NAS, link to a directory", "lrwxrwxrwx 1 admin users 9 Jan 15 10:30 share -> /mnt/share",
          true, 'l', 9, "share"},
         {"socket", "srwxrwxrwx 1 root root 0 Jan 15 10:30 ctl", true, 's', 0, "ctl"},
@@ -95,9 +99,11 @@ TEST(LinuxListing, WrapsSizesOfTwoGibibytesAndMoreToSigned32Bits) {
     // Sizes read in 64 bits and cut to the low 32: the same on a 64-bit build
     // and on the 32-bit recorder.
     expectRows({
-        {"2 GiB - 1", "-rw-r--r-- 1 u g 2147483647 Jan 01 10:00 a.dav", true, '-', 2147483647, "a.dav"},
+        {"2 GiB - 1", "-rw-r--r-- 1 u g 2147483647 Jan 01 10:00 a.dav", true, '-', 2147483647,
+         "a.dav"},
         {"2 GiB", "-rw-r--r-- 1 u g 2147483648 Jan 01 10:00 a.dav", true, '-', INT32_MIN, "a.dav"},
-        {"3 GiB", "-rw-r--r-- 1 u g 3221225472 Jan 01 10:00 a.dav", true, '-', -1073741824, "a.dav"},
+        {"3 GiB", "-rw-r--r-- 1 u g 3221225472 Jan 01 10:00 a.dav", true, '-', -1073741824,
+         "a.dav"},
         {"4 GiB - 1", "-rw-r--r-- 1 u g 4294967295 Jan 01 10:00 a.dav", true, '-', -1, "a.dav"},
         {"4 GiB", "-rw-r--r-- 1 u g 4294967296 Jan 01 10:00 a.dav", true, '-', 0, "a.dav"},
         {"4 GiB + 512", "-rw-r--r-- 1 u g 4294967808 Jan 01 10:00 a.dav", true, '-', 512, "a.dav"},

@@ -32,7 +32,8 @@ std::vector<Reply> replies() {
         {"two line ends", "\r\n\r\n"},
         {"no final line end", "-rw-r--r-- 1 u g 7 Jan 01 10:00 a"},
         {"CR before CR LF", "x\r\r\ny\r"},
-        {"bare line feeds", "-rw-r--r-- 1 u g 1 Jan 01 10:00 a\n-rw-r--r-- 1 u g 2 Jan 01 10:00 b\n"},
+        {"bare line feeds",
+         "-rw-r--r-- 1 u g 1 Jan 01 10:00 a\n-rw-r--r-- 1 u g 2 Jan 01 10:00 b\n"},
         {"Linux daemon with total line and dot names",
          "total 12\r\n\r\n"
          "drwxr-xr-x    2 1000     1000         4096 Jan 15 10:30 .\r\n"

@@ -58,9 +58,8 @@ TEST(ListingSize, ReadsLeadingDigitsAndWrapsToTheLow32Bits) {
         {"digits after a sign and a blank", "- 5", 0},
     };
     for (const Row& row : rows) {
-        EXPECT_EQ(row.size,
-                  FTPConst::readListingSize(row.word.data(),
-                                            static_cast<unsigned int>(row.word.size())))
+        EXPECT_EQ(row.size, FTPConst::readListingSize(row.word.data(),
+                                                      static_cast<unsigned int>(row.word.size())))
             << row.source << ": [" << row.word << "]";
         EXPECT_EQ(reference(row.word), row.size) << row.source << ": [" << row.word << "]";
     }

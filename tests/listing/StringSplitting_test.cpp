@@ -33,7 +33,8 @@ public:
         text_.clear();
         if (text != nullptr) text_.assign(text, text + std::strlen(text) + 1);
         separator_.clear();
-        if (separator != nullptr) separator_.assign(separator, separator + std::strlen(separator) + 1);
+        if (separator != nullptr)
+            separator_.assign(separator, separator + std::strlen(separator) + 1);
         return parser.Split(text != nullptr ? text_.data() : nullptr,
                             separator != nullptr ? separator_.data() : nullptr);
     }

@@ -1,15 +1,15 @@
 // DOS-style listing lines as servers send them, and the records made of them.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "ParserTestUtil.h"
 #include "foundation/SafePointer.h"
 #include "listing/FTPFileDescriptor.h"
 #include "listing/WindowsFTPFileParser.h"
-#include "ParserTestUtil.h"
 
 namespace {
 
@@ -47,8 +47,8 @@ TEST(DosListing, ReadsDirectoriesAndFilesOfServerLines) {
          "a.dat"},
         {"Windows server, four-digit year", "01-15-2020  10:30PM              1048576 ch01.mp4",
          '-', 1048576, "ch01.mp4"},
-        {"Windows server, 24-hour clock", "2020-01-15  22:30       <DIR>          archive", 'd',
-         0, "archive"},
+        {"Windows server, 24-hour clock", "2020-01-15  22:30       <DIR>          archive", 'd', 0,
+         "archive"},
         {"single blanks", "01-15-20 10:30AM 0 empty.log", '-', 0, "empty.log"},
         {"leading blanks", "   01-15-20  10:30AM   77 lead.txt", '-', 77, "lead.txt"},
     });

@@ -49,15 +49,15 @@ TEST(FTPPathCreate, ReadsUserPasswordServerAndPathOfWellFormedTexts) {
 
 TEST(FTPPathCreate, RefusesTextsWithoutUserBracketsAtOrMarker) {
     const Parsed rows[] = {
-        {"(pw)@ftp://h/p", 0, "", "", "", ""},     // empty user name
-        {"rec@ftp://h/p", 0, "", "", "", ""},      // no "("
-        {"rec(pw@ftp://h/p", 0, "", "", "", ""},   // no ")"
-        {"rec(pw)@h/p", 0, "", "", "", ""},        // no "ftp://"
-        {"", 0, "", "", "", ""},                   // empty text
-        {"rec(pw)ftp://h/p", 0, "", "", "", ""},   // no "@"
-        {"rec(pw)@", 0, "", "", "", ""},           // empty server part
-        {"rec*(pw)@ftp://h/p", 0, "", "", "", ""}, // the only "(" is escaped
-        {"a)b(pw@ftp://h/p", 0, "", "", "", ""},   // the only ")" is before "("
+        {"(pw)@ftp://h/p", 0, "", "", "", ""},      // empty user name
+        {"rec@ftp://h/p", 0, "", "", "", ""},       // no "("
+        {"rec(pw@ftp://h/p", 0, "", "", "", ""},    // no ")"
+        {"rec(pw)@h/p", 0, "", "", "", ""},         // no "ftp://"
+        {"", 0, "", "", "", ""},                    // empty text
+        {"rec(pw)ftp://h/p", 0, "", "", "", ""},    // no "@"
+        {"rec(pw)@", 0, "", "", "", ""},            // empty server part
+        {"rec*(pw)@ftp://h/p", 0, "", "", "", ""},  // the only "(" is escaped
+        {"a)b(pw@ftp://h/p", 0, "", "", "", ""},    // the only ")" is before "("
     };
     for (const Parsed& row : rows) expectParsed(row);
 }
@@ -107,10 +107,8 @@ TEST(FTPPathCreate, KeepsFieldsOfStepsThatSucceededBeforeAFailure) {
 
 TEST(FTPPathToString, GivesBackTheTextOfAParsedLocation) {
     const char* texts[] = {
-        "a*(b(pw)@ftp://h/p",
-        "rec(pw)@ftp://10.0.0.5:2121/video",
-        "rec(pw)@ftp://host",
-        "a**b*@c(p(w))@ftp://h/x/y",
+        "a*(b(pw)@ftp://h/p",  "rec(pw)@ftp://10.0.0.5:2121/video",
+        "rec(pw)@ftp://host",  "a**b*@c(p(w))@ftp://h/x/y",
         "rec(p@ss)@ftp://h/p",
     };
     for (const char* text : texts) {

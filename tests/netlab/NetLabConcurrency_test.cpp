@@ -15,8 +15,11 @@
 #include "netlab/RawClient.h"
 #include "support/NetLab.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::randomBytes;
 
 using ftptest::NetLab;
 using ftptest::NetLabCounters;
@@ -25,13 +28,6 @@ using ftptest::Way;
 using labtest::Fd;
 using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
-
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
 
 // Counts arrivals and lets everyone go once `expected` arrived; a thread
 // that waits longer than `limit` goes on anyway (and the test then fails on
@@ -173,12 +169,12 @@ TEST(NetLabUnderLoad, ConditionsChangedDuringTransfersKeepEveryByte) {
     std::thread changer([&] {
         for (int i = 0; i < 100000 && !done.load(); ++i) {
             switch (i % 6) {
-            case 0: lab.setRoundTrip(Millis(i % 4)); break;
-            case 1: lab.setRate(i % 12 == 1 ? 0 : 20000000); break;
-            case 2: lab.stall(Traffic::kAll, Way::kBoth, Millis(2)); break;
-            case 3: lab.release(); break;
-            case 4: lab.setMaxConnections(i % 2 == 0 ? 0 : 100); break;
-            case 5: (void)lab.counters(); break;
+                case 0: lab.setRoundTrip(Millis(i % 4)); break;
+                case 1: lab.setRate(i % 12 == 1 ? 0 : 20000000); break;
+                case 2: lab.stall(Traffic::kAll, Way::kBoth, Millis(2)); break;
+                case 3: lab.release(); break;
+                case 4: lab.setMaxConnections(i % 2 == 0 ? 0 : 100); break;
+                case 5: (void)lab.counters(); break;
             }
             std::this_thread::sleep_for(Millis(1));
         }

@@ -69,8 +69,8 @@ public:
     bool started() const { return pid_ > 0 && output_ >= 0; }
 
     bool send(const std::string& text) {
-        return input_ >= 0 && ::write(input_, text.data(), text.size()) ==
-                                  static_cast<ssize_t>(text.size());
+        return input_ >= 0 &&
+               ::write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     }
 
     void closeInput() {

@@ -9,21 +9,17 @@
 #include "ftp/FTPTool.h"
 #include "support/NetLab.h"
 #include "support/RealFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::randomBytes;
 
 using ftptest::NetLab;
 using ftptest::NetLabCounters;
 using ftptest::Traffic;
 using ftptest::Way;
 using Millis = std::chrono::milliseconds;
-
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
 
 // Reads a transfer until its end; *last gets the last read's result.
 std::string readData(FTPTool& tool, NetBuf* data, int* last) {

@@ -28,8 +28,11 @@
 #include "support/FdCount.h"
 #include "support/NetLab.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::randomBytes;
 
 using ftptest::LinkDownMode;
 using ftptest::NetLab;
@@ -39,22 +42,15 @@ using ftptest::ReplyEdit;
 using ftptest::ResetScope;
 using ftptest::Traffic;
 using ftptest::Way;
+using labtest::connectTo;
 using labtest::End;
 using labtest::Fd;
-using labtest::connectTo;
 using labtest::readFor;
 using labtest::readLine;
 using labtest::sendText;
 using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
 using Lines = std::vector<std::string>;
-
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
 
 Millis since(Clock::time_point start) {
     return std::chrono::duration_cast<Millis>(Clock::now() - start);
@@ -160,8 +156,9 @@ TEST_F(NetLabTest, CommandsAndRepliesPassUnchanged) {
     EXPECT_EQ(c.accepted, 1u);
     EXPECT_EQ(c.openControl, 1);
     EXPECT_EQ(c.controlToServer, std::string("USER rec\r\nPASS pw\r\nNOOP\r\n").size());
-    EXPECT_EQ(c.controlToClient,
-              std::string("220 ready\r\n331 Password required\r\n230 Logged in\r\n200 OK\r\n").size());
+    EXPECT_EQ(
+        c.controlToClient,
+        std::string("220 ready\r\n331 Password required\r\n230 Logged in\r\n200 OK\r\n").size());
     EXPECT_EQ(c.dataConnections, 0u);
 }
 
@@ -469,8 +466,7 @@ TEST_F(NetLabTest, TheRewriterCanAnnounceAddressesNobodyListensOn) {
 
     for (unsigned port : {0u, closedPort}) {
         std::string announced = "227 Entering Passive Mode (127,0,0,1," +
-                                std::to_string(port / 256) + "," + std::to_string(port % 256) +
-                                ")";
+                                std::to_string(port / 256) + "," + std::to_string(port % 256) + ")";
         lab.setReplyRewriter([announced](const std::string& line) -> std::optional<ReplyEdit> {
             if (line.rfind("227", 0) == 0) return ReplyEdit{announced + "\r\n", false};
             return std::nullopt;

@@ -28,11 +28,11 @@ enum class End { kEnough, kEof, kReset, kError, kSilent };
 
 inline const char* endName(End end) {
     switch (end) {
-    case End::kEnough: return "enough";
-    case End::kEof: return "end of stream";
-    case End::kReset: return "reset";
-    case End::kError: return "error";
-    case End::kSilent: return "silence";
+        case End::kEnough: return "enough";
+        case End::kEof: return "end of stream";
+        case End::kReset: return "reset";
+        case End::kError: return "error";
+        case End::kSilent: return "silence";
     }
     return "?";
 }

@@ -21,22 +21,14 @@
 #include "ftp/FTPTool.h"
 #include "ftpdisk_host/HostControl.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
 
+using ftptest::eventually;
+
 const double kWall2100 = 4102444800.0;       // 2100-01-01 00:00:00 UTC
 const double kUpPast32Bits = 4294967296.25;  // 2^32 s and a quarter
-
-// Polls for at most 10 s, yielding in between, until `condition` holds.
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 class ClockTimes : public ::testing::Test {
 protected:
@@ -47,7 +39,8 @@ protected:
     // thread and pauses for its 2 seconds, which are then let pass.
     static void passAt(FreeFtpToolBuff& pool, double wall) {
         hostcontrol::useManualClock(wall, kUpPast32Bits);
-        std::future<int> pass = std::async(std::launch::async, [&pool] { return pool.theThread(); });
+        std::future<int> pass =
+            std::async(std::launch::async, [&pool] { return pool.theThread(); });
         ASSERT_TRUE(eventually([] { return hostcontrol::waitingThreads() == 1; }));
         hostcontrol::advanceClock(2.0);
         EXPECT_EQ(pass.get(), 0);
@@ -97,7 +90,8 @@ TEST_F(ClockTimes, TheWatchdogMeasuresSixtySecondsOnAnUpTimePast32Bits) {
     const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
     EXPECT_NE(text.find("[ClockTimes] Detect TimeOut[61], TototalDataLen[0], WritedLen[0]"),
               std::string::npos)
-        << logPath << ":\n" << text;
+        << logPath << ":\n"
+        << text;
 
     hostcontrol::setLogRoot("");
     std::error_code ignored;

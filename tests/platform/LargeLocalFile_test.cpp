@@ -26,8 +26,8 @@ public:
         path_ = dir_ + "/recording.mp4";
         const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (fd < 0) return;
-        const bool written = ::write(fd, head.data(), head.size()) ==
-                             static_cast<ssize_t>(head.size());
+        const bool written =
+            ::write(fd, head.data(), head.size()) == static_cast<ssize_t>(head.size());
         const bool sized = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
         ready_ = ::close(fd) == 0 && written && sized;
     }

@@ -87,8 +87,8 @@ TEST_P(LargeRemoteFiles, TheTotalSizeOfAFolderOfLargeRecordingsIsExactPast4GiB) 
         ASSERT_TRUE(makeSparseFile(*server_, path, 2147483647LL)) << path;
     }
     // Directories' own listed sizes count too.
-    const long long expected = 3 * 2147483647LL + localSize(*server_, "/rec/day1") +
-                               localSize(*server_, "/rec/day2");
+    const long long expected =
+        3 * 2147483647LL + localSize(*server_, "/rec/day1") + localSize(*server_, "/rec/day2");
     long long total = 0;
     ASSERT_TRUE(store_->getTotalSize("/rec", total)) << server_->name();
     EXPECT_EQ(total, expected) << server_->name();

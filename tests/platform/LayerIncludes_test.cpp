@@ -21,7 +21,7 @@ std::string layerOf(const std::string& path) {
     if (path == "foundation/Export.h" || path == "foundation/ThreadAnnotations.h") return "base";
     const std::string::size_type slash = path.find('/');
     if (slash == std::string::npos) return "";
-    const std::string folder = path.substr(0, slash);
+    std::string folder = path.substr(0, slash);
     if (folder == "ftpdisk_host") return "hostlib";  // hostlib's own switches
     return folder;
 }
@@ -38,8 +38,7 @@ const std::map<std::string, std::set<std::string>>& allowedIncludes() {
         {"location", {"base", "location"}},
         {"connections", {"base", "host", "foundation", "ftp", "connections"}},
         {"filesystem",
-         {"base", "host", "foundation", "ftp", "listing", "location", "connections",
-          "filesystem"}},
+         {"base", "host", "foundation", "ftp", "listing", "location", "connections", "filesystem"}},
         {"hostlib", {"base", "host", "foundation", "hostlib"}},
     };
     return table;
@@ -60,8 +59,8 @@ void sourcesBelow(const std::string& root, const std::string& dir, std::vector<s
         const std::string relative = dir + "/" + name;
         if (isDirectory(root + "/" + relative)) {
             sourcesBelow(root, relative, out);
-        } else if (name.size() > 2 && (name.rfind(".h") == name.size() - 2 ||
-                                       name.rfind(".cpp") == name.size() - 4)) {
+        } else if (name.size() > 2 &&
+                   (name.rfind(".h") == name.size() - 2 || name.rfind(".cpp") == name.size() - 4)) {
             out.push_back(relative);
         }
     }
@@ -116,12 +115,12 @@ std::vector<Violation> layerViolations(const std::string& root, int* checked) {
             const std::string& header = include.second;
             // Includes without a folder name a file beside the source (hostlib's
             // own Clock.h, a test helper): the source's own layer.
-            const std::string target = header.find('/') == std::string::npos ? layer
-                                                                               : layerOf(header);
+            const std::string target =
+                header.find('/') == std::string::npos ? layer : layerOf(header);
             if (rule->second.count(target) == 0) {
                 violations.push_back({path + ":" + std::to_string(include.first),
-                                      "layer " + layer + " includes \"" + header +
-                                          "\" of layer " + (target.empty() ? "?" : target)});
+                                      "layer " + layer + " includes \"" + header + "\" of layer " +
+                                          (target.empty() ? "?" : target)});
             }
         }
     }

@@ -29,14 +29,14 @@ struct SizeCase {
 
 // Sizes at and across the 32-bit boundaries, as servers print them.
 const SizeCase kSizeCases[] = {
-    {"2147483647", 2147483647},         // 2 GiB - 1: the largest size kept as is
-    {"2147483648", -2147483647 - 1},    // 2 GiB: wraps to the most negative number
-    {"3221225472", -1073741824},        // 3 GiB
-    {"4294967295", -1},                 // 4 GiB - 1
-    {"4294967296", 0},                  // 4 GiB: low 32 bits are zero
-    {"4294967301", 5},                  // 4 GiB + 5
-    {"6442450944", -2147483647 - 1},    // 6 GiB
-    {"1099511627776", 0},               // 1 TiB
+    {"2147483647", 2147483647},       // 2 GiB - 1: the largest size kept as is
+    {"2147483648", -2147483647 - 1},  // 2 GiB: wraps to the most negative number
+    {"3221225472", -1073741824},      // 3 GiB
+    {"4294967295", -1},               // 4 GiB - 1
+    {"4294967296", 0},                // 4 GiB: low 32 bits are zero
+    {"4294967301", 5},                // 4 GiB + 5
+    {"6442450944", -2147483647 - 1},  // 6 GiB
+    {"1099511627776", 0},             // 1 TiB
 };
 
 TEST(ListingSizes, AUnixListingSizeAtOrBeyond2GiBWrapsToTheSameSigned32BitNumberEverywhere) {

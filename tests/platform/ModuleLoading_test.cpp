@@ -33,12 +33,10 @@ class ModuleLoading : public ::testing::Test {
 protected:
     void SetUp() override {
         location_ = "rec(pw)@ftp://" + server_.address() + "/rec";
-        ASSERT_EQ(FTPFileSystemManager::getInstance()->addFTPFileSystem(location_), 0)
-            << location_;
+        ASSERT_EQ(FTPFileSystemManager::getInstance()->addFTPFileSystem(location_), 0) << location_;
     }
     void TearDown() override {
-        EXPECT_EQ(FTPFileSystemManager::getInstance()->deleteFileSystem(location_), 0)
-            << location_;
+        EXPECT_EQ(FTPFileSystemManager::getInstance()->deleteFileSystem(location_), 0) << location_;
     }
 
     // The store registered for location_, initialised against the server.

@@ -19,10 +19,9 @@ TEST(PortNumbers, APortTextBeyond32BitsReachesThePortOfItsLow16BitsOnEveryProces
     const uint64_t port = server.port();
     // Each text's low 16 bits are the server's port.
     const uint64_t texts[] = {
-        port,
-        port + 65536u * 4u,
-        port + (static_cast<uint64_t>(1) << 32),      // 2^32 + port
-        port + (static_cast<uint64_t>(3) << 40),      // far beyond 32 bits
+        port, port + 65536u * 4u,
+        port + (static_cast<uint64_t>(1) << 32),  // 2^32 + port
+        port + (static_cast<uint64_t>(3) << 40),  // far beyond 32 bits
     };
     int connections = 0;
     for (uint64_t text : texts) {

@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "RawFtpSession.h"
+#include "support/RawFtpSession.h"
 
 namespace {
 
@@ -213,8 +213,7 @@ INSTANTIATE_TEST_SUITE_P(UnpackedKinds, UnpackedServerMissing,
                              return std::string(ftpServerKindName(info.param));
                          });
 
-INSTANTIATE_TEST_SUITE_P(EveryKind, RealFtpServerLauncher,
-                         ::testing::ValuesIn(allFtpServerKinds()),
+INSTANTIATE_TEST_SUITE_P(EveryKind, RealFtpServerLauncher, ::testing::ValuesIn(allFtpServerKinds()),
                          [](const ::testing::TestParamInfo<FtpServerKind>& info) {
                              return std::string(ftpServerKindName(info.param));
                          });

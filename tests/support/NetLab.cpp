@@ -51,9 +51,7 @@ constexpr int kToServer = 0;  // bytes read from the client, written to the serv
 constexpr int kToClient = 1;
 
 bool hasWay(Way set, int way) { return (static_cast<int>(set) & (1 << way)) != 0; }
-bool hasTraffic(Traffic set, int traffic) {
-    return (static_cast<int>(set) & (1 << traffic)) != 0;
-}
+bool hasTraffic(Traffic set, int traffic) { return (static_cast<int>(set) & (1 << traffic)) != 0; }
 
 void closeFd(int& fd) {
     if (fd >= 0) {
@@ -99,8 +97,8 @@ int listenOn(uint16_t port, int backlog, uint16_t* bound, std::string* why) {
         ::listen(fd, backlog) != 0 ||
         ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         if (why != nullptr)
-            *why = "cannot listen on 127.0.0.1:" + std::to_string(port) + ": " +
-                   std::strerror(errno);
+            *why =
+                "cannot listen on 127.0.0.1:" + std::to_string(port) + ": " + std::strerror(errno);
         ::close(fd);
         return -1;
     }
@@ -140,8 +138,7 @@ bool parseUpstream(const std::string& text, sockaddr_in* address, std::string* w
 //   "227 Entering Passive Mode (127,0,0,1,4,1)." -> numbers 127 0 0 1 4 1,
 //   span from the '1' of "127" to the end of the final "1".
 // False when the line holds no run of six comma-separated numbers of 0..255.
-bool findPassiveNumbers(const std::string& line, unsigned numbers[6], size_t* begin,
-                        size_t* end) {
+bool findPassiveNumbers(const std::string& line, unsigned numbers[6], size_t* begin, size_t* end) {
     for (size_t start = 3; start < line.size(); ++start) {
         if (!std::isdigit(static_cast<unsigned char>(line[start])) ||
             std::isdigit(static_cast<unsigned char>(line[start - 1])))
@@ -164,7 +161,8 @@ bool findPassiveNumbers(const std::string& line, unsigned numbers[6], size_t* be
                 ++at;
             }
         }
-        if (found == 6 && (at >= line.size() || !std::isdigit(static_cast<unsigned char>(line[at])))) {
+        if (found == 6 &&
+            (at >= line.size() || !std::isdigit(static_cast<unsigned char>(line[at])))) {
             *begin = start;
             *end = at;
             return true;
@@ -177,9 +175,8 @@ struct Settings {
     Micros latency[2][2] = {};  // [traffic][way]
     uint64_t rate[2] = {0, 0};  // [way], bytes per second
     // [traffic][way]; min() = not stalled, max() = until released.
-    Clock::time_point stallUntil[2][2] = {
-        {Clock::time_point::min(), Clock::time_point::min()},
-        {Clock::time_point::min(), Clock::time_point::min()}};
+    Clock::time_point stallUntil[2][2] = {{Clock::time_point::min(), Clock::time_point::min()},
+                                          {Clock::time_point::min(), Clock::time_point::min()}};
     int maxConnections = 0;
     std::string limitReply;
     bool swallowGreeting = false;
@@ -321,9 +318,8 @@ public:
         requests_.push_back({id, kind, !onLoop});
         wake();
         if (onLoop) return 1;
-        bool answered = changed_.wait_for(lock, kRequestLimit, [&] {
-            return completed_ >= id || loopEnded_;
-        });
+        bool answered =
+            changed_.wait_for(lock, kRequestLimit, [&] { return completed_ >= id || loopEnded_; });
         if (!answered || completed_ < id) return stopped;
         auto it = results_.find(id);
         int result = it == results_.end() ? stopped : it->second;
@@ -453,7 +449,8 @@ void NetLab::Engine::run() {
         Clock::time_point now = Clock::now();
         Clock::time_point wakeAt = buildPollSet(now);
         auto wait = std::chrono::duration_cast<std::chrono::microseconds>(wakeAt - now).count();
-        int timeout = wait <= 0 ? 0 : static_cast<int>(std::min<long long>((wait + 999) / 1000, kTickMs));
+        int timeout =
+            wait <= 0 ? 0 : static_cast<int>(std::min<long long>((wait + 999) / 1000, kTickMs));
         int n = ::poll(pollSet_.data(), pollSet_.size(), timeout);
         if (n < 0 && errno != EINTR) {
             // Nothing sensible is left to wait on; keep the tick so stop()
@@ -535,36 +532,34 @@ void NetLab::Engine::handleRequests() {
 
 int NetLab::Engine::execute(RequestKind kind) {
     switch (kind) {
-    case kDownRefuse:
-        refusing_ = true;
-        blackhole_ = false;
-        closeFd(listenFd_);
-        for (auto& p : pairs_) {
-            if (!p->done) abortPair(*p, true);
+        case kDownRefuse:
+            refusing_ = true;
+            blackhole_ = false;
+            closeFd(listenFd_);
+            for (auto& p : pairs_) {
+                if (!p->done) abortPair(*p, true);
+            }
+            return 1;
+        case kDownBlackhole: blackhole_ = true; return 1;
+        case kUp: {
+            blackhole_ = false;
+            if (listenFd_ < 0) {
+                uint16_t bound = 0;
+                listenFd_ = listenOn(port_, SOMAXCONN, &bound, nullptr);
+                if (listenFd_ < 0) return 0;
+            }
+            refusing_ = false;
+            return 1;
         }
-        return 1;
-    case kDownBlackhole:
-        blackhole_ = true;
-        return 1;
-    case kUp: {
-        blackhole_ = false;
-        if (listenFd_ < 0) {
-            uint16_t bound = 0;
-            listenFd_ = listenOn(port_, SOMAXCONN, &bound, nullptr);
-            if (listenFd_ < 0) return 0;
+        case kDropAll: {
+            int count = 0;
+            for (auto& p : pairs_) {
+                if (p->done) continue;
+                abortPair(*p, true);
+                ++count;
+            }
+            return count;
         }
-        refusing_ = false;
-        return 1;
-    }
-    case kDropAll: {
-        int count = 0;
-        for (auto& p : pairs_) {
-            if (p->done) continue;
-            abortPair(*p, true);
-            ++count;
-        }
-        return count;
-    }
     }
     return 0;
 }
@@ -625,8 +620,8 @@ Clock::time_point NetLab::Engine::buildPollSet(Clock::time_point now) {
         for (int way = 0; way < 2; ++way) {
             const Half& h = p.half[way];
             if (h.queue.empty() || h.wantWrite) continue;
-            Clock::time_point until = blackhole_ ? Clock::time_point::max()
-                                                 : local_.stallUntil[p.traffic][way];
+            Clock::time_point until =
+                blackhole_ ? Clock::time_point::max() : local_.stallUntil[p.traffic][way];
             if (until > now) {
                 if (until != Clock::time_point::max()) wakeAt = std::min(wakeAt, until);
                 continue;
@@ -754,8 +749,7 @@ void NetLab::Engine::service(Pair& p) {
         if ((revents(p, 1) & (POLLOUT | POLLERR | POLLHUP)) != 0) {
             int error = 0;
             socklen_t length = sizeof error;
-            if (::getsockopt(p.fd[1], SOL_SOCKET, SO_ERROR, &error, &length) != 0 ||
-                error != 0) {
+            if (::getsockopt(p.fd[1], SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
                 ++upstreamFailures_;
                 abortPair(p, false);
                 return;
@@ -849,12 +843,15 @@ void NetLab::Engine::deliver(Pair& p, int way) {
                     if (h.reserved == 0) {
                         // The shared link carries the next piece: it is ready
                         // when the link would have finished sending it.
-                        uint64_t quantum = std::max<uint64_t>(1, std::min<uint64_t>(kReadChunk, rate / 100));
+                        uint64_t quantum =
+                            std::max<uint64_t>(1, std::min<uint64_t>(kReadChunk, rate / 100));
                         uint64_t piece = std::min<uint64_t>(k, quantum);
                         Clock::time_point start = std::max(now, linkFreeAt_[way]);
                         // Rounded up: the link is never faster than its rate.
-                        auto busy = std::chrono::nanoseconds((piece * 1000000000ull + rate - 1) / rate);
-                        linkFreeAt_[way] = start + std::chrono::duration_cast<Clock::duration>(busy);
+                        auto busy =
+                            std::chrono::nanoseconds((piece * 1000000000ull + rate - 1) / rate);
+                        linkFreeAt_[way] =
+                            start + std::chrono::duration_cast<Clock::duration>(busy);
                         h.reserved = piece;
                         h.reservedUntil = linkFreeAt_[way];
                     }
@@ -978,29 +975,28 @@ std::string NetLab::Engine::feedReplies(Pair& p, const char* data, size_t length
         }
         if (rs.head.size() < 4) rs.head += ch;
         switch (rs.mode) {
-        case ReplyStream::kPass:
-            if (!(p.swallowGreeting && rs.finishedReplies == 0)) out += ch;
-            break;
-        case ReplyStream::kUndecided:
-            rs.held += ch;
-            if (rs.held.compare(0, rs.held.size(), kPassive, rs.held.size()) != 0) {
-                rs.mode = ReplyStream::kPass;
-                emit(rs.held);
-                rs.held.clear();
-            } else if (rs.held.size() >= 3) {
-                rs.mode = ReplyStream::kHold;
-            }
-            break;
-        case ReplyStream::kHold:
-            rs.held += ch;
-            if (ch != '\n' && rs.held.size() > kLineLimit) {
-                rs.mode = ReplyStream::kPass;
-                emit(rs.held);
-                rs.held.clear();
-            }
-            break;
-        case ReplyStream::kLineStart:
-            break;
+            case ReplyStream::kPass:
+                if (!(p.swallowGreeting && rs.finishedReplies == 0)) out += ch;
+                break;
+            case ReplyStream::kUndecided:
+                rs.held += ch;
+                if (rs.held.compare(0, rs.held.size(), kPassive, rs.held.size()) != 0) {
+                    rs.mode = ReplyStream::kPass;
+                    emit(rs.held);
+                    rs.held.clear();
+                } else if (rs.held.size() >= 3) {
+                    rs.mode = ReplyStream::kHold;
+                }
+                break;
+            case ReplyStream::kHold:
+                rs.held += ch;
+                if (ch != '\n' && rs.held.size() > kLineLimit) {
+                    rs.mode = ReplyStream::kPass;
+                    emit(rs.held);
+                    rs.held.clear();
+                }
+                break;
+            case ReplyStream::kLineStart: break;
         }
         if (ch == '\n') {
             if (rs.mode == ReplyStream::kHold) {
@@ -1204,9 +1200,9 @@ void NetLab::setReplyRewriter(ReplyRewriter rewriter) {
 
 bool NetLab::linkDown(LinkDownMode mode) {
     if (!engine_) return false;
-    return engine_->request(mode == LinkDownMode::kRefuse ? Engine::kDownRefuse
-                                                          : Engine::kDownBlackhole,
-                            0) == 1;
+    return engine_->request(
+               mode == LinkDownMode::kRefuse ? Engine::kDownRefuse : Engine::kDownBlackhole, 0) ==
+           1;
 }
 
 bool NetLab::linkUp() {
@@ -1219,9 +1215,7 @@ int NetLab::dropAll() {
     return engine_->request(Engine::kDropAll, -1);
 }
 
-NetLabCounters NetLab::counters() const {
-    return engine_ ? engine_->counters() : NetLabCounters();
-}
+NetLabCounters NetLab::counters() const { return engine_ ? engine_->counters() : NetLabCounters(); }
 
 bool NetLab::waitFor(const std::function<bool(const NetLabCounters&)>& condition,
                      Millis limit) const {

@@ -167,8 +167,7 @@ public:
                     ResetScope scope = ResetScope::kNextConnection);
     void clearResets();
     // 0 = no limit. `reply` is sent as given (line end included).
-    void setMaxConnections(int count,
-                           std::string reply = "421 Too many connections (lab)\r\n");
+    void setMaxConnections(int count, std::string reply = "421 Too many connections (lab)\r\n");
     void setSwallowGreeting(bool swallow);
     // An empty function removes the rewriter.
     void setReplyRewriter(ReplyRewriter rewriter);

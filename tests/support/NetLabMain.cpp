@@ -58,21 +58,20 @@ bool parseNumber(const char* text, unsigned long long* value) {
 }
 
 void printCounters(const ftptest::NetLabCounters& c) {
-    std::printf("accepted %llu\nrefused %llu\nupstream_failures %llu\ndata_connections %llu\n"
-                "passive_rewrites %llu\nblackholed %llu\nresets %llu\n"
-                "control_to_server %llu\ncontrol_to_client %llu\n"
-                "data_to_server %llu\ndata_to_client %llu\nopen_control %d\nopen_data %d\n",
-                static_cast<unsigned long long>(c.accepted),
-                static_cast<unsigned long long>(c.refused),
-                static_cast<unsigned long long>(c.upstreamFailures),
-                static_cast<unsigned long long>(c.dataConnections),
-                static_cast<unsigned long long>(c.passiveRewrites),
-                static_cast<unsigned long long>(c.blackholed),
-                static_cast<unsigned long long>(c.resets),
-                static_cast<unsigned long long>(c.controlToServer),
-                static_cast<unsigned long long>(c.controlToClient),
-                static_cast<unsigned long long>(c.dataToServer),
-                static_cast<unsigned long long>(c.dataToClient), c.openControl, c.openData);
+    std::printf(
+        "accepted %llu\nrefused %llu\nupstream_failures %llu\ndata_connections %llu\n"
+        "passive_rewrites %llu\nblackholed %llu\nresets %llu\n"
+        "control_to_server %llu\ncontrol_to_client %llu\n"
+        "data_to_server %llu\ndata_to_client %llu\nopen_control %d\nopen_data %d\n",
+        static_cast<unsigned long long>(c.accepted), static_cast<unsigned long long>(c.refused),
+        static_cast<unsigned long long>(c.upstreamFailures),
+        static_cast<unsigned long long>(c.dataConnections),
+        static_cast<unsigned long long>(c.passiveRewrites),
+        static_cast<unsigned long long>(c.blackholed), static_cast<unsigned long long>(c.resets),
+        static_cast<unsigned long long>(c.controlToServer),
+        static_cast<unsigned long long>(c.controlToClient),
+        static_cast<unsigned long long>(c.dataToServer),
+        static_cast<unsigned long long>(c.dataToClient), c.openControl, c.openData);
     std::fflush(stdout);
 }
 
@@ -154,8 +153,7 @@ int main(int argc, char** argv) {
         } else if (a == "--limit-reply") {
             limitReply = value;
         } else if (!parseNumber(value, &n)) {
-            std::fprintf(stderr, "ftpdisk-lab: %s needs a number, got \"%s\"\n", a.c_str(),
-                         value);
+            std::fprintf(stderr, "ftpdisk-lab: %s needs a number, got \"%s\"\n", a.c_str(), value);
             return 2;
         } else if (a == "--listen" && n <= 65535) {
             options.listenPort = static_cast<uint16_t>(n);

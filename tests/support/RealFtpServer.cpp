@@ -18,15 +18,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <dirent.h>
-
 #include <cerrno>
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <thread>
-
-extern char** environ;
 
 namespace {
 
@@ -106,8 +102,8 @@ int runToEnd(const std::vector<std::string>& argv, const std::string& input,
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, inputFile.c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
+    posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                     0644);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -309,8 +305,8 @@ bool RealFtpServer::spawn(const std::vector<std::string>& argv) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, outFile_.c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
+    posix_spawn_file_actions_addopen(&actions, 1, outFile_.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                     0644);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
 
     // A process group of its own lets stop() end the server with all its
@@ -327,8 +323,8 @@ bool RealFtpServer::spawn(const std::vector<std::string>& argv) {
     }
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK |
-                                              POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(
+        &attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -462,9 +458,14 @@ bool RealFtpServer::startPyftpdlib() {
     ::unlink((dir_ + "/port").c_str());
     std::string script = std::string(FTPDISK_SOURCE_DIR) + "/scripts/ftp-server.py";
     std::vector<std::string> argv = {
-        "/usr/bin/python3", script, "--root", root_, "--port", "0", "--port-file", dir_ + "/port",
-        "--user", user(), "--password", password(), "--idle-timeout",
-        std::to_string(options_.idleTimeoutSeconds), "--log-file", logFile_};
+        "/usr/bin/python3", script,
+        "--root",           root_,
+        "--port",           "0",
+        "--port-file",      dir_ + "/port",
+        "--user",           user(),
+        "--password",       password(),
+        "--idle-timeout",   std::to_string(options_.idleTimeoutSeconds),
+        "--log-file",       logFile_};
     if (options_.maxClients > 0) {
         argv.insert(argv.end(), {"--max-clients", std::to_string(options_.maxClients)});
     }
@@ -566,8 +567,7 @@ bool RealFtpServer::startProftpd() {
             "Umask 022\n"
          << "TimeoutIdle " << options_.idleTimeoutSeconds << "\n"
          << "TimeoutNoTransfer " << options_.idleTimeoutSeconds << "\n"
-         << maxClients
-         << "SystemLog " << logFile_ << "\n"
+         << maxClients << "SystemLog " << logFile_ << "\n"
          << "TransferLog " << dir_ << "/xfer.log\n";
     std::string confFile = dir_ + "/proftpd.conf";
     if (!writeText(confFile, conf.str(), 0644)) return fail("cannot write " + confFile);
@@ -598,10 +598,21 @@ bool RealFtpServer::startPureftpd() {
     // Minutes, rounded up: the daemon knows no finer idle limit.
     int idleMinutes = (options_.idleTimeoutSeconds + 59) / 60;
     if (idleMinutes < 1) idleMinutes = 1;
-    std::vector<std::string> argv = {
-        base + "/sbin/pure-ftpd", "-S", "127.0.0.1," + std::to_string(port_), "-4", "-l",
-        "puredb:" + dbFile, "-E", "-A", "-H", "-I", std::to_string(idleMinutes), "-O",
-        "clf:" + logFile_, "-f", "none"};
+    std::vector<std::string> argv = {base + "/sbin/pure-ftpd",
+                                     "-S",
+                                     "127.0.0.1," + std::to_string(port_),
+                                     "-4",
+                                     "-l",
+                                     "puredb:" + dbFile,
+                                     "-E",
+                                     "-A",
+                                     "-H",
+                                     "-I",
+                                     std::to_string(idleMinutes),
+                                     "-O",
+                                     "clf:" + logFile_,
+                                     "-f",
+                                     "none"};
     if (options_.maxClients > 0) {
         // The limit per address does the refusing (every client comes from
         // 127.0.0.1); the total, 50 unless given, stays above it.
@@ -623,13 +634,12 @@ bool RealFtpServer::startBusybox() {
     if (options_.maxClients > 0) {
         // -C refuses a connection past the limit with a message; -c alone
         // would only stop accepting, and clients would wait in the backlog.
-        argv.insert(argv.end(),
-                    {"-c", std::to_string(2 * options_.maxClients + 10), "-C",
-                     std::to_string(options_.maxClients) +
-                         ":421 Too many connections from this address\r\n"});
+        argv.insert(argv.end(), {"-c", std::to_string(2 * options_.maxClients + 10), "-C",
+                                 std::to_string(options_.maxClients) +
+                                     ":421 Too many connections from this address\r\n"});
     }
-    argv.insert(argv.end(), {"127.0.0.1", std::to_string(port_), busybox, "ftpd", "-w", "-vv",
-                             "-t", std::to_string(options_.idleTimeoutSeconds), root_});
+    argv.insert(argv.end(), {"127.0.0.1", std::to_string(port_), busybox, "ftpd", "-w", "-vv", "-t",
+                             std::to_string(options_.idleTimeoutSeconds), root_});
     return spawn(argv);
 }
 

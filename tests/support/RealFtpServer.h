@@ -144,12 +144,12 @@ private:
     bool ready_ = false;
     std::string failure_;
     int port_ = 0;
-    std::string dir_;       // temporary folder of everything below
-    std::string root_;      // dir_ + "/home"
-    std::string logFile_;   // the server's own log
-    std::string outFile_;   // its standard output and error
-    pid_t pid_ = -1;        // the process we started; leads its process group
-    uid_t uid_ = 0;         // owner given to root_ and to files written here
+    std::string dir_;      // temporary folder of everything below
+    std::string root_;     // dir_ + "/home"
+    std::string logFile_;  // the server's own log
+    std::string outFile_;  // its standard output and error
+    pid_t pid_ = -1;       // the process we started; leads its process group
+    uid_t uid_ = 0;        // owner given to root_ and to files written here
     gid_t gid_ = 0;
 };
 

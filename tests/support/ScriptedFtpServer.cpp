@@ -85,8 +85,7 @@ ssize_t recvSome(int fd, char* buffer, size_t length, const std::atomic<bool>& s
 }
 
 bool isTransferVerb(const std::string& verb) {
-    return verb == "RETR" || verb == "STOR" || verb == "APPE" || verb == "LIST" ||
-           verb == "NLST";
+    return verb == "RETR" || verb == "STOR" || verb == "APPE" || verb == "LIST" || verb == "NLST";
 }
 
 std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
@@ -104,12 +103,12 @@ struct ScriptedFtpServer::Session {
     int number = 0;
     int fd = -1;
     std::string cwd = "/";
-    std::string input;       // received, not yet split into lines
-    int passiveFd = -1;      // listening data socket announced after PASV
-    bool portSet = false;    // a PORT address waits for the next transfer
+    std::string input;     // received, not yet split into lines
+    int passiveFd = -1;    // listening data socket announced after PASV
+    bool portSet = false;  // a PORT address waits for the next transfer
     sockaddr_in portAddress{};
     std::string renameFrom;
-    bool closed = false;     // control connection closed by script or peer
+    bool closed = false;  // control connection closed by script or peer
 };
 
 ScriptedFtpServer::ScriptedFtpServer() {
@@ -156,9 +155,7 @@ ScriptedFtpServer::~ScriptedFtpServer() {
     closeFd(listenFd_);
 }
 
-std::string ScriptedFtpServer::address() const {
-    return "127.0.0.1:" + std::to_string(port_);
-}
+std::string ScriptedFtpServer::address() const { return "127.0.0.1:" + std::to_string(port_); }
 
 void ScriptedFtpServer::setGreeting(Reply greeting) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -288,7 +285,7 @@ std::string ScriptedFtpServer::resolve(const std::string& cwd, const std::string
 }
 
 std::optional<Reply> ScriptedFtpServer::takeReply(const std::string& line,
-                                                   const std::string& verb) {
+                                                  const std::string& verb) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (const std::string* key : {&line, &verb}) {
         auto it = scripts_.find(*key);
@@ -431,8 +428,8 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
         setNonBlocking(fd);
         s.passiveFd = fd;
         unsigned port = ntohs(address.sin_port);
-        std::string numbers = "127,0,0,1," + std::to_string(port / 256) + "," +
-                              std::to_string(port % 256);
+        std::string numbers =
+            "127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256);
         sendControl(s, reply, replaceAll(text, "{pasv}", numbers));
         return;
     }
@@ -448,8 +445,8 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
     } else if (verb == "PORT") {
         // Only loopback addresses are accepted: the server connects back there.
         unsigned h[4] = {0, 0, 0, 0}, p[2] = {0, 0};
-        int n = std::sscanf(arg.c_str(), "%u,%u,%u,%u,%u,%u", &h[0], &h[1], &h[2], &h[3],
-                            &p[0], &p[1]);
+        int n =
+            std::sscanf(arg.c_str(), "%u,%u,%u,%u,%u,%u", &h[0], &h[1], &h[2], &h[3], &p[0], &p[1]);
         if (n == 6 && h[0] == 127 && h[1] == 0 && h[2] == 0 && h[3] == 1 && p[0] < 256 &&
             p[1] < 256) {
             closeFd(s.passiveFd);
@@ -462,9 +459,7 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
         } else {
             defaultText = "501 Only 127.0.0.1 is served";
         }
-    } else if (verb == "CWD") {
-        defaultText = "250 Directory changed";
-    } else if (verb == "CDUP") {
+    } else if (verb == "CWD" || verb == "CDUP") {
         defaultText = "250 Directory changed";
     } else if (verb == "MKD") {
         defaultText = "257 \"" + path + "\" created";
@@ -485,8 +480,8 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
     } else if (verb == "SIZE") {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = files_.find(path);
-        defaultText = it == files_.end() ? "550 No such file"
-                                         : "213 " + std::to_string(it->second.size());
+        defaultText =
+            it == files_.end() ? "550 No such file" : "213 " + std::to_string(it->second.size());
     } else if (verb == "QUIT") {
         defaultText = "221 Goodbye";
         if (!scripted) reply.closeControl = true;
@@ -534,15 +529,15 @@ int ScriptedFtpServer::openDataConnection(Session& s, const Reply& reply) {
         fd = ::socket(AF_INET, SOCK_STREAM, 0);
         if (fd >= 0) {
             setNonBlocking(fd);
-            int rc = ::connect(fd, reinterpret_cast<sockaddr*>(&s.portAddress),
-                               sizeof s.portAddress);
+            int rc =
+                ::connect(fd, reinterpret_cast<sockaddr*>(&s.portAddress), sizeof s.portAddress);
             bool connected = rc == 0;
             if (!connected && errno == EINPROGRESS &&
                 waitReady(fd, POLLOUT, stopping_, deadline) == 1) {
                 int error = 0;
                 socklen_t length = sizeof error;
-                connected = ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 &&
-                            error == 0;
+                connected =
+                    ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
             }
             if (!connected) closeFd(fd);
         }
@@ -614,8 +609,9 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
             bool ok = true;
             for (size_t at = 0; ok && at < body.size(); at += piece) {
                 if (at > 0 && !pause(reply.pieceDelay)) ok = false;
-                if (ok) ok = sendAll(fd, body.data() + at, std::min(piece, body.size() - at),
-                                     stopping_);
+                if (ok)
+                    ok =
+                        sendAll(fd, body.data() + at, std::min(piece, body.size() - at), stopping_);
             }
             if (reply.finalAfterClientClose) {
                 char sink[4096];

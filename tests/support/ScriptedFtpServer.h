@@ -94,6 +94,13 @@ struct Reply {
     bool finalAfterClientClose = false;
 };
 
+// A reply that opens the data connection and sends `body` as a listing.
+inline Reply listingReply(const std::string& body) {
+    Reply reply("150 Here comes the listing");
+    reply.body = body;
+    return reply;
+}
+
 // One received command line, without its line end.
 struct ReceivedCommand {
     int connection;  // 1 for the first accepted control connection, ...
@@ -176,8 +183,7 @@ private:
 
     void handleCommand(Session& s, const std::string& line);
     bool sendControl(Session& s, const Reply& reply, const std::string& text);
-    void transfer(Session& s, const std::string& verb, const std::string& arg,
-                  const Reply& reply);
+    void transfer(Session& s, const std::string& verb, const std::string& arg, const Reply& reply);
     int openDataConnection(Session& s, const Reply& reply);
     void closeSessionData(Session& s);
 

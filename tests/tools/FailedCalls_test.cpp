@@ -43,9 +43,10 @@ TEST(FailedCalls, ExplainsEveryCallNotedFromManyThreadsAndKeepsTheFirstWhole) {
     for (int camera = 1; camera <= 4; ++camera) {
         cameras.emplace_back([&failures, camera] {
             for (int segment = 1; segment <= 25; ++segment) {
-                failures.add(camera, "open", "/v/cam0" + std::to_string(camera) + "/" +
-                                                 std::to_string(segment) + ".dat",
-                             segment * 0.5);
+                failures.add(
+                    camera, "open",
+                    "/v/cam0" + std::to_string(camera) + "/" + std::to_string(segment) + ".dat",
+                    segment * 0.5);
             }
         });
     }
@@ -57,8 +58,9 @@ TEST(FailedCalls, ExplainsEveryCallNotedFromManyThreadsAndKeepsTheFirstWhole) {
     EXPECT_EQ(100, failures.count());
     const auto reasons = failures.byReason();
     ASSERT_EQ(1u, reasons.size());
-    EXPECT_EQ("open: 127.0.0.1:2121 refused the session: 421 Too many connections (50) from this IP",
-              reasons[0].first);
+    EXPECT_EQ(
+        "open: 127.0.0.1:2121 refused the session: 421 Too many connections (50) from this IP",
+        reasons[0].first);
     EXPECT_EQ(100, reasons[0].second);
     const std::vector<FailedCall> first = failures.firstCalls();
     ASSERT_EQ(FailedCalls::kShownCalls, first.size());

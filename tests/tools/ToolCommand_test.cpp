@@ -22,10 +22,13 @@
 #include "ToolRunner.h"
 #include "support/RealFtpServer.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using ftptest::randomBytes;
 
 std::string readLocal(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -37,15 +40,6 @@ std::string readLocal(const std::string& path) {
 void writeLocal(const std::string& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary);
     out << bytes;
-}
-
-std::string randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    std::string bytes(size, '\0');
-    for (char& c : bytes) {
-        c = static_cast<char>(random());
-    }
-    return bytes;
 }
 
 std::vector<std::string> lines(const std::string& text) {
@@ -120,9 +114,11 @@ TEST_F(ToolCommand, EveryCommandAnswersHelpWithItsUsageAndStatusZero) {
         const ToolRun result = run({command, "--help"});
         EXPECT_EQ(0, result.status) << command << "\n" << result.transcript();
         EXPECT_EQ(0u, result.out.rfind(std::string("usage: ftpdisk ") + command, 0))
-            << command << "\n" << result.transcript();
+            << command << "\n"
+            << result.transcript();
         EXPECT_TRUE(contains(result.out, "user(password)@ftp://server[:port]/path"))
-            << command << "\n" << result.transcript();
+            << command << "\n"
+            << result.transcript();
         EXPECT_EQ("", result.err) << command;
     }
 }
@@ -133,7 +129,8 @@ TEST_F(ToolCommand, OverviewNamesEveryCommand) {
     for (const char* command :
          {"check", "ls", "du", "df", "mkdir", "rm", "mv", "put", "get", "cat", "record"}) {
         EXPECT_TRUE(contains(result.out, std::string("\n  ") + command + " "))
-            << command << "\n" << result.transcript();
+            << command << "\n"
+            << result.transcript();
     }
     const ToolRun bare = run({});
     EXPECT_EQ(2, bare.status) << bare.transcript();
@@ -203,9 +200,10 @@ TEST_F(ToolCommand, TextThatIsNotALocationIsNamedAsSuchWithoutItsPassword) {
             EXPECT_EQ(2, result.status) << c.text << "\n" << result.transcript();
             EXPECT_TRUE(contains(result.err, c.shown)) << c.text << "\n" << result.transcript();
             EXPECT_TRUE(contains(result.err, "expected user[(password)]@ftp://server[:port]/path"))
-                << c.text << "\n" << result.transcript();
-            EXPECT_FALSE(contains(result.out + result.err, "s3cr3t"))
-                << c.text << "\n" << result.transcript();
+                << c.text << "\n"
+                << result.transcript();
+            EXPECT_FALSE(contains(result.out + result.err, "s3cr3t")) << c.text << "\n"
+                                                                      << result.transcript();
             EXPECT_EQ(1u, lines(result.err).size()) << c.text << "\n" << result.transcript();
         }
     }
@@ -214,8 +212,8 @@ TEST_F(ToolCommand, TextThatIsNotALocationIsNamedAsSuchWithoutItsPassword) {
 // --- where the password comes from ---
 
 TEST_F(ToolCommand, HelpSaysWhereThePasswordMayComeFrom) {
-    for (const std::vector<std::string>& args :
-         std::vector<std::vector<std::string>>{{"--help"}, {"record", "--help"}, {"get", "--help"}}) {
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"--help"}, {"record", "--help"}, {"get", "--help"}}) {
         const ToolRun result = run(args);
         EXPECT_EQ(0, result.status) << result.transcript();
         EXPECT_TRUE(contains(result.out, "LOCATION is user@ftp://server[:port]/path"))
@@ -281,7 +279,8 @@ TEST_F(ToolCommand, ALocationWithoutPasswordAndNoneToBeFoundSaysWhereToPutIt) {
         const ToolRun result = run({"ls", locationWithoutPassword()});
         EXPECT_EQ(2, result.status) << result.transcript();
         EXPECT_EQ("ftpdisk ls: no password for rec at " + server().hostPort() + ": write it into " +
-                      work_ + "/.netrc as \"machine 127.0.0.1 login rec password ...\" or set "
+                      work_ +
+                      "/.netrc as \"machine 127.0.0.1 login rec password ...\" or set "
                       "FTPDISK_PASSWORD\n",
                   result.err)
             << netrc;
@@ -294,8 +293,10 @@ TEST_F(ToolCommand, ANetrcFileOthersMayReadIsNotUsed) {
     const ToolRun result = run({"ls", locationWithoutPassword()});
     EXPECT_EQ(2, result.status) << result.transcript();
     EXPECT_EQ("ftpdisk ls: " + work_ + "/.netrc holds the password for rec at " +
-                  server().hostPort() + " but others may read or change the file; make it "
-                  "private (chmod 600 " + work_ + "/.netrc)\n",
+                  server().hostPort() +
+                  " but others may read or change the file; make it "
+                  "private (chmod 600 " +
+                  work_ + "/.netrc)\n",
               result.err);
 }
 
@@ -303,18 +304,20 @@ TEST_F(ToolCommand, APasswordFromElsewhereIsCheckedLikeOneInTheLocation) {
     const ToolRun longOne =
         run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=an-overlong-password-of-26"});
     EXPECT_EQ(2, longOne.status) << longOne.transcript();
-    EXPECT_EQ("ftpdisk ls: the password from FTPDISK_PASSWORD will not do: password too long "
-              "(26 characters, at most 19)\n",
-              longOne.err);
+    EXPECT_EQ(
+        "ftpdisk ls: the password from FTPDISK_PASSWORD will not do: password too long "
+        "(26 characters, at most 19)\n",
+        longOne.err);
     EXPECT_FALSE(contains(longOne.out + longOne.err, "overlong"));
 
     // A line end would end the PASS command early and start another.
     const ToolRun injected =
         run({"ls", locationWithoutPassword()}, {"FTPDISK_PASSWORD=pw\r\nDELE x"});
     EXPECT_EQ(2, injected.status) << injected.transcript();
-    EXPECT_EQ("ftpdisk ls: the password from FTPDISK_PASSWORD will not do: the password holds a "
-              "control character\n",
-              injected.err);
+    EXPECT_EQ(
+        "ftpdisk ls: the password from FTPDISK_PASSWORD will not do: the password holds a "
+        "control character\n",
+        injected.err);
 }
 
 TEST_F(ToolCommand, APasswordInTheLocationIsBlankedOutOfTheProcessList) {
@@ -324,15 +327,15 @@ TEST_F(ToolCommand, APasswordInTheLocationIsBlankedOutOfTheProcessList) {
         GTEST_SKIP() << "under an emulator the process list shows the emulator's own arguments";
     }
     std::string cmdline;
-    const ToolRun result = runToolWatched(
-        {"record", where, "--seconds", "600", "--rate", "0.1"}, work_,
-        [&](pid_t pid, const std::string& out) {
-            if (!contains(out, "recording to ")) {
-                return false;
-            }
-            cmdline = readLocal("/proc/" + std::to_string(pid) + "/cmdline");
-            return true;
-        });
+    const ToolRun result =
+        runToolWatched({"record", where, "--seconds", "600", "--rate", "0.1"}, work_,
+                       [&](pid_t pid, const std::string& out) {
+                           if (!contains(out, "recording to ")) {
+                               return false;
+                           }
+                           cmdline = readLocal("/proc/" + std::to_string(pid) + "/cmdline");
+                           return true;
+                       });
     EXPECT_FALSE(result.timedOut) << result.transcript();
     EXPECT_EQ(130, result.status) << result.transcript();
     for (char& c : cmdline) {
@@ -357,9 +360,15 @@ TEST_F(ToolCommand, EveryCommandAgainstAStoppedServerFailsInOneLineWithStatusOne
     own.stop();
     writeLocal(work_ + "/local.bin", "local");
     const std::vector<std::vector<std::string>> commands = {
-        {"ls", where},          {"du", where},           {"df", where},
-        {"mkdir", where, "d"},  {"rm", "-r", where, "d"}, {"mv", where, "a", "b"},
-        {"put", where, "local.bin"}, {"get", where, "a"}, {"cat", where, "a"},
+        {"ls", where},
+        {"du", where},
+        {"df", where},
+        {"mkdir", where, "d"},
+        {"rm", "-r", where, "d"},
+        {"mv", where, "a", "b"},
+        {"put", where, "local.bin"},
+        {"get", where, "a"},
+        {"cat", where, "a"},
         {"record", where, "--seconds", "0.2"},
     };
     for (const auto& args : commands) {
@@ -368,8 +377,9 @@ TEST_F(ToolCommand, EveryCommandAgainstAStoppedServerFailsInOneLineWithStatusOne
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10))
             << args[0] << ": a refused connect must fail at once";
         EXPECT_EQ(1, result.status) << args[0] << "\n" << result.transcript();
-        EXPECT_EQ("ftpdisk " + args[0] + ": cannot connect to " + hostPort + ": Connection refused\n",
-                  result.err)
+        EXPECT_EQ(
+            "ftpdisk " + args[0] + ": cannot connect to " + hostPort + ": Connection refused\n",
+            result.err)
             << result.transcript();
         EXPECT_EQ("", result.out) << args[0];
     }
@@ -385,7 +395,7 @@ TEST_F(ToolCommand, CheckPassesEveryStepAndLeavesNothingBehind) {
     const std::vector<std::string> out = lines(result.out);
     ASSERT_EQ(12u, out.size()) << result.transcript();
     EXPECT_EQ("checking rec(***)@ftp://" + server().hostPort() + base_, out[0]);
-    const char* steps[] = {"register", "init", "mkdir", "write", "list",
+    const char* steps[] = {"register", "init", "mkdir",  "write", "list",
                            "measure",  "read", "delete", "rmdir", "release"};
     for (std::size_t i = 0; i < 10; ++i) {
         const std::regex line(std::string("  ok    ") + steps[i] + " +[0-9.]+ (ms|s)  .*");
@@ -404,13 +414,14 @@ TEST_F(ToolCommand, CheckWithARefusedLoginFailsAtInitAndSkipsTheRest) {
     EXPECT_EQ(1, result.status) << result.transcript();
     EXPECT_FALSE(contains(result.out + result.err, "wr0ngpass")) << result.transcript();
     EXPECT_TRUE(std::regex_search(
-        result.out, std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  127\\.0\\.0\\.1:[0-9]+ refused the login "
-                               "as rec: 530 Authentication failed\\.\n")))
+        result.out,
+        std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  127\\.0\\.0\\.1:[0-9]+ refused the login "
+                   "as rec: 530 Authentication failed\\.\n")))
         << result.transcript();
-    for (const char* step : {"mkdir", "write", "list", "measure", "read", "delete", "rmdir",
-                             "release"}) {
+    for (const char* step :
+         {"mkdir", "write", "list", "measure", "read", "delete", "rmdir", "release"}) {
         EXPECT_TRUE(contains(result.out, std::string("  skip  ") + step)) << step << "\n"
-                                                                        << result.transcript();
+                                                                          << result.transcript();
     }
     EXPECT_TRUE(contains(result.out, "verdict: FAIL: rec(***)@ftp://" + server().hostPort() +
                                          base_ +
@@ -423,9 +434,9 @@ TEST_F(ToolCommand, CheckOfAPortWithoutAServerFailsAtInit) {
     // Nothing listens on port 1 of the loopback: the connect is refused at once.
     const ToolRun result = run({"check", "rec(pw)@ftp://127.0.0.1:1/x"});
     EXPECT_EQ(1, result.status) << result.transcript();
-    EXPECT_TRUE(std::regex_search(
-        result.out,
-        std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  cannot connect to 127\\.0\\.0\\.1:1: Connection refused\n")))
+    EXPECT_TRUE(
+        std::regex_search(result.out, std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  cannot connect "
+                                                 "to 127\\.0\\.0\\.1:1: Connection refused\n")))
         << result.transcript();
     EXPECT_TRUE(contains(result.out, "verdict: FAIL")) << result.transcript();
 }
@@ -448,8 +459,9 @@ TEST_F(ToolCommand, AServerThatNeverGreetsFailsInBoundedTimeAndIsNamedAsSuch) {
     ::close(listener);
     EXPECT_FALSE(result.timedOut) << result.transcript();
     EXPECT_EQ(1, result.status) << result.transcript();
-    EXPECT_EQ("ftpdisk ls: " + hostPort + " accepted the connection but sent no greeting within 5 s\n",
-              result.err);
+    EXPECT_EQ(
+        "ftpdisk ls: " + hostPort + " accepted the connection but sent no greeting within 5 s\n",
+        result.err);
 }
 
 // --- directories and files ---
@@ -466,11 +478,12 @@ TEST_F(ToolCommand, LsListsDirectoriesThenFilesBelowTheBase) {
 
     result = run({"ls", "-l", location(), "/"});
     EXPECT_EQ(0, result.status) << result.transcript();
-    EXPECT_EQ("d             -  2026-11-21/\n"
-              "d             -  2026-11-22/\n"
-              "-         70000  a.dat\n"
-              "-             5  b.dat\n",
-              result.out)
+    EXPECT_EQ(
+        "d             -  2026-11-21/\n"
+        "d             -  2026-11-22/\n"
+        "-         70000  a.dat\n"
+        "-             5  b.dat\n",
+        result.out)
         << result.transcript();
 
     result = run({"ls", location(), "2026-11-22"});
@@ -536,8 +549,9 @@ TEST_F(ToolCommand, RmDeletesAFileAndRefusesADirectoryWithoutR) {
 
     result = run({"rm", location(), "d"});
     EXPECT_EQ(1, result.status) << result.transcript();
-    EXPECT_EQ("ftpdisk rm: " + base_ + "/d is a directory (use -r to remove it with its contents)\n",
-              result.err);
+    EXPECT_EQ(
+        "ftpdisk rm: " + base_ + "/d is a directory (use -r to remove it with its contents)\n",
+        result.err);
     EXPECT_TRUE(server().fileExists(base_ + "/d/in.dat"));
 
     result = run({"rm", "-r", location(), "d"});
@@ -574,8 +588,8 @@ TEST_F(ToolCommand, PutStoresTheFileByteForByteWithoutProgressOffATerminal) {
     EXPECT_EQ(0, result.status) << result.transcript();
     EXPECT_EQ("", result.err) << "no progress bar when standard error is not a terminal";
     EXPECT_EQ(0u, result.out.rfind("put clip.bin -> " + base_ + "/up/clip.bin: " +
-                                        std::to_string(bytes.size()) + " bytes in ",
-                                    0))
+                                       std::to_string(bytes.size()) + " bytes in ",
+                                   0))
         << result.transcript();
     std::string stored;
     ASSERT_TRUE(server().readFile(base_ + "/up/clip.bin", &stored));
@@ -733,8 +747,8 @@ TEST_F(ToolCommand, PutAndGetDrawAProgressBarOnATerminal) {
     writeLocal(work_ + "/big.bin", randomBytes(2 << 20, 4));
     ToolRun result = runToolOnTerminal({"put", location(), "big.bin"}, work_);
     EXPECT_EQ(0, result.status) << result.transcript();
-    EXPECT_TRUE(std::regex_search(result.out,
-                                  std::regex("\r\\[#+\\]  100%  2\\.00 MiB / 2\\.00 MiB  .*/s  ETA")))
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\r\\[#+\\]  100%  2\\.00 MiB / 2\\.00 MiB  .*/s  ETA")))
         << result.transcript();
     EXPECT_FALSE(contains(result.out, "(pw)"));
 
@@ -807,9 +821,11 @@ void expectRecording(const ToolRun& result, const std::string& localBase, long l
     EXPECT_EQ(0, figures.failedCalls) << result.transcript();
     for (const char* latency : {"open latency", "close latency", "write latency"}) {
         EXPECT_TRUE(std::regex_search(
-            result.out, std::regex(std::string("\n  ") + latency +
-                                   " +p50 [0-9.]+ ms  p90 [0-9.]+ ms  p99 [0-9.]+ ms  max [0-9.]+ ms")))
-            << latency << "\n" << result.transcript();
+            result.out,
+            std::regex(std::string("\n  ") + latency +
+                       " +p50 [0-9.]+ ms  p90 [0-9.]+ ms  p99 [0-9.]+ ms  max [0-9.]+ ms")))
+            << latency << "\n"
+            << result.transcript();
     }
     EXPECT_TRUE(std::regex_search(
         result.out, std::regex("\n  first open     every camera's first file open by [0-9.]+ s\n"
@@ -831,21 +847,22 @@ void expectRecording(const ToolRun& result, const std::string& localBase, long l
 
 TEST_F(ToolCommand, RecordWritesEveryCamerasSegmentsWithTheirPattern) {
     // 2 cameras x 1 s at 2 Mbit/s = 250000 bytes each, in segments of 0.5 s.
-    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1",
-                                "--rate", "2", "--segment", "0.5"});
+    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1", "--rate",
+                                "2", "--segment", "0.5"});
     EXPECT_EQ(0, result.status) << result.transcript();
     EXPECT_EQ("", result.err) << "no status line when standard error is not a terminal";
-    EXPECT_EQ(0u, result.out.rfind("recording to rec(***)@ftp://" + server().hostPort() + base_ +
-                                       ": 2 cameras x 1 s at 2 Mbit/s, 0.5 s segments, write, into " +
-                                       base_ + "/",
-                                   0))
+    EXPECT_EQ(0u,
+              result.out.rfind("recording to rec(***)@ftp://" + server().hostPort() + base_ +
+                                   ": 2 cameras x 1 s at 2 Mbit/s, 0.5 s segments, write, into " +
+                                   base_ + "/",
+                               0))
         << result.transcript();
     expectRecording(result, server().localPath(base_), 4, 500000);
 }
 
 TEST_F(ToolCommand, RecordThroughAioWritesTheSameBytes) {
-    const ToolRun result = run({"record", location(), "--cameras=3", "--seconds=0.5", "--rate=8",
-                                "--segment=1", "--aio"});
+    const ToolRun result = run(
+        {"record", location(), "--cameras=3", "--seconds=0.5", "--rate=8", "--segment=1", "--aio"});
     EXPECT_EQ(0, result.status) << result.transcript();
     EXPECT_TRUE(contains(result.out, "1 s segments, aioWrite")) << result.transcript();
     // 3 cameras x 0.5 s at 1 MB/s, one (short) segment each.
@@ -854,8 +871,8 @@ TEST_F(ToolCommand, RecordThroughAioWritesTheSameBytes) {
 
 TEST_F(ToolCommand, RecordWritesEveryFigureOfItsSummaryAsJson) {
     const std::string figures = work_ + "/figures.json";
-    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1",
-                                "--rate", "2", "--segment", "0.5", "--json", figures});
+    const ToolRun result = run({"record", location(), "--cameras", "2", "--seconds", "1", "--rate",
+                                "2", "--segment", "0.5", "--json", figures});
     EXPECT_EQ(0, result.status) << result.transcript();
     expectRecording(result, server().localPath(base_), 4, 500000);
     const std::string json = readLocal(figures);
@@ -867,19 +884,23 @@ TEST_F(ToolCommand, RecordWritesEveryFigureOfItsSummaryAsJson) {
           "\n  \"verdict\": \"PASS\"\n}\n"}) {
         EXPECT_TRUE(contains(json, field)) << field << "\n" << json;
     }
-    EXPECT_TRUE(contains(json, "\n  \"location\": \"rec(***)@ftp://" + server().hostPort() + base_ +
-                                   "\",\n"))
+    EXPECT_TRUE(contains(
+        json, "\n  \"location\": \"rec(***)@ftp://" + server().hostPort() + base_ + "\",\n"))
         << json;
-    EXPECT_TRUE(std::regex_search(json, std::regex("\n  \"first_open_all_seconds\": [0-9]+\\.[0-9]{6},\n")))
+    EXPECT_TRUE(
+        std::regex_search(json, std::regex("\n  \"first_open_all_seconds\": [0-9]+\\.[0-9]{6},\n")))
         << json;
     // Every call of the run: 4 opens and closes, 20 writes (ten a second per camera).
-    const std::string latency = "\\{\"calls\": ([0-9]+), \"p50_ms\": [0-9.]+, \"p90_ms\": [0-9.]+, "
-                                "\"p99_ms\": [0-9.]+, \"max_ms\": [0-9.]+\\}";
+    const std::string latency =
+        "\\{\"calls\": ([0-9]+), \"p50_ms\": [0-9.]+, \"p90_ms\": [0-9.]+, "
+        "\"p99_ms\": [0-9.]+, \"max_ms\": [0-9.]+\\}";
     for (const auto& kind : std::vector<std::pair<std::string, std::string>>{
              {"mkdir", "2"}, {"open", "4"}, {"close", "4"}, {"write", "20"}}) {
         std::smatch m;
-        ASSERT_TRUE(std::regex_search(json, m, std::regex("\n  \"" + kind.first + "\": " + latency)))
-            << kind.first << "\n" << json;
+        ASSERT_TRUE(
+            std::regex_search(json, m, std::regex("\n  \"" + kind.first + "\": " + latency)))
+            << kind.first << "\n"
+            << json;
         EXPECT_EQ(kind.second, m[1].str()) << kind.first;
     }
     std::smatch ramped;
@@ -923,7 +944,8 @@ TEST_F(ToolCommand, RecordCountsFailedCallsWhenTheServerGoesAwayAndStillEndsOnTi
     for (int i = 0; i < 1000 && !segmentSeen; ++i) {
         std::error_code ignored;
         if (fs::exists(own.localPath("/video"), ignored)) {
-            for (const auto& entry : fs::recursive_directory_iterator(own.localPath("/video"), ignored)) {
+            for (const auto& entry :
+                 fs::recursive_directory_iterator(own.localPath("/video"), ignored)) {
                 segmentSeen = segmentSeen || entry.path().extension() == ".dat";
             }
         }
@@ -981,8 +1003,9 @@ TEST_F(ToolCommand, RecordInterruptedByCtrlCClosesItsFilesAndPrintsTheSummary) {
     EXPECT_FALSE(result.timedOut) << result.transcript();
     EXPECT_EQ(130, result.status) << result.transcript();
     EXPECT_TRUE(std::regex_search(
-        result.out, std::regex("\n  interrupted    after [0-9.]+ s of 600 s; each camera closed its "
-                               "last, shorter segment\n")))
+        result.out,
+        std::regex("\n  interrupted    after [0-9.]+ s of 600 s; each camera closed its "
+                   "last, shorter segment\n")))
         << result.transcript();
     EXPECT_TRUE(contains(result.out, "\nverdict: PASS\n")) << result.transcript();
     // What the summary counts is exactly what the server holds, every file
@@ -1008,12 +1031,14 @@ TEST_F(ToolCommand, RecordRollsDaysRemovesTheOldOnesAndPausesAsARecorderDoes) {
     // the next one began (day 0 at 2 s, day 2 at 4 s, day 4 at 6 s); the
     // passes that find a day to remove that was never made (3 s, 5 s) skip it.
     const ToolRun result =
-        run({"record", location(), "--cameras", "2", "--seconds", "6.5", "--rate", "0.8",
-             "--segment", "0.5", "--day-seconds", "1", "--keep-days", "1", "--list-every", "1",
-             "--pause-every", "1", "--pause-for", "1", "--samples", "10"});
+        run({"record",      location(), "--cameras",    "2",   "--seconds",     "6.5",
+             "--rate",      "0.8",      "--segment",    "0.5", "--day-seconds", "1",
+             "--keep-days", "1",        "--list-every", "1",   "--pause-every", "1",
+             "--pause-for", "1",        "--samples",    "10"});
     EXPECT_EQ(0, result.status) << result.transcript();
-    EXPECT_TRUE(contains(result.out, "\nschedule: days of 1 s, keeping 1; housekeeping every 1 s; "
-                                     "every camera pauses for 2 segments after 2\n"))
+    EXPECT_TRUE(contains(result.out,
+                         "\nschedule: days of 1 s, keeping 1; housekeeping every 1 s; "
+                         "every camera pauses for 2 segments after 2\n"))
         << result.transcript();
     // 7 segments of 50000 bytes for each camera, none dropped: a pause is no loss.
     const SummaryFigures figures = readSummary(result.out);
@@ -1021,7 +1046,8 @@ TEST_F(ToolCommand, RecordRollsDaysRemovesTheOldOnesAndPausesAsARecorderDoes) {
     EXPECT_EQ(0, figures.failedFiles) << result.transcript();
     EXPECT_EQ(700000, figures.bytes) << result.transcript();
     EXPECT_EQ(0, figures.failedCalls) << result.transcript();
-    EXPECT_TRUE(std::regex_search(result.out, std::regex("\n  bytes +700000 \\(.*\\), 0 dropped\n")))
+    EXPECT_TRUE(
+        std::regex_search(result.out, std::regex("\n  bytes +700000 \\(.*\\), 0 dropped\n")))
         << result.transcript();
     EXPECT_TRUE(contains(result.out, "\nverdict: PASS\n")) << result.transcript();
 
@@ -1088,7 +1114,7 @@ TEST_F(ToolCommand, RecordToAServerThatRefusesTheLoginFails) {
 // RealFtpServerOptions::maxClients): the line of the tool's own login that
 // names it, and the server's reply in it.
 struct Refusal {
-    const char* how;    // "refused the session" or "refused the login as rec"
+    const char* how;  // "refused the session" or "refused the login as rec"
     const char* reply;
 };
 
@@ -1164,20 +1190,23 @@ TEST_P(ToolAgainstAConnectionLimit, CheckSaysHowManyConnectionsTheServerGrantedA
                    "connections \\(the store's own and one per file\\), enough for 2 cameras; "
                    "open p50 [0-9.]+ (ms|s), max [0-9.]+ (ms|s)")))
         << within.transcript();
-    EXPECT_TRUE(contains(within.out, " can hold recordings from 2 cameras (11 of 11 steps passed)\n"))
+    EXPECT_TRUE(
+        contains(within.out, " can hold recordings from 2 cameras (11 of 11 steps passed)\n"))
         << within.transcript();
 
     const ToolRun beyond = run({"check", where, "--cameras", "3"});
     EXPECT_EQ(1, beyond.status) << beyond.transcript();
-    const std::string detail = std::string("server granted 3 connections; 3 cameras need 4: '") +
-                               refusal.reply + "'";
+    const std::string detail =
+        std::string("server granted 3 connections; 3 cameras need 4: '") + refusal.reply + "'";
     EXPECT_TRUE(std::regex_match(lineStarting(beyond.out, "  FAIL  cameras "),
                                  std::regex("  FAIL  cameras +[0-9.]+ (ms|s)  .*")))
         << beyond.transcript();
     EXPECT_TRUE(contains(lineStarting(beyond.out, "  FAIL  cameras "), "  " + detail))
         << beyond.transcript();
-    EXPECT_TRUE(contains(beyond.out, " is not usable: 1 of 11 steps failed, 0 skipped; first "
-                                     "failure: cameras (" + detail + ")\n"))
+    EXPECT_TRUE(contains(beyond.out,
+                         " is not usable: 1 of 11 steps failed, 0 skipped; first "
+                         "failure: cameras (" +
+                             detail + ")\n"))
         << beyond.transcript();
     // The test files went with the test directory.
     EXPECT_TRUE(fs::is_empty(server_->localPath("/video"))) << "the check left files behind";
@@ -1202,8 +1231,9 @@ TEST_P(ToolAgainstAConnectionLimit, RecordNamesEveryFailedOpenAndTheServersAnswe
     EXPECT_TRUE(contains(result.out, "\nfailed calls by reason\n" + std::string(reasonLine) + why +
                                          "\nfirst failed calls\n"))
         << result.transcript();
-    const std::regex call("  cam0[1-4]  open      at +[0-9.]+ s  /video/[0-9]{4}-[0-9]{2}-[0-9]{2}/"
-                          "cam0[1-4]/00001_[0-9]{6}\\.dat: (.*)");
+    const std::regex call(
+        "  cam0[1-4]  open      at +[0-9.]+ s  /video/[0-9]{4}-[0-9]{2}-[0-9]{2}/"
+        "cam0[1-4]/00001_[0-9]{6}\\.dat: (.*)");
     int listed = 0;
     for (const std::string& line : lines(result.out)) {
         std::smatch m;

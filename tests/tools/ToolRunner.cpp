@@ -13,8 +13,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-extern char** environ;
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -30,19 +28,17 @@ std::vector<std::string> toolEnvironment(const std::string& workDir, const ToolE
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry = *e;
         const std::string name = nameOf(entry);
-        const bool replaced = std::any_of(own.begin(), own.end(), [&](const std::string& o) {
-            return nameOf(o) == name;
-        });
+        const bool replaced = std::any_of(own.begin(), own.end(),
+                                          [&](const std::string& o) { return nameOf(o) == name; });
         if (!replaced && name != "FTPDISK_PASSWORD") {
             env.push_back(entry);
         }
     }
     // Later entries of `extra` win over earlier ones and over our own.
     for (std::size_t i = 0; i < own.size(); ++i) {
-        const bool overridden = std::any_of(own.begin() + static_cast<long>(i) + 1, own.end(),
-                                            [&](const std::string& o) {
-                                                return nameOf(o) == nameOf(own[i]);
-                                            });
+        const bool overridden =
+            std::any_of(own.begin() + static_cast<long>(i) + 1, own.end(),
+                        [&](const std::string& o) { return nameOf(o) == nameOf(own[i]); });
         if (!overridden) {
             env.push_back(own[i]);
         }
@@ -132,8 +128,7 @@ ToolRun runTool(const std::vector<std::string>& args, const std::string& workDir
 }
 
 ToolRun runToolInterrupted(const std::vector<std::string>& args, const std::string& workDir,
-                           const std::function<bool()>& interruptWhen,
-                           std::chrono::seconds limit) {
+                           const std::function<bool()>& interruptWhen, std::chrono::seconds limit) {
     std::function<bool(pid_t, const std::string&)> watch;
     if (interruptWhen) {
         watch = [&](pid_t, const std::string&) { return interruptWhen(); };

@@ -14,10 +14,10 @@
 #include <vector>
 
 struct ToolRun {
-    int status = -1;       // exit status; -1 when killed by a signal or not started
+    int status = -1;  // exit status; -1 when killed by a signal or not started
     bool timedOut = false;
-    std::string out;       // standard output (or the terminal's whole output)
-    std::string err;       // standard error (empty for terminal runs)
+    std::string out;  // standard output (or the terminal's whole output)
+    std::string err;  // standard error (empty for terminal runs)
 
     // For failure messages: everything the run printed.
     std::string transcript() const;

@@ -154,7 +154,8 @@ TEST(ToolLocation, ReadsLocationsWithoutPasswordAndPutsTheOneFoundElsewhereIn) {
         EXPECT_EQ(c.password, location.password) << c.text;
         // The registry's own reading of the text gives the same fields.
         Location again;
-        ASSERT_TRUE(parseLocation(location.text, again, problem)) << location.text << ": " << problem;
+        ASSERT_TRUE(parseLocation(location.text, again, problem))
+            << location.text << ": " << problem;
         EXPECT_EQ(c.user, again.user) << location.text;
         EXPECT_EQ(c.password, again.password) << location.text;
         EXPECT_EQ(c.server, again.server) << location.text;
@@ -175,14 +176,10 @@ TEST(ToolLocation, FindsWhereThePasswordStandsForBlankingIt) {
         const char* text;
         const char* password;  // nullptr: none
     } cases[] = {
-        {"rec(pw)@ftp://h/p", "pw"},
-        {"a*(b(p@ss)@ftp://h/p", "p@ss"},
-        {"rec(a(b)c)@ftp://h/p", "a(b)c"},
-        {"rec()@ftp://h/p", ""},
-        {"rec@ftp://h/p", nullptr},
-        {"rec(pw@ftp://h/p", nullptr},
-        {"clip(1).bin", nullptr},
-        {"--cameras", nullptr},
+        {"rec(pw)@ftp://h/p", "pw"},       {"a*(b(p@ss)@ftp://h/p", "p@ss"},
+        {"rec(a(b)c)@ftp://h/p", "a(b)c"}, {"rec()@ftp://h/p", ""},
+        {"rec@ftp://h/p", nullptr},        {"rec(pw@ftp://h/p", nullptr},
+        {"clip(1).bin", nullptr},          {"--cameras", nullptr},
     };
     for (const auto& c : cases) {
         std::size_t begin = 0;
@@ -209,7 +206,8 @@ TEST(ToolLocation, RefusesTextsThatAreNotLocationsWithAReason) {
         {"rec(pw@ftp://h/p", "no \")\""},
         {"rec(pw)@h/p", "no \"ftp://\""},
         {"rec(pw)@ftp:///p", "empty server"},
-        {"rec(pw)@ftp://a-very-long-host-name-for-a-recorder.example:21/p", "server address too long"},
+        {"rec(pw)@ftp://a-very-long-host-name-for-a-recorder.example:21/p",
+         "server address too long"},
         {"rec(an-overlong-password-of-24)@ftp://h/p", "password too long"},
         {"a-user-name-of-thirty-two-chars!(pw)@ftp://h/p", "user name too long"},
         // The module would take the low 16 bits of the number (99999 -> 34463),
@@ -479,8 +477,12 @@ TEST(ToolFormat, SizesReadAsPeopleWriteThem) {
         double bytes;
         const char* text;
     } cases[] = {
-        {0, "0 B"},       {999, "999 B"},          {1023, "1023 B"},
-        {1024, "1.00 KiB"}, {1536, "1.50 KiB"},    {15000000, "14.3 MiB"},
+        {0, "0 B"},
+        {999, "999 B"},
+        {1023, "1023 B"},
+        {1024, "1.00 KiB"},
+        {1536, "1.50 KiB"},
+        {15000000, "14.3 MiB"},
         {1073741824.0 * 300, "300 GiB"},
     };
     for (const auto& c : cases) {

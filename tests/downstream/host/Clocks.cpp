@@ -24,7 +24,9 @@ namespace {
 
 std::mutex logMutex;
 
-std::string numbered(const char* file, int n) { return std::string(file) + "." + std::to_string(n); }
+std::string numbered(const char* file, int n) {
+    return std::string(file) + "." + std::to_string(n);
+}
 
 }  // namespace
 
@@ -34,17 +36,21 @@ void KDLogger::writeLog(const char* file, const char* where, const char* message
     char stamp[32] = "";
     const time_t now = time(NULL);
     struct tm local;
-    if (localtime_r(&now, &local) != NULL) strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-    const std::string line = std::string(stamp) + " [" + (where ? where : "") + "] " +
-                             (message ? message : "") + "\n";
+    if (localtime_r(&now, &local) != NULL)
+        strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    const std::string line =
+        std::string(stamp) + " [" + (where ? where : "") + "] " + (message ? message : "") + "\n";
 
     std::lock_guard<std::mutex> guard(logMutex);
     struct stat info;
     if (stat(file, &info) == 0 && info.st_size + static_cast<long long>(line.size()) > maxBytes) {
         // file.1 is the newest of the older files; the oldest falls off.
-        for (int n = keepFiles; n > 1; --n) rename(numbered(file, n - 1).c_str(), numbered(file, n).c_str());
-        if (keepFiles > 0) rename(file, numbered(file, 1).c_str());
-        else remove(file);
+        for (int n = keepFiles; n > 1; --n)
+            rename(numbered(file, n - 1).c_str(), numbered(file, n).c_str());
+        if (keepFiles > 0)
+            rename(file, numbered(file, 1).c_str());
+        else
+            remove(file);
     }
     FILE* out = fopen(file, "a");
     if (out == NULL) return;  // a log that cannot be written is not the caller's failure

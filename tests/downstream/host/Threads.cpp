@@ -17,7 +17,11 @@
 struct GThread::Impl {
     Impl(const function<int>& body, const std::string& name, const function<int>& onStart,
          const function<int>& onStop)
-        : body(body), onStart(onStart), onStop(onStop), name(name), stopAsked(false),
+        : body(body),
+          onStart(onStart),
+          onStop(onStop),
+          name(name),
+          stopAsked(false),
           alive(false) {}
 
     function<int> body;

@@ -24,35 +24,18 @@
 #include "foundation/SafePointer.h"
 #include "host/IFileScanAction.h"
 #include "support/RealFtpServer.h"
+#include "support/TestHelpers.h"
 
 namespace {
+
+using ftptest::sorted;
+
+using ftptest::joined;
+using ftptest::patternBytes;
 
 using std::chrono::milliseconds;
 
 const long long kMiB = 1048576;
-
-// Recording-like content: every byte value, line ends included, in an order
-// that differs per segment, so swapped or shifted segments show.
-std::string segmentBytes(size_t size, int seed) {
-    std::string bytes(size, '\0');
-    unsigned value = static_cast<unsigned>(seed) * 2654435761u;
-    for (size_t i = 0; i < size; ++i) {
-        value = value * 1103515245u + 12345u;
-        bytes[i] = static_cast<char>(value >> 24);
-    }
-    return bytes;
-}
-
-std::vector<std::string> sorted(std::vector<std::string> names) {
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-std::string joined(const std::vector<std::string>& names) {
-    std::string text;
-    for (const std::string& name : names) text += (text.empty() ? "" : ",") + name;
-    return text;
-}
 
 // Sum of the sizes the servers list for everything below `dir` (files and
 // directories alike, names starting with '.' left out), from the local disk.
@@ -196,7 +179,7 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         EXPECT_FALSE(fs.isDirExist("/rec/20240101/cam9"));
 
         // Segment 1 with plain writes.
-        const std::string seg1 = segmentBytes(kMiB + kMiB / 2 + 123, 1);
+        const std::string seg1 = patternBytes(kMiB + kMiB / 2 + 123, 1);
         int h1 = fs.open("/rec/20240101/cam1/seg0001.dat", 2);
         ASSERT_GE(h1, 1) << server.logTail();
         ASSERT_TRUE(writeThroughHandle(fs, h1, seg1));
@@ -209,8 +192,8 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
 
         // Segment 2 with aioWrite/aioReturn, while segment 3 of the other
         // camera is open on its own connection at the same time.
-        const std::string seg2 = segmentBytes(600 * 1024, 2);
-        const std::string seg3 = segmentBytes(70 * 1024 + 1, 3);
+        const std::string seg2 = patternBytes(600 * 1024, 2);
+        const std::string seg3 = patternBytes(70 * 1024 + 1, 3);
         int h2 = fs.open("/rec/20240101/cam1/seg0002.dat", 2);
         int h3 = fs.open("/rec/20240101/cam2/seg0003.dat", 4);
         ASSERT_GE(h2, 1);
@@ -241,17 +224,17 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         // success and 0 on failure.
         std::vector<std::string> names;
         ASSERT_EQ(fs.getFileList(cam1, names, ""), 1);
-        EXPECT_EQ(joined(sorted(names)), "index.idx,seg0001.dat,seg0002.dat");
+        EXPECT_EQ(joined(sorted(names), ","), "index.idx,seg0001.dat,seg0002.dat");
         names.clear();
         ASSERT_EQ(fs.getSubDirList("/rec/20240101", names, ""), 1);
-        EXPECT_EQ(joined(sorted(names)), "cam1,cam2");
+        EXPECT_EQ(joined(sorted(names), ","), "cam1,cam2");
         names.clear();
         ASSERT_EQ(fs.getFileList("/rec/20240101", names, ""), 1);
-        EXPECT_TRUE(names.empty()) << joined(names);
+        EXPECT_TRUE(names.empty()) << joined(names, ",");
         CollectingScan visitor;
         // The filter is not applied: every file is visited.
         ASSERT_EQ(fs.scan(cam1, &visitor, "*.dat"), 1);
-        EXPECT_EQ(joined(sorted(visitor.names)), "index.idx,seg0001.dat,seg0002.dat");
+        EXPECT_EQ(joined(sorted(visitor.names), ","), "index.idx,seg0001.dat,seg0002.dat");
         long long total = 0;
         ASSERT_EQ(fs.getTotalSize("/rec", total), 1);
         EXPECT_EQ(total, listedSizeBelow(server.localPath("/rec")));
@@ -268,12 +251,12 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         // hand back nothing.
         names.clear();
         EXPECT_EQ(fs.getFileList("/rec/20240101/cam9", names, ""), 0);
-        EXPECT_TRUE(names.empty()) << joined(names);
+        EXPECT_TRUE(names.empty()) << joined(names, ",");
         EXPECT_EQ(fs.getSubDirList("/rec/20240101/cam9", names, ""), 0);
-        EXPECT_TRUE(names.empty()) << joined(names);
+        EXPECT_TRUE(names.empty()) << joined(names, ",");
         CollectingScan nothing;
         EXPECT_EQ(fs.scan("/rec/20240101/cam9", &nothing, ""), 0);
-        EXPECT_TRUE(nothing.names.empty()) << joined(nothing.names);
+        EXPECT_TRUE(nothing.names.empty()) << joined(nothing.names, ",");
         long long untouched = -7;
         EXPECT_EQ(fs.getTotalSize("/rec/20240101/cam9", untouched), 0);
         EXPECT_EQ(fs.getFileLength("/rec/20240101/cam1/missing.dat"), -1);
@@ -293,7 +276,7 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         EXPECT_FALSE(fs.isFileExist("/rec/20240101/cam1/seg0001.dat"));
         names.clear();
         ASSERT_EQ(fs.getFileList(cam1, names, ""), 1);
-        EXPECT_EQ(joined(sorted(names)), "a0001.dat,index.idx,seg0002.dat");
+        EXPECT_EQ(joined(sorted(names), ","), "a0001.dat,index.idx,seg0002.dat");
 
         // Whole-file copies both ways.
         const std::string back = local.file("back.dat");
@@ -307,7 +290,7 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         ASSERT_EQ(fs.Get(backAio.c_str(), "/rec/20240101/cam1/seg0002.dat"), 0);
         ASSERT_TRUE(readLocal(backAio, &copied));
         EXPECT_TRUE(copied == seg2) << "Get of the aioWrite segment: " << copied.size();
-        const std::string upload = segmentBytes(700 * 1024, 4);
+        const std::string upload = patternBytes(700 * 1024, 4);
         const std::string source = local.file("upload.dat");
         ASSERT_TRUE(writeLocal(source, upload));
         ASSERT_EQ(fs.Put(source.c_str(), "/rec/20240101/cam2/put.dat"), 0);
@@ -318,7 +301,7 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
                   static_cast<long long>(upload.size()));
 
         // Snapshot stream on the main connection.
-        const std::string picture = segmentBytes(40 * 1024 + 5, 5);
+        const std::string picture = patternBytes(40 * 1024 + 5, 5);
         ASSERT_EQ(fs.snapshot_open("/rec/20240101/cam2/snap.jpg", 0), 0);
         size_t sent = 0;
         for (int rounds = 0; sent < picture.size() && rounds < 10000; ++rounds) {
@@ -332,7 +315,7 @@ TEST_P(StoreOnRealServer, RecordsADayAndCleansItUpThroughTheRegistry) {
         EXPECT_TRUE(onDisk == picture) << "snapshot differs: " << onDisk.size();
         // A second snapshot on the same connection, right after the first,
         // in one write; the first stays as it was.
-        const std::string picture2 = segmentBytes(9000, 6);
+        const std::string picture2 = patternBytes(9000, 6);
         ASSERT_EQ(fs.snapshot_open("/rec/20240101/cam1/snap2.jpg", 0), 0) << server.logTail();
         EXPECT_EQ(fs.snapshot_write(picture2.data(), static_cast<unsigned>(picture2.size())),
                   static_cast<int>(picture2.size()));

@@ -3,8 +3,8 @@
 // the line it is given and reports the server's reply as received. Passive
 // data connections only, and only to 127.0.0.1: a server that announces any
 // other address gets no connection. One thread uses an object.
-#ifndef FTPDISK_TESTS_SERVERS_RAWFTPSESSION_H
-#define FTPDISK_TESTS_SERVERS_RAWFTPSESSION_H
+#ifndef FTPDISK_TESTS_SUPPORT_RAWFTPSESSION_H
+#define FTPDISK_TESTS_SUPPORT_RAWFTPSESSION_H
 
 #include <string>
 
@@ -52,4 +52,4 @@ private:
     std::string pending_;
 };
 
-#endif  // FTPDISK_TESTS_SERVERS_RAWFTPSESSION_H
+#endif  // FTPDISK_TESTS_SUPPORT_RAWFTPSESSION_H

@@ -32,9 +32,8 @@ public:
 bool recordFile(FTPFileSystem& store, const char* path, const std::string& bytes) {
     int handle = store.open(path, 2);
     if (handle < 1) return false;
-    bool written =
-        store.write(handle, bytes.data(), static_cast<unsigned>(bytes.size())) ==
-        static_cast<int>(bytes.size());
+    bool written = store.write(handle, bytes.data(), static_cast<unsigned>(bytes.size())) ==
+                   static_cast<int>(bytes.size());
     return store.close(handle) == 0 && written;
 }
 
@@ -104,7 +103,8 @@ TEST_P(IdlePoolOnRealServer, APooledConnectionTheServerClosedFailsOneOpenAndTheN
     EXPECT_EQ(ftptest::waitForDescriptorCount(descriptorsBefore), descriptorsBefore);
 }
 
-TEST_P(IdlePoolOnRealServer, TheMonitorQuitsAPooledConnectionAfterThirtyIdleSecondsOfTheModulesClock) {
+TEST_P(IdlePoolOnRealServer,
+       TheMonitorQuitsAPooledConnectionAfterThirtyIdleSecondsOfTheModulesClock) {
     RealFtpServer server(GetParam());
     ASSERT_TRUE(server.ready()) << server.failure();
     ManualClock clock;

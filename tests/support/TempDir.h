@@ -1,7 +1,7 @@
-// A fresh folder below /tmp for one test, removed with its contents when the
-// test ends.
-#ifndef FTPDISK_TESTS_HOST_TEMPDIR_H
-#define FTPDISK_TESTS_HOST_TEMPDIR_H
+// TempDir: a fresh folder below /tmp for one test, removed with everything in
+// it when the test ends; and reading a local file whole.
+#ifndef FTPDISK_TESTS_SUPPORT_TEMPDIR_H
+#define FTPDISK_TESTS_SUPPORT_TEMPDIR_H
 
 #include <stdlib.h>
 
@@ -9,11 +9,14 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <system_error>
+
+namespace ftptest {
 
 class TempDir {
 public:
     TempDir() {
-        char pattern[] = "/tmp/ftpdisk_host_XXXXXX";
+        char pattern[] = "/tmp/ftpdisk-test-XXXXXX";
         const char* made = mkdtemp(pattern);
         path_ = made != nullptr ? made : "";
     }
@@ -25,6 +28,8 @@ public:
     TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return path_; }
+    // The path of `name` inside the folder.
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
 
 private:
     std::string path_;
@@ -36,4 +41,6 @@ inline std::string readWholeFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-#endif  // FTPDISK_TESTS_HOST_TEMPDIR_H
+}  // namespace ftptest
+
+#endif  // FTPDISK_TESTS_SUPPORT_TEMPDIR_H

@@ -16,7 +16,7 @@ using std::chrono::milliseconds;
 
 // Bytes 0..255 repeated, with "\r\n" and "\n" inside, so that any line-end
 // translation or loss shows.
-std::string patternBytes(size_t size) {
+std::string bytesWithLineEnds(size_t size) {
     std::string bytes(size, '\0');
     for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 7 + i / 251) & 0xff);
     if (size > 10) {
@@ -91,7 +91,7 @@ protected:
 };
 
 TEST_P(FtpToolOnRealServer, StoresAndRetrievesAFileByteForByte) {
-    const std::string bytes = patternBytes(300 * 1024 + 17);
+    const std::string bytes = bytesWithLineEnds(300 * 1024 + 17);
     std::string why;
     ASSERT_TRUE(storeFile(tool_, "seg.bin", bytes, &why)) << why << server_->logTail();
     std::string onDisk;

@@ -1,4 +1,4 @@
-#include "RawFtpSession.h"
+#include "support/RawFtpSession.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -92,9 +92,7 @@ bool RawFtpSession::send(const std::string& line) {
     return fd_ >= 0 && sendAll(fd_, line + "\r\n");
 }
 
-std::string RawFtpSession::command(const std::string& line) {
-    return send(line) ? reply() : "";
-}
+std::string RawFtpSession::command(const std::string& line) { return send(line) ? reply() : ""; }
 
 bool RawFtpSession::logIn(const std::string& user, const std::string& password) {
     if (reply().compare(0, 1, "2") != 0) return false;
@@ -110,8 +108,8 @@ RawFtpSession::Transfer RawFtpSession::transfer(const std::string& line,
     unsigned h[4] = {0, 0, 0, 0}, p[2] = {0, 0};
     size_t open = result.pasv.find('(');
     if (result.pasv.compare(0, 1, "2") != 0 || open == std::string::npos ||
-        sscanf(result.pasv.c_str() + open, "(%u,%u,%u,%u,%u,%u", &h[0], &h[1], &h[2], &h[3],
-               &p[0], &p[1]) != 6) {
+        sscanf(result.pasv.c_str() + open, "(%u,%u,%u,%u,%u,%u", &h[0], &h[1], &h[2], &h[3], &p[0],
+               &p[1]) != 6) {
         return result;
     }
     if (h[0] != 127 || h[1] != 0 || h[2] != 0 || h[3] != 1) {

@@ -1,0 +1,68 @@
+#include "filesystem/SnapshotStream.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+
+SnapshotStream::SnapshotStream(const char* lockSource)
+    : lockSource(lockSource), snapshotStream(NULL) {}
+
+int SnapshotStream::open(FTPTool& tool, const char* path) {
+    KDMutexLocker snapshot(snapshotLock, lockSource, __LINE__);
+    if (snapshotStream != NULL || path == NULL) {
+        return -1;
+    }
+    if (tool.getControlBuf() == NULL) {
+        return -1;  // never connected, or quit: nothing to talk to
+    }
+    NetBuf* stream = NULL;
+    if (tool.dataConnect(path, kFtpStor, 'I', &stream) == 0 || stream == NULL) {
+        return -1;
+    }
+    snapshotStream = stream;
+    return 0;
+}
+
+int SnapshotStream::write(FTPTool& tool, const char* buf, unsigned int len) {
+    KDMutexLocker snapshot(snapshotLock, lockSource, __LINE__);
+    int n = -1;
+    if (snapshotStream == NULL) {
+        errno = EBADF;  // no stream: report it as a write to a closed descriptor
+    } else {
+        const int length =
+            len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
+        n = tool.write(buf, length, snapshotStream);
+    }
+    if (n >= 0) {
+        return n;
+    }
+    printf("FTPFileSystemImpl::snapshot_write %d\n", errno);
+    fflush(stdout);
+    return -1;
+}
+
+int SnapshotStream::close(FTPTool& tool) {
+    KDMutexLocker snapshot(snapshotLock, lockSource, __LINE__);
+    if (snapshotStream == NULL) {
+        return -1;
+    }
+    NetBuf* stream = snapshotStream;
+    snapshotStream = NULL;  // closeData frees the record whatever it returns
+    return tool.closeData(stream) == 1 ? 0 : -1;
+}
+
+void SnapshotStream::drop(FTPTool* tool) {
+    if (snapshotStream == NULL) {
+        return;
+    }
+    NetBuf* stream = snapshotStream;
+    snapshotStream = NULL;
+    tool->closeData(stream);
+}
+
+SnapshotStream::Pause::Pause(SnapshotStream& stream, FTPTool* tool, int line)
+    : held(stream.snapshotLock, stream.lockSource, line) {
+    stream.drop(tool);
+}
+
+SnapshotStream::Pause::~Pause() {}
