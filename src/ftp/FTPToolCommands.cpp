@@ -32,12 +32,6 @@ bool fits(const char* verb, size_t length) {
     return strlen(verb) + 1 + length + 1 <= kCommandLineSize;
 }
 
-// Whether "VERB " followed by an argument of `length` characters is a line
-// Sendcmd will send: "\r\n" and the terminator must fit after it.
-bool sendable(const char* verb, size_t length) {
-    return strlen(verb) + 1 + length + 3 <= kCommandLineSize;
-}
-
 // Builds "VERB argument" into `line`, zeroed first; false, leaving it zeroed,
 // when it would not fit.
 bool commandLine(char (&line)[kCommandLineSize], const char* verb, const char* argument) {
@@ -105,9 +99,11 @@ int FTPTool::site(const char* command) {
 // commands on this connection.
 int FTPTool::size(const char* path, int* size, char mode) {
     if (path == NULL || size == NULL || controlBuf == NULL) return 0;
-    // Two lines: the second must be one that goes out, or TYPE would be sent
-    // for nothing.
-    if (!sendable("SIZE", strlen(path))) return 0;
+    // SIZE's own rule counts one byte more than its line needs: a path of
+    // 250 characters or more is refused before anything is sent. One of 249
+    // passes it, sends TYPE, and then meets Sendcmd's line limit, as it
+    // always has.
+    if (strlen(path) + 7 > kCommandLineSize) return 0;
     char line[kCommandLineSize];
     memset(line, 0, sizeof line);
     snprintf(line, sizeof line, "TYPE %c", mode);

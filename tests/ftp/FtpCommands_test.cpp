@@ -165,6 +165,10 @@ TEST_F(FtpCommands, SizeRefusesAnOverlongPathOrMissingTargetBeforeSending) {
     EXPECT_EQ(tool.size("/a", nullptr, 'I'), 0);
     EXPECT_EQ(tool.size(nullptr, &size, 'I'), 0);
     EXPECT_EQ(afterLogin(), Lines{});
+    // 249 characters pass SIZE's own rule: TYPE goes out, then the SIZE line
+    // is too long for Sendcmd and nothing more is sent.
+    EXPECT_EQ(tool.size(std::string(249, 'p').c_str(), &size, 'I'), 0);
+    EXPECT_EQ(afterLogin(), Lines{"TYPE I"});
 }
 
 TEST_F(FtpCommands, MoveFileSendsRnfrThenRnto) {
