@@ -42,6 +42,26 @@ std::unique_ptr<FtpFileHandleManager> tableOn(const ftptest::ScriptedFtpServer& 
         server.address().c_str(), "rec", "pw", 1, handleLimit, maxOpenFiles));
 }
 
+// Every later login on `server` is answered `late` after its "PASS".
+void answerLoginsLate(ftptest::ScriptedFtpServer& server, Millis late) {
+    Reply slowLogin("230 Logged in");
+    slowLogin.delay = late;
+    server.setReply("PASS", slowLogin);
+}
+
+// Opens every path on a thread of its own, all at once; the handles in the
+// order of the paths.
+std::vector<int> openFromThreads(FtpFileHandleManager& table,
+                                 const std::vector<std::string>& paths) {
+    std::vector<int> handles(paths.size(), 0);
+    std::vector<std::thread> openers;
+    for (size_t i = 0; i < paths.size(); ++i) {
+        openers.emplace_back([&, i] { handles[i] = table.open(paths[i].c_str(), 2); });
+    }
+    for (std::thread& t : openers) t.join();
+    return handles;
+}
+
 // What the store's write does: look the handle up, then write through it.
 int writeThrough(FtpFileHandleManager& table, int handle, const char* bytes, size_t size) {
     SafePointer<FtpFileHandler> file;
@@ -57,9 +77,7 @@ TEST(OpenFileTableConcurrency, AWriterGoesOnWhileAnotherFileOpensAndClosesOnASlo
 
     // From now on every new login is answered 2.5 s late and every closing
     // reply 2 s late: the other camera's open and close each take that long.
-    Reply slowLogin("230 Logged in");
-    slowLogin.delay = Millis(2500);
-    server.setReply("PASS", slowLogin);
+    answerLoginsLate(server, Millis(2500));
     Reply slowClose("150 Opening data connection");
     slowClose.finalDelay = Millis(2000);
     server.setReply("STOR", slowClose);
@@ -106,9 +124,7 @@ TEST(OpenFileTableConcurrency, AWriterGoesOnWhileAnotherFileOpensAndClosesOnASlo
 TEST(OpenFileTableConcurrency, TwoOpensOnSlowLoginsOverlapInTime) {
     ftptest::ScriptedFtpServer server;
     auto table = tableOn(server, 16, 16);
-    Reply slowLogin("230 Logged in");
-    slowLogin.delay = Millis(1500);
-    server.setReply("PASS", slowLogin);
+    answerLoginsLate(server, Millis(1500));
 
     std::atomic<int> done{0};
     std::vector<int> handles(2, 0);
@@ -132,17 +148,11 @@ TEST(OpenFileTableConcurrency, TwoOpensOnSlowLoginsOverlapInTime) {
 TEST(OpenFileTableConcurrency, ConcurrentOpensOfOnePathGiveExactlyOneHandle) {
     ftptest::ScriptedFtpServer server;
     auto table = tableOn(server, 64, 64);
-    Reply slowLogin("230 Logged in");
-    slowLogin.delay = Millis(500);
-    server.setReply("PASS", slowLogin);
+    answerLoginsLate(server, Millis(500));
 
     const int kThreads = 8;
-    std::vector<int> handles(kThreads, 0);
-    std::vector<std::thread> openers;
-    for (int i = 0; i < kThreads; ++i) {
-        openers.emplace_back([&, i] { handles[i] = table->open("/cam1/same.dat", 2); });
-    }
-    for (std::thread& t : openers) t.join();
+    const std::vector<int> handles =
+        openFromThreads(*table, std::vector<std::string>(kThreads, "/cam1/same.dat"));
     EXPECT_EQ(std::count(handles.begin(), handles.end(), -1), kThreads - 1);
     EXPECT_EQ(std::count(handles.begin(), handles.end(), 1), 1);
     // The refused opens never reached the server: one login, one STOR.
@@ -154,18 +164,11 @@ TEST(OpenFileTableConcurrency, ConcurrentOpensOfOnePathGiveExactlyOneHandle) {
 TEST(OpenFileTableConcurrency, ConcurrentOpensNeverExceedTheOpenFileLimit) {
     ftptest::ScriptedFtpServer server;
     auto table = tableOn(server, 64, 4);
-    Reply slowLogin("230 Logged in");
-    slowLogin.delay = Millis(500);
-    server.setReply("PASS", slowLogin);
+    answerLoginsLate(server, Millis(500));
 
-    const int kThreads = 10;
-    std::vector<int> handles(kThreads, 0);
-    std::vector<std::thread> openers;
-    for (int i = 0; i < kThreads; ++i) {
-        openers.emplace_back(
-            [&, i] { handles[i] = table->open(("/cam" + std::to_string(i) + ".dat").c_str(), 2); });
-    }
-    for (std::thread& t : openers) t.join();
+    std::vector<std::string> paths;
+    for (int i = 0; i < 10; ++i) paths.push_back("/cam" + std::to_string(i) + ".dat");
+    const std::vector<int> handles = openFromThreads(*table, paths);
     std::vector<int> opened;
     for (int h : handles) {
         if (h != -1) opened.push_back(h);
@@ -183,9 +186,7 @@ TEST(OpenFileTableConcurrency, ABurstOfOpensConnectsAtMostEightNewConnectionsAtO
     Reply slowGreeting("220 ready");
     slowGreeting.delay = Millis(300);
     server.setGreeting(slowGreeting);
-    Reply slowLogin("230 Logged in");
-    slowLogin.delay = Millis(300);
-    server.setReply("PASS", slowLogin);
+    answerLoginsLate(server, Millis(300));
     auto table = tableOn(server, 64, 64);
 
     const int kCameras = 20;

@@ -10,7 +10,6 @@
 #ifndef FTPDISK_TESTS_FAULTS_FAULTTESTUTIL_H
 #define FTPDISK_TESTS_FAULTS_FAULTTESTUTIL_H
 
-#include <dirent.h>
 #include <malloc.h>
 
 #include <algorithm>
@@ -76,17 +75,6 @@ inline bool waitUntil(const std::function<bool()>& condition, Millis limit = Mil
     }
 }
 
-// Threads of this process now (entries of /proc/self/task).
-inline int threadCount() {
-    DIR* dir = ::opendir("/proc/self/task");
-    if (dir == nullptr) return -1;
-    int count = 0;
-    while (dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
-    ::closedir(dir);
-    return count;
-}
 
 // Heap bytes in use now: small blocks of every arena plus mmapped blocks.
 // Sanitizers replace the allocator and report 0, so the heap check then
@@ -105,7 +93,7 @@ struct Resources {
 inline Resources takeResources() {
     Resources r;
     r.descriptors = ftptest::openDescriptorCount();
-    r.threads = threadCount();
+    r.threads = ftptest::threadCount();
     r.heap = heapInUse();
     return r;
 }
@@ -119,7 +107,7 @@ inline ::testing::AssertionResult noGrowth(const Resources& before, size_t heapT
     int threads = -1;
     waitUntil([&] {
         descriptors = ftptest::openDescriptorCount();
-        threads = threadCount();
+        threads = ftptest::threadCount();
         return descriptors <= before.descriptors && threads <= before.threads;
     });
     const size_t heap = heapInUse();

@@ -662,7 +662,7 @@ TEST(NetLabSetup, AClientIsResetWhenTheServerIsNotThere) {
 TEST(NetLabLifetime, StopWithConnectionsOpenLeavesNoDescriptorOrThread) {
     ftptest::ScriptedFtpServer server;
     const int descriptors = ftptest::openDescriptorCount();
-    const int threads = labtest::threadCount();
+    const int threads = ftptest::threadCount();
     {
         NetLab lab(server.address());
         ASSERT_TRUE(lab.ok()) << lab.failure();

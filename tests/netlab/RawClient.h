@@ -5,7 +5,6 @@
 #define FTPDISK_TESTS_NETLAB_RAWCLIENT_H
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include <cstdint>
 #include <string>
 #include <thread>
+#include "support/FdCount.h"
 
 namespace labtest {
 
@@ -108,24 +108,13 @@ inline std::string readLine(int fd, Millis limit = Millis(5000)) {
     return line;
 }
 
-// Threads of this process, for leak checks.
-inline int threadCount() {
-    DIR* dir = ::opendir("/proc/self/task");
-    if (dir == nullptr) return -1;
-    int count = 0;
-    while (dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
-    ::closedir(dir);
-    return count;
-}
 
 inline int waitForThreadCount(int expected, Millis limit = Millis(3000)) {
     Clock::time_point deadline = Clock::now() + limit;
-    int count = threadCount();
+    int count = ftptest::threadCount();
     while (count != expected && Clock::now() < deadline) {
         std::this_thread::sleep_for(Millis(10));
-        count = threadCount();
+        count = ftptest::threadCount();
     }
     return count;
 }

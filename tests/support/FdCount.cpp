@@ -6,17 +6,29 @@
 
 namespace ftptest {
 
-int openDescriptorCount() {
-    DIR* dir = ::opendir("/proc/self/fd");
+namespace {
+
+// Entries of a /proc folder, without "." and "..".
+int entriesOf(const char* folder) {
+    DIR* dir = ::opendir(folder);
     if (dir == nullptr) return -1;
     int count = 0;
     while (dirent* entry = ::readdir(dir)) {
         if (entry->d_name[0] != '.') ++count;
     }
     ::closedir(dir);
-    // The directory stream itself held one descriptor while it was listed.
-    return count - 1;
+    return count;
 }
+
+}  // namespace
+
+int openDescriptorCount() {
+    const int count = entriesOf("/proc/self/fd");
+    // The directory stream itself held one descriptor while it was listed.
+    return count < 0 ? -1 : count - 1;
+}
+
+int threadCount() { return entriesOf("/proc/self/task"); }
 
 int waitForDescriptorCount(int expected, std::chrono::milliseconds limit) {
     auto deadline = std::chrono::steady_clock::now() + limit;

@@ -13,6 +13,9 @@ namespace ftptest {
 // Number of open descriptors, or -1 when /proc/self/fd cannot be read.
 int openDescriptorCount();
 
+// Number of threads of this process (entries of /proc/self/task), or -1.
+int threadCount();
+
 // Waits (polling, at most `limit`) until openDescriptorCount() == expected.
 // Returns the last count seen, which equals `expected` on success.
 int waitForDescriptorCount(int expected,
