@@ -75,7 +75,6 @@ inline bool waitUntil(const std::function<bool()>& condition, Millis limit = Mil
     }
 }
 
-
 // Heap bytes in use now: small blocks of every arena plus mmapped blocks.
 // Sanitizers replace the allocator and report 0, so the heap check then
 // passes trivially; the asan preset checks leaks itself.

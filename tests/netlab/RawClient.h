@@ -108,7 +108,6 @@ inline std::string readLine(int fd, Millis limit = Millis(5000)) {
     return line;
 }
 
-
 inline int waitForThreadCount(int expected, Millis limit = Millis(3000)) {
     Clock::time_point deadline = Clock::now() + limit;
     int count = ftptest::threadCount();
