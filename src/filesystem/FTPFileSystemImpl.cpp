@@ -148,12 +148,10 @@ int copyWholeFile(FTPFileSystemImpl& store, const char* localFile, const char* r
             [&](char* buf, unsigned int len) { return store.write(handle, buf, len); });
     }
     local.close();
-    // The end of the data alone does not prove the copy complete: the server's
-    // final reply does (a transfer it aborted ends the data just the same, and
-    // a refused closing reply on a store means the bytes were not kept).
-    if (store.close(handle) != 0) {
-        result = -1;
-    }
+    // The result is the copy's alone: the server's final reply, read by the
+    // close, does not change it. A caller who must know that an upload was
+    // kept asks for the remote file's length afterwards.
+    store.close(handle);
     return result;
 }
 
@@ -205,8 +203,8 @@ FTPFileSystemImpl::~FTPFileSystemImpl() {
     // A snapshot still open would keep a data socket and a record pointing at
     // the main connection's control record: end it while both still exist.
     { SnapshotStream::Pause paused(snapshot, mainTool.get(), __LINE__); }
-    // Handles still open are only released by the table: their data
-    // connections are not closed and no final reply is read.
+    // Handles still open are released with the table: each handler closes
+    // its data socket without waiting for the server's final reply.
     delete handleManager;
     handleManager = NULL;
     // The locks and then the main tool go with the members.

@@ -264,15 +264,14 @@ bool FTPFileSystemImpl::getSubDirList(const char* path, std::vector<std::string>
 }
 
 bool FTPFileSystemImpl::isEmptyDir(const char* path) {
-    // No path is no question: answered "not empty" without any traffic, so a
-    // caller that removes empty directories does nothing with it.
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, true, __LINE__);
     if (!operation.ready()) {
         return false;
     }
     std::string text;
     // A directory that cannot be entered or listed counts as empty, so callers
-    // that clean up empty directories treat a vanished one as done.
+    // that clean up empty directories treat a vanished one as done. No path
+    // at all is one that cannot be entered.
     if (!fetchListing(path, text)) {
         return true;
     }

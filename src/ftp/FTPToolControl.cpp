@@ -126,24 +126,6 @@ int abandonReply(NetBuf* connection, const char* why) {
     return 0;
 }
 
-double monotonicSeconds() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-// The receive limit set on the socket, in seconds; the control limit when the
-// socket has none (or it cannot be read).
-double receiveLimit(int fd) {
-    struct timeval limit;
-    socklen_t length = sizeof limit;
-    if (getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, &length) != 0 ||
-        (limit.tv_sec == 0 && limit.tv_usec == 0)) {
-        return kControlSocketLimit;
-    }
-    return static_cast<double>(limit.tv_sec) + static_cast<double>(limit.tv_usec) / 1e6;
-}
-
 // Sends the first `count` bytes of the connection's line buffer in one send
 // once the socket is writable. 1 when all of them went out; 0 when the socket
 // did not become writable within the readiness wait; -1 when the send failed
@@ -291,15 +273,13 @@ int FTPTool::readReply(char expected, NetBuf* connection, double deadline) {
     // behind a shorter line's terminator are left over from earlier replies.
     if (strnlen(connection->response, 4) == 4 && connection->response[3] == '-') {
         // "220-Welcome" ... "220 ready": read until a line opens with the code
-        // and a blank. Silence inside the reply is waited out, but only for as
-        // long as the socket's own receive limit, so that a server that stops
-        // half-way cannot hold the caller for ever.
+        // and a blank. A read that times out inside the reply is not an
+        // error; reading goes on until the closing line, a read error, or
+        // the reply's own deadline and line count.
         char closing[5];
         memcpy(closing, connection->response, 3);
         closing[3] = ' ';
         closing[4] = '\0';
-        double limit = receiveLimit(connection->handle);
-        double quietSince = monotonicSeconds();
         int lines = 1;
         for (;;) {
             if (lines >= kReplyLineLimit) return abandonReply(connection, kReplyTooLongText);
@@ -309,9 +289,6 @@ int FTPTool::readReply(char expected, NetBuf* connection, double deadline) {
             if (n > 0) {
                 ++lines;
                 if (strncmp(connection->response, closing, 4) == 0) break;
-                quietSince = monotonicSeconds();
-            } else if (monotonicSeconds() - quietSince > limit) {
-                return 0;
             }
         }
     }

@@ -336,7 +336,6 @@ TEST_F(Enumeration, ANullPathOrActionIsRefusedWithoutTraffic) {
     EXPECT_FALSE(store().scan(nullptr, &action, ""));
     EXPECT_FALSE(store().scan("/rec", nullptr, ""));
     EXPECT_FALSE(store().getTotalSize(nullptr, size));
-    EXPECT_FALSE(store().isEmptyDir(nullptr));
     listingtest::Entries entries;
     EXPECT_FALSE(store().getFileDescriptorList(nullptr, entries, size));
 
@@ -344,6 +343,13 @@ TEST_F(Enumeration, ANullPathOrActionIsRefusedWithoutTraffic) {
     EXPECT_EQ(size, 9);
     EXPECT_TRUE(action.names.empty());
     EXPECT_TRUE(commands().empty()) << ::testing::PrintToString(commands());
+}
+
+// isEmptyDir has no refusal of its own: no path is a directory that cannot be
+// entered, which counts as empty like any other.
+TEST_F(Enumeration, IsEmptyDirOfNoPathCountsAsEmptyAfterOnlyTheChangeToTheRoot) {
+    EXPECT_TRUE(store().isEmptyDir(nullptr));
+    EXPECT_EQ(commands(), Lines{"CWD /"});
 }
 
 TEST(EnumerationWithoutInit, EveryOperationOfAStoreNeverInitialisedFailsWithoutTraffic) {

@@ -84,7 +84,10 @@ TEST_F(StoreTransfers, GetOfAMissingRemoteFileFailsAndLeavesTheEmptyLocalFile) {
               (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "RETR /rec/missing.ts", "QUIT"}));
 }
 
-TEST_F(StoreTransfers, GetReportsFailureWhenTheServerAbortsAndKeepsTheBytesReceived) {
+// The copy ends where the data ends; the closing reply that follows is read
+// but does not change Get's result. A recorder that must know compares the
+// length it got with getFileLength.
+TEST_F(StoreTransfers, GetOfATransferTheServerAbortsEndsWithTheDataAndKeepsTheBytesReceived) {
     const std::string bytes = patternBytes(50000, 2);
     server.putFile("/rec/cut.ts", bytes);
     ftptest::Reply cut("150 Opening data connection");
@@ -92,7 +95,7 @@ TEST_F(StoreTransfers, GetReportsFailureWhenTheServerAbortsAndKeepsTheBytesRecei
     cut.finalText = "426 Connection closed; transfer aborted";
     server.queueReply("RETR", cut);
     const std::string target = local.file("cut.ts");
-    EXPECT_EQ(store->Get(target.c_str(), "/rec/cut.ts"), -1);
+    EXPECT_EQ(store->Get(target.c_str(), "/rec/cut.ts"), 0);
     std::string copied;
     ASSERT_TRUE(readLocalFile(target, &copied));
     EXPECT_TRUE(copied == bytes.substr(0, 12345)) << "got " << copied.size() << " bytes";
@@ -173,13 +176,20 @@ TEST_F(StoreTransfers, PutRefusedByTheServerFails) {
     EXPECT_FALSE(server.file("/ro/up.ts").has_value());
 }
 
-TEST_F(StoreTransfers, PutFailsWhenTheFinalReplyRefusesTheFile) {
+// As for Get, the closing reply is read but the result is the copy's: every
+// byte went out, so Put reports success even though the server refused to
+// keep them. The connection that saw the refusal is not pooled.
+TEST_F(StoreTransfers, PutOfBytesTheServerRefusesAtTheEndStillReportsTheCopy) {
     const std::string source = local.file("up.ts");
     ASSERT_TRUE(writeLocalFile(source, "abc"));
     ftptest::Reply full("150 Opening data connection");
     full.finalText = "452 Insufficient storage";
     server.queueReply("STOR", full);
-    EXPECT_EQ(store->Put(source.c_str(), "/rec/up.ts"), -1);
+    EXPECT_EQ(store->Put(source.c_str(), "/rec/up.ts"), 0);
+    const std::vector<std::string> sent = server.commands();
+    ASSERT_FALSE(sent.empty());
+    EXPECT_EQ(std::count(sent.begin(), sent.end(), "STOR /rec/up.ts"), 1);
+    EXPECT_EQ(sent.back(), "QUIT");
 }
 
 TEST_F(StoreTransfers, LocalNamesOutsideAsciiAreUsedByExactlyTheirUtf8Bytes) {
