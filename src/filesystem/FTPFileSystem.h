@@ -266,30 +266,33 @@ public:
     /// Whether `dir` has no entries, from one listing as for getFileList().
     /// Operation lock.
     /// \return true when the listing is empty, and also when `dir` cannot be
-    /// entered or listed (a vanished directory counts as empty); false when
-    /// it has entries, for a null `dir` and for an uninitialised store
-    /// (nothing sent).
+    /// entered or listed (a vanished directory counts as empty; a null `dir`
+    /// is one that cannot be entered: only "CWD /" is sent); false when it
+    /// has entries, and for an uninitialised store (nothing sent).
     bool isEmptyDir(const char* dir);
     /// Copies the remote file `remoteFile` into the local file `localFile`
     /// (UTF-8 name, created or truncated through the host's KDFile with mode
     /// 98), through open(remoteFile, 1), read() in 8192-byte pieces and
     /// close(): the same traffic and locks as those calls.
-    /// \return 0 when every byte arrived and the final reply was positive;
-    /// -1 for a null argument, a local file that cannot be made (the line
+    /// \return 0 when the data connection ended cleanly and every byte that
+    /// came is in the local file; the final reply is read by close() but does
+    /// not change the result. -1 for a null argument, a local file that
+    /// cannot be made (the line
     /// `Cannot open file "localFile"! Please check the file name!e`, with the
-    /// name given, is printed on standard output and nothing is sent), a refused open, a failed
-    /// read or local write, or a final reply that is not 2xx. The partial (or empty) local file is
-    /// left in place.
+    /// name given, is printed on standard output and nothing is sent), a
+    /// refused open, or a failed read or local write. The partial (or empty)
+    /// local file is left in place.
     int Get(const char* localFile, const char* remoteFile);
     /// Copies the local file `localFile` (UTF-8 name, opened through the
     /// host's KDFile with mode 1) to the remote file `remoteFile`, through
     /// open(remoteFile, 2), write() in 8192-byte pieces (raising the used-bytes
     /// account) and close().
-    /// \return 0 when every byte was taken and the final reply was positive;
-    /// -1 for a null argument, a missing local file (the same line as Get()
-    /// is printed; nothing is sent), a refused open, a failed read or write,
-    /// or a final reply that is not 2xx. The partial remote file stays on the
-    /// server.
+    /// \return 0 when every byte was taken; the final reply is read by
+    /// close() but does not change the result (compare getFileLength() with
+    /// the local size where it matters). -1 for a null argument, a missing
+    /// local file (the same line as Get() is printed; nothing is sent), a
+    /// refused open, or a failed read or write. The partial remote file stays
+    /// on the server.
     int Put(const char* localFile, const char* remoteFile);
     /// Hands up to `len` bytes to the open file's data socket in one
     /// non-blocking send, without waiting. Table lock for a moment, then the

@@ -103,8 +103,9 @@ public:
     FtpFileHandleManager* getHandleManager();
 
     // --- Whole-file transfer and snapshots -----------------------------------
-    // Get and Put: 0 when every byte was copied and the server's final reply
-    // was positive; -1 otherwise, leaving the partial destination in place.
+    // Get and Put: 0 when every byte was copied (the server's final reply is
+    // read on closing but does not change the result); -1 otherwise, leaving
+    // the partial destination in place.
     // The local name is UTF-8. Neither takes a lock of this object.
     int Get(const char* localFile, const char* remoteFile);
     int Put(const char* localFile, const char* remoteFile);
