@@ -71,8 +71,8 @@ public:
     int Sendcmd(const char* command, char expected);
     // Reads one reply, multi-line replies whole, into connection->response.
     // A reply that does not start within the readiness wait leaves the
-    // previous text in place and that text is judged. Silence inside a
-    // multi-line reply is waited out for as long as the socket's receive limit.
+    // previous text in place and that text is judged. Waits that time out
+    // inside a multi-line reply are not errors: reading goes on.
     // A reply still not ended after kReplyLimitSeconds in all (on the host's
     // up-time clock) or after kReplyLineLimit lines is abandoned: the call
     // fails and `response` holds a local text saying so. What the server sends
