@@ -1219,13 +1219,46 @@ TEST_P(ToolAgainstAConnectionLimit, RecordNamesEveryFailedOpenAndTheServersAnswe
                                 "--seconds", "1", "--rate", "1", "--segment", "1"});
     EXPECT_EQ(1, result.status) << result.transcript();
     const SummaryFigures figures = readSummary(result.out);
+    // What the summary counts is what the server holds.
+    long long onDisk = 0;
+    std::vector<std::string> problems;
+    EXPECT_EQ(figures.files, checkSegments(server_->localPath("/video"), onDisk, problems));
+    EXPECT_EQ(figures.bytes, onDisk);
+    for (const std::string& p : problems) {
+        ADD_FAILURE() << p;
+    }
+    const std::string why = server_->hostPort() + " " + refusal.how + ": " + refusal.reply;
+    // proftpd judges its limit at login against every session of the host it
+    // knows of, those it is about to turn away included: when the four logins
+    // overlap closely it may turn away a third camera, and the tool's own
+    // login afterwards then gets in and can name no reason. That outcome is
+    // checked for what it is; every other run must be exactly two and two.
+    if (GetParam() == FtpServerKind::kProftpd && figures.failedFiles > 2) {
+        const long long turnedAway = figures.failedFiles;
+        EXPECT_LE(turnedAway, 4) << result.transcript();
+        EXPECT_EQ(4 - turnedAway, figures.files) << result.transcript();
+        EXPECT_EQ(turnedAway, figures.failedCalls) << result.transcript();
+        EXPECT_TRUE(contains(result.out, "\n  cameras        " + std::to_string(turnedAway) +
+                                             " of 4 wrote nothing: "))
+            << result.transcript();
+        EXPECT_TRUE(contains(result.out, "\nverdict: FAIL: " + std::to_string(turnedAway) +
+                                             " failed calls, the first "))
+            << result.transcript();
+        const std::string noReason =
+            "no reason given; " + server_->hostPort() + " took a login as rec just now";
+        for (const std::string& line : lines(result.out)) {
+            if (line.rfind("  cam0", 0) == 0 && contains(line, " open ")) {
+                EXPECT_TRUE(contains(line, ": " + why) || contains(line, ": " + noReason)) << line;
+            }
+        }
+        return;
+    }
     EXPECT_EQ(2, figures.files) << result.transcript();
     EXPECT_EQ(2, figures.failedFiles) << result.transcript();
     EXPECT_EQ(2, figures.failedCalls) << result.transcript();
     EXPECT_TRUE(std::regex_search(
         result.out, std::regex("\n  cameras        2 of 4 wrote nothing: cam0[1-4], cam0[1-4]\n")))
         << result.transcript();
-    const std::string why = server_->hostPort() + " " + refusal.how + ": " + refusal.reply;
     char reasonLine[64];
     std::snprintf(reasonLine, sizeof reasonLine, "  %7lld  open: ", figures.failedCalls);
     EXPECT_TRUE(contains(result.out, "\nfailed calls by reason\n" + std::string(reasonLine) + why +
@@ -1247,14 +1280,6 @@ TEST_P(ToolAgainstAConnectionLimit, RecordNamesEveryFailedOpenAndTheServersAnswe
                                                  "cameras need 5: '") +
                                          refusal.reply + "'\n"))
         << result.transcript();
-    // What the summary counts is what the server holds.
-    long long onDisk = 0;
-    std::vector<std::string> problems;
-    EXPECT_EQ(figures.files, checkSegments(server_->localPath("/video"), onDisk, problems));
-    EXPECT_EQ(figures.bytes, onDisk);
-    for (const std::string& p : problems) {
-        ADD_FAILURE() << p;
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryKind, ToolAgainstAConnectionLimit,
