@@ -38,8 +38,8 @@ public:
     virtual ~FtpFileHandleManager();
 
     // A handle, or -1 (path of 256 characters or more or holding a CR or LF,
-    // too many open files,
-    // path already open, no free number, no connection, transfer refused).
+    // too many open files, path already open, no free number, no connection,
+    // transfer refused).
     // Opens still in progress count towards the open-file limit and the
     // one-open-per-path rule. Once a number is reserved, a later failure
     // keeps it reserved.

@@ -141,15 +141,14 @@ public:
 }  // namespace
 
 bool FTPFileSystemImpl::fetchListing(const char* path, std::string& text) {
-    SafePointer<FTPTool>& tool = mainTool;
     // Listings ask for `path` again after changing into it; starting from "/"
     // makes root-relative paths mean the same whatever the previous operation
     // left as the working directory.
-    tool->cd("/");
-    if (tool->cd(path) != 1) {
+    mainTool->cd("/");
+    if (mainTool->cd(path) != 1) {
         return false;
     }
-    if (!recvData(SafePointer<FTPTool>(tool), path, text)) {
+    if (!recvData(mainTool, path, text)) {
         return false;
     }
     // Stray zero bytes from a server must not cut a line short: each becomes a

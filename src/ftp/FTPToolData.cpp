@@ -80,15 +80,13 @@ int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
     return static_cast<int>(recv(data->handle, buf, static_cast<size_t>(length), 0));
 }
 
-// One image-mode send of `length` bytes, with the results and limits of a
-// readiness wait (at most idleTime, 3 s) followed by one blocking send: all
-// bytes; -1 when the socket does not take more within the wait or fails; fewer
-// only when the send limit ran out or the connection failed part way. The
-// bytes that fit are handed over at once, which in a bulk transfer spares a
-// wait per call; the wait comes only when not all of them fit, and then goes
-// as it always did: no room within it gives -1, as before (whatever part went
-// already is lost with the transfer, which the caller now abandons), and
-// after it the rest goes with a blocking send.
+// One image-mode send of `length` bytes, with the limits of a readiness wait
+// (at most idleTime, 3 s) followed by one blocking send. The bytes that fit
+// are handed over at once, which in a bulk transfer spares a wait per call;
+// the wait comes only when not all of them fit, and after it the rest goes
+// with a blocking send. The result is every byte that went out: all of them;
+// fewer when the socket found no room within the wait, the send limit ran out
+// or the connection failed part way; -1 only when none went out.
 int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
     ssize_t sent = 0;
     if (length > 0) {
