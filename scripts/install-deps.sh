@@ -77,7 +77,17 @@ updated=no
 apt_update_once() {
   if [ "${updated}" = no ]; then
     say "apt-get update"
-    ${sudo_cmd} apt-get update
+    # A mirror caught mid-sync fails one index ("File has unexpected size ...
+    # Mirror sync in progress?", exit 100) for hours while every other list
+    # is fine: try once more, then go on with the lists apt has and let
+    # apt-get install decide whether what is needed can be had.
+    if ! ${sudo_cmd} apt-get update; then
+      say "apt-get update failed; trying once more in 5 s"
+      sleep 5
+      if ! ${sudo_cmd} apt-get update; then
+        say "apt-get update failed again: going on with the package lists apt has (some indexes may be old or missing)"
+      fi
+    fi
     updated=yes
   fi
 }
