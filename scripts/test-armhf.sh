@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Cross-builds everything for 32-bit ARM (armhf) with the "armhf" preset and
-# runs every test under qemu-user, the unit tests and the real-server tests
-# alike (the servers themselves are programs of the build machine, started by
-# the tests on 127.0.0.1). Exits non-zero when the build or a test fails.
+# runs its test preset under qemu-user: every test but the fault suite, the
+# unit tests and the real-server tests alike (the servers themselves are
+# programs of the build machine, started by the tests on 127.0.0.1). Between
+# build and test it checks that the module is a 32-bit ARM object. Exits
+# non-zero when the build, the check or a test fails.
 #
 #   scripts/test-armhf.sh                  # configure, build, test
 #   scripts/test-armhf.sh -L unit          # extra arguments go to ctest

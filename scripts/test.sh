@@ -1,68 +1,51 @@
 #!/usr/bin/env bash
-# Runs every test: installs what a fresh machine lacks, then builds and tests
-# the debug preset, builds everything with clang (lock annotations checked,
-# -Wthread-safety as an error) and runs its unit tests, the "lint" step
-# (scripts/lint.sh: clang-format and clang-tidy over every source), the asan
-# (AddressSanitizer + UndefinedBehaviorSanitizer) preset,
-# the concurrency tests under the tsan preset, and the armhf cross build under
-# qemu-user; then the "packages" step: the Debian packages for amd64 and armhf
-# with their content checks and lintian, the downstream recorder built against
-# the amd64 packages, and the API reference. With the debug preset come the
-# fault suite (label "faults") and two long checks, once per run: every
-# libFuzzer target for 20 s (clang, ASan + UBSan, scripts/fuzz.sh) and a
-# 3-minute soak of `ftpdisk record` against vsftpd (scripts/soak.sh). Exits
-# non-zero on the first failure.
+# Runs every test: installs what a fresh machine lacks, then goes through the
+# steps below in order and exits non-zero on the first failure. What each
+# preset builds and which tests it runs lives in CMakePresets.json (a workflow
+# preset ties its configure, build and test presets; the test preset carries
+# the label filter), so `ctest --preset NAME` by hand runs what this script
+# runs:
 #
-#   scripts/test.sh                # everything
-#   FTPDISK_PRESETS="debug" scripts/test.sh      # a subset of presets
+#   debug     every test, the fault suite (label "faults") included
+#   long      the long checks, once per run: every libFuzzer target for 20 s
+#             (clang, ASan + UBSan, scripts/fuzz.sh) and a 3-minute soak of
+#             `ftpdisk record` against vsftpd (scripts/soak.sh, debug build)
+#   clang     everything built with clang (lock annotations checked,
+#             -Wthread-safety as an error); the unit tests run
+#   lint      scripts/lint.sh: clang-format and clang-tidy over every source
+#   asan      AddressSanitizer + UndefinedBehaviorSanitizer: all but faults
+#   tsan      only the concurrency tests, built and run under ThreadSanitizer
+#   armhf     the 32-bit ARM cross build under qemu-user: all but faults
+#             (scripts/test-armhf.sh, which also checks the library's machine)
+#   packages  the Debian packages for amd64 and armhf with their content
+#             checks and lintian, the downstream recorder built against the
+#             amd64 packages, and the API reference
+#
+#   scripts/test.sh                              # every step
+#   FTPDISK_PRESETS="debug" scripts/test.sh      # some steps only
 #   FTPDISK_PRESETS="packages" scripts/test.sh   # only the packages step
-#   FTPDISK_PRESETS="lint" scripts/test.sh       # only the lint step
-#   FTPDISK_LONG_CHECKS=0 scripts/test.sh        # without the fuzzing and the soak
+#   FTPDISK_LONG_CHECKS=0 scripts/test.sh        # every step but "long"
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 jobs=${FTPDISK_JOBS:-2}
-presets=${FTPDISK_PRESETS:-"debug clang lint asan tsan armhf packages"}
-# The fault suite (label "faults") waits out real readiness limits for a
-# minute or two; it runs in this preset only.
-faults_preset=${FTPDISK_FAULTS_PRESET:-debug}
+presets=${FTPDISK_PRESETS:-"debug long clang lint asan tsan armhf packages"}
+# cmake --workflow takes no job count of its own: these reach its build and
+# test steps.
+export CMAKE_BUILD_PARALLEL_LEVEL=${jobs}
+export CTEST_PARALLEL_LEVEL=${jobs}
 
 scripts/install-deps.sh
 
-run_preset() {
+run_workflow() {
   local preset=$1
-  echo "=== ${preset}: configure and build"
+  echo "=== ${preset}: configure, build and test (workflow preset ${preset})"
   local started=$SECONDS
-  cmake --preset "${preset}" >/dev/null
-  case "${preset}" in
-    tsan)
-      # Under ThreadSanitizer only the tests that run threads against each
-      # other are worth their cost: build just those.
-      cmake --build --preset "${preset}" -j "${jobs}" --target ftpdisk_tsan_tests
-      ;;
-    *)
-      cmake --build --preset "${preset}" -j "${jobs}"
-      ;;
-  esac
-  echo "=== ${preset}: test"
-  case "${preset}" in
-    tsan) ctest --preset "${preset}" -L concurrency -j "${jobs}" --no-tests=error ;;
-    # The clang build is there for its compile-time lock analysis; the unit
-    # tests check that what it built runs.
-    clang) ctest --preset "${preset}" -L unit -j "${jobs}" --no-tests=error ;;
-    "${faults_preset}") ctest --preset "${preset}" -j "${jobs}" --no-tests=error ;;
-    *) ctest --preset "${preset}" -j "${jobs}" --no-tests=error -LE faults ;;
-  esac
+  cmake --workflow --preset "${preset}"
   echo "=== ${preset}: done in $((SECONDS - started)) s"
-  if [ "${preset}" = debug ] && [ "${FTPDISK_LONG_CHECKS:-1}" != 0 ]; then
-    long_checks
-  fi
 }
 
-# The fuzz targets for a bounded time each, and the soak's 3-minute version
-# with this preset's build (it fails when descriptors, threads or memory grow
-# after the first minute).
-long_checks() {
+run_long_checks() {
   local started=$SECONDS
   echo "=== fuzz: every target for 20 s"
   scripts/fuzz.sh --seconds 20
@@ -87,16 +70,15 @@ run_packages() {
 
 for preset in ${presets}; do
   case "${preset}" in
-    armhf)
-      if [ "${faults_preset}" = armhf ]; then
-        scripts/test-armhf.sh
-      else
-        scripts/test-armhf.sh -LE faults
+    long)
+      if [ "${FTPDISK_LONG_CHECKS:-1}" != 0 ]; then
+        run_long_checks
       fi
       ;;
+    armhf) scripts/test-armhf.sh ;;
     packages) run_packages ;;
     lint) scripts/lint.sh ;;
-    *) run_preset "${preset}" ;;
+    *) run_workflow "${preset}" ;;
   esac
 done
-echo "=== all presets passed: ${presets}"
+echo "=== all steps passed: ${presets}"

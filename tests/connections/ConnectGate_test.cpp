@@ -4,11 +4,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <thread>
 #include <vector>
 
 #include "connections/ConnectGate.h"
+#include "support/FdCount.h"
+#include "support/TestHelpers.h"
 
 namespace {
 
@@ -43,14 +44,19 @@ TEST(ConnectGate, NoMoreThreadsThanItsPlacesAreEverInsideAtOnce) {
 TEST(ConnectGate, APlaceGivenBackLetsTheNextThreadIn) {
     ConnectGate gate(1);
     gate.enter();
+    std::atomic<pid_t> secondId{0};
     std::atomic<bool> entered{false};
     std::thread second([&] {
+        secondId = ftptest::currentThreadId();
         gate.enter();
         entered = true;
         gate.leave();
     });
-    // The second thread cannot get in while the only place is held.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // The second thread cannot get in while the only place is held: once it
+    // is blocked (asleep in the kernel after it started to enter), it has not
+    // entered.
+    ASSERT_TRUE(ftptest::eventually(
+        [&] { return secondId.load() != 0 && ftptest::threadIsWaiting(secondId.load()); }));
     EXPECT_FALSE(entered.load());
     gate.leave();
     second.join();

@@ -13,6 +13,8 @@
 
 #include "FtpTestFixture.h"
 #include "ftpdisk_host/HostControl.h"
+#include "support/FdCount.h"
+#include "support/TestHelpers.h"
 
 namespace {
 
@@ -261,11 +263,19 @@ TEST_F(FtpReplyBounds, AReplyTrickledAByteAtATimeIsAbandonedAfterThirtySeconds) 
     trickle.controlPieceDelay = Millis(20);
     server.queueReply("NOOP", trickle);
     std::atomic<int> result{-99};
-    std::thread caller([&] { result = tool.Sendcmd("NOOP", '2'); });
+    std::atomic<pid_t> callerId{0};
+    std::thread caller([&] {
+        callerId = ftptest::currentThreadId();
+        result = tool.Sendcmd("NOOP", '2');
+    });
     ASSERT_TRUE(server.waitForCommands(3));
+    const long waitsBefore = ftptest::threadWaits(callerId.load());
     hostcontrol::advanceClock(30.0);
-    // Exactly 30 s is not yet more than the bound: the reader goes on.
-    std::this_thread::sleep_for(Millis(100));
+    // Exactly 30 s is not yet more than the bound: the reader goes on. Ten
+    // more waits for a trickled byte mean it has looked at the clock since
+    // and kept reading.
+    ASSERT_TRUE(ftptest::eventually(
+        [&] { return ftptest::threadWaits(callerId.load()) >= waitsBefore + 10; }));
     EXPECT_EQ(result, -99);
     hostcontrol::advanceClock(1.0);
     caller.join();
@@ -302,9 +312,17 @@ TEST_F(FtpReplyBounds, AMultiLineReplyThatStopsHalfWayWaitsOutTimeOutsUntilThirt
     cut.raw = true;
     server.queueReply("CWD", cut);
     std::atomic<int> result{-99};
-    std::thread caller([&] { result = tool.cd("/d"); });
+    std::atomic<pid_t> callerId{0};
+    std::thread caller([&] {
+        callerId = ftptest::currentThreadId();
+        result = tool.cd("/d");
+    });
     ASSERT_TRUE(server.waitForCommands(3));
-    std::this_thread::sleep_for(Millis(1500));
+    // Thirty readiness waits of 50 ms (past the 1 s receive limit) have timed
+    // out inside the reply, and the call still goes on.
+    const long waitsBefore = ftptest::threadWaits(callerId.load());
+    ASSERT_TRUE(ftptest::eventually(
+        [&] { return ftptest::threadWaits(callerId.load()) >= waitsBefore + 30; }));
     EXPECT_EQ(result, -99);
     hostcontrol::advanceClock(31.0);
     caller.join();

@@ -19,6 +19,7 @@
 #include "host/GThread.h"
 #include "host/KadmorTime.h"
 #include "host/technic/KDMutex.h"
+#include "support/FdCount.h"
 #include "support/TestHelpers.h"
 
 namespace {
@@ -221,15 +222,18 @@ TEST(KDMutex, TheScopedHolderReleasesWhenAnExceptionLeavesTheScope) {
 
 TEST(KDMutex, LockBlocksAnotherThreadUntilUnlock) {
     KDMutex mutex;
+    std::atomic<pid_t> otherId{0};
     std::atomic<bool> entered{false};
     mutex.Lock(kSite, __LINE__);
     std::thread other([&] {
+        otherId = ftptest::currentThreadId();
         KDMutexLocker guard(mutex, "GThread_test", __LINE__);
         entered.store(true);
     });
-    // The other thread cannot get in while the lock is held; only a short
-    // look, since proving a negative needs no exact time.
-    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    // The other thread cannot get in while the lock is held: once it is
+    // blocked on it (asleep in the kernel), it has not entered.
+    ASSERT_TRUE(eventually(
+        [&] { return otherId.load() != 0 && ftptest::threadIsWaiting(otherId.load()); }));
     EXPECT_FALSE(entered.load());
     mutex.Unlock(kSite, __LINE__);
     other.join();
