@@ -1,7 +1,12 @@
 // Shared by the listing fuzz targets: takes arbitrary bytes the way the store
-// takes a "LIST" reply (zero bytes to blanks, cut at "\r\n"), and checks the
-// properties every parse must keep whatever the bytes. A broken property
-// aborts, which the fuzzer reports with the input.
+// takes a "LIST" reply and holds the road the store ships (ListingLines,
+// detectTextStyle, forEachListedEntry over the whole text) against the
+// reference road (the text cut into a vector of lines by StringHandler::split,
+// detectListingStyle as getFTPFileType reports it, and the named parsers'
+// getFileDescriptorList): the same style, the same number of lines, the same
+// entries in the same order and the same total, for any bytes. The reference's
+// entries are also checked against an independent reading of the words. A
+// broken property aborts, which the fuzzer reports with the input.
 #ifndef FTPDISK_FUZZ_FUZZLISTING_H
 #define FTPDISK_FUZZ_FUZZLISTING_H
 
@@ -18,8 +23,11 @@
 #include "host/StringHandler.h"
 #include "listing/FTPFileDescriptor.h"
 #include "listing/LineWords.h"
+#include "listing/LinuxFTPFileParser.h"
+#include "listing/ListingLines.h"
 #include "listing/ListingSize.h"
 #include "listing/ListingStyle.h"
+#include "listing/WindowsFTPFileParser.h"
 
 namespace fuzzlisting {
 
@@ -32,11 +40,18 @@ inline void check(bool condition, const char* what) {
     }
 }
 
-inline std::vector<std::string> linesOf(const uint8_t* data, size_t size) {
+// The listing text as the store holds it once fetched: its zero bytes turned
+// into blanks, so that no line is cut short at one.
+inline std::string listingText(const uint8_t* data, size_t size) {
     std::string text(reinterpret_cast<const char*>(data), size);
     for (size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '\0') text[i] = ' ';
     }
+    return text;
+}
+
+// The reference road's lines: the text cut at "\r\n" by the host's splitter.
+inline std::vector<std::string> referenceLines(const std::string& text) {
     std::vector<std::string> lines;
     StringHandler::split(text, lines, "\r\n");
     return lines;
@@ -50,8 +65,8 @@ inline int32_t referenceSize(const std::string& word) {
 }
 
 // The style never depends on anything but the word counts, and is one of the
-// three codes.
-inline void checkStyle(const std::vector<std::string>& lines) {
+// three codes; the shipped road decides the same over the whole text.
+inline int checkStyle(const std::string& text, const std::vector<std::string>& lines) {
     const int style = detectListingStyle(lines);
     int expected = FTPConst::kListingUnknown;
     FTPConst::LineWords parser;
@@ -67,6 +82,9 @@ inline void checkStyle(const std::vector<std::string>& lines) {
         }
     }
     check(style == expected, "style follows the first line of 4 or 9 words");
+    check(FTPConst::detectTextStyle(text) == style, "the text's style is the lines' style");
+    check(FTPConst::ListingLines::count(text) == lines.size(), "the text has as many lines");
+    return style;
 }
 
 // Sum of the entries' sizes added to the starting total.
@@ -74,6 +92,67 @@ inline void checkTotal(const Entries& entries, long long start, long long total)
     long long sum = start;
     for (size_t i = 0; i < entries.size(); ++i) sum += entries[i]->size;
     check(sum == total, "total grows by exactly the entries' sizes");
+}
+
+// The reference parser of `style` over the lines (none for an unknown style,
+// as the store gives none).
+inline void referenceEntries(int style, const std::vector<std::string>& lines, Entries& entries,
+                             long long& total) {
+    if (style == FTPConst::kListingUnix) {
+        LinuxFTPFileParser().getFileDescriptorList(lines, entries, total);
+    } else if (style == FTPConst::kListingDos) {
+        WindowsFTPFileParser().getFileDescriptorList(lines, entries, total);
+    }
+}
+
+// What forEachListedEntry hands out, kept as the reference keeps it.
+class Collect {
+public:
+    Collect(Entries& entries, long long& total) : entries_(entries), total_(total) {}
+
+    bool operator()(FTPConst::FTPFileDescriptor& record) {
+        FTPConst::FTPFileDescriptor* kept = new FTPConst::FTPFileDescriptor;
+        kept->type = record.type;
+        kept->size = record.size;
+        kept->name = record.name;
+        entries_.emplace_back(kept);
+        total_ += static_cast<long long>(kept->size);
+        return true;
+    }
+
+private:
+    Entries& entries_;
+    long long& total_;
+};
+
+// The shipped road over `text` read as `style` against the reference over
+// `lines` read the same way.
+inline void checkRoad(const std::string& text, const std::vector<std::string>& lines, int style) {
+    Entries expected;
+    long long expectedTotal = 5;
+    referenceEntries(style, lines, expected, expectedTotal);
+    Entries got;
+    long long gotTotal = 5;
+    Collect collect(got, gotTotal);
+    FTPConst::forEachListedEntry(text, style, collect);
+    check(got.size() == expected.size(), "the road keeps as many entries");
+    for (size_t i = 0; i < got.size(); ++i) {
+        check(got[i]->type == expected[i]->type, "the road's entry has the same type");
+        check(got[i]->size == expected[i]->size, "the road's entry has the same size");
+        check(got[i]->name == expected[i]->name, "the road's entry has the same name");
+    }
+    check(gotTotal == expectedTotal, "the road's total is the same");
+}
+
+// The whole comparison: the style decided on both roads, then the entries of
+// the decided style and of `forced` (so that a target reads every input as
+// its kind of listing, whatever the word counts decide).
+inline void checkBothRoads(const uint8_t* data, size_t size, int forced) {
+    const std::string text = listingText(data, size);
+    const std::vector<std::string> lines = referenceLines(text);
+    const int style = checkStyle(text, lines);
+    checkRoad(text, lines, style);
+    if (forced != style) checkRoad(text, lines, forced);
 }
 
 }  // namespace fuzzlisting

@@ -210,12 +210,6 @@ FTPFileSystemImpl::~FTPFileSystemImpl() {
     // The locks and then the main tool go with the members.
 }
 
-void FTPFileSystemImpl::markRefused() {
-    // Unlocked: called before the store is shared, and never changed after.
-    refused = true;
-    initialised = false;
-}
-
 bool FTPFileSystemImpl::isRefused() { return refused; }
 
 // --- Lifecycle --------------------------------------------------------------
@@ -505,8 +499,6 @@ int FTPFileSystemImpl::aioReturn(int handle, int milliseconds) {
     }
     return file->aioReturn(milliseconds);
 }
-
-FtpFileHandleManager* FTPFileSystemImpl::getHandleManager() { return handleManager; }
 
 // --- Whole-file transfer and snapshots ---------------------------------------
 

@@ -40,7 +40,7 @@ public:
     // --- Construction -------------------------------------------------------
     // No network traffic. Texts that do not pass textsFit (a null pointer
     // included) are not copied: the store keeps empty texts and is refused
-    // (see markRefused).
+    // (see isRefused).
     FTPFileSystemImpl(const char* server, const char* user, const char* password, int capacity);
     // Ends an open snapshot stream, then releases the open-file table (handles
     // still open are dropped without their final replies), the locks and the
@@ -55,10 +55,9 @@ public:
     // The registry refuses a location whose texts fail it; the constructor
     // refuses the store.
     static bool textsFit(const char* server, const char* user, const char* password);
-    // Marks the store as refused for good: init returns -1 without traffic,
-    // path operations fail as uninitialised and open returns -1. Call before
-    // the store is shared with other threads.
-    void markRefused();
+    // True for a store whose texts did not fit (see the constructor): init
+    // returns -1 without traffic, path operations fail as uninitialised and
+    // open returns -1.
     bool isRefused();
 
     // --- Lifecycle ----------------------------------------------------------
@@ -99,8 +98,6 @@ public:
     int write(int handle, const char* buf, unsigned int len);
     int aioWrite(int handle, const char* buf, unsigned int len);
     int aioReturn(int handle, int milliseconds);
-    // The open-file table (tests and diagnostics).
-    FtpFileHandleManager* getHandleManager();
 
     // --- Whole-file transfer and snapshots -----------------------------------
     // Get and Put: 0 when every byte was copied (the server's final reply is
@@ -173,8 +170,7 @@ private:
     // unlocked, so it is atomic.
     std::atomic<bool> initialised;
     SnapshotStream snapshot;
-    // Set before the store is shared (constructor or markRefused), read-only
-    // afterwards.
+    // Set in the constructor, read-only afterwards.
     bool refused;
 };
 

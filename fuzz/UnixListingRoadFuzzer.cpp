@@ -1,12 +1,13 @@
-// Arbitrary bytes as a Unix-style "LIST" reply, given to LinuxFTPFileParser.
+// Arbitrary bytes as a "LIST" reply, read by the store's road and by the
+// reference road (FuzzListing.h) as the style they decide and as a Unix-style
+// listing; LinuxFTPFileParser's entries are also checked word by word.
 #include "FuzzListing.h"
-#include "listing/LinuxFTPFileParser.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace fuzzlisting;
-    const std::vector<std::string> lines = linesOf(data, size);
-    checkStyle(lines);
+    checkBothRoads(data, size, FTPConst::kListingUnix);
 
+    const std::vector<std::string> lines = referenceLines(listingText(data, size));
     Entries entries;
     long long total = 17;
     LinuxFTPFileParser parser;

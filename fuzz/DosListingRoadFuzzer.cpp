@@ -1,12 +1,13 @@
-// Arbitrary bytes as a DOS-style "LIST" reply, given to WindowsFTPFileParser.
+// Arbitrary bytes as a "LIST" reply, read by the store's road and by the
+// reference road (FuzzListing.h) as the style they decide and as a DOS-style
+// listing; WindowsFTPFileParser's entries are also checked word by word.
 #include "FuzzListing.h"
-#include "listing/WindowsFTPFileParser.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace fuzzlisting;
-    const std::vector<std::string> lines = linesOf(data, size);
-    checkStyle(lines);
+    checkBothRoads(data, size, FTPConst::kListingDos);
 
+    const std::vector<std::string> lines = referenceLines(listingText(data, size));
     Entries entries;
     long long total = -3;
     WindowsFTPFileParser parser;
