@@ -21,7 +21,7 @@ if [ ! -f "${build}/build.ninja" ]; then
 fi
 cmake --build "${build}" -j "${jobs}" --target ftpdisk_server_matrix
 
-matrix="${build}/tools/server-matrix/ftpdisk_server_matrix"
+matrix="${build}/tests/server-matrix/ftpdisk_server_matrix"
 started=$SECONDS
 if [ "${1:-}" = "--check" ]; then
   "${matrix}" --check docs/SERVERS.md

@@ -180,7 +180,7 @@ def llround(value):
 
 def segment_size(rate_mbit, seconds, segment, number):
     """Bytes record writes into segment `number` (1, 2, ...) of a camera: the
-    same float arithmetic as tools/Record.cpp, so the sizes agree exactly."""
+    same float arithmetic as tools/record/Record.cpp, so the sizes agree exactly."""
     bytes_per_second = rate_mbit * 1e6 / 8
     ticks = llround(seconds / TICK)
     per_segment = max(1, llround(segment / TICK))

@@ -618,6 +618,288 @@ std::string describeSchedule(const RecordSchedule& schedule) {
     return text;
 }
 
+// The directory of every camera for the day the run starts, below the
+// location's base, and the base itself into `settings`. kExitOk, or the status
+// to exit with (its message printed).
+int cameraDirectories(Session& session, Settings& settings, std::vector<std::string>& dirs) {
+    const std::tm local = localNow();
+    char day[16];
+    std::strftime(day, sizeof day, "%Y-%m-%d", &local);
+    for (int camera = 1; camera <= settings.cameras; ++camera) {
+        char relative[32];
+        std::snprintf(relative, sizeof relative, "%s/cam%02d", day, camera);
+        std::string dir;
+        if (!session.remotePath(relative, dir)) {
+            return kExitUsage;
+        }
+        if (dir.size() + 17 > kMaxRemotePath) {
+            return fail("record", "the location's path is too long for segment files", kExitUsage);
+        }
+        dirs.push_back(dir);
+    }
+    // The base holds the day directories: cut "/<day>/cam01" off.
+    settings.startDay = local;
+    settings.base = dirs.front().substr(0, dirs.front().rfind('/'));
+    settings.base.erase(settings.base.rfind('/'));
+    return kExitOk;
+}
+
+// One shared pattern, long enough to start at any phase and still cover the
+// biggest single write.
+std::vector<char> segmentPattern(const Settings& settings) {
+    const long long tickBytes =
+        static_cast<long long>(std::ceil(settings.megabits * 1e6 / 8 * kTick)) + 1;
+    std::vector<char> pattern(static_cast<std::size_t>(kPatternPeriod + tickBytes));
+    for (std::size_t i = 0; i < pattern.size(); ++i) {
+        pattern[i] = static_cast<char>(i % kPatternPeriod);
+    }
+    return pattern;
+}
+
+void printPlan(const Location& location, const Settings& settings, const std::string& firstDir) {
+    char rate[32];
+    std::snprintf(rate, sizeof rate, "%g", settings.megabits);
+    std::cout << "recording to " << location.masked() << ": " << settings.cameras << " cameras x "
+              << settings.seconds << " s at " << rate << " Mbit/s, " << settings.segment
+              << " s segments, " << (settings.aio ? "aioWrite" : "write") << ", into "
+              << firstDir.substr(0, firstDir.rfind('/')) << "/cam.." << std::endl;
+    const std::string plan = describeSchedule(settings.schedule);
+    if (!plan.empty()) {
+        std::cout << "schedule: " << plan << std::endl;
+    }
+}
+
+// The status line: redrawn twice a second while cameras run, on a terminal
+// only, until finish().
+class StatusLine {
+public:
+    StatusLine(const Settings& settings, const LiveCounters& live, double start) {
+        if (!stderrIsTerminal()) {
+            return;
+        }
+        thread_ = std::thread([this, &settings, &live, start] {
+            while (!done_.load()) {
+                const double elapsed = monotonicSeconds() - start;
+                const long long bytes = live.bytes.load();
+                char line[160];
+                std::snprintf(
+                    line, sizeof line, "\r  %6.1f / %g s  files %d  %s  %s  failed calls %d   ",
+                    elapsed, settings.seconds, live.files.load(),
+                    humanBytes(static_cast<double>(bytes)).c_str(),
+                    megabits(static_cast<double>(bytes), elapsed).c_str(), live.failedCalls.load());
+                std::cerr << line << std::flush;
+                std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            }
+            std::cerr << "\n" << std::flush;
+        });
+    }
+    ~StatusLine() { finish(); }
+    StatusLine(const StatusLine&) = delete;
+    StatusLine& operator=(const StatusLine&) = delete;
+
+    void finish() {
+        done_.store(true);
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+private:
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
+
+// Everything the summary and the figures file report of one run.
+struct RunTotals {
+    CameraResult total;
+    double elapsed = 0;
+    int started = 0;         // cameras that had a file open
+    double rampSeconds = 0;  // when the last of them opened its first file
+    int mostOpenFiles = 0;
+    std::vector<std::string> silentCameras;  // cameras that wrote nothing
+    bool housekeeping = false;
+    std::string housekeepingSummary;
+};
+
+// The cameras' results added up; housekeeping's failed calls are the
+// recorder's too.
+void addUp(const std::vector<std::unique_ptr<Camera>>& cameras, const Housekeeping* housekeeping,
+           RunTotals& totals) {
+    CameraResult& total = totals.total;
+    for (const auto& camera : cameras) {
+        const CameraResult& r = camera->result;
+        total.filesComplete += r.filesComplete;
+        total.filesFailed += r.filesFailed;
+        total.bytes += r.bytes;
+        total.droppedBytes += r.droppedBytes;
+        total.failedCalls += r.failedCalls;
+        total.maxLag = std::max(total.maxLag, r.maxLag);
+        total.mkdirSeconds.merge(r.mkdirSeconds);
+        total.openSeconds.merge(r.openSeconds);
+        total.closeSeconds.merge(r.closeSeconds);
+        total.writeSeconds.merge(r.writeSeconds);
+        total.rampedWriteSeconds.merge(r.rampedWriteSeconds);
+        if (r.firstOpenAt >= 0) {
+            ++totals.started;
+            totals.rampSeconds = std::max(totals.rampSeconds, r.firstOpenAt);
+        }
+        if (r.bytes == 0) {
+            totals.silentCameras.push_back(camera->name());
+        }
+    }
+    if (housekeeping != nullptr) {
+        total.failedCalls += housekeeping->failedCalls();
+        totals.housekeeping = true;
+        totals.housekeepingSummary = housekeeping->summary();
+    }
+}
+
+// Runs every camera (and housekeeping, when the schedule has passes) until
+// the run's time is up or Ctrl-C, and adds up what they did.
+RunTotals runCameras(Session& session, const Settings& settings,
+                     const std::vector<std::string>& dirs, const std::vector<char>& pattern,
+                     FailedCalls& failures) {
+    LiveCounters live;
+    const double start = monotonicSeconds();
+    std::vector<std::unique_ptr<Camera>> cameras;
+    std::vector<std::thread> threads;
+    cameras.reserve(static_cast<std::size_t>(settings.cameras));
+    threads.reserve(static_cast<std::size_t>(settings.cameras));
+    for (int i = 0; i < settings.cameras; ++i) {
+        cameras.emplace_back(new Camera(session.store(), settings, i + 1,
+                                        dirs[static_cast<std::size_t>(i)], pattern, start, live,
+                                        failures));
+    }
+    for (auto& camera : cameras) {
+        threads.emplace_back(&Camera::run, camera.get());
+    }
+    std::unique_ptr<Housekeeping> housekeeping;
+    if (settings.schedule.passSeconds > 0) {
+        housekeeping.reset(new Housekeeping(session.store(), settings.schedule, settings.base,
+                                            settings.startDay, start, failures));
+        housekeeping->start();
+    }
+    StatusLine status(settings, live, start);
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    if (housekeeping) {
+        housekeeping->stop();
+    }
+    RunTotals totals;
+    totals.elapsed = monotonicSeconds() - start;
+    status.finish();
+    // The last failures may still wait for their explaining login.
+    failures.finish();
+    totals.mostOpenFiles = live.mostOpenFiles.load();
+    addUp(cameras, housekeeping.get(), totals);
+    return totals;
+}
+
+void printSummary(const Settings& settings, const RunTotals& totals) {
+    const CameraResult& total = totals.total;
+    const double target = settings.megabits * settings.cameras;
+    char targetText[32];
+    std::snprintf(targetText, sizeof targetText, "%.2f Mbit/s", target);
+    char elapsedText[32];
+    std::snprintf(elapsedText, sizeof elapsedText, "%.2f s", totals.elapsed);
+    char lagText[32];
+    std::snprintf(lagText, sizeof lagText, "%.3f s", total.maxLag);
+
+    std::cout << "summary\n"
+              << "  files          " << total.filesComplete << " complete, " << total.filesFailed
+              << " failed\n"
+              << "  bytes          " << total.bytes << " ("
+              << humanBytes(static_cast<double>(total.bytes)) << "), " << total.droppedBytes
+              << " dropped\n"
+              << "  throughput     " << megabits(static_cast<double>(total.bytes), totals.elapsed)
+              << " over " << elapsedText << " (target " << targetText << ")\n"
+              << "  failed calls   " << total.failedCalls << "\n"
+              << latencyLine("open latency", total.openSeconds) << "\n"
+              << latencyLine("close latency", total.closeSeconds) << "\n"
+              << latencyLine("write latency", total.writeSeconds) << "\n"
+              << "  max lag        " << lagText << " behind the cameras\n";
+    char rampText[96];
+    if (totals.started == settings.cameras) {
+        std::snprintf(rampText, sizeof rampText, "every camera's first file open by %.3f s",
+                      totals.rampSeconds);
+    } else {
+        std::snprintf(rampText, sizeof rampText, "%d of %d cameras had a file open; ramp not over",
+                      totals.started, settings.cameras);
+    }
+    std::cout << "  first open     " << rampText << "\n"
+              << latencyLine("after ramp", total.rampedWriteSeconds) << "\n"
+              << latencyLine("mkdir latency", total.mkdirSeconds) << "\n";
+    if (!totals.silentCameras.empty()) {
+        std::string silent;
+        for (std::size_t i = 0; i < totals.silentCameras.size(); ++i) {
+            silent += (i == 0 ? " " : ", ") + totals.silentCameras[i];
+        }
+        std::cout << "  cameras        " << totals.silentCameras.size() << " of "
+                  << settings.cameras << " wrote nothing:" << silent << "\n";
+    }
+    if (totals.housekeeping) {
+        std::cout << "  housekeeping   " << totals.housekeepingSummary << "\n";
+    }
+    if (gStopRequested.load()) {
+        std::cout << "  interrupted    after " << elapsedText << " of " << settings.seconds
+                  << " s; each camera closed its last, shorter segment\n";
+    }
+}
+
+// Every figure of the summary into settings.jsonFile as one JSON object;
+// false (after saying so) when it cannot be written.
+bool writeFigures(const Settings& settings, const Location& location, const RunTotals& totals,
+                  const FailedCalls& failures, const std::string& verdict) {
+    const CameraResult& total = totals.total;
+    std::ofstream json(settings.jsonFile, std::ios::trunc);
+    json << "{\n  \"location\": " << jsonString(location.masked())
+         << ",\n  \"cameras\": " << settings.cameras
+         << ",\n  \"seconds\": " << jsonNumber(settings.seconds)
+         << ",\n  \"rate_mbit\": " << jsonNumber(settings.megabits)
+         << ",\n  \"segment_seconds\": " << jsonNumber(settings.segment)
+         << ",\n  \"aio\": " << (settings.aio ? "true" : "false")
+         << ",\n  \"elapsed_seconds\": " << jsonNumber(totals.elapsed)
+         << ",\n  \"files_complete\": " << total.filesComplete
+         << ",\n  \"files_failed\": " << total.filesFailed << ",\n  \"bytes\": " << total.bytes
+         << ",\n  \"dropped_bytes\": " << total.droppedBytes
+         << ",\n  \"failed_calls\": " << total.failedCalls
+         << ",\n  \"max_lag_seconds\": " << jsonNumber(total.maxLag)
+         << ",\n  \"cameras_started\": " << totals.started << ",\n  \"first_open_all_seconds\": "
+         << (totals.started == settings.cameras ? jsonNumber(totals.rampSeconds) : "null")
+         << ",\n  \"most_open_files\": " << totals.mostOpenFiles
+         << ",\n  \"mkdir\": " << jsonLatency(total.mkdirSeconds)
+         << ",\n  \"open\": " << jsonLatency(total.openSeconds)
+         << ",\n  \"close\": " << jsonLatency(total.closeSeconds)
+         << ",\n  \"write\": " << jsonLatency(total.writeSeconds)
+         << ",\n  \"write_after_ramp\": " << jsonLatency(total.rampedWriteSeconds)
+         << ",\n  \"failed_by_reason\": [";
+    const auto reasons = failures.byReason();
+    for (std::size_t i = 0; i < reasons.size(); ++i) {
+        json << (i == 0 ? "\n    " : ",\n    ") << "{\"reason\": " << jsonString(reasons[i].first)
+             << ", \"calls\": " << reasons[i].second << "}";
+    }
+    json << "],\n  \"first_failed_calls\": [";
+    const std::vector<FailedCall> calls = failures.firstCalls();
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        json << (i == 0 ? "\n    " : ",\n    ") << "{\"camera\": " << calls[i].camera
+             << ", \"operation\": " << jsonString(calls[i].operation)
+             << ", \"path\": " << jsonString(calls[i].path)
+             << ", \"at_seconds\": " << jsonNumber(calls[i].at)
+             << ", \"why\": " << jsonString(calls[i].why) << "}";
+    }
+    json << "],\n  \"interrupted\": " << (gStopRequested.load() ? "true" : "false")
+         << ",\n  \"verdict\": " << jsonString(verdict) << "\n}\n";
+    json.close();
+    if (!json) {
+        fail("record",
+             "cannot write the figures to " + settings.jsonFile + ": " + systemError(errno),
+             kExitFailed);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int runRecord(const Arguments& args) {
@@ -641,245 +923,34 @@ int runRecord(const Arguments& args) {
     if (status != kExitOk) {
         return status;
     }
-
-    const std::tm local = localNow();
-    char day[16];
-    std::strftime(day, sizeof day, "%Y-%m-%d", &local);
     std::vector<std::string> dirs;
-    for (int camera = 1; camera <= settings.cameras; ++camera) {
-        char relative[32];
-        std::snprintf(relative, sizeof relative, "%s/cam%02d", day, camera);
-        std::string dir;
-        if (!session.remotePath(relative, dir)) {
-            return kExitUsage;
-        }
-        if (dir.size() + 17 > kMaxRemotePath) {
-            return fail("record", "the location's path is too long for segment files", kExitUsage);
-        }
-        dirs.push_back(dir);
+    status = cameraDirectories(session, settings, dirs);
+    if (status != kExitOk) {
+        return status;
     }
-    // The base holds the day directories: cut "/<day>/cam01" off.
-    settings.startDay = local;
-    settings.base = dirs.front().substr(0, dirs.front().rfind('/'));
-    settings.base.erase(settings.base.rfind('/'));
-
-    // One shared pattern, long enough to start at any phase and still cover
-    // the biggest single write.
-    const long long tickBytes =
-        static_cast<long long>(std::ceil(settings.megabits * 1e6 / 8 * kTick)) + 1;
-    std::vector<char> pattern(static_cast<std::size_t>(kPatternPeriod + tickBytes));
-    for (std::size_t i = 0; i < pattern.size(); ++i) {
-        pattern[i] = static_cast<char>(i % kPatternPeriod);
-    }
+    const std::vector<char> pattern = segmentPattern(settings);
 
     catchStopSignals();
-    char rate[32];
-    std::snprintf(rate, sizeof rate, "%g", settings.megabits);
-    std::cout << "recording to " << session.location().masked() << ": " << settings.cameras
-              << " cameras x " << settings.seconds << " s at " << rate << " Mbit/s, "
-              << settings.segment << " s segments, " << (settings.aio ? "aioWrite" : "write")
-              << ", into " << dirs.front().substr(0, dirs.front().rfind('/')) << "/cam.."
-              << std::endl;
-    const std::string plan = describeSchedule(settings.schedule);
-    if (!plan.empty()) {
-        std::cout << "schedule: " << plan << std::endl;
-    }
-
-    LiveCounters live;
     const Location location = session.location();
+    printPlan(location, settings, dirs.front());
     FailedCalls failures([location] { return probeLogin(location); }, kProbeSpacingSeconds);
-    const double start = monotonicSeconds();
-    std::vector<std::unique_ptr<Camera>> cameras;
-    std::vector<std::thread> threads;
-    cameras.reserve(static_cast<std::size_t>(settings.cameras));
-    threads.reserve(static_cast<std::size_t>(settings.cameras));
-    for (int i = 0; i < settings.cameras; ++i) {
-        cameras.emplace_back(new Camera(session.store(), settings, i + 1,
-                                        dirs[static_cast<std::size_t>(i)], pattern, start, live,
-                                        failures));
-    }
-    for (auto& camera : cameras) {
-        threads.emplace_back(&Camera::run, camera.get());
-    }
-    std::unique_ptr<Housekeeping> housekeeping;
-    if (settings.schedule.passSeconds > 0) {
-        housekeeping.reset(new Housekeeping(session.store(), settings.schedule, settings.base,
-                                            settings.startDay, start, failures));
-        housekeeping->start();
-    }
+    const RunTotals totals = runCameras(session, settings, dirs, pattern, failures);
 
-    // The status line: redrawn twice a second while cameras run, on a terminal only.
-    const bool terminal = stderrIsTerminal();
-    std::atomic<bool> done{false};
-    std::thread status_line;
-    if (terminal) {
-        status_line = std::thread([&] {
-            while (!done.load()) {
-                const double elapsed = monotonicSeconds() - start;
-                const long long bytes = live.bytes.load();
-                char line[160];
-                std::snprintf(
-                    line, sizeof line, "\r  %6.1f / %g s  files %d  %s  %s  failed calls %d   ",
-                    elapsed, settings.seconds, live.files.load(),
-                    humanBytes(static_cast<double>(bytes)).c_str(),
-                    megabits(static_cast<double>(bytes), elapsed).c_str(), live.failedCalls.load());
-                std::cerr << line << std::flush;
-                std::this_thread::sleep_for(std::chrono::milliseconds(500));
-            }
-            std::cerr << "\n" << std::flush;
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    if (housekeeping) {
-        housekeeping->stop();
-    }
-    const double elapsed = monotonicSeconds() - start;
-    done.store(true);
-    if (status_line.joinable()) {
-        status_line.join();
-    }
-    // The last failures may still wait for their explaining login.
-    failures.finish();
-
-    CameraResult total;
-    int started = 0;         // cameras that had a file open
-    double rampSeconds = 0;  // when the last of them opened its first file
-    for (const auto& camera : cameras) {
-        const CameraResult& r = camera->result;
-        total.filesComplete += r.filesComplete;
-        total.filesFailed += r.filesFailed;
-        total.bytes += r.bytes;
-        total.droppedBytes += r.droppedBytes;
-        total.failedCalls += r.failedCalls;
-        total.maxLag = std::max(total.maxLag, r.maxLag);
-        total.mkdirSeconds.merge(r.mkdirSeconds);
-        total.openSeconds.merge(r.openSeconds);
-        total.closeSeconds.merge(r.closeSeconds);
-        total.writeSeconds.merge(r.writeSeconds);
-        total.rampedWriteSeconds.merge(r.rampedWriteSeconds);
-        if (r.firstOpenAt >= 0) {
-            ++started;
-            rampSeconds = std::max(rampSeconds, r.firstOpenAt);
-        }
-    }
-    const double target = settings.megabits * settings.cameras;
-    char targetText[32];
-    std::snprintf(targetText, sizeof targetText, "%.2f Mbit/s", target);
-    // Housekeeping's calls are the recorder's too.
-    if (housekeeping) {
-        total.failedCalls += housekeeping->failedCalls();
-    }
-    char elapsedText[32];
-    std::snprintf(elapsedText, sizeof elapsedText, "%.2f s", elapsed);
-    char lagText[32];
-    std::snprintf(lagText, sizeof lagText, "%.3f s", total.maxLag);
-
-    std::cout << "summary\n"
-              << "  files          " << total.filesComplete << " complete, " << total.filesFailed
-              << " failed\n"
-              << "  bytes          " << total.bytes << " ("
-              << humanBytes(static_cast<double>(total.bytes)) << "), " << total.droppedBytes
-              << " dropped\n"
-              << "  throughput     " << megabits(static_cast<double>(total.bytes), elapsed)
-              << " over " << elapsedText << " (target " << targetText << ")\n"
-              << "  failed calls   " << total.failedCalls << "\n"
-              << latencyLine("open latency", total.openSeconds) << "\n"
-              << latencyLine("close latency", total.closeSeconds) << "\n"
-              << latencyLine("write latency", total.writeSeconds) << "\n"
-              << "  max lag        " << lagText << " behind the cameras\n";
-    char rampText[96];
-    if (started == settings.cameras) {
-        std::snprintf(rampText, sizeof rampText, "every camera's first file open by %.3f s",
-                      rampSeconds);
-    } else {
-        std::snprintf(rampText, sizeof rampText, "%d of %d cameras had a file open; ramp not over",
-                      started, settings.cameras);
-    }
-    std::cout << "  first open     " << rampText << "\n"
-              << latencyLine("after ramp", total.rampedWriteSeconds) << "\n"
-              << latencyLine("mkdir latency", total.mkdirSeconds) << "\n";
-    std::string silent;
-    int silentCount = 0;
-    for (const auto& camera : cameras) {
-        if (camera->result.bytes == 0) {
-            silent += (silentCount++ == 0 ? " " : ", ") + camera->name();
-        }
-    }
-    if (silentCount > 0) {
-        std::cout << "  cameras        " << silentCount << " of " << settings.cameras
-                  << " wrote nothing:" << silent << "\n";
-    }
-    if (housekeeping) {
-        std::cout << "  housekeeping   " << housekeeping->summary() << "\n";
-    }
-    const bool interrupted = gStopRequested.load();
-    if (interrupted) {
-        std::cout << "  interrupted    after " << elapsedText << " of " << settings.seconds
-                  << " s; each camera closed its last, shorter segment\n";
-    }
+    printSummary(settings, totals);
     printFailures(failures);
-    const bool passed = total.failedCalls == 0 && total.filesFailed == 0;
-    const std::string verdict = passed ? "PASS"
-                                       : "FAIL: " + failureVerdict(failures, settings.cameras,
-                                                                   live.mostOpenFiles.load() + 1);
+    const bool passed = totals.total.failedCalls == 0 && totals.total.filesFailed == 0;
+    const std::string verdict =
+        passed ? "PASS"
+               : "FAIL: " + failureVerdict(failures, settings.cameras, totals.mostOpenFiles + 1);
     std::cout << "verdict: " << verdict << std::endl;
 
-    bool jsonWritten = true;
-    if (!settings.jsonFile.empty()) {
-        std::ofstream json(settings.jsonFile, std::ios::trunc);
-        json << "{\n  \"location\": " << jsonString(session.location().masked())
-             << ",\n  \"cameras\": " << settings.cameras
-             << ",\n  \"seconds\": " << jsonNumber(settings.seconds)
-             << ",\n  \"rate_mbit\": " << jsonNumber(settings.megabits)
-             << ",\n  \"segment_seconds\": " << jsonNumber(settings.segment)
-             << ",\n  \"aio\": " << (settings.aio ? "true" : "false")
-             << ",\n  \"elapsed_seconds\": " << jsonNumber(elapsed)
-             << ",\n  \"files_complete\": " << total.filesComplete
-             << ",\n  \"files_failed\": " << total.filesFailed << ",\n  \"bytes\": " << total.bytes
-             << ",\n  \"dropped_bytes\": " << total.droppedBytes
-             << ",\n  \"failed_calls\": " << total.failedCalls
-             << ",\n  \"max_lag_seconds\": " << jsonNumber(total.maxLag)
-             << ",\n  \"cameras_started\": " << started << ",\n  \"first_open_all_seconds\": "
-             << (started == settings.cameras ? jsonNumber(rampSeconds) : "null")
-             << ",\n  \"most_open_files\": " << live.mostOpenFiles.load()
-             << ",\n  \"mkdir\": " << jsonLatency(total.mkdirSeconds)
-             << ",\n  \"open\": " << jsonLatency(total.openSeconds)
-             << ",\n  \"close\": " << jsonLatency(total.closeSeconds)
-             << ",\n  \"write\": " << jsonLatency(total.writeSeconds)
-             << ",\n  \"write_after_ramp\": " << jsonLatency(total.rampedWriteSeconds)
-             << ",\n  \"failed_by_reason\": [";
-        const auto reasons = failures.byReason();
-        for (std::size_t i = 0; i < reasons.size(); ++i) {
-            json << (i == 0 ? "\n    " : ",\n    ")
-                 << "{\"reason\": " << jsonString(reasons[i].first)
-                 << ", \"calls\": " << reasons[i].second << "}";
-        }
-        json << "],\n  \"first_failed_calls\": [";
-        const std::vector<FailedCall> calls = failures.firstCalls();
-        for (std::size_t i = 0; i < calls.size(); ++i) {
-            json << (i == 0 ? "\n    " : ",\n    ") << "{\"camera\": " << calls[i].camera
-                 << ", \"operation\": " << jsonString(calls[i].operation)
-                 << ", \"path\": " << jsonString(calls[i].path)
-                 << ", \"at_seconds\": " << jsonNumber(calls[i].at)
-                 << ", \"why\": " << jsonString(calls[i].why) << "}";
-        }
-        json << "],\n  \"interrupted\": " << (gStopRequested.load() ? "true" : "false")
-             << ",\n  \"verdict\": " << jsonString(verdict) << "\n}\n";
-        json.close();
-        if (!json) {
-            jsonWritten = false;
-            fail("record",
-                 "cannot write the figures to " + settings.jsonFile + ": " + systemError(errno),
-                 kExitFailed);
-        }
-    }
+    const bool figuresWritten =
+        settings.jsonFile.empty() || writeFigures(settings, location, totals, failures, verdict);
     // As a shell reports a command ended by Ctrl-C.
-    if (interrupted) {
+    if (gStopRequested.load()) {
         return kExitInterrupted;
     }
-    return passed && jsonWritten ? kExitOk : kExitFailed;
+    return passed && figuresWritten ? kExitOk : kExitFailed;
 }
 
 }  // namespace ftpdisk_tool
