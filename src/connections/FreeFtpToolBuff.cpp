@@ -35,7 +35,7 @@ SafePointer<FTPTool>& FreeFTPInfo::getFTPTool() { return ftpTool; }
 
 // --- FreeFtpToolBuff --------------------------------------------------------
 
-FreeFtpToolBuff::FreeFtpToolBuff() : monitorThread(NULL), paused(true) {
+FreeFtpToolBuff::FreeFtpToolBuff() : monitorThread(nullptr), paused(true) {
     // The thread is only created here; the open-file table starts it.
     monitorThread =
         new GThread(make_function(&FreeFtpToolBuff::theThread, this), "detectStateThread",
@@ -48,7 +48,7 @@ FreeFtpToolBuff::~FreeFtpToolBuff() {
     // last references and each FTPTool destructor quits its connection.
     stop();
     delete monitorThread;
-    monitorThread = NULL;
+    monitorThread = nullptr;
 }
 
 int FreeFtpToolBuff::start() {

@@ -88,8 +88,8 @@ int FtpFileHandleManager::open(const char* path, int mode) {
     // A path that does not fit the handler's name field, or that could never
     // be sent (a line end inside it), is refused before any traffic and
     // before a handle number is reserved.
-    if (path == NULL || strlen(path) >= static_cast<size_t>(kFtpFileNameSize) ||
-        strpbrk(path, "\r\n") != NULL) {
+    if (path == nullptr || strlen(path) >= static_cast<size_t>(kFtpFileNameSize) ||
+        strpbrk(path, "\r\n") != nullptr) {
         return -1;
     }
     int id = -1;

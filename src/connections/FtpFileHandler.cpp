@@ -20,9 +20,9 @@ const char* const kLockSource = "FtpFileHandler";
 
 FtpFileHandler::FtpFileHandler(SafePointer<FTPTool>& tool, int mode, int fileHandle,
                                const char* fileName)
-    : ftpTool(tool), dataConnection(NULL), mode(mode), fileHandle(fileHandle) {
+    : ftpTool(tool), dataConnection(nullptr), mode(mode), fileHandle(fileHandle) {
     memset(this->fileName, 0, sizeof this->fileName);
-    if (fileName != NULL) {
+    if (fileName != nullptr) {
         // The open-file table refuses paths of 256 characters or more before
         // it gets here; the bound only keeps a direct caller from overflowing
         // the field (a longer path is cut, never written past the end).
@@ -37,11 +37,11 @@ FtpFileHandler::~FtpFileHandler() FTPDISK_NO_THREAD_SAFETY_ANALYSIS {
     // never closed the handle) still owns its data connection. It is released
     // without traffic: no final reply is awaited on this path, but no socket
     // or record may outlive the handler either.
-    if (dataConnection != NULL) {
+    if (dataConnection != nullptr) {
         // Without its control record closeData awaits no final reply.
-        dataConnection->control = NULL;
+        dataConnection->control = nullptr;
         ftpTool->closeData(dataConnection);
-        dataConnection = NULL;
+        dataConnection = nullptr;
     }
 }
 
@@ -57,7 +57,7 @@ bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/, const ch
         default: return false;
     }
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
-    if (dataConnection != NULL) {
+    if (dataConnection != nullptr) {
         return false;  // one transfer per handler
     }
     return ftpTool->dataConnect(fileName, kind, 'I', &dataConnection) != 0;
@@ -65,7 +65,7 @@ bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/, const ch
 
 int FtpFileHandler::read(char* buf, unsigned int len) {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
-    if (dataConnection == NULL) {
+    if (dataConnection == nullptr) {
         return -1;
     }
     const int result = ftpTool->read(buf, clampLength(len), dataConnection);
@@ -79,7 +79,7 @@ int FtpFileHandler::read(char* buf, unsigned int len) {
 
 int FtpFileHandler::write(const char* buf, unsigned int len) {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
-    if (dataConnection == NULL) {
+    if (dataConnection == nullptr) {
         return -1;
     }
     const int result = ftpTool->write(buf, clampLength(len), dataConnection);
@@ -91,7 +91,7 @@ int FtpFileHandler::write(const char* buf, unsigned int len) {
 
 int FtpFileHandler::aioWrite(const char* buf, unsigned int len) {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
-    if (dataConnection == NULL) {
+    if (dataConnection == nullptr) {
         return -1;
     }
     // Set on every call: the asynchronous write must never block the
@@ -109,7 +109,7 @@ int FtpFileHandler::aioWrite(const char* buf, unsigned int len) {
 
 int FtpFileHandler::aioReturn(int milliseconds) {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
-    if (dataConnection == NULL) {
+    if (dataConnection == nullptr) {
         // Closed (possibly by another thread while this call was on its way):
         // the same answer the store gives for a handle it does not know.
         return -1;
@@ -121,12 +121,12 @@ int FtpFileHandler::aioReturn(int milliseconds) {
 
 int FtpFileHandler::close() {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
-    if (dataConnection == NULL) {
+    if (dataConnection == nullptr) {
         return -1;
     }
     NetBuf* data = dataConnection;
     // closeData releases the record whatever the final reply says.
-    dataConnection = NULL;
+    dataConnection = nullptr;
     return ftpTool->closeData(data) == 1 ? 0 : -1;
 }
 

@@ -16,7 +16,7 @@ namespace {
 // the call throws a standard exception (see failOnException).
 template <typename Result, typename Call>
 Result forward(FTPFileSystemImpl* impl, Result failure, Call call) {
-    if (impl == NULL) {
+    if (impl == nullptr) {
         return failure;
     }
     return failOnException(failure, call);
@@ -30,7 +30,7 @@ int asInt(bool answer) { return answer ? 1 : 0; }
 
 FTPFileSystem::FTPFileSystem(const char* server, const char* user, const char* password,
                              int capacity)
-    : impl(NULL) {
+    : impl(nullptr) {
     // Texts that do not fit are refused by the implementation itself (see
     // FTPFileSystemImpl::textsFit): the store then fails every operation.
     try {
@@ -38,12 +38,12 @@ FTPFileSystem::FTPFileSystem(const char* server, const char* user, const char* p
     } catch (const std::exception&) {
         // Out of memory: a store without an implementation, which fails every
         // call rather than throwing out of a constructor into the recorder.
-        impl = NULL;
+        impl = nullptr;
     }
 }
 
 FTPFileSystem::~FTPFileSystem() {
-    if (impl == NULL) {
+    if (impl == nullptr) {
         return;
     }
     // A destructor must not throw into the recorder: whatever uninit meets is

@@ -40,7 +40,7 @@ static_assert(static_cast<size_t>(kStorePasswordSize) > NS_FTPPath::kMaxPassword
               "every password field holds the longest password and a terminator");
 
 // True when `text` is there and has at most `limit` characters.
-bool fitsLimit(const char* text, size_t limit) { return text != NULL && strlen(text) <= limit; }
+bool fitsLimit(const char* text, size_t limit) { return text != nullptr && strlen(text) <= limit; }
 
 // Walks the prefixes that createDir and isDirExist act on, one at a time:
 // "/rec/d1/cam1" gives "/rec/", "/rec/d1/", "/rec/d1/cam1"; "a/b" gives "a/",
@@ -120,7 +120,7 @@ int copyToEnd(char* buf, unsigned int size, ReadSome readSome, WriteSome writeSo
 // destination stays on a failure.
 int copyWholeFile(FTPFileSystemImpl& store, const char* localFile, const char* remoteFile,
                   int remoteMode) {
-    if (localFile == NULL || remoteFile == NULL) {
+    if (localFile == nullptr || remoteFile == nullptr) {
         return -1;
     }
     const bool download = remoteMode == kFtpModeRead;
@@ -176,7 +176,7 @@ FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const
                                      int capacity)
     : space(kStoreLockSource),
       capacity(capacity),
-      handleManager(NULL),
+      handleManager(nullptr),
       scanGate(kStoreLockSource),
       initialised(false),
       snapshot(kStoreLockSource),
@@ -206,7 +206,7 @@ FTPFileSystemImpl::~FTPFileSystemImpl() {
     // Handles still open are released with the table: each handler closes
     // its data socket without waiting for the server's final reply.
     delete handleManager;
-    handleManager = NULL;
+    handleManager = nullptr;
     // The locks and then the main tool go with the members.
 }
 
@@ -268,7 +268,7 @@ int FTPFileSystemImpl::reinit() {
 // --- Directory and file operations ------------------------------------------
 
 int FTPFileSystemImpl::createDir(const char* path) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.ready()) {
         return -1;
     }
@@ -289,7 +289,7 @@ int FTPFileSystemImpl::createDir(const char* path) {
 }
 
 bool FTPFileSystemImpl::isDirExist(const char* path) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.ready()) {
         return false;
     }
@@ -307,12 +307,12 @@ bool FTPFileSystemImpl::isDirExist(const char* path) {
 }
 
 bool FTPFileSystemImpl::isFileExist(const char* path) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.ready()) {
         return false;
     }
     // A file exists when the server agrees to send it; no byte is read.
-    NetBuf* stream = NULL;
+    NetBuf* stream = nullptr;
     if (mainTool->dataConnect(path, kFtpRetr, 'I', &stream) == 1) {
         mainTool->closeData(stream);
         return true;
@@ -321,15 +321,15 @@ bool FTPFileSystemImpl::isFileExist(const char* path) {
 }
 
 int FTPFileSystemImpl::createFile(const char* path) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.ready()) {
         return -1;
     }
     // Retrieve first, so an existing file is left as it is; only a missing one
     // is made, by storing nothing into it.
-    NetBuf* stream = NULL;
+    NetBuf* stream = nullptr;
     if (mainTool->dataConnect(path, kFtpRetr, 'I', &stream) != 1) {
-        stream = NULL;
+        stream = nullptr;
         if (mainTool->dataConnect(path, kFtpStor, 'I', &stream) != 1) {
             return -1;
         }
@@ -365,7 +365,7 @@ long long FTPFileSystemImpl::baseGetFileLength(const char* path) {
 }
 
 long long FTPFileSystemImpl::getFileLength(const char* path) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.ready()) {
         return -1;
     }
@@ -373,7 +373,7 @@ long long FTPFileSystemImpl::getFileLength(const char* path) {
 }
 
 int FTPFileSystemImpl::deleteFile(const char* path) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.locked()) {
         return -1;
     }
@@ -393,7 +393,7 @@ int FTPFileSystemImpl::deleteFile(const char* path) {
 }
 
 int FTPFileSystemImpl::renameFile(const char* from, const char* to) {
-    PathOperation operation(*this, from != NULL && to != NULL, __LINE__);
+    PathOperation operation(*this, from != nullptr && to != nullptr, __LINE__);
     if (!operation.ready()) {
         return -1;
     }
@@ -407,7 +407,7 @@ int FTPFileSystemImpl::moveDir(const char* /*from*/, const char* /*to*/) {
 }
 
 int FTPFileSystemImpl::removeDir(const char* path) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.ready()) {
         return -1;
     }
@@ -451,7 +451,7 @@ int FTPFileSystemImpl::rmFTPDir(const char* path) {
 // --- Handle operations --------------------------------------------------------
 
 int FTPFileSystemImpl::open(const char* path, int mode) {
-    if (path == NULL || refused) {
+    if (path == nullptr || refused) {
         return -1;
     }
     return handleManager->open(path, mode);

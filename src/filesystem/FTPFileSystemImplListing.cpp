@@ -159,7 +159,8 @@ bool FTPFileSystemImpl::fetchListing(const char* path, std::string& text) {
     if (!text.empty()) {
         char* at = &text[0];
         char* const end = at + text.size();
-        while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) != NULL) {
+        while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) !=
+               nullptr) {
             *at++ = ' ';
         }
     }
@@ -170,8 +171,8 @@ bool FTPFileSystemImpl::fetchListing(const char* path, std::string& text) {
 // signatures.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, std::string& text) {
-    NetBuf* data = NULL;
-    if (tool->dataConnect(path, kFtpList, 'I', &data) == 0 || data == NULL) {
+    NetBuf* data = nullptr;
+    if (tool->dataConnect(path, kFtpList, 'I', &data) == 0 || data == nullptr) {
         return false;
     }
     // Started only once the data connection is open: the limit bounds the
@@ -220,7 +221,7 @@ bool FTPFileSystemImpl::getFTPFileType(const std::vector<std::string>& lines, in
 
 bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entries,
                                               long long& total) {
-    if (path == NULL) {
+    if (path == nullptr) {
         return false;
     }
     std::string text;
@@ -237,7 +238,7 @@ bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entri
 
 bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
                                           std::vector<std::string>& names) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.ready()) {
         return false;
     }
@@ -286,7 +287,7 @@ int FTPFileSystemImpl::getFileNumber(const char* /*path*/) {
 
 bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
                              const std::string& /*filter: every file is visited*/) {
-    if (path == NULL || action == NULL) {
+    if (path == nullptr || action == nullptr) {
         return false;
     }
     // The gate for the whole walk, so two scans never interleave their visits;
@@ -313,7 +314,7 @@ bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
 }
 
 bool FTPFileSystemImpl::getTotalSize(const char* path, long long& size) {
-    PathOperation operation(*this, path != NULL, __LINE__);
+    PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.ready()) {
         return false;
     }

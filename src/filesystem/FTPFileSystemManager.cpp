@@ -67,7 +67,7 @@ FTPFileSystemManager* FTPFileSystemManager::getInstance() {
         static FTPFileSystemManager instance;
         return &instance;
     } catch (const std::exception&) {
-        return NULL;
+        return nullptr;
     }
 }
 

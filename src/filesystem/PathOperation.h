@@ -11,7 +11,7 @@
 const char* const kStoreLockSource = "FTPFileSystemImpl";
 
 // Usage, at the top of a path operation:
-//     PathOperation operation(*this, path != NULL, __LINE__);
+//     PathOperation operation(*this, path != nullptr, __LINE__);
 //     if (!operation.ready()) return -1;
 class FTPDISK_SCOPED_CAPABILITY FTPFileSystemImpl::PathOperation {
 public:

@@ -5,18 +5,18 @@
 #include <stdio.h>
 
 SnapshotStream::SnapshotStream(const char* lockSource)
-    : lockSource(lockSource), snapshotStream(NULL) {}
+    : lockSource(lockSource), snapshotStream(nullptr) {}
 
 int SnapshotStream::open(FTPTool& tool, const char* path) {
     KDMutexLocker snapshot(snapshotLock, lockSource, __LINE__);
-    if (snapshotStream != NULL || path == NULL) {
+    if (snapshotStream != nullptr || path == nullptr) {
         return -1;
     }
-    if (tool.getControlBuf() == NULL) {
+    if (tool.getControlBuf() == nullptr) {
         return -1;  // never connected, or quit: nothing to talk to
     }
-    NetBuf* stream = NULL;
-    if (tool.dataConnect(path, kFtpStor, 'I', &stream) == 0 || stream == NULL) {
+    NetBuf* stream = nullptr;
+    if (tool.dataConnect(path, kFtpStor, 'I', &stream) == 0 || stream == nullptr) {
         return -1;
     }
     snapshotStream = stream;
@@ -26,7 +26,7 @@ int SnapshotStream::open(FTPTool& tool, const char* path) {
 int SnapshotStream::write(FTPTool& tool, const char* buf, unsigned int len) {
     KDMutexLocker snapshot(snapshotLock, lockSource, __LINE__);
     int n = -1;
-    if (snapshotStream == NULL) {
+    if (snapshotStream == nullptr) {
         errno = EBADF;  // no stream: report it as a write to a closed descriptor
     } else {
         const int length =
@@ -43,20 +43,20 @@ int SnapshotStream::write(FTPTool& tool, const char* buf, unsigned int len) {
 
 int SnapshotStream::close(FTPTool& tool) {
     KDMutexLocker snapshot(snapshotLock, lockSource, __LINE__);
-    if (snapshotStream == NULL) {
+    if (snapshotStream == nullptr) {
         return -1;
     }
     NetBuf* stream = snapshotStream;
-    snapshotStream = NULL;  // closeData frees the record whatever it returns
+    snapshotStream = nullptr;  // closeData frees the record whatever it returns
     return tool.closeData(stream) == 1 ? 0 : -1;
 }
 
 void SnapshotStream::drop(FTPTool* tool) {
-    if (snapshotStream == NULL) {
+    if (snapshotStream == nullptr) {
         return;
     }
     NetBuf* stream = snapshotStream;
-    snapshotStream = NULL;
+    snapshotStream = nullptr;
     tool->closeData(stream);
 }
 

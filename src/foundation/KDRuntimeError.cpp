@@ -1,6 +1,6 @@
 #include "foundation/KDRuntimeError.h"
 
-KDRuntimeError::KDRuntimeError(const char* message) : message(message != NULL ? message : "") {}
+KDRuntimeError::KDRuntimeError(const char* message) : message(message != nullptr ? message : "") {}
 
 KDRuntimeError::KDRuntimeError(const std::string& message) : message(message) {}
 

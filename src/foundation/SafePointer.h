@@ -47,13 +47,13 @@ class SafePointer : public BaseSafePointer {
 public:
     /// An empty pointer (no object, no record). It exists to be filled as an
     /// out-parameter; using it with -> or * throws.
-    SafePointer() : object(NULL), count(NULL) {}
+    SafePointer() : object(nullptr), count(nullptr) {}
 
     /// Takes ownership of `pointer`, a new object: asks the RefCountManager
     /// for its record (count 1). Throws KDRuntimeError ("Construct from NULL
     /// original pointer") for null, owning nothing.
-    explicit SafePointer(T* pointer) : object(NULL), count(NULL) {
-        if (pointer == NULL) {
+    explicit SafePointer(T* pointer) : object(nullptr), count(nullptr) {
+        if (pointer == nullptr) {
             ThrowNullPointerException("Construct from NULL original pointer");
         }
         object = pointer;
@@ -63,8 +63,8 @@ public:
     /// Shares `other`'s object, adding one holder under the record's lock.
     /// Throws KDRuntimeError for an empty `other` ("Construct from NULL
     /// <T>pointer") or one whose record no longer names its object.
-    SafePointer(const SafePointer& other) : BaseSafePointer(), object(NULL), count(NULL) {
-        if (other.object == NULL) {
+    SafePointer(const SafePointer& other) : BaseSafePointer(), object(nullptr), count(nullptr) {
+        if (other.object == nullptr) {
             ThrowNullPointerException("Construct from NULL <T>pointer");
         }
         other.inc_reference();
@@ -79,7 +79,7 @@ public:
         if (this == &other) {
             return *this;
         }
-        if (other.object == NULL) {
+        if (other.object == nullptr) {
             ThrowNullPointerException("Assigned NULL <T>pointer");
         }
         dec_reference();
@@ -101,7 +101,7 @@ public:
 
     /// The object. Throws KDRuntimeError ("Use NULL pointer ->") when empty.
     T* operator->() const {
-        if (object == NULL) {
+        if (object == nullptr) {
             ThrowNullPointerException("Use NULL pointer ->");
         }
         return object;
@@ -114,13 +114,13 @@ public:
     /// delete it.
     T* get() const { return object; }
     /// True for an empty pointer.
-    bool isNull() const { return object == NULL; }
+    bool isNull() const { return object == nullptr; }
 
     /// Adds a holder on the record shared with this pointer (used when
     /// copying from it). Throws KDRuntimeError when empty or when the record
     /// no longer names the object (its lock is then deliberately left held).
     void inc_reference() const {
-        if (count == NULL) {
+        if (count == nullptr) {
             ThrowNullPointerException("Already destructed 1");
         }
         if (count->lock() != 0) {
@@ -165,7 +165,7 @@ private:
 
     // dec_reference (throwOnMismatch true) and the destructor (false).
     void release(bool throwOnMismatch) {
-        if (object == NULL) {
+        if (object == nullptr) {
             return;
         }
         // dec_reference deliberately does not look at the lock's result. The
@@ -181,7 +181,7 @@ private:
                 return;
             }
             delete object;
-            object = NULL;
+            object = nullptr;
             ref_count* record = count;
             RefCountManager::getInstance()->returnbackRefCount(record, typeName());
             record->unLock();

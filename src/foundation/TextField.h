@@ -12,7 +12,7 @@
 // past the field.
 inline void copyTextField(char* field, size_t size, const char* text) {
     memset(field, 0, size);
-    if (text != NULL) {
+    if (text != nullptr) {
         strncpy(field, text, size - 1);
     }
 }

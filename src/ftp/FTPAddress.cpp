@@ -13,12 +13,12 @@
 #include "ftp/FTPTool.h"
 
 int ftpLookUpService(const char* name, uint16_t* port) {
-    if (name == NULL || port == NULL) return 0;
+    if (name == nullptr || port == nullptr) return 0;
     struct servent entry;
-    struct servent* result = NULL;
+    struct servent* result = nullptr;
     char scratch[1024];
     if (getservbyname_r(name, "tcp", &entry, scratch, sizeof scratch, &result) != 0 ||
-        result == NULL) {
+        result == nullptr) {
         return 0;
     }
     *port = static_cast<uint16_t>(result->s_port);
@@ -33,11 +33,11 @@ bool lookUpHost(const char* name, struct in_addr* address) {
     memset(&hints, 0, sizeof hints);
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
-    struct addrinfo* found = NULL;
-    if (getaddrinfo(name, NULL, &hints, &found) != 0 || found == NULL) return false;
+    struct addrinfo* found = nullptr;
+    if (getaddrinfo(name, nullptr, &hints, &found) != 0 || found == nullptr) return false;
     bool ok = false;
-    for (struct addrinfo* a = found; a != NULL; a = a->ai_next) {
-        if (a->ai_family == AF_INET && a->ai_addr != NULL) {
+    for (struct addrinfo* a = found; a != nullptr; a = a->ai_next) {
+        if (a->ai_family == AF_INET && a->ai_addr != nullptr) {
             *address = reinterpret_cast<struct sockaddr_in*>(a->ai_addr)->sin_addr;
             ok = true;
             break;
@@ -50,7 +50,7 @@ bool lookUpHost(const char* name, struct in_addr* address) {
 }  // namespace
 
 int ftpResolveAddress(const char* host, struct sockaddr_in* address) {
-    if (host == NULL || address == NULL) return 0;
+    if (host == nullptr || address == nullptr) return 0;
     std::string name(host);
     memset(address, 0, sizeof *address);
     address->sin_family = AF_INET;
@@ -66,7 +66,7 @@ int ftpResolveAddress(const char* host, struct sockaddr_in* address) {
         if (!after.empty() && after[0] >= '0' && after[0] <= '9') {
             // 64 bits on every processor: a 32-bit strtoul would stop at
             // 4294967295 and give a longer port text another low 16 bits.
-            unsigned long long port = strtoull(after.c_str(), NULL, 10);
+            unsigned long long port = strtoull(after.c_str(), nullptr, 10);
             address->sin_port = htons(static_cast<uint16_t>(port & 0xFFFFu));
             numericPort = true;
         } else {

@@ -6,9 +6,14 @@
 // Replies are judged by the first character of their last line only. Every
 // operation reports success as non-zero and failure as 0 (Readline/Writeline
 // also -1, aioReturn 0/-1/-2) and leaves the last reply line or a local error
-// text in the control record's `response`; nothing throws. A tool is driven by
-// one thread at a time; the pool and the open-file table hand tools out
-// exclusively, and the control connection has no lock.
+// text in the control record's `response`; nothing throws. The pool and the
+// open-file table hand tools out exclusively, so a pooled or open file's tool
+// is driven by one thread at a time. The store's main tool is shared: path
+// operations (under the store's operation lock) and snapshot calls (under the
+// snapshot lock alone) may use it from two threads at once, so each command
+// and its reply, and every read of the control connection's line buffer, run
+// under `controlLock`. The control lock keeps that sharing memory-safe; it
+// does not order the commands of the two callers.
 #ifndef FTPDISK_FTP_FTPTOOL_H
 #define FTPDISK_FTP_FTPTOOL_H
 

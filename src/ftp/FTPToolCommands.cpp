@@ -62,7 +62,7 @@ bool readInteger(const char*& at, int32_t* value) {
 }  // namespace
 
 int FTPTool::cd(const char* dir) {
-    if (dir == NULL || controlBuf == NULL) return 0;
+    if (dir == nullptr || controlBuf == nullptr) return 0;
     char line[kCommandLineSize];
     // An empty directory means the root.
     if (!commandLine(line, "CWD", dir[0] == '\0' ? "/" : dir)) return 0;
@@ -70,26 +70,26 @@ int FTPTool::cd(const char* dir) {
 }
 
 int FTPTool::cdup() {
-    if (controlBuf == NULL) return 0;
+    if (controlBuf == nullptr) return 0;
     return Sendcmd("CDUP", '2');
 }
 
 int FTPTool::mkdir(const char* dir) {
-    if (dir == NULL || controlBuf == NULL) return 0;
+    if (dir == nullptr || controlBuf == nullptr) return 0;
     char line[kCommandLineSize];
     if (!commandLine(line, "MKD", dir)) return 0;
     return Sendcmd(line, '2');
 }
 
 int FTPTool::rmdir(const char* dir) {
-    if (dir == NULL || controlBuf == NULL) return 0;
+    if (dir == nullptr || controlBuf == nullptr) return 0;
     char line[kCommandLineSize];
     if (!commandLine(line, "RMD", dir)) return 0;
     return Sendcmd(line, '2');
 }
 
 int FTPTool::site(const char* command) {
-    if (command == NULL || controlBuf == NULL) return 0;
+    if (command == nullptr || controlBuf == nullptr) return 0;
     char line[kCommandLineSize];
     if (!commandLine(line, "SITE", command)) return 0;
     return Sendcmd(line, '2');
@@ -98,7 +98,7 @@ int FTPTool::site(const char* command) {
 // "213 1234" stores 1234. The type set first stays in force for later
 // commands on this connection.
 int FTPTool::size(const char* path, int* size, char mode) {
-    if (path == NULL || size == NULL || controlBuf == NULL) return 0;
+    if (path == nullptr || size == nullptr || controlBuf == nullptr) return 0;
     // SIZE's own rule counts one byte more than its line needs: a path of
     // 250 characters or more is refused before anything is sent. One of 249
     // passes it, sends TYPE, and then meets Sendcmd's line limit, as it
@@ -121,7 +121,7 @@ int FTPTool::size(const char* path, int* size, char mode) {
 }
 
 int FTPTool::moveFile(const char* from, const char* to) {
-    if (from == NULL || to == NULL || controlBuf == NULL) return 0;
+    if (from == nullptr || to == nullptr || controlBuf == nullptr) return 0;
     char line[kCommandLineSize];
     if (!commandLine(line, "RNFR", from)) return 0;
     if (!Sendcmd(line, '3')) return 0;
@@ -138,7 +138,7 @@ int FTPTool::moveFile(const char* from, const char* to) {
 // still moves the connection (callers set their working directory again
 // before relying on it).
 int FTPTool::deleteFile(const char* path) {
-    if (path == NULL || controlBuf == NULL) return 0;
+    if (path == nullptr || controlBuf == nullptr) return 0;
     std::string whole(path);
     std::string name = whole;
     std::string::size_type slash = whole.rfind('/');

@@ -22,7 +22,7 @@
 namespace ftptool {
 
 int waitFor(int fd, short events, NetBufWaitTime limit, short* revents) {
-    if (revents != NULL) *revents = 0;
+    if (revents != nullptr) *revents = 0;
     if (fd < 0 || limit.seconds < 0 || limit.microseconds < 0) return -1;
     // Microseconds of a second or more carry into the seconds; a limit past
     // what a 32-bit time_t holds waits as long as it can.
@@ -35,33 +35,33 @@ int waitFor(int fd, short events, NetBufWaitTime limit, short* revents) {
     p.fd = fd;
     p.events = events;
     p.revents = 0;
-    int n = ::ppoll(&p, 1, &wait, NULL);
+    int n = ::ppoll(&p, 1, &wait, nullptr);
     if (n > 0 && (p.revents & POLLNVAL)) return -1;
-    if (n > 0 && revents != NULL) *revents = p.revents;
+    if (n > 0 && revents != nullptr) *revents = p.revents;
     return n;
 }
 
 NetBuf* newRecord(int fd, int direction, bool lineBuffer) {
     NetBuf* record = static_cast<NetBuf*>(calloc(1, sizeof(NetBuf)));
-    char* buffer = NULL;
-    if (record != NULL && lineBuffer) buffer = static_cast<char*>(malloc(kNetBufSize));
-    if (record == NULL || (lineBuffer && buffer == NULL)) {
+    char* buffer = nullptr;
+    if (record != nullptr && lineBuffer) buffer = static_cast<char*>(malloc(kNetBufSize));
+    if (record == nullptr || (lineBuffer && buffer == nullptr)) {
         free(record);
         free(buffer);
-        return NULL;
+        return nullptr;
     }
     record->buffer = buffer;
     record->readPos = buffer;
     record->writePos = buffer;
     record->available = 0;
-    record->spaceLeft = buffer != NULL ? kNetBufSize : 0;
+    record->spaceLeft = buffer != nullptr ? kNetBufSize : 0;
     record->handle = fd;
     record->direction = direction;
     return record;
 }
 
 void setResponse(NetBuf* connection, const char* text) {
-    if (connection == NULL) return;
+    if (connection == nullptr) return;
     snprintf(connection->response, sizeof connection->response, "%s", text);
 }
 
@@ -148,7 +148,7 @@ int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* for
 const double FTPTool::kReplyLimitSeconds = 30.0;
 const int FTPTool::kReplyLineLimit = 1000;
 
-FTPTool::FTPTool() : controlBuf(NULL), usable(true) {}
+FTPTool::FTPTool() : controlBuf(nullptr), usable(true) {}
 
 FTPTool::~FTPTool() {
     quit();
@@ -165,7 +165,9 @@ int FTPTool::flush() { return 0; }
 
 NetBuf* FTPTool::getControlBuf() const { return controlBuf; }
 
-const char* FTPTool::getResponse() const { return controlBuf != NULL ? controlBuf->response : ""; }
+const char* FTPTool::getResponse() const {
+    return controlBuf != nullptr ? controlBuf->response : "";
+}
 
 int FTPTool::connect(const char* host) {
     // A second connect replaces the first connection; its record and socket
@@ -185,11 +187,11 @@ int FTPTool::connect(const char* host) {
     }
 
     NetBuf* control = ftptool::newRecord(fd, kNetBufControl, true);
-    if (control == NULL) {
+    if (control == nullptr) {
         close(fd);
         return 0;
     }
-    control->control = NULL;
+    control->control = nullptr;
     control->connectionMode = kNetBufPassive;
     // Deliberately short: a server that takes longer than this to start a
     // reply fails the command, and the caller drops the connection.
@@ -204,7 +206,7 @@ int FTPTool::connect(const char* host) {
 }
 
 int FTPTool::login(const char* user, const char* password) {
-    if (user == NULL || password == NULL || controlBuf == NULL) return 0;
+    if (user == nullptr || password == nullptr || controlBuf == nullptr) return 0;
     // Each line is built in a 64-byte buffer: "USER " + 57 + terminator.
     const size_t kLongest = 57;
     if (strlen(user) > kLongest || strlen(password) > kLongest) return 0;
@@ -221,11 +223,12 @@ int FTPTool::login(const char* user, const char* password) {
 }
 
 int FTPTool::Sendcmd(const char* command, char expected) {
-    return exchange(command, expected, NULL);
+    return exchange(command, expected, nullptr);
 }
 
 int FTPTool::exchange(const char* command, char expected, char* reply) {
-    if (command == NULL || controlBuf == NULL || controlBuf->direction != kNetBufControl) return 0;
+    if (command == nullptr || controlBuf == nullptr || controlBuf->direction != kNetBufControl)
+        return 0;
     // The line with "\r\n" and its terminator must fit in 256 bytes: at most
     // 253 characters of command.
     if (strlen(command) + 3 >= kCommandLineSize + 1) return 0;
@@ -233,7 +236,7 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // command early and make the server take the rest for a command of its
     // own, whose reply would then answer the next caller. Refused like an
     // argument that does not fit: nothing is sent, `response` is unchanged.
-    if (strpbrk(command, "\r\n") != NULL) return 0;
+    if (strpbrk(command, "\r\n") != nullptr) return 0;
     char line[kCommandLineSize];
     memset(line, 0, sizeof line);
     int length = snprintf(line, sizeof line, "%s\r\n", command);
@@ -246,12 +249,12 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // One send; a short write is not completed (the reply then fails).
     if (send(controlBuf->handle, line, static_cast<size_t>(length), MSG_NOSIGNAL) < 1) return 0;
     const int result = readReply(expected, controlBuf, deadline);
-    if (reply != NULL) memcpy(reply, controlBuf->response, kNetBufResponseSize);
+    if (reply != nullptr) memcpy(reply, controlBuf->response, kNetBufResponseSize);
     return result;
 }
 
 int FTPTool::Readresp(char expected, NetBuf* connection) {
-    if (controlBuf == NULL || connection == NULL) return 0;
+    if (controlBuf == nullptr || connection == nullptr) return 0;
     if (connection != controlBuf) {
         return readReply(expected, connection, KDTime::getUpTime() + kReplyLimitSeconds);
     }
@@ -296,18 +299,18 @@ int FTPTool::readReply(char expected, NetBuf* connection, double deadline) {
 }
 
 int FTPTool::Readline(char* out, int capacity, NetBuf* connection) {
-    if (connection == NULL || out == NULL || controlBuf == NULL) return 0;
+    if (connection == nullptr || out == nullptr || controlBuf == nullptr) return 0;
     if (connection != controlBuf) return readLine(out, capacity, connection, -1.0);
     KDMutexLocker guard(controlLock, kLockSource, __LINE__);
     return readLine(out, capacity, connection, -1.0);
 }
 
 int FTPTool::readLine(char* out, int capacity, NetBuf* connection, double deadline) {
-    if (connection == NULL || out == NULL || controlBuf == NULL) return 0;
+    if (connection == nullptr || out == nullptr || controlBuf == nullptr) return 0;
     if (connection->direction != kNetBufControl && connection->direction != kNetBufDataRead) {
         return -1;
     }
-    if (connection->buffer == NULL) return -1;
+    if (connection->buffer == nullptr) return -1;
     if (capacity < 1) return 0;
 
     int stored = 0;
@@ -317,7 +320,7 @@ int FTPTool::readLine(char* out, int capacity, NetBuf* connection, double deadli
         if (connection->available > 0) {
             int take = connection->available < capacity - 1 ? connection->available : capacity - 1;
             char* lineEnd = static_cast<char*>(memchr(connection->readPos, '\n', take));
-            if (lineEnd != NULL) take = static_cast<int>(lineEnd - connection->readPos) + 1;
+            if (lineEnd != nullptr) take = static_cast<int>(lineEnd - connection->readPos) + 1;
             memcpy(at, connection->readPos, take);
             at += take;
             *at = '\0';
@@ -325,7 +328,7 @@ int FTPTool::readLine(char* out, int capacity, NetBuf* connection, double deadli
             capacity -= take;
             connection->readPos += take;
             connection->available -= take;
-            if (lineEnd != NULL) {
+            if (lineEnd != nullptr) {
                 // "220 ready\r\n" is returned as "220 ready\n".
                 if (stored >= 2 && at[-2] == '\r') {
                     at[-2] = '\n';
@@ -363,21 +366,21 @@ int FTPTool::readLine(char* out, int capacity, NetBuf* connection, double deadli
 }
 
 void FTPTool::setLocalResponse(const char* text) {
-    if (controlBuf == NULL) return;
+    if (controlBuf == nullptr) return;
     KDMutexLocker guard(controlLock, kLockSource, __LINE__);
     ftptool::setResponse(controlBuf, text);
 }
 
 void FTPTool::setLocalErrorResponse(int error) {
-    if (controlBuf == NULL) return;
+    if (controlBuf == nullptr) return;
     KDMutexLocker guard(controlLock, kLockSource, __LINE__);
     ftptool::setErrorResponse(controlBuf, error);
 }
 
 int FTPTool::Writeline(const char* data, int length, NetBuf* connection) {
-    if (connection == NULL || connection->direction != kNetBufDataWrite) return -1;
+    if (connection == nullptr || connection->direction != kNetBufDataWrite) return -1;
     if (length < 1) return length;
-    if (data == NULL || connection->buffer == NULL) return -1;
+    if (data == nullptr || connection->buffer == nullptr) return -1;
 
     // "a\nb" goes out as "a\r\nb"; an LF that already follows a CR is left
     // alone. When the socket is not writable in time the count returned is
@@ -415,13 +418,13 @@ int FTPTool::Writeline(const char* data, int length, NetBuf* connection) {
 }
 
 int FTPTool::Socketwait(NetBuf* connection) {
-    if (connection == NULL) return 0;
+    if (connection == nullptr) return 0;
     short events = connection->direction == kNetBufDataWrite ? POLLOUT : POLLIN;
     return ftptool::waitFor(connection->handle, events, connection->idleTime) > 0 ? 1 : 0;
 }
 
 void FTPTool::setTimeOutLen(NetBuf* connection, int kind, int seconds) {
-    if (connection == NULL) return;
+    if (connection == nullptr) return;
     int option;
     if (kind == 1) {
         option = SO_RCVTIMEO;
@@ -437,7 +440,7 @@ void FTPTool::setTimeOutLen(NetBuf* connection, int kind, int seconds) {
 }
 
 int FTPTool::quit() {
-    if (controlBuf == NULL) return 1;
+    if (controlBuf == nullptr) return 1;
     // A refused "QUIT" keeps the connection as it is; only Empty() (or the
     // destructor) releases it then.
     if (!Sendcmd("QUIT", '2')) return 0;
@@ -446,7 +449,7 @@ int FTPTool::quit() {
 }
 
 int FTPTool::Empty() {
-    if (controlBuf != NULL) {
+    if (controlBuf != nullptr) {
         // Not under a reader's feet: a thread still reading a reply on this
         // record finishes first.
         KDMutexLocker guard(controlLock, kLockSource, __LINE__);
@@ -455,9 +458,9 @@ int FTPTool::Empty() {
             controlBuf->handle = -1;
         }
         free(controlBuf->buffer);
-        controlBuf->buffer = NULL;
+        controlBuf->buffer = nullptr;
         free(controlBuf);
-        controlBuf = NULL;
+        controlBuf = nullptr;
     }
     return 1;
 }

@@ -34,7 +34,7 @@ void account(NetBuf* data, int moved) {
     if (moved <= 0) return;
     data->transferred = static_cast<int32_t>(static_cast<uint32_t>(data->transferred) +
                                              static_cast<uint32_t>(moved));
-    if (data->progressCallback != NULL && data->callbackBytes != 0) {
+    if (data->progressCallback != nullptr && data->callbackBytes != 0) {
         int64_t since = static_cast<int64_t>(data->sinceCallback) + moved;
         if (since > data->callbackBytes) {
             data->progressCallback(data, data->transferred, data->progressArg);
@@ -108,9 +108,9 @@ int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
 }  // namespace
 
 int ftpParsePassiveReply(const char* response, struct sockaddr_in* address) {
-    if (response == NULL || address == NULL) return 0;
+    if (response == nullptr || address == nullptr) return 0;
     const char* open = strchr(response, '(');
-    if (open == NULL) return 0;
+    if (open == nullptr) return 0;
     // "%u,%u,%u,%u,%u,%u": reading stops at the first number or comma that is
     // missing; the count read is not checked, so missing numbers stay 0.
     unsigned numbers[6] = {0, 0, 0, 0, 0, 0};
@@ -142,8 +142,8 @@ NetBufWaitTime ftpAioWaitTime(int milliseconds) {
 }
 
 int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
-    if (controlBuf == NULL || out == NULL) return 0;
-    if (path == NULL && (type == kFtpRetr || type == kFtpStor)) {
+    if (controlBuf == nullptr || out == nullptr) return 0;
+    if (path == nullptr && (type == kFtpRetr || type == kFtpStor)) {
         setLocalResponse("Missing path argument for file transfer\n");
         return 0;
     }
@@ -183,7 +183,7 @@ int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
             return 0;
     }
     memset(line, 0, sizeof line);
-    if (path != NULL) {
+    if (path != nullptr) {
         if (4 + 1 + strlen(path) > kCommandLineSize - 1) return 0;
         snprintf(line, sizeof line, "%s %s", word, path);
     } else {
@@ -196,9 +196,9 @@ int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
 
     if (!Sendcmd(line, '1')) {
         // A refused transfer has no closing reply to wait for.
-        (*out)->control = NULL;
+        (*out)->control = nullptr;
         closeData(*out);
-        *out = NULL;
+        *out = nullptr;
         return 0;
     }
     if (controlBuf->connectionMode == kNetBufPort && !AcceptConnection(*out)) {
@@ -207,14 +207,14 @@ int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
         // ours to close.
         (*out)->handle = -1;
         closeData(*out);
-        *out = NULL;
+        *out = nullptr;
         return 0;
     }
     return 1;
 }
 
 int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
-    if (controlBuf == NULL || out == NULL) return 0;
+    if (controlBuf == nullptr || out == nullptr) return 0;
     if (controlBuf->direction != kNetBufControl) return 0;
     if (direction != kNetBufDataRead && direction != kNetBufDataWrite) {
         char text[kNetBufResponseSize];
@@ -291,17 +291,17 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
     // ASCII transfers get a line buffer and start with it empty; every other
     // field is set here.
     NetBuf* data = ftptool::newRecord(fd, direction, mode == 'A');
-    if (data == NULL) {
+    if (data == nullptr) {
         close(fd);
         return 0;
     }
     data->connectionMode = controlBuf->connectionMode;
     data->idleTime = controlBuf->idleTime;
-    data->control = portMode ? NULL : controlBuf;
+    data->control = portMode ? nullptr : controlBuf;
     data->progressArg = controlBuf->progressArg;
     data->callbackBytes = controlBuf->callbackBytes;
     bool waits = controlBuf->idleTime.seconds != 0 || controlBuf->idleTime.microseconds != 0;
-    data->progressCallback = waits ? controlBuf->progressCallback : NULL;
+    data->progressCallback = waits ? controlBuf->progressCallback : nullptr;
     data->transferred = 0;
     data->sinceCallback = 0;
     *out = data;
@@ -309,7 +309,7 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
 }
 
 int FTPTool::AcceptConnection(NetBuf* data) {
-    if (data == NULL || controlBuf == NULL) return 0;
+    if (data == nullptr || controlBuf == nullptr) return 0;
     struct pollfd ready[2];
     ready[0].fd = data->handle;
     ready[0].events = POLLIN;
@@ -335,7 +335,7 @@ int FTPTool::AcceptConnection(NetBuf* data) {
         return 0;
     }
     if (ready[0].revents != 0) {
-        int accepted = accept4(data->handle, NULL, NULL, SOCK_CLOEXEC);
+        int accepted = accept4(data->handle, nullptr, nullptr, SOCK_CLOEXEC);
         int error = errno;
         close(data->handle);
         if (accepted < 0) {
@@ -356,10 +356,10 @@ int FTPTool::AcceptConnection(NetBuf* data) {
 }
 
 int FTPTool::read(char* buf, int length, NetBuf* data) {
-    if (data == NULL || data->direction != kNetBufDataRead) return 0;
-    if (buf == NULL || length < 0) return -1;
+    if (data == nullptr || data->direction != kNetBufDataRead) return 0;
+    if (buf == nullptr || length < 0) return -1;
     int result;
-    if (data->buffer != NULL) {
+    if (data->buffer != nullptr) {
         result = Readline(buf, length, data);
     } else {
         result = receiveSome(*this, data, buf, length);
@@ -369,10 +369,10 @@ int FTPTool::read(char* buf, int length, NetBuf* data) {
 }
 
 int FTPTool::write(const char* buf, int length, NetBuf* data) {
-    if (data == NULL || data->direction != kNetBufDataWrite) return 0;
-    if (buf == NULL || length < 0) return -1;
+    if (data == nullptr || data->direction != kNetBufDataWrite) return 0;
+    if (buf == nullptr || length < 0) return -1;
     int result;
-    if (data->buffer != NULL) {
+    if (data->buffer != nullptr) {
         result = Writeline(buf, length, data);
     } else {
         result = sendSome(*this, data, buf, length);
@@ -382,15 +382,15 @@ int FTPTool::write(const char* buf, int length, NetBuf* data) {
 }
 
 int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
-    if (data == NULL || data->direction != kNetBufDataWrite) return 0;
-    if (buf == NULL) return -1;
+    if (data == nullptr || data->direction != kNetBufDataWrite) return 0;
+    if (buf == nullptr) return -1;
     // No readiness wait and no accounting: completion is checked separately
     // with aioReturn.
     return static_cast<int>(send(data->handle, buf, length, MSG_NOSIGNAL));
 }
 
 int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
-    if (data == NULL || milliseconds < 0) return -2;
+    if (data == nullptr || milliseconds < 0) return -2;
     short revents = 0;
     int n =
         ftptool::waitFor(data->handle, POLLOUT | POLLPRI, ftpAioWaitTime(milliseconds), &revents);
@@ -403,10 +403,10 @@ int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
 }
 
 int FTPTool::closeData(NetBuf* data) {
-    if (data == NULL) return 0;
+    if (data == nullptr) return 0;
     if (data->direction != kNetBufDataRead && data->direction != kNetBufDataWrite) return 0;
     free(data->buffer);
-    data->buffer = NULL;
+    data->buffer = nullptr;
     if (data->handle >= 0) {
         shutdown(data->handle, SHUT_RDWR);
         close(data->handle);
@@ -414,7 +414,7 @@ int FTPTool::closeData(NetBuf* data) {
     data->handle = -1;
     NetBuf* control = data->control;
     free(data);
-    if (control == NULL) return 1;
+    if (control == nullptr) return 1;
     // The closing reply can only be read while the control connection the
     // transfer was opened on is still this tool's.
     if (control != controlBuf) return 0;

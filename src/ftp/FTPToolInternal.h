@@ -23,7 +23,7 @@ int waitFor(int fd, short events, NetBufWaitTime limit, short* revents = 0);
 // A zeroed connection record for socket `fd` in `direction` (NetBufDirection),
 // with its kNetBufSize-byte line buffer when `lineBuffer` is true: both
 // positions at the buffer's start, nothing available, the whole buffer free
-// (no room at all without one). NULL when memory runs out, nothing then being
+// (no room at all without one). nullptr when memory runs out, nothing then being
 // held; `fd` stays the caller's to close.
 NetBuf* newRecord(int fd, int direction, bool lineBuffer);
 

@@ -28,7 +28,7 @@ void reserveForLines(std::vector<T>& entries, typename std::vector<T>::size_type
     entries.reserve(wanted > doubled ? wanted : doubled);
 }
 
-// Makes the record of one line from its words, or returns NULL to drop the
+// Makes the record of one line from its words, or returns nullptr to drop the
 // line (nothing of it then reaches the list or the total).
 typedef FTPFileDescriptor* (*RecordOfLine)(LineWords& words);
 
@@ -49,7 +49,7 @@ inline void appendRecords(const std::vector<std::string>& lines, RecordOfLine re
         // blanks before it was cut into lines.
         words.split(*it);
         FTPFileDescriptor* record = recordOf(words);
-        if (record == NULL) {
+        if (record == nullptr) {
             continue;
         }
         const int32_t size = record->size;

@@ -8,11 +8,11 @@ namespace {
 
 enum { kPermissionWord = 0, kSizeWord = 4, kNameWord = 8 };
 
-// The record of one Unix line, or NULL for a name starting with '.'.
+// The record of one Unix line, or nullptr for a name starting with '.'.
 FTPConst::FTPFileDescriptor* unixRecord(FTPConst::LineWords& words) {
     FTPConst::FTPFileDescriptor parsed;
     if (!FTPConst::readUnixLine(words, parsed)) {
-        return NULL;
+        return nullptr;
     }
     FTPConst::FTPFileDescriptor* record = new FTPConst::FTPFileDescriptor;
     record->type = parsed.type;

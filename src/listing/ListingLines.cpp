@@ -39,7 +39,7 @@ size_t ListingLines::count(const std::string& text) {
 int detectTextStyle(const std::string& text) {
     ListingLines lines(text);
     LineWords words;
-    const char* line = NULL;
+    const char* line = nullptr;
     size_t length = 0;
     // Word counts decide, line by line, as in detectListingStyle.
     while (lines.next(&line, &length)) {

@@ -62,7 +62,7 @@ void forEachListedEntry(const std::string& text, int style, Sink& sink) {
     ListingLines lines(text);
     LineWords words;
     FTPFileDescriptor record;
-    const char* line = NULL;
+    const char* line = nullptr;
     size_t length = 0;
     while (lines.next(&line, &length)) {
         if (length == 0) {
