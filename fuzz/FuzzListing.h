@@ -5,8 +5,11 @@
 // detectListingStyle as getFTPFileType reports it, and the named parsers'
 // getFileDescriptorList): the same style, the same number of lines, the same
 // entries in the same order and the same total, for any bytes. The reference's
-// entries are also checked against an independent reading of the words. A
-// broken property aborts, which the fuzzer reports with the input.
+// entries are also checked against an independent reading of the words. The
+// store's own walk over that road (StoreListing: zero bytes blanked in place,
+// a DOS listing's "." and ".." left out) is held against the reference less
+// the same two names. A broken property aborts, which the fuzzer reports with
+// the input.
 #ifndef FTPDISK_FUZZ_FUZZLISTING_H
 #define FTPDISK_FUZZ_FUZZLISTING_H
 
@@ -19,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "filesystem/StoreListing.h"
 #include "foundation/SafePointer.h"
 #include "host/StringHandler.h"
 #include "listing/FTPFileDescriptor.h"
@@ -125,6 +129,17 @@ private:
     long long& total_;
 };
 
+inline void checkSame(const Entries& got, long long gotTotal, const Entries& expected,
+                      long long expectedTotal) {
+    check(got.size() == expected.size(), "the road keeps as many entries");
+    for (size_t i = 0; i < got.size(); ++i) {
+        check(got[i]->type == expected[i]->type, "the road's entry has the same type");
+        check(got[i]->size == expected[i]->size, "the road's entry has the same size");
+        check(got[i]->name == expected[i]->name, "the road's entry has the same name");
+    }
+    check(gotTotal == expectedTotal, "the road's total is the same");
+}
+
 // The shipped road over `text` read as `style` against the reference over
 // `lines` read the same way.
 inline void checkRoad(const std::string& text, const std::vector<std::string>& lines, int style) {
@@ -135,13 +150,35 @@ inline void checkRoad(const std::string& text, const std::vector<std::string>& l
     long long gotTotal = 5;
     Collect collect(got, gotTotal);
     FTPConst::forEachListedEntry(text, style, collect);
-    check(got.size() == expected.size(), "the road keeps as many entries");
-    for (size_t i = 0; i < got.size(); ++i) {
-        check(got[i]->type == expected[i]->type, "the road's entry has the same type");
-        check(got[i]->size == expected[i]->size, "the road's entry has the same size");
-        check(got[i]->name == expected[i]->name, "the road's entry has the same name");
+    checkSame(got, gotTotal, expected, expectedTotal);
+}
+
+// The store's walk over the raw bytes against the reference of the decided
+// style, less a DOS listing's "." and ".." (and their sizes).
+inline void checkStoreRoad(const uint8_t* data, size_t size) {
+    std::string text(reinterpret_cast<const char*>(data), size);
+    StoreListing::blankZeroBytes(text);
+    const std::string blanked = listingText(data, size);
+    check(text == blanked, "zero bytes become blanks and nothing else changes");
+    const std::vector<std::string> lines = referenceLines(blanked);
+    int style = -1;
+    check(StoreListing::getFTPFileType(lines, style), "the style is always decided");
+    Entries reference;
+    long long unused = 0;
+    referenceEntries(style, lines, reference, unused);
+    Entries expected;
+    long long expectedTotal = 11;
+    for (size_t i = 0; i < reference.size(); ++i) {
+        const std::string& name = reference[i]->name;
+        if (style == FTPConst::kListingDos && (name == "." || name == "..")) continue;
+        expected.push_back(reference[i]);
+        expectedTotal += reference[i]->size;
     }
-    check(gotTotal == expectedTotal, "the road's total is the same");
+    Entries got;
+    long long gotTotal = 11;
+    Collect collect(got, gotTotal);
+    StoreListing::forEachEntry(text, collect);
+    checkSame(got, gotTotal, expected, expectedTotal);
 }
 
 // The whole comparison: the style decided on both roads, then the entries of
@@ -153,6 +190,7 @@ inline void checkBothRoads(const uint8_t* data, size_t size, int forced) {
     const int style = checkStyle(text, lines);
     checkRoad(text, lines, style);
     if (forced != style) checkRoad(text, lines, forced);
+    checkStoreRoad(data, size);
 }
 
 }  // namespace fuzzlisting

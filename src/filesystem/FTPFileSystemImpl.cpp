@@ -1,8 +1,12 @@
-// FTPFileSystemImpl, the header's sections "Construction" to "Whole-file
-// transfer and snapshots": construction, lifecycle, path operations on the
-// main connection, the handle gates in front of the open-file table,
-// whole-file copies and the snapshot calls. The listing members live in
-// FTPFileSystemImplListing.cpp.
+// FTPFileSystemImpl: construction, lifecycle, path operations on the main
+// connection, the handle gates in front of the open-file table, whole-file
+// copies, the snapshot calls, and the enumeration, scan and size operations,
+// which take the store's locks and hand the listing itself to StoreListing.
+//
+// Every listing runs on the store's main connection and changes its working
+// directory, so every listing call holds opLock. scan also holds the scan
+// gate, taken first, and calls the host's visitor with opLock released so the
+// visitor may call back into the store.
 #include "filesystem/FTPFileSystemImpl.h"
 
 #include <stdio.h>
@@ -174,7 +178,9 @@ bool FTPFileSystemImpl::textsFit(const char* server, const char* user, const cha
 
 FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const char* password,
                                      int capacity)
-    : space(kStoreLockSource),
+    : mainTool(new FTPTool()),
+      space(kStoreLockSource),
+      listing(mainTool),
       capacity(capacity),
       handleManager(nullptr),
       scanGate(kStoreLockSource),
@@ -191,7 +197,6 @@ FTPFileSystemImpl::FTPFileSystemImpl(const char* server, const char* user, const
     copyTextField(this->server, sizeof(this->server), server);
     copyTextField(this->user, sizeof(this->user), user);
     copyTextField(this->password, sizeof(this->password), password);
-    mainTool = SafePointer<FTPTool>(new FTPTool());
     // Handle numbers 1 to capacity - 1 and an open-file limit of capacity: the
     // numbers run out one file before the limit is reached.
     handleManager =
@@ -235,10 +240,13 @@ int FTPFileSystemImpl::init() {
         }
     }
     if (!loggedIn) {
-        space.setFlag(initialised, false, false);
+        initialised = false;
         return -1;
     }
-    space.setFlag(initialised, true, true);
+    // The account starts over before the flag is raised: a store seen
+    // initialised never shows the previous session's figure.
+    space.startOver();
+    initialised = true;
     return 0;
 }
 
@@ -446,6 +454,104 @@ int FTPFileSystemImpl::rmFTPDir(const char* path) {
     // from the root so the path means the same as in the listing.
     mainTool->cd("/");
     return mainTool->rmdir(path) != 0 ? 1 : 0;
+}
+
+// --- Enumeration, scanning and space -------------------------------------------
+
+bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
+                                          std::vector<std::string>& names) {
+    PathOperation operation(*this, path != nullptr, __LINE__);
+    if (!operation.ready()) {
+        return false;
+    }
+    return listing.appendNames(path, type, names);
+}
+
+bool FTPFileSystemImpl::getFileList(const char* path, std::vector<std::string>& names,
+                                    const std::string& /*filter: every file is returned*/) {
+    return appendNamesListed(path, FTPConst::kTypePlainFile, names);
+}
+
+bool FTPFileSystemImpl::getSubDirList(const char* path, std::vector<std::string>& names,
+                                      const std::string& /*filter: every directory is returned*/) {
+    return appendNamesListed(path, FTPConst::kTypeDirectory, names);
+}
+
+bool FTPFileSystemImpl::isEmptyDir(const char* path) {
+    PathOperation operation(*this, true, __LINE__);
+    if (!operation.ready()) {
+        return false;
+    }
+    return listing.isEmpty(path);
+}
+
+int FTPFileSystemImpl::getFileNumber(const char* /*path*/) {
+    // Counting files is not offered: callers use getFileList instead.
+    return -1;
+}
+
+bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
+                             const std::string& /*filter: every file is visited*/) {
+    if (path == nullptr || action == nullptr) {
+        return false;
+    }
+    // The gate for the whole walk, so two scans never interleave their visits;
+    // opLock only for the listing itself, so the visitor may use the store.
+    ScanGate::Turn turn(scanGate, __LINE__);
+    if (!initialised) {
+        return false;
+    }
+    std::vector<std::string> files;
+    {
+        PathOperation operation(*this, true, __LINE__);
+        if (!operation.ready() || !listing.appendNames(path, FTPConst::kTypePlainFile, files)) {
+            return false;
+        }
+    }
+    // What the visitor returns does not stop the walk.
+    for (std::vector<std::string>::const_iterator it = files.begin(); it != files.end(); ++it) {
+        action->onFile(it->c_str());
+    }
+    return true;
+}
+
+bool FTPFileSystemImpl::getTotalSize(const char* path, long long& size) {
+    PathOperation operation(*this, path != nullptr, __LINE__);
+    if (!operation.ready()) {
+        return false;
+    }
+    return scanRecordDir(path, size);
+}
+
+bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
+    return listing.scanRecordDir(path, size);
+}
+
+void FTPFileSystemImpl::updateSpaceInfo(long long bytes, bool add) { space.update(bytes, add); }
+
+void FTPFileSystemImpl::getDiskSpaceInfo(long& first, long& second) {
+    space.figures(first, second);
+}
+
+long long FTPFileSystemImpl::getUsedBytes() { return space.used(); }
+
+// --- Listing retrieval -----------------------------------------------------------
+
+// The tool comes by value: the listing members keep their long-standing
+// signatures.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, std::string& text) {
+    return StoreListing::recvData(tool, path, text);
+}
+
+bool FTPFileSystemImpl::getFTPFileType(const std::vector<std::string>& lines, int& type) {
+    return StoreListing::getFTPFileType(lines, type);
+}
+
+bool FTPFileSystemImpl::getFileDescriptorList(
+    const char* path, std::vector<SafePointer<FTPConst::FTPFileDescriptor> >& entries,
+    long long& total) {
+    return listing.getFileDescriptorList(path, entries, total);
 }
 
 // --- Handle operations --------------------------------------------------------

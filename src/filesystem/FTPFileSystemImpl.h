@@ -1,19 +1,21 @@
 // FTPFileSystemImpl: the store behind the exported FTPFileSystem facade.
 //
 // Owns the main control connection (used by every path operation), the
-// credentials, the used-space account, the snapshot stream, the scan gate and
-// the open-file table, whose connections are separate. Any host thread may
-// call any operation.
+// credentials, the initialised flag, and the pieces it delegates to: the
+// used-space account, the snapshot stream, the scan gate, the listings on the
+// main connection (StoreListing) and the open-file table, whose connections
+// are separate. Any host thread may call any public operation.
 //
 // Lock order: the scan gate's lock before opLock; opLock before the space
 // account's lock or the snapshot stream's lock, which are never held together.
 // The table's own locks (FtpFileHandleManager) are never taken while one of
 // these is held.
 //
-// The members are defined in two files, by the sections below:
-// FTPFileSystemImpl.cpp from "Construction" to "Whole-file transfer and
-// snapshots", FTPFileSystemImplListing.cpp "Enumeration, scanning and space"
-// and "Listing retrieval".
+// The helpers that expect the operation lock (baseGetFileLength, rmFTPDir,
+// scanRecordDir, getFileDescriptorList) and the account's figure are private;
+// tests reach them through the one friend class StoreTestAccess
+// (tests/support/StoreTestAccess.h), which takes the lock first, so the lock
+// analysis checks every caller.
 #ifndef FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H
 #define FTPDISK_FILESYSTEM_FTPFILESYSTEMIMPL_H
 
@@ -27,6 +29,7 @@
 #include "filesystem/ScanGate.h"
 #include "filesystem/SnapshotStream.h"
 #include "filesystem/SpaceAccount.h"
+#include "filesystem/StoreListing.h"
 #include "foundation/SafePointer.h"
 #include "ftp/FTPTool.h"
 #include "host/IFileScanAction.h"
@@ -55,11 +58,6 @@ public:
     // The registry refuses a location whose texts fail it; the constructor
     // refuses the store.
     static bool textsFit(const char* server, const char* user, const char* password);
-    // True for a store whose texts did not fit (see the constructor): init
-    // returns -1 without traffic, path operations fail as uninitialised and
-    // open returns -1.
-    bool isRefused();
-
     // --- Lifecycle ----------------------------------------------------------
     // 0 when the main tool connected and logged in (used bytes reset to 0);
     // -1 on a failed connect, a refused login (the connection is quit) or a
@@ -85,11 +83,6 @@ public:
     int moveDir(const char* from, const char* to);
     int removeDir(const char* path);
     long long getFileLength(const char* path);
-    // The size listed for `path` in its directory's listing; -1 when it is
-    // not a plain file there or the directory cannot be listed.
-    long long baseGetFileLength(const char* path) FTPDISK_REQUIRES(opLock);
-    // Removes the tree under `path`, files first. 1 on success, 0 on failure.
-    int rmFTPDir(const char* path) FTPDISK_REQUIRES(opLock);
 
     // --- Handle operations (open-file table, no lock here) -------------------
     int open(const char* path, int mode);
@@ -121,32 +114,41 @@ public:
     int getFileNumber(const char* path);
     bool scan(const char* path, IFileScanAction* action, const std::string& filter);
     bool getTotalSize(const char* path, long long& size);
-    bool scanRecordDir(const char* path, long long& size) FTPDISK_REQUIRES(opLock);
     void updateSpaceInfo(long long bytes, bool add);
     void getDiskSpaceInfo(long& first, long& second);
-    // Used bytes as recorded (tests and diagnostics).
-    long long getUsedBytes();
 
-    // --- Listing retrieval ----------------------------------------------------
+    // --- Listing retrieval (StoreListing) -------------------------------------
     bool recvData(SafePointer<FTPTool> tool, const char* path, std::string& text);
     bool getFTPFileType(const std::vector<std::string>& lines, int& type);
-    bool getFileDescriptorList(const char* path,
-                               std::vector<SafePointer<FTPConst::FTPFileDescriptor> >& entries,
-                               long long& total) FTPDISK_REQUIRES(opLock);
 
 private:
     FTPFileSystemImpl(const FTPFileSystemImpl&);
     FTPFileSystemImpl& operator=(const FTPFileSystemImpl&);
 
+    friend class StoreTestAccess;
+
+    // The size listed for `path` in its directory's listing; -1 when it is
+    // not a plain file there or the directory cannot be listed.
+    long long baseGetFileLength(const char* path) FTPDISK_REQUIRES(opLock);
+    // Removes the tree under `path`, files first. 1 on success, 0 on failure.
+    int rmFTPDir(const char* path) FTPDISK_REQUIRES(opLock);
+    // getTotalSize's walk: StoreListing::scanRecordDir on the main connection.
+    bool scanRecordDir(const char* path, long long& size) FTPDISK_REQUIRES(opLock);
+    // StoreListing::getFileDescriptorList on the main connection.
+    bool getFileDescriptorList(const char* path,
+                               std::vector<SafePointer<FTPConst::FTPFileDescriptor> >& entries,
+                               long long& total) FTPDISK_REQUIRES(opLock);
+    // Used bytes as recorded.
+    long long getUsedBytes();
+    // True for a store whose texts did not fit (see the constructor): init
+    // returns -1 without traffic, path operations fail as uninitialised and
+    // open returns -1.
+    bool isRefused();
+
     // The opening every path operation shares. With its arguments missing it
     // takes no lock and is never ready; otherwise it holds opLock for its life
     // and is ready when the store is initialised.
     class PathOperation;
-
-    // Changes to "/" and then to `path` on the main tool and fetches the
-    // listing of `path` into `text`, its zero bytes turned into blanks. False
-    // when the directory cannot be entered or the listing not fetched.
-    bool fetchListing(const char* path, std::string& text) FTPDISK_REQUIRES(opLock);
 
     // getFileList and getSubDirList: lists `path` under opLock and appends the
     // names of the entries of `type`. False when not initialised or not
@@ -162,12 +164,15 @@ private:
     char password[kStorePasswordSize];
     // Used bytes and the space lock.
     SpaceAccount space;
+    // Listings on mainTool; used under opLock only.
+    StoreListing listing FTPDISK_GUARDED_BY(opLock);
     int32_t capacity;
     FtpFileHandleManager* handleManager;
     KDMutex opLock;
     ScanGate scanGate;
-    // Set under opLock (and under the space lock in init); reinit reads it
-    // unlocked, so it is atomic.
+    // Set under opLock; reinit reads it unlocked, so it is atomic. init sets
+    // it only after the account started over, so a store seen initialised
+    // never shows the previous session's figure.
     std::atomic<bool> initialised;
     SnapshotStream snapshot;
     // Set in the constructor, read-only afterwards.

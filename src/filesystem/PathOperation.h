@@ -1,6 +1,6 @@
 // FTPFileSystemImpl::PathOperation, the opening every path operation of the
-// store shares, and the source name of the store's locks. Internal to the two
-// files that define FTPFileSystemImpl.
+// store shares, and the source name of the store's locks. Internal to
+// FTPFileSystemImpl.cpp.
 #ifndef FTPDISK_FILESYSTEM_PATHOPERATION_H
 #define FTPDISK_FILESYSTEM_PATHOPERATION_H
 

@@ -34,10 +34,7 @@ void SpaceAccount::figures(long& first, long& second) {
     }
 }
 
-void SpaceAccount::setFlag(std::atomic<bool>& flag, bool value, bool startOver) {
+void SpaceAccount::startOver() {
     KDMutexLocker space(spaceLock, lockSource, __LINE__);
-    if (startOver) {
-        usedBytes = 0;
-    }
-    flag = value;
+    usedBytes = 0;
 }

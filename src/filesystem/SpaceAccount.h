@@ -10,8 +10,6 @@
 
 #include <stdint.h>
 
-#include <atomic>
-
 #include "host/technic/KDMutex.h"
 
 class SpaceAccount {
@@ -27,10 +25,8 @@ public:
     // `first` 0 and `second` the account in whole mebibytes, truncated toward
     // zero and clamped to the range of a long.
     void figures(long& first, long& second);
-    // Sets `flag` to `value` under the account's lock, and when `startOver`
-    // the account to 0 in the same step, so a store seen initialised never
-    // shows the previous session's figure.
-    void setFlag(std::atomic<bool>& flag, bool value, bool startOver);
+    // Back to 0 bytes, for a store that initialises again.
+    void startOver();
 
 private:
     SpaceAccount(const SpaceAccount&);

@@ -54,8 +54,9 @@ TEST(ConnectGate, APlaceGivenBackLetsTheNextThreadIn) {
     });
     // The second thread cannot get in while the only place is held: once it
     // is blocked (asleep in the kernel after it started to enter), it has not
-    // entered.
-    ASSERT_TRUE(ftptest::eventually(
+    // entered. The place is given back whatever was seen, so the thread
+    // always ends.
+    EXPECT_TRUE(ftptest::eventually(
         [&] { return secondId.load() != 0 && ftptest::threadIsWaiting(secondId.load()); }));
     EXPECT_FALSE(entered.load());
     gate.leave();

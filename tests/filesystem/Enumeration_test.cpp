@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "filesystem/ListingTestUtil.h"
+#include "support/StoreTestAccess.h"
 
 using listingtest::crlf;
 using listingtest::listingOf;
@@ -337,7 +338,7 @@ TEST_F(Enumeration, ANullPathOrActionIsRefusedWithoutTraffic) {
     EXPECT_FALSE(store().scan("/rec", nullptr, ""));
     EXPECT_FALSE(store().getTotalSize(nullptr, size));
     listingtest::Entries entries;
-    EXPECT_FALSE(store().getFileDescriptorList(nullptr, entries, size));
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), nullptr, entries, size));
 
     EXPECT_EQ(names, Lines{"kept"});
     EXPECT_EQ(size, 9);
@@ -409,7 +410,7 @@ TEST_F(Enumeration, DiskSpaceFiguresAreZeroAndTheRecordedBytesInWholeMebibytes) 
     store().getDiskSpaceInfo(first, second);
     EXPECT_EQ(first, 0);
     EXPECT_EQ(second, 0);
-    EXPECT_EQ(store().getUsedBytes(), 1048575);
+    EXPECT_EQ(StoreTestAccess::usedBytes(store()), 1048575);
     EXPECT_TRUE(commands().empty()) << "the server's free space is never asked for";
 }
 
@@ -428,7 +429,7 @@ TEST(EnumerationSpace, UsedBytesBeyondThirtyTwoBitsAndBelowZeroAreReportedTrunca
     // Nothing keeps the account from going below zero: 1.5 MiB under it reads
     // as -1, not -2.
     store.updateSpaceInfo(5LL * 1024 * 1048576 + 1048575 + 1572864, false);
-    EXPECT_EQ(store.getUsedBytes(), -1572864);
+    EXPECT_EQ(StoreTestAccess::usedBytes(store), -1572864);
     store.getDiskSpaceInfo(first, second);
     EXPECT_EQ(first, 0);
     EXPECT_EQ(second, -1);

@@ -13,6 +13,7 @@
 
 #include "filesystem/ListingTestUtil.h"
 #include "support/RealFtpServer.h"
+#include "support/StoreTestAccess.h"
 #include "support/TestHelpers.h"
 
 using listingtest::describe;
@@ -81,7 +82,8 @@ TEST_P(ListingRealServers, EveryNameTypeAndSizeThatTheParsersKeepComesThrough) {
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store->getFileDescriptorList("/tree", entries, total)) << rawListing("/tree");
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(*store, "/tree", entries, total))
+        << rawListing("/tree");
 
     // The dot-file is dropped (or never listed); the name with a blank keeps
     // its first word; the link keeps type 'l' and the length of its target

@@ -8,6 +8,7 @@
 
 #include "filesystem/ListingTestUtil.h"
 #include "support/FdCount.h"
+#include "support/StoreTestAccess.h"
 
 using listingtest::crlf;
 using listingtest::describe;
@@ -31,7 +32,7 @@ TEST_F(ListingRetrieval, ChangesToTheRootThenIntoThePathAndAsksForThePathAgain) 
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec/2020-01-15", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec/2020-01-15", entries, total));
 
     EXPECT_EQ(commands(), listingOf("/rec/2020-01-15"));
     EXPECT_EQ(describe(entries),
@@ -44,7 +45,7 @@ TEST_F(ListingRetrieval, AnEmptyListingGivesTrueAndNoEntries) {
     Entries entries;
     long long total = 0;
 
-    EXPECT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    EXPECT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_TRUE(entries.empty()) << ::testing::PrintToString(describe(entries));
     EXPECT_EQ(total, 0);
@@ -61,7 +62,7 @@ TEST_F(ListingRetrieval, ATotalLineAndABlankLineBeforeTheFirstNineWordLineStillG
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     // The "total" line is not recognised as a header: the Unix parser turns it
     // into an entry of type 't' with no name and size 0, which is neither a
@@ -77,7 +78,7 @@ TEST_F(ListingRetrieval, LinesEndingInABareLineFeedAreNotSplitSoEighteenWordsAre
     Entries entries;
     long long total = 0;
 
-    EXPECT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    EXPECT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_TRUE(entries.empty()) << ::testing::PrintToString(describe(entries));
     EXPECT_EQ(total, 0);
@@ -90,7 +91,7 @@ TEST_F(ListingRetrieval, ASingleLineEndingInABareLineFeedIsRecognisedWhenItHasFo
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_EQ(describe(entries), (Lines{"- 512 a.dat\n"}));
     EXPECT_EQ(total, 512);
@@ -105,7 +106,7 @@ TEST_F(ListingRetrieval, AZeroByteInTheMiddleOfALineBecomesABlankAndSplitsTheWor
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_EQ(describe(entries), (Lines{"- 100 a.dat", "- 200 ab"}));
     EXPECT_EQ(total, 300);
@@ -158,7 +159,7 @@ TEST_F(ListingRetrieval, AListingLongerThanOneReadIsReadWholeAcrossPiecesThatCut
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_EQ(describe(entries), expected);
     EXPECT_EQ(total, expectedTotal);
@@ -172,7 +173,7 @@ TEST_F(ListingRetrieval, ADirectoryThatCannotBeEnteredGivesFalseAndLeavesListAnd
     entries.back()->name = "already";
     long long total = 77;
 
-    EXPECT_FALSE(store().getFileDescriptorList("/missing", entries, total));
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/missing", entries, total));
 
     EXPECT_EQ(commands(), (Lines{"CWD /", "CWD /missing"}));
     ASSERT_EQ(entries.size(), 1u);
@@ -186,7 +187,7 @@ TEST_F(ListingRetrieval, ARefusedChangeToTheRootIsIgnored) {
     Entries entries;
     long long total = 0;
 
-    EXPECT_TRUE(store().getFileDescriptorList("rec", entries, total));
+    EXPECT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "rec", entries, total));
 
     EXPECT_EQ(commands(), listingOf("rec"));
     EXPECT_EQ(entries.size(), 3u);
@@ -197,7 +198,7 @@ TEST_F(ListingRetrieval, ARefusedListGivesFalseAndLeavesListAndTotalAlone) {
     Entries entries;
     long long total = 5;
 
-    EXPECT_FALSE(store().getFileDescriptorList("/rec", entries, total));
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_EQ(commands(), listingOf("/rec"));
     EXPECT_TRUE(entries.empty());
@@ -209,7 +210,7 @@ TEST_F(ListingRetrieval, ARefusedPassiveModeGivesFalseBeforeAnyListCommand) {
     Entries entries;
     long long total = 0;
 
-    EXPECT_FALSE(store().getFileDescriptorList("/rec", entries, total));
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_EQ(commands(), (Lines{"CWD /", "CWD /rec", "TYPE I", "PASV"}));
     EXPECT_TRUE(entries.empty());
@@ -220,7 +221,7 @@ TEST_F(ListingRetrieval, AnUnrecognisedListingGivesTrueAndNoEntries) {
     Entries entries;
     long long total = 0;
 
-    EXPECT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    EXPECT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_TRUE(entries.empty()) << ::testing::PrintToString(describe(entries));
     EXPECT_EQ(total, 0);
@@ -233,7 +234,7 @@ TEST_F(ListingRetrieval, EntriesAndSizesAreAddedToWhatTheCallerAlreadyHas) {
     entries.back()->name = "earlier";
     long long total = 1000;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     ASSERT_EQ(entries.size(), 4u);
     EXPECT_EQ(entries[0]->name, "earlier");
@@ -251,7 +252,7 @@ TEST_F(ListingRetrieval, UnixDotNamesNeverBecomeEntries) {
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_EQ(describe(entries), (Lines{"- 20 seen.dat"}));
     EXPECT_EQ(total, 20);
@@ -274,7 +275,7 @@ TEST_F(ListingRetrieval, ADosListingIsParsedEndToEndWithoutItsSelfAndParentEntri
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/video", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/video", entries, total));
 
     EXPECT_EQ(commands(), listingOf("/video"));
     // "<DIR>" marks a directory of size 0; "2,048" reads as 2; "<dir>" in
@@ -294,7 +295,7 @@ TEST_F(ListingRetrieval, DosSelfAndParentEntriesAreDroppedWhateverTheirSizeColum
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/video", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/video", entries, total));
 
     EXPECT_EQ(describe(entries), (Lines{"- 60 ..."}));
     EXPECT_EQ(total, 60);
@@ -308,13 +309,13 @@ TEST_F(ListingRetrieval, AFinalReplyOf426AfterTheBodyStillGivesTheEntriesReceive
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
     EXPECT_EQ(entries.size(), 3u);
 
     // The final reply was consumed: the next listing starts cleanly.
     server().setListing(kDosListing);
     Entries next;
-    ASSERT_TRUE(store().getFileDescriptorList("/video", next, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/video", next, total));
     EXPECT_EQ(next.size(), 6u);
     Lines expected = listingOf("/rec");
     for (const std::string& line : listingOf("/video")) expected.push_back(line);
@@ -330,7 +331,7 @@ TEST_F(ListingRetrieval, ADataConnectionClosedEarlyEndsTheListingWithTheLinesTha
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_EQ(describe(entries), (Lines{"d 4096 cam1"}));
     EXPECT_EQ(total, 4096);
@@ -342,20 +343,21 @@ TEST_F(ListingRetrieval, ListingsLeaveNoDescriptorOpen) {
     long long total = 0;
     // One listing first, so that lazily opened descriptors of the process are
     // counted in the baseline.
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
     ASSERT_TRUE(server().waitForCommands(2 + 5));
     const int baseline = ftptest::waitForDescriptorCount(ftptest::openDescriptorCount());
 
     for (int i = 0; i < 5; ++i) {
-        ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total)) << "listing " << i;
+        ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total))
+            << "listing " << i;
     }
     server().queueReply("LIST", "550 Cannot list");
-    EXPECT_FALSE(store().getFileDescriptorList("/rec", entries, total));
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
     server().queueReply("CWD /gone", "550 No such directory");
-    EXPECT_FALSE(store().getFileDescriptorList("/gone", entries, total));
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/gone", entries, total));
     // A refused LIST leaves the server's passive socket open until the next
     // PASV; one more listing puts the server back in its baseline state.
-    ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total));
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
 
     EXPECT_EQ(ftptest::waitForDescriptorCount(baseline), baseline);
 }
@@ -410,7 +412,8 @@ TEST_F(ListingRetrieval, ServedLinesOfEitherStyleBecomeTheEntriesTheParsersMake)
         server().setListing(c.body);
         Entries entries;
         long long total = 0;
-        ASSERT_TRUE(store().getFileDescriptorList("/rec", entries, total)) << c.source;
+        ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total))
+            << c.source;
         EXPECT_EQ(describe(entries), c.entries) << c.source << ":\n" << c.body;
         EXPECT_EQ(total, c.total) << c.source << ":\n" << c.body;
     }

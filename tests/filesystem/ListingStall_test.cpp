@@ -20,6 +20,7 @@
 #include "filesystem/ListingTestUtil.h"
 #include "ftpdisk_host/HostControl.h"
 #include "support/FdCount.h"
+#include "support/StoreTestAccess.h"
 
 using listingtest::crlf;
 using Lines = std::vector<std::string>;
@@ -131,8 +132,9 @@ TEST_F(ListingStall, TheSixtySecondsBoundTheWholeListingNotTheGapsBetweenReads) 
     long long total = 0;
     const std::set<ino_t> before = listingtest::openSockets();
 
-    auto listing = std::async(
-        std::launch::async, [&] { return store().getFileDescriptorList("/rec", entries, total); });
+    auto listing = std::async(std::launch::async, [&] {
+        return StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total);
+    });
     // Three gaps of 30, 30 and 1 seconds: none is long, together they pass
     // the limit. At exactly 60 seconds the listing is still running.
     ASSERT_TRUE(listingtest::waitUntilConsumed(before, 40, kWaitLimit));
@@ -167,8 +169,9 @@ TEST_F(ListingStall, AnEndOfDataSeenAfterTheLimitStillCountsAsAStall) {
     long long total = 3;
     const std::set<ino_t> before = listingtest::openSockets();
 
-    auto listing = std::async(
-        std::launch::async, [&] { return store().getFileDescriptorList("/rec", entries, total); });
+    auto listing = std::async(std::launch::async, [&] {
+        return StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total);
+    });
     ASSERT_TRUE(listingtest::waitUntilConsumed(before, reply.body->size(), kWaitLimit));
     hostcontrol::advanceClock(61.0);
     ASSERT_EQ(listing.wait_for(kWaitLimit), std::future_status::ready);

@@ -17,6 +17,7 @@
 #include "filesystem/FTPFileSystemManager.h"
 #include "ftpdisk_host/HostControl.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/StoreTestAccess.h"
 #include "support/TestHelpers.h"
 
 namespace {
@@ -110,7 +111,7 @@ const void* onlyLockInTheStoresName(const std::vector<Event>& events) {
 StoreLocks identifyStoreLocks(FTPFileSystemImpl& store) {
     StoreLocks locks;
     lockrecord::start();
-    store.getUsedBytes();
+    StoreTestAccess::usedBytes(store);
     locks.space = onlyLockInTheStoresName(lockrecord::stop());
     lockrecord::start();
     store.isDirExist("/");  // uninitialised: the operation lock only

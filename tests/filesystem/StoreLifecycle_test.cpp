@@ -13,6 +13,7 @@
 #include "filesystem/FTPFileSystemImpl.h"
 #include "support/FdCount.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/StoreTestAccess.h"
 
 namespace {
 
@@ -151,9 +152,9 @@ TEST_F(StoreLifecycle, DestroyingAnInitialisedStoreQuitsAndLeavesNoDescriptor) {
 TEST_F(StoreLifecycle, InitResetsTheUsedBytesAccount) {
     FTPFileSystemImpl impl(server.address().c_str(), "rec", "pw", 1024);
     impl.updateSpaceInfo(5000, true);
-    EXPECT_EQ(impl.getUsedBytes(), 5000);
+    EXPECT_EQ(StoreTestAccess::usedBytes(impl), 5000);
     ASSERT_EQ(impl.init(), 0);
-    EXPECT_EQ(impl.getUsedBytes(), 0);
+    EXPECT_EQ(StoreTestAccess::usedBytes(impl), 0);
 }
 
 TEST_F(StoreLifecycle, DiskSpaceFiguresAreWholeMebibytesOfTheAccount) {
@@ -304,7 +305,7 @@ TEST(StoreTextRefusal, NullTextsLeaveTheStoreRefused) {
 TEST(StoreTextRefusal, TheImplementationRefusesTextsThatDoNotFitOnItsOwn) {
     const std::string longServer(64, 's');
     FTPFileSystemImpl impl(longServer.c_str(), "rec", "pw", 1024);
-    EXPECT_TRUE(impl.isRefused());
+    EXPECT_TRUE(StoreTestAccess::isRefused(impl));
     EXPECT_EQ(impl.init(), -1);
     EXPECT_TRUE(FTPFileSystemImpl::textsFit(
         std::string(31, 's').c_str(), std::string(31, 'u').c_str(), std::string(19, 'p').c_str()));

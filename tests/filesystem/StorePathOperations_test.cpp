@@ -15,6 +15,7 @@
 #include "StoreTestUtil.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/StoreTestAccess.h"
 
 namespace {
 
@@ -260,7 +261,7 @@ TEST_F(StorePaths, DeleteFileListsTheParentThenDeletesAndLowersTheAccount) {
     EXPECT_EQ(store->deleteFile("/rec/d1/a.dat"), 0);
     EXPECT_EQ(newCommands(),
               (listingOf("/rec/d1") + Commands{"CWD /", "CWD /rec/d1", "DELE a.dat"}));
-    EXPECT_EQ(store->getUsedBytes(), 5000 - 1234);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 5000 - 1234);
     EXPECT_FALSE(server.file("/rec/d1/a.dat").has_value());
 }
 
@@ -268,14 +269,14 @@ TEST_F(StorePaths, DeleteFileOfAFileMissingFromTheListingButAcceptedRaisesTheAcc
     server.setReply("LIST /rec", listingReply(unixLine('-', "10", "other.dat")));
     EXPECT_EQ(store->deleteFile("/rec/ghost.dat"), 0);
     EXPECT_EQ(newCommands(), (listingOf("/rec") + Commands{"CWD /", "CWD /rec", "DELE ghost.dat"}));
-    EXPECT_EQ(store->getUsedBytes(), 1);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 1);
 }
 
 TEST_F(StorePaths, DeleteFileRefusedByTheServerFailsAndKeepsTheAccount) {
     server.setReply("LIST /rec", listingReply(unixLine('-', "10", "a.dat")));
     server.queueReply("DELE", "550 Permission denied");
     EXPECT_EQ(store->deleteFile("/rec/a.dat"), -1);
-    EXPECT_EQ(store->getUsedBytes(), 0);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 0);
 }
 
 TEST_F(StorePaths, DeleteFileListsBeforeItLooksAtTheInitialisedFlag) {
@@ -335,7 +336,7 @@ TEST_F(StorePaths, RemoveDirDeletesFilesAndDirectoriesDepthFirst) {
         Commands{"CWD /", "RMD /t/sub"} +  // sub itself
         listingOf("/t") + Commands{"CWD /", "CWD /t", "DELE b.dat"} + Commands{"CWD /", "RMD /t"};
     EXPECT_EQ(newCommands(), expected);
-    EXPECT_EQ(store->getUsedBytes(), 1000 - 10 - 300 - 20);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 1000 - 10 - 300 - 20);
 }
 
 TEST_F(StorePaths, RemoveDirSubtractsTheWrapped32BitSizeOfFilesOf2GiBOrMore) {
@@ -345,7 +346,7 @@ TEST_F(StorePaths, RemoveDirSubtractsTheWrapped32BitSizeOfFilesOf2GiBOrMore) {
                                               unixLine('-', "2147483648", "two.ts") +
                                               unixLine('-', "2147483647", "max.ts")));
     EXPECT_EQ(store->removeDir("/big"), 0);
-    EXPECT_EQ(store->getUsedBytes(), 1073741824LL + 2147483648LL - 2147483647LL);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 1073741824LL + 2147483648LL - 2147483647LL);
 }
 
 TEST_F(StorePaths, RemoveDirStopsAtAFileWhoseWrappedSizeIsMinusOne) {
@@ -355,7 +356,7 @@ TEST_F(StorePaths, RemoveDirStopsAtAFileWhoseWrappedSizeIsMinusOne) {
                                               unixLine('-', "5", "after.ts")));
     EXPECT_EQ(store->removeDir("/big"), -1);
     EXPECT_EQ(newCommands(), listingOf("/big") + listingOf("/big"));
-    EXPECT_EQ(store->getUsedBytes(), 0);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 0);
 }
 
 TEST_F(StorePaths, RemoveDirStopsAtTheFirstFailureAndKeepsWhatItRemoved) {
@@ -366,7 +367,7 @@ TEST_F(StorePaths, RemoveDirStopsAtTheFirstFailureAndKeepsWhatItRemoved) {
     EXPECT_EQ(newCommands(),
               (listingOf("/t") + listingOf("/t") + Commands{"CWD /", "CWD /t", "DELE a.dat"} +
                listingOf("/t") + Commands{"CWD /", "CWD /t", "DELE b.dat"}));
-    EXPECT_EQ(store->getUsedBytes(), -10);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), -10);
 }
 
 TEST_F(StorePaths, RemoveDirOfAPathEndingInSlashBuildsDoubledChildPaths) {
@@ -407,9 +408,9 @@ TEST_F(StorePaths, ReadOnAHandleOpenedForWritingAndWriteOnOneOpenedForReadingFai
     // aioReturn looks at no mode: on a reading handle it reports the data
     // socket as the open file sees it (writable).
     EXPECT_EQ(store->aioReturn(reading, 1000), 0);
-    EXPECT_EQ(store->getUsedBytes(), 0);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 0);
     EXPECT_EQ(store->write(writing, "abc", 3), 3);
-    EXPECT_EQ(store->getUsedBytes(), 3);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 3);
     EXPECT_EQ(store->close(writing), 0);
     EXPECT_EQ(store->close(reading), 0);
     EXPECT_EQ(server.file("/rec/out.dat"), std::optional<std::string>("abc"));
@@ -448,7 +449,7 @@ TEST_F(StorePaths, AioWriteDoesNotRaiseTheAccountAndAioReturnReportsWritable) {
     EXPECT_EQ(store->aioReturn(handle, 1000), 0);
     EXPECT_EQ(store->aioWrite(handle, "abcdef", 6), 6);
     EXPECT_EQ(store->aioReturn(handle, 1000), 0);
-    EXPECT_EQ(store->getUsedBytes(), 0);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 0);
     EXPECT_EQ(store->close(handle), 0);
     EXPECT_EQ(server.file("/rec/aio.ts"), std::optional<std::string>("abcdef"));
 }

@@ -14,6 +14,7 @@
 #include "filesystem/FTPFileSystem.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "support/RealFtpServer.h"
+#include "support/StoreTestAccess.h"
 
 namespace {
 
@@ -77,7 +78,7 @@ TEST_F(StoreOnRealServer, SixtyFourMebibytesGoUpAndComeBackByteExact) {
     const std::string bytes = patternBytes(64u * 1024u * 1024u, 64);
     ASSERT_TRUE(writeLocalFile(local.file("big.bin"), bytes));
     ASSERT_EQ(store->Put(local.file("big.bin").c_str(), "/big.bin"), 0);
-    EXPECT_EQ(store->getUsedBytes(), static_cast<long long>(bytes.size()));
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), static_cast<long long>(bytes.size()));
     {
         const std::string stored = onServer("/big.bin");
         EXPECT_TRUE(stored == bytes) << "server holds " << stored.size() << " bytes";
@@ -113,7 +114,7 @@ TEST_F(StoreOnRealServer, AnAsynchronousWriteStreamOf16MiBArrivesByteExact) {
     const std::string stored = onServer("/aio.ts");
     EXPECT_TRUE(stored == bytes) << "server holds " << stored.size() << " bytes";
     // Asynchronous writes leave the account alone.
-    EXPECT_EQ(store->getUsedBytes(), 0);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 0);
 }
 
 TEST_F(StoreOnRealServer, ASnapshotWrittenInOddPiecesArrivesWhole) {
@@ -161,11 +162,11 @@ TEST_F(StoreOnRealServer, RemoveDirOfAThreeLevelTreeLeavesNothingAndLowersTheAcc
         written += static_cast<long long>(f.size);
     }
     store->updateSpaceInfo(777, true);  // something else the store had recorded
-    ASSERT_EQ(store->getUsedBytes(), written + 777);
+    ASSERT_EQ(StoreTestAccess::usedBytes(*store), written + 777);
 
     EXPECT_EQ(store->removeDir("/rec"), 0);
     EXPECT_FALSE(server.dirExists("/rec"));
-    EXPECT_EQ(store->getUsedBytes(), 777);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 777);
     EXPECT_FALSE(store->isDirExist("/rec"));
 }
 
@@ -206,7 +207,7 @@ TEST_F(StoreOnRealServer, PathOperationsAgreeWithTheServersDisk) {
     store->updateSpaceInfo(100, true);
     EXPECT_EQ(store->deleteFile("/day/cam1/c.ts"), 0);
     EXPECT_FALSE(server.fileExists("/day/cam1/c.ts"));
-    EXPECT_EQ(store->getUsedBytes(), 90);
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), 90);
 }
 
 TEST(StoreFacadeOnRealServer, TheExportedStoreRunsARecordingDay) {

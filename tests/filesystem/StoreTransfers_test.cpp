@@ -19,6 +19,7 @@
 #include "StoreTestUtil.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/StoreTestAccess.h"
 
 namespace {
 
@@ -138,7 +139,7 @@ TEST_F(StoreTransfers, PutCopiesTheWholeLocalFileAndRaisesTheAccount) {
     ASSERT_TRUE(writeLocalFile(source, bytes));
     EXPECT_EQ(store->Put(source.c_str(), "/rec/up.ts"), 0);
     EXPECT_TRUE(server.file("/rec/up.ts") == std::optional<std::string>(bytes));
-    EXPECT_EQ(store->getUsedBytes(), static_cast<long long>(bytes.size()));
+    EXPECT_EQ(StoreTestAccess::usedBytes(*store), static_cast<long long>(bytes.size()));
     EXPECT_EQ(server.commands(),
               (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /rec/up.ts"}));
 }

@@ -7,6 +7,7 @@
 #include <climits>
 
 #include "filesystem/FTPFileSystemImpl.h"
+#include "support/StoreTestAccess.h"
 
 namespace {
 
@@ -41,11 +42,11 @@ protected:
 
 TEST_F(SpaceFigures, TheRecordedBytesGiveTheSameMebibyteFigureOnEveryProcessor) {
     for (const SpaceCase& c : kSpaceCases) {
-        store.updateSpaceInfo(store.getUsedBytes(), false);  // back to zero
-        ASSERT_EQ(store.getUsedBytes(), 0) << c.what;
+        store.updateSpaceInfo(StoreTestAccess::usedBytes(store), false);  // back to zero
+        ASSERT_EQ(StoreTestAccess::usedBytes(store), 0) << c.what;
         store.updateSpaceInfo(c.added, true);
         store.updateSpaceInfo(c.subtracted, false);
-        EXPECT_EQ(store.getUsedBytes(), c.added - c.subtracted) << c.what;
+        EXPECT_EQ(StoreTestAccess::usedBytes(store), c.added - c.subtracted) << c.what;
         long first = -1;
         long second = -1;
         store.getDiskSpaceInfo(first, second);

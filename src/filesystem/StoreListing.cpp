@@ -1,71 +1,25 @@
-// FTPFileSystemImpl, the header's sections "Enumeration, scanning and space"
-// and "Listing retrieval": the enumeration, scan and size walks and the space
-// account's figures; fetching "LIST" text over the main connection, deciding
-// its style and parsing it (into entry records, or straight into the names,
-// sizes and types a caller wants).
-//
-// Every listing runs on the store's main connection and changes its working
-// directory, so every caller of fetchListing (getFileDescriptorList included)
-// holds opLock. scan also holds the scan gate, taken first, and calls the
-// host's visitor with opLock released so the visitor may call back into the
-// store.
+// StoreListing: fetching "LIST" text over the store's main connection and
+// walking the entries the store keeps of it, straight from the text. Each
+// caller takes only what it needs of the entries: shared records are made for
+// getFileDescriptorList alone.
+#include "filesystem/StoreListing.h"
+
 #include <string.h>
 
 #include <exception>
-#include <string>
-#include <vector>
 
 #include "connections/TimeOutDetector.h"
-#include "filesystem/FTPFileSystemImpl.h"
-#include "filesystem/PathOperation.h"
 #include "listing/EntryList.h"
-#include "listing/ListingLines.h"
-#include "listing/ListingStyle.h"
 
 namespace {
 
-typedef std::vector<SafePointer<FTPConst::FTPFileDescriptor> > EntryList;
+typedef StoreListing::EntryList EntryList;
 
 // A listing read is abandoned when the whole transfer (not the gap between two
 // reads) takes longer than this: a server that trickles bytes forever must not
 // hold the main connection, and with it every path operation, indefinitely.
 const int kListingStallSeconds = 60;
 const unsigned int kListingChunkBytes = 1024;
-
-// The self and parent entries a DOS-style server may list. The Unix parser
-// drops every dot name; the DOS parser keeps all names, so these two are taken
-// out here: followed by scanRecordDir or removed by rmFTPDir they would walk
-// back up the tree (endlessly, or deleting the parent).
-bool isSelfOrParent(const std::string& name) { return name == "." || name == ".."; }
-
-// Hands `sink` every entry the store keeps of a fetched listing: what the
-// parser of its style keeps (lines cut at "\r\n"; a listing with bare line
-// feeds is one line), less the "." and ".." of a DOS listing. An unknown style
-// gives none. Entries are never made into shared records here: each caller
-// takes only what it needs of them.
-template <typename Sink>
-class StoreEntries {
-public:
-    StoreEntries(int style, Sink& sink) : dos_(style == FTPConst::kListingDos), sink_(sink) {}
-
-    bool operator()(FTPConst::FTPFileDescriptor& record) {
-        if (dos_ && isSelfOrParent(record.name)) {
-            return true;
-        }
-        return sink_(record);
-    }
-
-private:
-    bool dos_;
-    Sink& sink_;
-};
-
-template <typename Sink>
-void forEachStoreEntry(const std::string& text, Sink& sink) {
-    const int style = FTPConst::detectTextStyle(text);
-    StoreEntries<Sink> entries(style, sink);
-    FTPConst::forEachListedEntry(text, style, entries);
-}
 
 // Shared records and the total, as getFileDescriptorList gives them.
 class RecordsAndTotal {
@@ -140,7 +94,23 @@ public:
 
 }  // namespace
 
-bool FTPFileSystemImpl::fetchListing(const char* path, std::string& text) {
+StoreListing::StoreListing(const SafePointer<FTPTool>& mainTool) : mainTool(mainTool) {}
+
+void StoreListing::blankZeroBytes(std::string& text) {
+    // Done in place: a listing has no size limit, and on the recorder a second
+    // copy of a large one would cost as much memory again. memchr skips the
+    // (usually zero-free) text many bytes at a time.
+    if (text.empty()) {
+        return;
+    }
+    char* at = &text[0];
+    char* const end = at + text.size();
+    while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) != nullptr) {
+        *at++ = ' ';
+    }
+}
+
+bool StoreListing::fetch(const char* path, std::string& text) {
     // Listings ask for `path` again after changing into it; starting from "/"
     // makes root-relative paths mean the same whatever the previous operation
     // left as the working directory.
@@ -152,25 +122,15 @@ bool FTPFileSystemImpl::fetchListing(const char* path, std::string& text) {
         return false;
     }
     // Stray zero bytes from a server must not cut a line short: each becomes a
-    // blank (and so splits the word it stood in). Done in place: a listing has
-    // no size limit, and on the recorder a second copy of a large one would
-    // cost as much memory again. memchr skips the (usually zero-free) text many
-    // bytes at a time.
-    if (!text.empty()) {
-        char* at = &text[0];
-        char* const end = at + text.size();
-        while ((at = static_cast<char*>(memchr(at, '\0', static_cast<size_t>(end - at)))) !=
-               nullptr) {
-            *at++ = ' ';
-        }
-    }
+    // blank (and so splits the word it stood in).
+    blankZeroBytes(text);
     return true;
 }
 
 // The tool comes by value: the listing members keep their long-standing
 // signatures.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
-bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, std::string& text) {
+bool StoreListing::recvData(SafePointer<FTPTool> tool, const char* path, std::string& text) {
     NetBuf* data = nullptr;
     if (tool->dataConnect(path, kFtpList, 'I', &data) == 0 || data == nullptr) {
         return false;
@@ -211,7 +171,7 @@ bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, st
     }
 }
 
-bool FTPFileSystemImpl::getFTPFileType(const std::vector<std::string>& lines, int& type) {
+bool StoreListing::getFTPFileType(const std::vector<std::string>& lines, int& type) {
     // The first line with exactly 4 words decides DOS, the first with exactly
     // 9 words Unix; no lines, or none of either count, leaves the style
     // unknown.
@@ -219,116 +179,52 @@ bool FTPFileSystemImpl::getFTPFileType(const std::vector<std::string>& lines, in
     return true;
 }
 
-bool FTPFileSystemImpl::getFileDescriptorList(const char* path, EntryList& entries,
-                                              long long& total) {
+bool StoreListing::getFileDescriptorList(const char* path, EntryList& entries, long long& total) {
     if (path == nullptr) {
         return false;
     }
     std::string text;
-    if (!fetchListing(path, text)) {
+    if (!fetch(path, text)) {
         return false;
     }
     // Room for every line at once: growing the list would copy, and lock the
     // count of, every record already in it.
     FTPConst::reserveForLines(entries, FTPConst::ListingLines::count(text));
     RecordsAndTotal records(entries, total);
-    forEachStoreEntry(text, records);
+    forEachEntry(text, records);
     return true;
 }
 
-bool FTPFileSystemImpl::appendNamesListed(const char* path, int32_t type,
-                                          std::vector<std::string>& names) {
-    PathOperation operation(*this, path != nullptr, __LINE__);
-    if (!operation.ready()) {
-        return false;
-    }
+bool StoreListing::appendNames(const char* path, int32_t type, std::vector<std::string>& names) {
     std::string text;
-    if (!fetchListing(path, text)) {
+    if (!fetch(path, text)) {
         return false;
     }
     // Straight from the text: only the names are wanted, so no entry record
     // is made and none is registered.
     NamesOfType wanted(type, names);
-    forEachStoreEntry(text, wanted);
+    forEachEntry(text, wanted);
     return true;
 }
 
-bool FTPFileSystemImpl::getFileList(const char* path, std::vector<std::string>& names,
-                                    const std::string& /*filter: every file is returned*/) {
-    return appendNamesListed(path, FTPConst::kTypePlainFile, names);
-}
-
-bool FTPFileSystemImpl::getSubDirList(const char* path, std::vector<std::string>& names,
-                                      const std::string& /*filter: every directory is returned*/) {
-    return appendNamesListed(path, FTPConst::kTypeDirectory, names);
-}
-
-bool FTPFileSystemImpl::isEmptyDir(const char* path) {
-    PathOperation operation(*this, true, __LINE__);
-    if (!operation.ready()) {
-        return false;
-    }
+bool StoreListing::isEmpty(const char* path) {
     std::string text;
-    // A directory that cannot be entered or listed counts as empty, so callers
-    // that clean up empty directories treat a vanished one as done. No path
-    // at all is one that cannot be entered.
-    if (!fetchListing(path, text)) {
+    if (!fetch(path, text)) {
         return true;
     }
     AnyEntry any;
-    forEachStoreEntry(text, any);
+    forEachEntry(text, any);
     return !any.found;
 }
 
-int FTPFileSystemImpl::getFileNumber(const char* /*path*/) {
-    // Counting files is not offered: callers use getFileList instead.
-    return -1;
-}
-
-bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
-                             const std::string& /*filter: every file is visited*/) {
-    if (path == nullptr || action == nullptr) {
-        return false;
-    }
-    // The gate for the whole walk, so two scans never interleave their visits;
-    // opLock only for the listing itself, so the visitor may use the store.
-    ScanGate::Turn turn(scanGate, __LINE__);
-    if (!initialised) {
-        return false;
-    }
-    std::vector<std::string> files;
-    {
-        PathOperation operation(*this, true, __LINE__);
-        std::string text;
-        if (!operation.ready() || !fetchListing(path, text)) {
-            return false;
-        }
-        NamesOfType plainFiles(FTPConst::kTypePlainFile, files);
-        forEachStoreEntry(text, plainFiles);
-    }
-    // What the visitor returns does not stop the walk.
-    for (std::vector<std::string>::const_iterator it = files.begin(); it != files.end(); ++it) {
-        action->onFile(it->c_str());
-    }
-    return true;
-}
-
-bool FTPFileSystemImpl::getTotalSize(const char* path, long long& size) {
-    PathOperation operation(*this, path != nullptr, __LINE__);
-    if (!operation.ready()) {
-        return false;
-    }
-    return scanRecordDir(path, size);
-}
-
-bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
+bool StoreListing::scanRecordDir(const char* path, long long& size) {
     SizesAndDirectories level;
     {
         std::string text;
-        if (!fetchListing(path, text)) {
+        if (!fetch(path, text)) {
             return false;
         }
-        forEachStoreEntry(text, level);
+        forEachEntry(text, level);
         // The text goes before the walk goes deeper: only one level's listing
         // is held at a time.
     }
@@ -348,11 +244,3 @@ bool FTPFileSystemImpl::scanRecordDir(const char* path, long long& size) {
     }
     return true;
 }
-
-void FTPFileSystemImpl::updateSpaceInfo(long long bytes, bool add) { space.update(bytes, add); }
-
-void FTPFileSystemImpl::getDiskSpaceInfo(long& first, long& second) {
-    space.figures(first, second);
-}
-
-long long FTPFileSystemImpl::getUsedBytes() { return space.used(); }
