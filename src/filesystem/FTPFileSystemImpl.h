@@ -148,8 +148,11 @@ private:
 
     // Changes to "/" and then to `path` on the main tool and fetches the
     // listing of `path` into `text`, its zero bytes turned into blanks. False
-    // when the directory cannot be entered or the listing not fetched.
-    bool fetchListing(const char* path, std::string& text) FTPDISK_REQUIRES(opLock);
+    // when the directory cannot be entered or the listing not fetched whole;
+    // then *notEntered (when given) is true only if the server refused the
+    // change into `path` with its reply.
+    bool fetchListing(const char* path, std::string& text, bool* notEntered = nullptr)
+        FTPDISK_REQUIRES(opLock);
 
     // getFileList and getSubDirList: lists `path` under opLock and appends the
     // names of the entries of `type`. False when not initialised or not
