@@ -1,5 +1,6 @@
 // Arbitrary bytes as what a server sends on the control connection, read by a
-// real FTPTool through Readresp (one reply, multi-line ones whole) and then
+// real FTPTool through Readresp (one reply, in whole lines, multi-line ones
+// whole) and then
 // Readline (line by line, with a buffer of any size) until the stream ends.
 //
 // Input: five header bytes, then the reply text.
@@ -42,6 +43,7 @@ const size_t kMaxPieces = 100;
 const size_t kMaxText = 16384;
 const char* const kPrevious = "999 the previous reply\n";
 const char* const kTooLong = "reply abandoned: not ended within 1000 lines\n";
+const char* const kClosed = "connection closed by the server\n";
 
 void check(bool condition, const char* what) {
     if (!condition) {
@@ -113,24 +115,57 @@ bool referenceLine(const std::string& text, size_t& at, size_t limit, std::strin
 }
 
 // What Readresp must leave: its result and the reply text; `at` moves past
-// the reply.
-int referenceReply(const std::string& text, char expected, size_t& at, std::string& response) {
-    std::string line;
-    if (!referenceLine(text, at, kNetBufResponseSize - 1, line)) return 0;
-    response = line;
-    if (strnlen(line.c_str(), 4) == 4 && line[3] == '-') {
-        const std::string closing = line.substr(0, 3) + " ";
-        for (int lines = 1;; ++lines) {
-            if (lines >= FTPTool::kReplyLineLimit) {
-                response = kTooLong;
+// what it read. Replies are read in whole lines: a line's text is kept to its
+// first 255 bytes (its CR LF as LF), and the rest of it is read and dropped.
+// The stream's end inside a one-line reply judges what came; anywhere else
+// it fails the reply.
+int referenceReply(const std::string& text, char expected, size_t& at, std::string& response,
+                   bool& whole) {
+    whole = false;
+    bool multiLine = false;
+    std::string closing;
+    for (int lines = 0;;) {
+        if (at >= text.size()) {
+            response = kClosed;
+            return 0;
+        }
+        const size_t lf = text.find('\n', at);
+        const bool ended = lf != std::string::npos;
+        const std::string raw = text.substr(at, (ended ? lf : text.size()) - at);
+        at = ended ? lf + 1 : text.size();
+        const std::string head = raw.substr(0, 4);
+        if (!ended) {
+            if (multiLine) {
+                response = kClosed;
                 return 0;
             }
-            if (!referenceLine(text, at, kNetBufResponseSize - 1, line)) return 0;
-            response = line;
-            if (strncmp(line.c_str(), closing.c_str(), 4) == 0) break;
+            response = raw.substr(0, kNetBufResponseSize - 1);
+            whole = true;
+            return response[0] == expected ? 1 : 0;
+        }
+        std::string content = raw;
+        if (!content.empty() && content.back() == '\r') content.pop_back();
+        response = (content + "\n").substr(0, kNetBufResponseSize - 1);
+        ++lines;
+        bool ends;
+        if (!multiLine) {
+            ends = !(head.size() == 4 && head[3] == '-');
+            if (!ends) {
+                multiLine = true;
+                closing = head.substr(0, 3) + " ";
+            }
+        } else {
+            ends = head == closing;
+        }
+        if (ends) {
+            whole = true;
+            return response[0] == expected ? 1 : 0;
+        }
+        if (lines >= FTPTool::kReplyLineLimit) {
+            response = kTooLong;
+            return 0;
         }
     }
-    return response[0] == expected ? 1 : 0;
 }
 
 // The text cut at `first`, then into pieces of `step` bytes (0: the rest at
@@ -176,6 +211,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     control->idleTime.seconds = 0;
     control->idleTime.microseconds = 1000;
     snprintf(control->response, sizeof control->response, "%s", kPrevious);
+    // One reply is awaited, nothing of it read yet.
+    control->replies = NetBufReplyState();
+    control->replies.owed = 1;
 
     for (const std::string& piece : piecesOf(text, first, step)) {
         check(send(pair[1], piece.data(), piece.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
@@ -186,13 +224,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     size_t at = 0;
     std::string reply = kPrevious;
-    const int wanted = referenceReply(text, expected, at, reply);
+    bool whole = false;
+    const int wanted = referenceReply(text, expected, at, reply, whole);
     const int result = tool->Readresp(expected, control);
     checkCounters(control);
     check(result == wanted, "Readresp's result is the reference's");
     check(reply.size() < kNetBufResponseSize &&
               memcmp(control->response, reply.c_str(), reply.size() + 1) == 0,
           "the reply line is the reference's");
+    // A first preliminary (1xx) reply keeps its command owed, as does a
+    // reply not read whole.
+    check(control->replies.owed == (whole && reply[0] != '1' ? 0 : 1),
+          "a reply read whole is no longer owed");
 
     // The rest, line by line, in a buffer of exactly `capacity` bytes.
     std::vector<char> out(static_cast<size_t>(capacity));

@@ -43,7 +43,9 @@ FtpFileHandleManager::~FtpFileHandleManager() {}
 // Keeps an open's reservation listed in `opening` from the moment its number
 // is reserved until the open has ended, however it ends (an exception from
 // SafePointer or the allocator included), so a path is never left counted as
-// being opened for ever.
+// being opened for ever. An open that ends without recording its file gives
+// its number back: refused opens during an outage would otherwise use up
+// every number, and the store would open nothing once the server is back.
 class FtpFileHandleManager::PendingOpen {
 public:
     PendingOpen(FtpFileHandleManager& table, int32_t handle, const char* path)
@@ -61,6 +63,7 @@ public:
         }
         KDMutexLocker guard(table_.mutex, kLockSource, __LINE__);
         table_.endOpening(handle_);
+        table_.handleInUse[handle_] = false;
     }
     // The caller has ended the reservation itself (with endOpening, under the
     // table's mutex, in the same step that records the open file).
@@ -108,8 +111,7 @@ int FtpFileHandleManager::open(const char* path, int mode) {
         }
         pending.reset(new PendingOpen(*this, id, path));
     }
-    // From here on a failure keeps `id` reserved: deliberately, nothing gives
-    // the number back until the table is destroyed.
+    // From here on a failure gives `id` back (the reservation's destructor).
     //
     // The connection is made and the transfer started without the table's
     // lock, so that other cameras' writes, reads, opens and closes go on
@@ -170,7 +172,9 @@ int FtpFileHandleManager::close(int handle) {
     // handler's own lock makes close wait for that call, and later calls fail.
     const int result = handler->close();
     SafePointer<FTPTool> tool(handler->getPFTPTool());
-    if (tool->getUsable() && result == 0) {
+    // A connection that still owes a reply would answer its next owner's
+    // first command with it: only one in step goes back to the pool.
+    if (tool->getUsable() && result == 0 && tool->owedReplies() == 0) {
         freeToolBuff->addFreeFTPTool(tool);
         return 0;
     }

@@ -41,11 +41,13 @@ public:
     // too many open files, path already open, no free number, no connection,
     // transfer refused).
     // Opens still in progress count towards the open-file limit and the
-    // one-open-per-path rule. Once a number is reserved, a later failure
-    // keeps it reserved.
+    // one-open-per-path rule. An open that fails after reserving its number
+    // gives it back.
     int open(const char* path, int mode);
     // 0, or -1 (unknown handle, a number whose open is still in progress,
-    // failed final reply, unusable connection).
+    // failed final reply, unusable connection). Only a connection that is
+    // usable, ended its transfer well and owes no reply goes back to the
+    // pool; any other is quit.
     int close(int handle);
     // True with the open file in `out`; false with `out` untouched when the
     // handle is not open.

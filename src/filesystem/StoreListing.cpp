@@ -110,12 +110,21 @@ void StoreListing::blankZeroBytes(std::string& text) {
     }
 }
 
-bool StoreListing::fetch(const char* path, std::string& text) {
+bool StoreListing::fetch(const char* path, std::string& text, bool* notEntered) {
+    if (notEntered != nullptr) {
+        *notEntered = false;
+    }
     // Listings ask for `path` again after changing into it; starting from "/"
     // makes root-relative paths mean the same whatever the previous operation
     // left as the working directory.
     mainTool->cd("/");
     if (mainTool->cd(path) != 1) {
+        // Only a server that answered the change of directory with a refusal
+        // has said the directory cannot be entered; a change that got no
+        // answer (or was never sent) has said nothing about it.
+        if (notEntered != nullptr) {
+            *notEntered = path == nullptr || mainTool->getLastFailure() == kFtpFailureReply;
+        }
         return false;
     }
     if (!recvData(mainTool, path, text)) {
@@ -153,11 +162,20 @@ bool StoreListing::recvData(SafePointer<FTPTool> tool, const char* path, std::st
                 tool->closeData(data);
                 return false;
             }
-            if (got < 1) {
-                // End of data and a read error alike end the listing with what
-                // arrived so far.
+            if (got == 0) {
+                // Only the end of the data ends a listing well, and only when
+                // the server's closing reply confirms it: a transfer it
+                // aborted (426), or whose closing reply does not come in
+                // time, may have been cut short.
+                return tool->closeData(data) == 1;
+            }
+            if (got < 0) {
+                // A read that failed, or whose wait ran out, leaves the
+                // listing cut at an unknown place: a recorder must not act on
+                // a directory it has not seen whole (deleting the oldest
+                // recordings, removing an "empty" folder).
                 tool->closeData(data);
-                return true;
+                return false;
             }
             // Exactly the bytes read are kept: a zero byte inside them stays
             // here and is turned into a blank once the whole listing is in.
@@ -209,8 +227,14 @@ bool StoreListing::appendNames(const char* path, int32_t type, std::vector<std::
 
 bool StoreListing::isEmpty(const char* path) {
     std::string text;
-    if (!fetch(path, text)) {
-        return true;
+    // A directory the server refuses to enter counts as empty, so callers
+    // that clean up empty directories treat a vanished one as done; no path
+    // at all is one that cannot be entered. A directory that was entered but
+    // whose listing did not come whole is not empty as far as anyone knows,
+    // nor is one whose change of directory got no answer.
+    bool notEntered = false;
+    if (!fetch(path, text, &notEntered)) {
+        return notEntered;
     }
     AnyEntry any;
     forEachEntry(text, any);

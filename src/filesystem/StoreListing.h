@@ -40,9 +40,11 @@ public:
     // The names of the entries of `type`, in listing order, appended to
     // `names`. False when `path` cannot be entered or listed.
     bool appendNames(const char* path, int32_t type, std::vector<std::string>& names);
-    // True when `path` lists no entry, and also when it cannot be entered or
-    // listed (no path at all is one that cannot be entered), so that callers
-    // cleaning up empty directories treat a vanished one as done.
+    // True when `path` lists no entry, and also when the server refuses to
+    // enter it (no path at all is one that cannot be entered), so that callers
+    // cleaning up empty directories treat a vanished one as done. False for a
+    // directory entered but not listed whole, and for one whose change of
+    // directory got no answer: not empty as far as anyone knows.
     bool isEmpty(const char* path);
     // FTPFileSystemImpl::scanRecordDir: every listed size below `path` added
     // to `size`, the directory entries' own included, depth first. False as
@@ -51,10 +53,10 @@ public:
 
     // --- Any tool, any text ------------------------------------------------
     // FTPFileSystemImpl::recvData: the long listing of `path` fetched over
-    // `tool` and appended to `text`. False when the data connection does not
-    // open or the whole transfer takes over 60 s (logged as
-    // "FTPFileSystemImpl::recvData"); a read error ends the listing with what
-    // arrived.
+    // `tool` and appended to `text`. True only at the end of the data with a
+    // 2xx closing reply; false when the data connection does not open, a read
+    // fails, the closing reply refuses or does not come, or the whole transfer
+    // takes over 60 s (logged as "FTPFileSystemImpl::recvData").
     static bool recvData(SafePointer<FTPTool> tool, const char* path, std::string& text);
     // FTPFileSystemImpl::getFTPFileType: the style of `lines` (kListingUnix,
     // kListingDos or kListingUnknown); always true.
@@ -83,8 +85,10 @@ private:
 
     // Changes to "/" and then to `path` on the main tool and fetches the
     // listing of `path` into `text`, its zero bytes blanked. False when the
-    // directory cannot be entered or the listing not fetched.
-    bool fetch(const char* path, std::string& text);
+    // directory cannot be entered or the listing not fetched whole; then
+    // *notEntered (when given) is true only if the server refused the change
+    // into `path` with its reply.
+    bool fetch(const char* path, std::string& text, bool* notEntered = nullptr);
 
     static bool isSelfOrParent(const std::string& name) { return name == "." || name == ".."; }
 

@@ -20,9 +20,35 @@
 #include <netinet/in.h>
 #include <stdint.h>
 
+#include <atomic>
+
 #include "foundation/ThreadAnnotations.h"
 #include "ftp/NetBuf.h"
 #include "host/technic/KDMutex.h"
+
+// Why the last failed call of a tool failed, for owners that must tell a
+// refusal by the server from a server that did not answer. Set by every
+// command, reply read, connect and data connection open; kFtpFailureNone
+// after one that succeeded.
+enum FtpFailure {
+    kFtpFailureNone = 0,
+    // The server answered with another class than the one expected; its
+    // reply line is in `response`.
+    kFtpFailureReply = 1,
+    // No reply within the readiness wait, a reply abandoned past its bounds,
+    // or a command held back because an earlier reply is still owed.
+    kFtpFailureNoReply = 2,
+    // A send or receive failed, or the server closed the connection.
+    kFtpFailureConnectionLost = 3,
+    // The address refused the connection.
+    kFtpFailureConnectRefused = 4,
+    // No route to the address, no answer within the connect limit, or a
+    // name or service that does not resolve.
+    kFtpFailureUnreachable = 5,
+    // Refused before anything was sent: an argument that cannot be sent, no
+    // connection, no memory.
+    kFtpFailureLocal = 6
+};
 
 // Transfer kinds of dataConnect.
 enum FtpOpenType { kFtpNlst = 1, kFtpList = 2, kFtpRetr = 3, kFtpStor = 4, kFtpAppe = 5 };
@@ -63,8 +89,10 @@ public:
 
     // --- Control connection -------------------------------------------------
     // 1 when connected and the greeting is 2xx. A previous control record is
-    // released first (without traffic). After a refused greeting the new
-    // record stays in place for the owner to release.
+    // released first (without traffic). The TCP connect gives up after
+    // kConnectLimitSeconds (on the host's up-time clock) like a refused one.
+    // After a refused greeting the new record stays in place for the owner
+    // to release.
     int connect(const char* host);
     // "USER", then "PASS" when the server answers 3xx; a 2xx answer to "USER"
     // is a login without password. Names or passwords over 57 characters are
@@ -72,16 +100,22 @@ public:
     int login(const char* user, const char* password);
     // Sends one line (at most 253 characters before "\r\n", and no CR or LF
     // of its own: such a line is refused before anything is sent) and reads
-    // the reply; 1 when its first character is `expected`.
+    // its reply as Readresp does; 1 when its first character is `expected`.
+    // Replies the connection still owes are read and dropped first, each
+    // within the usual waits; when one of them does not come, the line is
+    // not sent and the call fails ("command not sent: ..." in `response`).
     int Sendcmd(const char* command, char expected);
-    // Reads one reply, multi-line replies whole, into connection->response.
-    // A reply that does not start within the readiness wait leaves the
-    // previous text in place and that text is judged. Waits that time out
-    // inside a multi-line reply are not errors: reading goes on.
-    // A reply still not ended after kReplyLimitSeconds in all (on the host's
-    // up-time clock) or after kReplyLineLimit lines is abandoned: the call
-    // fails and `response` holds a local text saying so. What the server sends
-    // of it afterwards is read as the next reply.
+    // Reads the reply the connection is waiting for, multi-line replies whole,
+    // and judges the first character of its last line; the line (its first
+    // 255 bytes, CR LF as LF) is left in connection->response. Replies owed
+    // before it are read and dropped first. A reply that does not start
+    // within the readiness wait fails the call with "no reply in time" in
+    // `response` and stays owed; once started, a reply is read to its end,
+    // waits that time out inside it are waited out, until kReplyLimitSeconds
+    // in all (on the host's up-time clock) or kReplyLineLimit lines, past
+    // which it is abandoned (the call fails, `response` says so, and the rest
+    // of it stays owed). A lost connection fails with its reason in
+    // `response`.
     int Readresp(char expected, NetBuf* connection);
     // One line ending in LF (CR LF becomes LF) into `out`, terminated; a line
     // that does not fit comes in pieces of capacity - 1 bytes. Returns the
@@ -112,7 +146,12 @@ public:
     // reason (server reply or local text) is in the control response.
     int dataConnect(const char* path, int type, int mode, NetBuf** out);
     // Opens the data socket: passive ("PASV" and connect) or port mode
-    // (listen and "PORT"); *out is set only on success.
+    // (listen and "PORT"); *out is set only on success. In passive mode the
+    // data connection goes to the address the control connection reached,
+    // with the port the "227" reply names: the address in the reply is read
+    // (a reply without one fails) but not used, so that a server behind
+    // address translation still works and no server can send the recorder's
+    // bytes to another host. Its connect has the same limit as connect's.
     int OpenPort(NetBuf** out, int mode, int direction);
     // Port mode: waits up to 5 s for the server to connect to the listening
     // socket, which is closed in every case; 1 with data->handle the
@@ -163,10 +202,20 @@ public:
     // it only while no other thread uses the tool.
     NetBuf* getControlBuf() const;
     const char* getResponse() const;
+    // Replies the server still owes this connection (0 while not connected).
+    // A connection that owes one is out of step until they are read, and is
+    // never handed to another owner.
+    int owedReplies();
+    // Why the last call failed (FtpFailure), and the system's error number
+    // when a socket call failed (0 otherwise).
+    int getLastFailure() const;
+    int getLastErrno() const;
 
     // Bounds on one reply (see Readresp).
     static const double kReplyLimitSeconds;  // 30
     static const int kReplyLineLimit;        // 1000
+    // The longest a TCP connect (control or data) may take.
+    static const double kConnectLimitSeconds;  // 10
 
 private:
     FTPTool(const FTPTool&);
@@ -176,10 +225,27 @@ private:
     // `reply` is not null the reply text is copied there (kNetBufResponseSize
     // bytes) before the lock is released, for callers that parse it.
     int exchange(const char* command, char expected, char* reply);
-    // Readresp's work, abandoning the reply once the host's up-time passes
-    // `deadline`. REQUIRES: controlLock is held when `connection` is the
-    // control record.
-    int readReply(char expected, NetBuf* connection, double deadline);
+    // Readresp's work: reads and drops the replies owed before the last
+    // one, then reads that one into `response` and judges it. Each reply
+    // read is abandoned once the host's up-time passes its own deadline,
+    // kReplyLimitSeconds after its reading began. REQUIRES: controlLock is
+    // held when `connection` is the control record.
+    int readReply(char expected, NetBuf* connection);
+    // Reads the oldest owed reply (or what is left of it) to its end; its
+    // last line goes into `response` when `keep` is set. Returns a ReplyRead
+    // result and records the failure. REQUIRES: as readReply.
+    int readOwedReply(NetBuf* connection, double deadline, bool keep);
+    // Reads and drops owed replies until `left` remain; 1 when done, else 0
+    // with the failure recorded. REQUIRES: as readReply.
+    int dropOwedReplies(NetBuf* connection, int left);
+    // More bytes from the socket into the line buffer (moved to its start
+    // when drained): the count received, 0 when nothing came within the
+    // readiness wait, kReceiveEnd at the end of the stream, -1 on an error
+    // (errno set), kLineAbandoned once `deadline` has passed (never when it is
+    // negative). REQUIRES: as readReply.
+    int receiveMore(NetBuf* connection, double deadline);
+    // Records why a call failed (and the error number of a socket call).
+    void setFailure(int failure, int error = 0);
     // Readline's work; gives up with -2 once the host's up-time passes
     // `deadline` (no deadline when it is negative). REQUIRES:
     // controlLock is held when `connection` is the control record.
@@ -191,6 +257,10 @@ private:
 
     NetBuf* controlBuf;
     bool usable;
+    // Written by whichever thread drives the tool (a snapshot call and a path
+    // operation may share it), read by its owner afterwards.
+    std::atomic<int> lastFailure;
+    std::atomic<int> lastErrno;
     // Guards the control record's line buffer, its counters and `response`
     // (see the class comment).
     KDMutex controlLock;

@@ -3,6 +3,7 @@
 #include "ftp/FTPTool.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -90,6 +91,45 @@ bool skipToDigits(const char*& at, bool* negative) {
     return *at >= '0' && *at <= '9';
 }
 
+int connectWithin(int fd, const struct sockaddr_in& address, double limitSeconds) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return errno;
+    int error = 0;
+    if (::connect(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) != 0) {
+        error = errno;
+    }
+    if (error == EINPROGRESS) {
+        // The limit is counted on the host's up-time clock, in slices of at
+        // most a quarter second, so a hand-driven clock can end the wait.
+        const double deadline = KDTime::getUpTime() + limitSeconds;
+        error = ETIMEDOUT;
+        for (;;) {
+            const double left = deadline - KDTime::getUpTime();
+            if (left < 0.0) break;
+            const double slice = left < 0.25 ? left : 0.25;
+            NetBufWaitTime wait;
+            wait.seconds = 0;
+            wait.microseconds = static_cast<int32_t>(slice * 1e6);
+            const int ready = waitFor(fd, POLLOUT, wait);
+            if (ready < 0) {
+                error = errno != 0 ? errno : EBADF;
+                break;
+            }
+            if (ready > 0) {
+                socklen_t length = sizeof error;
+                if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
+                break;
+            }
+        }
+    }
+    if (fcntl(fd, F_SETFL, flags) != 0 && error == 0) error = errno;
+    return error;
+}
+
+int connectFailure(int error) {
+    return error == ECONNREFUSED ? kFtpFailureConnectRefused : kFtpFailureUnreachable;
+}
+
 bool printReports() { return GlobalEnv::getInstance()->getPrintFlag(); }
 
 void report(const char* format, int result, int error) {
@@ -112,18 +152,31 @@ const int32_t kControlIdleSeconds = 3;
 // diagnostics.
 const char* const kLockSource = "FTPTool";
 
-// readLine's result when the reply's deadline passed; never a byte count.
+// readLine's and receiveMore's result when the reply's deadline passed;
+// never a byte count.
 const int kLineAbandoned = -2;
+// receiveMore's result at the end of the stream.
+const int kReceiveEnd = -3;
+
+// What reading one owed reply came to.
+enum ReplyRead {
+    kReplyWhole = 1,       // read to its end
+    kReplyNotStarted = 0,  // nothing of it within the readiness wait
+    kReplyLost = -1,       // a receive error, or the server closed the connection
+    kReplyAbandoned = -2   // past its 30 s or its 1000 lines
+};
 
 const char* const kReplyTooSlowText = "reply abandoned: not ended within 30 s\n";
 const char* const kReplyTooLongText = "reply abandoned: not ended within 1000 lines\n";
+const char* const kNoReplyText = "no reply in time\n";
+const char* const kClosedText = "connection closed by the server\n";
+const char* const kHeldBackText = "command not sent: an earlier reply is still owed\n";
 
-// Ends a reply that ran past its bounds: the caller fails as on a wait
-// time-out, and `response` says why instead of holding a piece of the reply
-// that a later time-out could judge as if it were whole.
-int abandonReply(NetBuf* connection, const char* why) {
-    ftptool::setResponse(connection, why);
-    return 0;
+// The oldest owed reply starts afresh: nothing of it read yet.
+void resetReplyProgress(NetBufReplyState& state) {
+    state.started = 0;
+    state.multiLine = 0;
+    state.lineHeadLength = 0;
 }
 
 // Sends the first `count` bytes of the connection's line buffer in one send
@@ -147,8 +200,10 @@ int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* for
 
 const double FTPTool::kReplyLimitSeconds = 30.0;
 const int FTPTool::kReplyLineLimit = 1000;
+const double FTPTool::kConnectLimitSeconds = 10.0;
 
-FTPTool::FTPTool() : controlBuf(nullptr), usable(true) {}
+FTPTool::FTPTool()
+    : controlBuf(nullptr), usable(true), lastFailure(kFtpFailureNone), lastErrno(0) {}
 
 FTPTool::~FTPTool() {
     quit();
@@ -169,28 +224,55 @@ const char* FTPTool::getResponse() const {
     return controlBuf != nullptr ? controlBuf->response : "";
 }
 
+int FTPTool::owedReplies() {
+    if (controlBuf == nullptr) return 0;
+    KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+    return controlBuf->replies.owed;
+}
+
+int FTPTool::getLastFailure() const { return lastFailure.load(); }
+
+int FTPTool::getLastErrno() const { return lastErrno.load(); }
+
+void FTPTool::setFailure(int failure, int error) {
+    lastFailure.store(failure);
+    lastErrno.store(error);
+}
+
 int FTPTool::connect(const char* host) {
     // A second connect replaces the first connection; its record and socket
     // are released (without traffic) rather than lost.
     Empty();
+    setFailure(kFtpFailureNone);
 
     struct sockaddr_in address;
-    if (!ftpResolveAddress(host, &address)) return 0;
+    if (!ftpResolveAddress(host, &address)) {
+        setFailure(kFtpFailureUnreachable);
+        return 0;
+    }
 
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-    if (fd < 0) return 0;
+    if (fd < 0) {
+        setFailure(kFtpFailureLocal, errno);
+        return 0;
+    }
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (::connect(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0) {
+    const int error = ftptool::connectWithin(fd, address, kConnectLimitSeconds);
+    if (error != 0) {
         close(fd);
+        setFailure(ftptool::connectFailure(error), error);
         return 0;
     }
 
     NetBuf* control = ftptool::newRecord(fd, kNetBufControl, true);
     if (control == nullptr) {
         close(fd);
+        setFailure(kFtpFailureLocal, ENOMEM);
         return 0;
     }
+    // The greeting is the first reply the server owes.
+    control->replies.owed = 1;
     control->control = nullptr;
     control->connectionMode = kNetBufPassive;
     // Deliberately short: a server that takes longer than this to start a
@@ -227,16 +309,20 @@ int FTPTool::Sendcmd(const char* command, char expected) {
 }
 
 int FTPTool::exchange(const char* command, char expected, char* reply) {
-    if (command == nullptr || controlBuf == nullptr || controlBuf->direction != kNetBufControl)
+    if (command == nullptr || controlBuf == nullptr || controlBuf->direction != kNetBufControl) {
+        setFailure(kFtpFailureLocal);
         return 0;
+    }
     // The line with "\r\n" and its terminator must fit in 256 bytes: at most
     // 253 characters of command.
-    if (strlen(command) + 3 >= kCommandLineSize + 1) return 0;
     // A line end inside an argument (a path, a user name) would end the
     // command early and make the server take the rest for a command of its
     // own, whose reply would then answer the next caller. Refused like an
     // argument that does not fit: nothing is sent, `response` is unchanged.
-    if (strpbrk(command, "\r\n") != nullptr) return 0;
+    if (strlen(command) + 3 >= kCommandLineSize + 1 || strpbrk(command, "\r\n") != nullptr) {
+        setFailure(kFtpFailureLocal);
+        return 0;
+    }
     char line[kCommandLineSize];
     memset(line, 0, sizeof line);
     int length = snprintf(line, sizeof line, "%s\r\n", command);
@@ -244,58 +330,212 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // a snapshot call sharing this connection never reads into the same line
     // buffer at the same time.
     KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+    // A reply that came late, or was left part way, belongs to an earlier
+    // command: it is read and dropped before this one goes out, so that it is
+    // never judged as this command's answer. If it still does not come, this
+    // command is held back and the connection stays out of step.
+    if (!dropOwedReplies(controlBuf, 0)) {
+        ftptool::setResponse(controlBuf, kHeldBackText);
+        if (reply != nullptr) memcpy(reply, controlBuf->response, kNetBufResponseSize);
+        return 0;
+    }
     // The reply's time is counted from the command's sending.
     const double deadline = KDTime::getUpTime() + kReplyLimitSeconds;
     // One send; a short write is not completed (the reply then fails).
-    if (send(controlBuf->handle, line, static_cast<size_t>(length), MSG_NOSIGNAL) < 1) return 0;
-    const int result = readReply(expected, controlBuf, deadline);
+    const ssize_t sent = send(controlBuf->handle, line, static_cast<size_t>(length), MSG_NOSIGNAL);
+    if (sent < 1) {
+        const int error = errno;
+        ftptool::setErrorResponse(controlBuf, error);
+        setFailure(kFtpFailureConnectionLost, error);
+        if (reply != nullptr) memcpy(reply, controlBuf->response, kNetBufResponseSize);
+        return 0;
+    }
+    ++controlBuf->replies.owed;
+    int result = 0;
+    if (readOwedReply(controlBuf, deadline, true) == kReplyWhole) {
+        result = controlBuf->response[0] == expected ? 1 : 0;
+        setFailure(result ? kFtpFailureNone : kFtpFailureReply);
+    }
     if (reply != nullptr) memcpy(reply, controlBuf->response, kNetBufResponseSize);
     return result;
 }
 
 int FTPTool::Readresp(char expected, NetBuf* connection) {
     if (controlBuf == nullptr || connection == nullptr) return 0;
-    if (connection != controlBuf) {
-        return readReply(expected, connection, KDTime::getUpTime() + kReplyLimitSeconds);
-    }
+    if (connection != controlBuf) return readReply(expected, connection);
     KDMutexLocker guard(controlLock, kLockSource, __LINE__);
-    return readReply(expected, connection, KDTime::getUpTime() + kReplyLimitSeconds);
+    return readReply(expected, connection);
 }
 
-int FTPTool::readReply(char expected, NetBuf* connection, double deadline) {
+int FTPTool::readReply(char expected, NetBuf* connection) {
+    // The reply asked for is the last one owed (the closing reply of a
+    // transfer, the greeting); any owed before it answer earlier commands.
+    if (!dropOwedReplies(connection, 1)) return 0;
+    if (readOwedReply(connection, KDTime::getUpTime() + kReplyLimitSeconds, true) != kReplyWhole) {
+        return 0;
+    }
+    const int result = connection->response[0] == expected ? 1 : 0;
+    setFailure(result ? kFtpFailureNone : kFtpFailureReply);
+    return result;
+}
+
+int FTPTool::dropOwedReplies(NetBuf* connection, int left) {
+    // A server that answers with one preliminary (1xx) reply after another
+    // never pays its debt; a thousand replies are as many as one command may
+    // drop before giving up.
+    for (int dropped = 0; connection->replies.owed > left; ++dropped) {
+        if (dropped >= kReplyLineLimit) {
+            setFailure(kFtpFailureNoReply);
+            return 0;
+        }
+        const double deadline = KDTime::getUpTime() + kReplyLimitSeconds;
+        if (readOwedReply(connection, deadline, false) != kReplyWhole) return 0;
+    }
+    return 1;
+}
+
+int FTPTool::readOwedReply(NetBuf* connection, double deadline, bool keep) {
     // However the server sends it (a byte at a time, or continuation lines
     // without end), one reply may hold its caller until `deadline` and no
-    // longer.
-    //
-    // A time-out before any byte leaves `response` as it was, so the previous
-    // reply is judged again; that is how this client has always behaved.
-    int n = readLine(connection->response, kNetBufResponseSize, connection, deadline);
-    if (n == -1) return 0;
-    if (n == kLineAbandoned) return abandonReply(connection, kReplyTooSlowText);
-    // Only a line of at least four characters has a fourth one; the bytes
-    // behind a shorter line's terminator are left over from earlier replies.
-    if (strnlen(connection->response, 4) == 4 && connection->response[3] == '-') {
-        // "220-Welcome" ... "220 ready": read until a line opens with the code
-        // and a blank. A read that times out inside the reply is not an
-        // error; reading goes on until the closing line, a read error, or
-        // the reply's own deadline and line count.
-        char closing[5];
-        memcpy(closing, connection->response, 3);
-        closing[3] = ' ';
-        closing[4] = '\0';
-        int lines = 1;
-        for (;;) {
-            if (lines >= kReplyLineLimit) return abandonReply(connection, kReplyTooLongText);
-            n = readLine(connection->response, kNetBufResponseSize, connection, deadline);
-            if (n == -1) return 0;
-            if (n == kLineAbandoned) return abandonReply(connection, kReplyTooSlowText);
-            if (n > 0) {
-                ++lines;
-                if (strncmp(connection->response, closing, 4) == 0) break;
+    // longer. The reply's progress lives in the record, so that a reply left
+    // part way (abandoned, or not started in time) is read on from where it
+    // stood by whoever reads next.
+    if (connection->buffer == nullptr ||
+        (connection->direction != kNetBufControl && connection->direction != kNetBufDataRead)) {
+        // Replies come only on a connection with a line buffer that reads.
+        setFailure(kFtpFailureLocal);
+        return kReplyLost;
+    }
+    NetBufReplyState& state = connection->replies;
+    char* const text = connection->response;
+    // Bytes of the current line stored in `response` (its first 255) and
+    // bytes of it seen in this call.
+    int kept = 0;
+    int lineLength = 0;
+    bool lastWasCarriageReturn = false;
+    if (keep && state.lineHeadLength > 0) {
+        // A line begun before: its first bytes stand for it.
+        kept = state.lineHeadLength;
+        memcpy(text, state.lineHead, static_cast<size_t>(kept));
+        lineLength = kept;
+    }
+    int lines = 0;
+    char code = '\0';
+    for (;;) {
+        if (connection->available <= 0) {
+            if (deadline >= 0.0 && KDTime::getUpTime() > deadline) {
+                setFailure(kFtpFailureNoReply);
+                ftptool::setResponse(connection, kReplyTooSlowText);
+                return kReplyAbandoned;
+            }
+            const int got = receiveMore(connection, deadline);
+            if (got > 0) continue;
+            if (got == 0) {
+                // Waits that time out inside a reply are waited out, up to
+                // its deadline; before its first byte they end the call.
+                if (state.started) continue;
+                setFailure(kFtpFailureNoReply);
+                ftptool::setResponse(connection, kNoReplyText);
+                return kReplyNotStarted;
+            }
+            if (got == kLineAbandoned) {
+                setFailure(kFtpFailureNoReply);
+                ftptool::setResponse(connection, kReplyTooSlowText);
+                return kReplyAbandoned;
+            }
+            if (got == kReceiveEnd && state.lineHeadLength > 0 && !state.multiLine) {
+                // The stream ended inside a one-line reply: the line read so
+                // far is judged, as if it had ended in a line end.
+                if (keep) text[kept] = '\0';
+                code = state.lineHead[0];
+                break;
+            }
+            const int error = got == kReceiveEnd ? 0 : errno;
+            setFailure(kFtpFailureConnectionLost, error);
+            if (error != 0) {
+                ftptool::setErrorResponse(connection, error);
+            } else {
+                ftptool::setResponse(connection, kClosedText);
+            }
+            return kReplyLost;
+        }
+        state.started = 1;
+        // Up to and including the next line end, or all that is there.
+        char* const start = connection->readPos;
+        char* const lineEnd = static_cast<char*>(memchr(start, '\n', connection->available));
+        const int take = lineEnd != nullptr ? static_cast<int>(lineEnd - start)
+                                            : static_cast<int>(connection->available);
+        connection->readPos += take + (lineEnd != nullptr ? 1 : 0);
+        connection->available -= take + (lineEnd != nullptr ? 1 : 0);
+        for (int i = 0; i < take && state.lineHeadLength < 4; ++i) {
+            state.lineHead[state.lineHeadLength++] = start[i];
+        }
+        if (keep) {
+            const int room = (kNetBufResponseSize - 1) - kept;
+            const int copy = take < room ? take : room;
+            if (copy > 0) memcpy(text + kept, start, static_cast<size_t>(copy));
+            kept += copy;
+        }
+        if (take > 0) lastWasCarriageReturn = start[take - 1] == '\r';
+        lineLength += take;
+        if (lineEnd == nullptr) continue;
+
+        // A whole line. In `response` it ends in a single LF (a CR before it
+        // is dropped) and is cut after 255 bytes: "220 ready\r\n" is
+        // "220 ready\n". Bytes of a longer line beyond those are read and
+        // dropped, never left to answer the next command.
+        if (keep) {
+            int length = lineLength;
+            if (lastWasCarriageReturn) {
+                --length;
+                if (kept > length) kept = length;
+            }
+            if (length < kNetBufResponseSize - 1) {
+                text[length] = '\n';
+                text[length + 1] = '\0';
+            } else {
+                text[kNetBufResponseSize - 1] = '\0';
             }
         }
+        ++lines;
+        // The first character of the line decides the reply's class when the
+        // line is its last; an empty line has none.
+        code = state.lineHeadLength > 0 ? state.lineHead[0] : '\0';
+        bool ends;
+        if (!state.multiLine) {
+            // "220-Welcome" opens a multi-line reply that "220 " closes.
+            ends = !(state.lineHeadLength == 4 && state.lineHead[3] == '-');
+            if (!ends) {
+                memcpy(state.closing, state.lineHead, 3);
+                state.closing[3] = ' ';
+                state.multiLine = 1;
+            }
+        } else {
+            ends = state.lineHeadLength == 4 && memcmp(state.lineHead, state.closing, 4) == 0;
+        }
+        state.lineHeadLength = 0;
+        if (ends) break;
+        if (lines >= kReplyLineLimit) {
+            setFailure(kFtpFailureNoReply);
+            ftptool::setResponse(connection, kReplyTooLongText);
+            return kReplyAbandoned;
+        }
+        kept = 0;
+        lineLength = 0;
+        lastWasCarriageReturn = false;
     }
-    return connection->response[0] == expected ? 1 : 0;
+    // A command gets at most one preliminary (1xx) reply before its last
+    // one, so the first 1xx keeps its command owed for the reply that
+    // follows. A second 1xx is taken as the last (one server ends a transfer
+    // the client cut short with a 150 line).
+    if (code == '1' && !state.preliminary) {
+        state.preliminary = 1;
+    } else {
+        state.preliminary = 0;
+        if (state.owed > 0) --state.owed;
+    }
+    resetReplyProgress(state);
+    return kReplyWhole;
 }
 
 int FTPTool::Readline(char* out, int capacity, NetBuf* connection) {
@@ -342,27 +582,40 @@ int FTPTool::readLine(char* out, int capacity, NetBuf* connection, double deadli
             *at = '\0';
             return stored;
         }
-        if (connection->writePos == connection->readPos) {
-            connection->readPos = connection->buffer;
-            connection->writePos = connection->buffer;
-            connection->available = 0;
-            connection->spaceLeft = kNetBufSize;
-        }
         if (endOfStream) return stored > 0 ? stored : -1;
-        if (connection->spaceLeft <= 0) return stored;
-        // Each wait below restarts the readiness limit; the deadline is what
-        // keeps a server that sends a byte now and then from holding the
-        // caller for ever.
-        if (deadline >= 0.0 && KDTime::getUpTime() > deadline) return kLineAbandoned;
-        if (!Socketwait(connection)) return stored;
-        ssize_t got = recv(connection->handle, connection->writePos,
-                           static_cast<size_t>(connection->spaceLeft), 0);
-        if (got < 0) return -1;
-        if (got == 0) endOfStream = true;
-        connection->writePos += got;
-        connection->available += static_cast<int32_t>(got);
-        connection->spaceLeft -= static_cast<int32_t>(got);
+        const int got = receiveMore(connection, deadline);
+        if (got == kReceiveEnd) {
+            endOfStream = true;
+        } else if (got == 0) {
+            return stored;
+        } else if (got < 0) {
+            return got == kLineAbandoned ? kLineAbandoned : -1;
+        }
     }
+}
+
+int FTPTool::receiveMore(NetBuf* connection, double deadline) {
+    if (connection->writePos == connection->readPos) {
+        connection->readPos = connection->buffer;
+        connection->writePos = connection->buffer;
+        connection->available = 0;
+        connection->spaceLeft = kNetBufSize;
+    }
+    // A line longer than the buffer: what is there is all there can be.
+    if (connection->spaceLeft <= 0) return 0;
+    // Each wait below restarts the readiness limit; the deadline is what
+    // keeps a server that sends a byte now and then from holding the caller
+    // for ever.
+    if (deadline >= 0.0 && KDTime::getUpTime() > deadline) return kLineAbandoned;
+    if (!Socketwait(connection)) return 0;
+    const ssize_t got = recv(connection->handle, connection->writePos,
+                             static_cast<size_t>(connection->spaceLeft), 0);
+    if (got < 0) return -1;
+    if (got == 0) return kReceiveEnd;
+    connection->writePos += got;
+    connection->available += static_cast<int32_t>(got);
+    connection->spaceLeft -= static_cast<int32_t>(got);
+    return static_cast<int>(got);
 }
 
 void FTPTool::setLocalResponse(const char* text) {

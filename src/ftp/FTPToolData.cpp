@@ -236,7 +236,26 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
         // The reply is parsed from a copy taken under the control lock.
         char reply[kNetBufResponseSize];
         if (!exchange("PASV", '2', reply)) return 0;
-        if (!ftpParsePassiveReply(reply, &address)) return 0;
+        struct sockaddr_in announced;
+        if (!ftpParsePassiveReply(reply, &announced)) {
+            setFailure(kFtpFailureReply);
+            return 0;
+        }
+        // Only the port is taken from the reply. The address is the one the
+        // control connection reached: a server behind address translation
+        // announces an address of its own network that the recorder cannot
+        // reach, and a hostile one could name any host of the recorder's
+        // network to receive its recordings.
+        socklen_t length = sizeof address;
+        if (getpeername(controlBuf->handle, reinterpret_cast<struct sockaddr*>(&address),
+                        &length) != 0 ||
+            address.sin_family != AF_INET) {
+            const int error = errno;
+            setLocalErrorResponse(error);
+            setFailure(kFtpFailureConnectionLost, error);
+            return 0;
+        }
+        address.sin_port = announced.sin_port;
     } else {
         socklen_t length = sizeof address;
         if (getsockname(controlBuf->handle, reinterpret_cast<struct sockaddr*>(&address),
@@ -258,8 +277,11 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
     }
 
     if (!portMode) {
-        if (::connect(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0) {
+        const int error = ftptool::connectWithin(fd, address, kConnectLimitSeconds);
+        if (error != 0) {
             close(fd);
+            setLocalErrorResponse(error);
+            setFailure(ftptool::connectFailure(error), error);
             return 0;
         }
     } else {

@@ -3,6 +3,8 @@
 #ifndef FTPDISK_FTP_FTPTOOLINTERNAL_H
 #define FTPDISK_FTP_FTPTOOLINTERNAL_H
 
+#include <netinet/in.h>
+
 #include "ftp/NetBuf.h"
 
 namespace ftptool {
@@ -38,6 +40,14 @@ void setErrorResponse(NetBuf* connection, int error);
 // when a digit follows; false when none does, `at` then standing where the
 // digit was looked for.
 bool skipToDigits(const char*& at, bool* negative);
+
+// Connects `fd` to `address`, giving up once `limitSeconds` have passed on the
+// host's up-time clock. 0 when connected, else the error (ETIMEDOUT for the
+// limit); the socket's blocking mode is as before either way.
+int connectWithin(int fd, const struct sockaddr_in& address, double limitSeconds);
+
+// The FtpFailure of a connect that failed with `error`.
+int connectFailure(int error);
 
 // Whether the host wants the socket-write reports on standard output.
 bool printReports();

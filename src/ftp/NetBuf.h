@@ -38,6 +38,22 @@ enum NetBufConnectionMode {
     kNetBufPort = 2      // we listen and announce ourselves with "PORT"
 };
 
+// Where the control connection stands in the replies the server owes it.
+// Every command sent (and the greeting) is owed one reply; a reply that does
+// not come in time, or is abandoned part way, stays owed and is read and
+// dropped before the next command goes out, so that no reply is ever taken
+// for the answer to a later command. `lineHead` and `closing` let a reply
+// that was left part way be read on to its true end later.
+struct NetBufReplyState {
+    int32_t owed;            // replies still to come
+    int32_t preliminary;     // 1 when the oldest owed command has had its 1xx reply
+    int32_t started;         // 1 when some of the oldest owed reply has been read
+    int32_t multiLine;       // 1 when it is a multi-line reply: `closing` ends it
+    int32_t lineHeadLength;  // bytes of the current line seen so far, up to 4
+    char lineHead[4];        // the first bytes of the line being read
+    char closing[4];         // "211 ": the code and blank that open its closing line
+};
+
 struct NetBuf {
     char* writePos;          // where the next received bytes are stored in buffer
     char* readPos;           // next unread byte in buffer
@@ -55,6 +71,7 @@ struct NetBuf {
     int32_t callbackBytes;  // call progressCallback after more than this many; 0 = never
     int32_t sinceCallback;  // bytes moved since the last call
     char response[kNetBufResponseSize];  // last reply line or local error text
+    NetBufReplyState replies;            // control record only; zero in data records
 };
 
 #endif  // FTPDISK_FTP_NETBUF_H

@@ -80,12 +80,15 @@ TEST_F(FtpFileHandleManagerTest, TheOpenFileLimitIsCheckedBeforeANumberIsReserve
     EXPECT_EQ(-1, files->open("/c.dat", 2)) << "two open, limit two";
     EXPECT_EQ(0, files->close(1));
     EXPECT_EQ(0, files->close(2));
-    // Two refused transfers keep numbers 1 and 2; number 3 must still be free.
+    // Two refused transfers give their numbers back; the refusal at the
+    // limit reserved none: 1 and 2 are free again.
     server.queueReply("STOR", "553 Could not create file.");
     server.queueReply("STOR", "553 Could not create file.");
     EXPECT_EQ(-1, files->open("/d.dat", 2));
     EXPECT_EQ(-1, files->open("/e.dat", 2));
-    EXPECT_EQ(3, files->open("/f.dat", 2)) << "the refusal at the limit reserved a number";
+    EXPECT_EQ(1, files->open("/f.dat", 2));
+    EXPECT_EQ(2, files->open("/g.dat", 2));
+    EXPECT_EQ(-1, files->open("/h.dat", 2)) << "two open, limit two";
 }
 
 TEST_F(FtpFileHandleManagerTest, APathAlreadyOpenIsRefusedInEveryModeWithoutReservingANumber) {
@@ -117,27 +120,40 @@ TEST_F(FtpFileHandleManagerTest, AFirstHandleAtOrAboveTheLimitMakesEveryOpenFail
     EXPECT_EQ(0, server.connectionCount());
 }
 
-TEST_F(FtpFileHandleManagerTest, AnOpenWhoseLoginFailsKeepsItsNumberReservedAndQuits) {
+TEST_F(FtpFileHandleManagerTest, AnOpenWhoseLoginFailsGivesItsNumberBackAndQuits) {
     auto files = table(1, 8, 8);
     server.queueReply("PASS", "530 Login incorrect.");
     EXPECT_EQ(-1, files->open("/a.dat", 2));
     const std::vector<std::string> expected = {"USER rec", "PASS pw", "QUIT"};
     EXPECT_EQ(expected, server.commandsOn(1));
 
-    EXPECT_EQ(2, files->open("/a.dat", 2)) << "number 1 is never given out again";
-    EXPECT_EQ(0, files->close(2));
-    EXPECT_EQ(2, files->open("/b.dat", 2)) << "still not 1";
+    EXPECT_EQ(1, files->open("/a.dat", 2)) << "number 1 is free again";
+    EXPECT_EQ(2, files->open("/b.dat", 2));
 }
 
-TEST_F(FtpFileHandleManagerTest, ClosingANumberKeptByAFailedOpenFreesItForTheNextOpen) {
+TEST_F(FtpFileHandleManagerTest, ClosingAFreeNumberIsANoOpThatLeavesItFree) {
     auto files = table(1, 8, 8);
     server.queueReply("PASS", "530 Login incorrect.");
     EXPECT_EQ(-1, files->open("/a.dat", 2));
     EXPECT_EQ(0, files->close(1)) << "a known number with no open file closes as a no-op";
-    EXPECT_EQ(1, files->open("/a.dat", 2)) << "and is free again";
+    EXPECT_EQ(1, files->open("/a.dat", 2)) << "and is free";
 }
 
-TEST_F(FtpFileHandleManagerTest, AnOpenThatCannotConnectFailsAndKeepsItsNumberReserved) {
+TEST_F(FtpFileHandleManagerTest, RefusedOpensManyTimesTheNumbersLeaveEveryNumberFree) {
+    // An outage: every open is refused by the server, and none of them may
+    // use up a number for good (three numbers, twenty refusals).
+    auto files = table(1, 4, 4);
+    server.setReply("STOR", "421 Service not available, closing control connection.");
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(-1, files->open("/cam.dat", 2)) << "open " << i;
+    }
+    server.clearReply("STOR");
+    EXPECT_EQ(1, files->open("/a.dat", 2));
+    EXPECT_EQ(2, files->open("/b.dat", 2));
+    EXPECT_EQ(3, files->open("/c.dat", 2));
+}
+
+TEST_F(FtpFileHandleManagerTest, AnOpenThatCannotConnectFailsAndGivesItsNumberBack) {
     // A port that was free a moment ago and has no listener now.
     int probe = ::socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_GE(probe, 0);
@@ -151,14 +167,16 @@ TEST_F(FtpFileHandleManagerTest, AnOpenThatCannotConnectFailsAndKeepsItsNumberRe
     const std::string nobody = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
 
     FtpFileHandleManager files(nobody.c_str(), "rec", "pw", 1, 4, 4);
-    EXPECT_EQ(-1, files.open("/a.dat", 2));
-    EXPECT_EQ(-1, files.open("/b.dat", 2));
-    EXPECT_EQ(-1, files.open("/c.dat", 2));
-    EXPECT_EQ(0, files.close(2)) << "closing a reserved number frees it";
-    EXPECT_EQ(-1, files.open("/d.dat", 2)) << "it is reserved again by the failing open";
+    // With (1, 4, 4) there are three numbers: four failed opens in a row show
+    // that each gave its number back.
+    for (const char* path : {"/a.dat", "/b.dat", "/c.dat", "/d.dat"}) {
+        EXPECT_EQ(-1, files.open(path, 2)) << path;
+    }
+    SafePointer<FtpFileHandler> none;
+    EXPECT_FALSE(files.getFileHandler(1, none));
 }
 
-TEST_F(FtpFileHandleManagerTest, ATransferRefusedByTheServerDropsTheConnectionAndKeepsTheNumber) {
+TEST_F(FtpFileHandleManagerTest, ATransferRefusedByTheServerDropsTheConnectionAndFreesTheNumber) {
     auto files = table(1, 8, 8);
     server.queueReply("STOR", "553 Could not create file.");
     EXPECT_EQ(-1, files->open("/a.dat", 2));
@@ -167,16 +185,16 @@ TEST_F(FtpFileHandleManagerTest, ATransferRefusedByTheServerDropsTheConnectionAn
     EXPECT_EQ(expected, server.commandsOn(1)) << "the dropped connection is quit, not pooled";
     EXPECT_EQ(0u, files->getFreeToolBuff()->idleCount());
 
-    EXPECT_EQ(2, files->open("/a.dat", 2));
+    EXPECT_EQ(1, files->open("/a.dat", 2));
     EXPECT_EQ(2, server.connectionCount()) << "a new connection for the next open";
 }
 
-TEST_F(FtpFileHandleManagerTest, AnUnknownModeFailsAfterTakingAConnectionAndKeepsTheNumber) {
+TEST_F(FtpFileHandleManagerTest, AnUnknownModeFailsAfterTakingAConnectionAndFreesTheNumber) {
     auto files = table(1, 8, 8);
     EXPECT_EQ(-1, files->open("/a.dat", 7));
     const std::vector<std::string> expected = {"USER rec", "PASS pw", "QUIT"};
     EXPECT_EQ(expected, server.commandsOn(1));
-    EXPECT_EQ(2, files->open("/a.dat", 2));
+    EXPECT_EQ(1, files->open("/a.dat", 2));
 }
 
 TEST_F(FtpFileHandleManagerTest, AFinalReplyOf426MakesCloseQuitTheConnectionAndFreeTheNumber) {

@@ -110,6 +110,34 @@ TEST_F(Enumeration, IsEmptyDirOnAPathThatDoesNotExistReturnsTrue) {
     EXPECT_EQ(commands(), (Lines{"CWD /", "CWD /nowhere"}));
 }
 
+TEST_F(Enumeration, IsEmptyDirIsFalseForADirectoryEnteredWhoseListingIsRefusedOrCut) {
+    ftptest::Reply aborted("150 Here comes the listing");
+    aborted.body = "";
+    aborted.finalText = "426 Connection closed; transfer aborted";
+    server().queueReply("LIST", aborted);
+    EXPECT_FALSE(store().isEmptyDir("/rec"));
+
+    ftptest::Reply reset("150 Here comes the listing");
+    reset.body = crlf({"-rw-r--r--    1 rec      rec           512 Jan 15 10:33 a.mp4"});
+    reset.closeDataAfter = 0;
+    reset.resetData = true;
+    server().queueReply("LIST", reset);
+    EXPECT_FALSE(store().isEmptyDir("/rec"));
+
+    server().queueReply("LIST", "450 Cannot list now");
+    EXPECT_FALSE(store().isEmptyDir("/rec"));
+}
+
+TEST_F(Enumeration, IsEmptyDirIsFalseWhenTheChangeIntoTheDirectoryGetsNoAnswer) {
+    // The server says nothing of the directory within the wait: nothing is
+    // known of it, so it is not reported empty.
+    ftptest::Reply silent;
+    silent.silent = true;
+    server().queueReply("CWD /rec", silent);
+    EXPECT_FALSE(store().isEmptyDir("/rec"));
+    EXPECT_EQ(commands(), (Lines{"CWD /", "CWD /rec"}));
+}
+
 TEST_F(Enumeration, IsEmptyDirIsFalseWhenTheListingHasAnyEntryAndTrueWhenItHasNone) {
     struct Case {
         const char* source;

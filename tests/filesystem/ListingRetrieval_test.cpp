@@ -301,7 +301,7 @@ TEST_F(ListingRetrieval, DosSelfAndParentEntriesAreDroppedWhateverTheirSizeColum
     EXPECT_EQ(total, 60);
 }
 
-TEST_F(ListingRetrieval, AFinalReplyOf426AfterTheBodyStillGivesTheEntriesReceived) {
+TEST_F(ListingRetrieval, AFinalReplyOf426AfterTheBodyFailsTheListingAndTheNextOneStartsInStep) {
     ftptest::Reply aborted("150 Here comes the listing");
     aborted.body = kLinuxListing;
     aborted.finalText = "426 Connection closed; transfer aborted";
@@ -309,8 +309,10 @@ TEST_F(ListingRetrieval, AFinalReplyOf426AfterTheBodyStillGivesTheEntriesReceive
     Entries entries;
     long long total = 0;
 
-    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
-    EXPECT_EQ(entries.size(), 3u);
+    // The server says the listing was cut: none of it is taken.
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
+    EXPECT_TRUE(entries.empty());
+    EXPECT_EQ(total, 0);
 
     // The final reply was consumed: the next listing starts cleanly.
     server().setListing(kDosListing);
@@ -322,7 +324,9 @@ TEST_F(ListingRetrieval, AFinalReplyOf426AfterTheBodyStillGivesTheEntriesReceive
     EXPECT_EQ(commands(), expected);
 }
 
-TEST_F(ListingRetrieval, ADataConnectionClosedEarlyEndsTheListingWithTheLinesThatArrived) {
+TEST_F(ListingRetrieval, ADataConnectionClosedInOrderAndConfirmedEndsTheListingWithItsLines) {
+    // An orderly end of the data and a 226 are all a client can know of a
+    // listing's end: what arrived is the listing.
     ftptest::Reply cut("150 Here comes the listing");
     cut.body = kLinuxListing;
     const std::string firstLine = kLinuxListing.substr(0, kLinuxListing.find("\r\n") + 2);
@@ -335,6 +339,57 @@ TEST_F(ListingRetrieval, ADataConnectionClosedEarlyEndsTheListingWithTheLinesTha
 
     EXPECT_EQ(describe(entries), (Lines{"d 4096 cam1"}));
     EXPECT_EQ(total, 4096);
+}
+
+TEST_F(ListingRetrieval, ADataConnectionResetPartWayFailsTheListing) {
+    ftptest::Reply reset("150 Here comes the listing");
+    reset.body = kLinuxListing;
+    reset.closeDataAfter = 100;
+    reset.resetData = true;
+    server().queueReply("LIST", reset);
+    Entries entries;
+    long long total = 0;
+
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
+    EXPECT_TRUE(entries.empty());
+    // The closing reply was read: the next listing is in step.
+    server().setListing(kLinuxListing);
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
+    EXPECT_EQ(entries.size(), 3u);
+}
+
+TEST_F(ListingRetrieval, ADataConnectionThatGoesQuietPastTheWaitFailsTheListing) {
+    // The store's 3 s readiness wait, and a server that pauses 3.5 s after
+    // the first line.
+    ftptest::Reply quiet("150 Here comes the listing");
+    quiet.body = kLinuxListing;
+    quiet.pieceBytes = kLinuxListing.find("\r\n") + 2;
+    quiet.pieceDelay = ftptest::Millis(3500);
+    server().queueReply("LIST", quiet);
+    Entries entries;
+    long long total = 0;
+
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
+    EXPECT_TRUE(entries.empty());
+}
+
+TEST_F(ListingRetrieval,
+       AClosingReplyThatDoesNotComeFailsTheListingAndIsDroppedBeforeTheNextCommand) {
+    // The closing reply comes 3.5 s after the data, past the 3 s wait.
+    ftptest::Reply late("150 Here comes the listing");
+    late.body = kLinuxListing;
+    late.finalText = "226 Transfer complete, late";
+    late.finalDelay = ftptest::Millis(3500);
+    server().queueReply("LIST", late);
+    Entries entries;
+    long long total = 0;
+
+    EXPECT_FALSE(StoreTestAccess::getFileDescriptorList(store(), "/rec", entries, total));
+    EXPECT_TRUE(entries.empty());
+    // The next listing's first command waits for the late reply and drops it.
+    server().setListing(kDosListing);
+    ASSERT_TRUE(StoreTestAccess::getFileDescriptorList(store(), "/video", entries, total));
+    EXPECT_EQ(entries.size(), 6u);
 }
 
 TEST_F(ListingRetrieval, ListingsLeaveNoDescriptorOpen) {

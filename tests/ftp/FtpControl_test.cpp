@@ -88,7 +88,9 @@ TEST_F(FtpControl, ASilentServerFailsTheGreeting) {
     // The greeting wait is the fixed three seconds: nothing can shorten it
     // before connect returns.
     EXPECT_EQ(tool.connect(server.address().c_str()), 0);
-    EXPECT_STREQ(tool.getResponse(), "");
+    EXPECT_STREQ(tool.getResponse(), "no reply in time\n");
+    EXPECT_EQ(tool.getLastFailure(), kFtpFailureNoReply);
+    EXPECT_EQ(tool.owedReplies(), 1) << "the greeting is still owed";
 }
 
 TEST_F(FtpControl, ConnectFailsWhenNothingListensAndLeavesNoSocket) {
@@ -183,17 +185,21 @@ TEST_F(FtpControl, OnlyTheFirstDigitOfTheReplyIsJudged) {
         char expected;
         int result;
     };
+    // A 1xx reply announces another: it comes last, as the connection then
+    // owes the reply that follows it.
     const Case cases[] = {
-        {"200 OK", '2', 1},    {"299 odd but positive", '2', 1},
-        {"2xx", '2', 1},       {"250 OK", '3', 0},
-        {"331 more", '3', 1},  {"550 no", '2', 0},
-        {"150 going", '1', 1}, {"x00 garbage", '2', 0},
+        {"200 OK", '2', 1},      {"299 odd but positive", '2', 1},
+        {"2xx", '2', 1},         {"250 OK", '3', 0},
+        {"331 more", '3', 1},    {"550 no", '2', 0},
+        {"x00 garbage", '2', 0}, {"150 going", '1', 1},
     };
     for (const Case& c : cases) {
         server.queueReply("NOOP", c.reply);
         EXPECT_EQ(tool.Sendcmd("NOOP", c.expected), c.result) << c.reply << " / " << c.expected;
         EXPECT_EQ(std::string(tool.getResponse()), std::string(c.reply) + "\n") << c.reply;
+        EXPECT_EQ(tool.getLastFailure(), c.result ? kFtpFailureNone : kFtpFailureReply) << c.reply;
     }
+    EXPECT_EQ(tool.owedReplies(), 1);
 }
 
 TEST_F(FtpControl, AMultiLineReplyIsConsumedWholeAndJudgedOnItsClosingLine) {
@@ -338,13 +344,14 @@ TEST_F(FtpReplyBounds, AMultiLineReplyIsAbandonedAtItsThousandthLineWithoutAnEnd
     server.queueReply("STAT", replyLines("211", 1500, true));
     EXPECT_EQ(tool.Sendcmd("STAT", '2'), 0);
     EXPECT_STREQ(tool.getResponse(), "reply abandoned: not ended within 1000 lines\n");
-    // What is left of it is read as the next reply, as for any reply that
-    // came too late: the next command gets the rest of the long reply, and
-    // the one after that the answer to the next.
-    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
-    EXPECT_STREQ(tool.getResponse(), "211 done\n");
-    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
-    EXPECT_STREQ(tool.getResponse(), "200 OK\n");
+    EXPECT_EQ(tool.owedReplies(), 1);
+    // What is left of it still belongs to STAT: the next command reads it on
+    // to its closing line, drops it, and is judged on its own reply.
+    server.queueReply("NOOP", "500 own reply");
+    EXPECT_EQ(tool.Sendcmd("NOOP", '5'), 1);
+    EXPECT_STREQ(tool.getResponse(), "500 own reply\n");
+    EXPECT_EQ(tool.owedReplies(), 0);
+    EXPECT_EQ(afterLogin(), (Lines{"STAT", "NOOP"}));
 }
 
 TEST_F(FtpReplyBounds, AReplyOfExactlyAThousandLinesIsReadWhole) {
@@ -405,16 +412,32 @@ TEST_F(FtpControl, ALineEndingInCrLfIsReturnedEndingInOneLf) {
     }
 }
 
-TEST_F(FtpControl, ALineLongerThan255CharactersIsReturnedInPieces) {
+TEST_F(FtpControl, AReplyLineLongerThan255CharactersIsCutAndItsRestNeverAnswersTheNextCommand) {
     connectAndLogin();
-    const std::string line = "200 " + std::string(296, 'x');  // 300 characters
+    const std::string line = "500 " + std::string(296, 'x');  // 300 characters
     server.queueReply("NOOP", line);
-    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
-    // The first piece fills the 256-byte reply field.
+    EXPECT_EQ(tool.Sendcmd("NOOP", '5'), 1);
+    // Its first 255 bytes fill the 256-byte reply field.
     EXPECT_EQ(std::string(tool.getResponse()), line.substr(0, 255));
-    char rest[512];
-    EXPECT_EQ(tool.Readline(rest, sizeof rest, tool.getControlBuf()), 46);
-    EXPECT_EQ(std::string(rest), line.substr(255) + "\n");
+    // The rest of the line was read and dropped: the next command is judged
+    // on its own reply.
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
+    EXPECT_STREQ(tool.getResponse(), "200 OK\n");
+    EXPECT_EQ(tool.getControlBuf()->available, 0);
+}
+
+TEST_F(FtpControl, AReplyLineThatFitsExactlyKeepsItsLineEnd) {
+    connectAndLogin();
+    // 254 characters and CR LF: the line and its LF fill 255 bytes.
+    const std::string fits = "200 " + std::string(250, 'y');
+    server.queueReply("NOOP", fits);
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
+    EXPECT_EQ(std::string(tool.getResponse()), fits + "\n");
+    // One more character: the line is cut after 255 bytes, without its end.
+    const std::string longer = fits + "z";
+    server.queueReply("NOOP", longer);
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
+    EXPECT_EQ(std::string(tool.getResponse()), longer);
 }
 
 TEST_F(FtpControl, ReadlineStopsWhenOneByteOfRoomIsLeftAndGoesOnWithTheNextCall) {
@@ -457,23 +480,28 @@ TEST_F(FtpControl, ReadlineRefusesNullsAndWriteConnections) {
     c->direction = saved;
 }
 
-TEST_F(FtpControl, AReplyThatComesTooLateLeavesThePreviousReplyToBeJudged) {
+TEST_F(FtpControl, AReplyThatComesTooLateFailsItsCommandAndIsDroppedBeforeTheNextOne) {
     connectAndLogin();
     shortenWait(200);
-    Reply late("500 late");
+    Reply late("200 late");
     late.delay = Millis(1000);
     server.queueReply("NOOP", late);
-    // Nothing arrives within the wait: the previous reply "230 Logged in" is
-    // judged again, and passes for '2'.
-    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
-    EXPECT_STREQ(tool.getResponse(), "230 Logged in\n");
-    // The late reply is then read as the answer to the next command.
-    shortenWait(3000);
+    // Nothing arrives within the wait: the command fails, although the
+    // previous reply ("230 Logged in") had the class it expects.
     EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 0);
-    EXPECT_STREQ(tool.getResponse(), "500 late\n");
-    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1) << "the second NOOP's own reply";
+    EXPECT_STREQ(tool.getResponse(), "no reply in time\n");
+    EXPECT_EQ(tool.getLastFailure(), kFtpFailureNoReply);
+    EXPECT_EQ(tool.owedReplies(), 1);
+    // The late reply is read and dropped before the next command goes out,
+    // which is then judged on its own reply.
+    shortenWait(3000);
+    server.queueReply("NOOP", "550 refused");
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 0);
+    EXPECT_STREQ(tool.getResponse(), "550 refused\n");
+    EXPECT_EQ(tool.getLastFailure(), kFtpFailureReply);
+    EXPECT_EQ(tool.owedReplies(), 0);
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 1);
     EXPECT_STREQ(tool.getResponse(), "200 OK\n");
-    EXPECT_TRUE(server.waitForCommands(5));
     EXPECT_EQ(afterLogin(), (Lines{"NOOP", "NOOP", "NOOP"}));
 }
 

@@ -408,7 +408,8 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
         closeFd(s.passiveFd);
         s.portSet = false;
         if (useDefault) text = "227 Entering Passive Mode ({pasv})";
-        if (text.find("{pasv}") == std::string::npos) {
+        if (text.find("{pasv}") == std::string::npos &&
+            text.find("{pasvport}") == std::string::npos) {
             // A scripted reply that announces no address gets no data socket.
             sendControl(s, reply, text);
             return;
@@ -428,9 +429,10 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
         setNonBlocking(fd);
         s.passiveFd = fd;
         unsigned port = ntohs(address.sin_port);
-        std::string numbers =
-            "127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256);
-        sendControl(s, reply, replaceAll(text, "{pasv}", numbers));
+        const std::string portNumbers =
+            std::to_string(port / 256) + "," + std::to_string(port % 256);
+        text = replaceAll(text, "{pasv}", "127,0,0,1," + portNumbers);
+        sendControl(s, reply, replaceAll(text, "{pasvport}", portNumbers));
         return;
     }
 
@@ -633,6 +635,11 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
                 files_[path] = data;
             else
                 files_[path] += data;
+        }
+        if (reply.resetData) {
+            // A reset rather than an orderly end: the peer's next read fails.
+            linger abort{1, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
         }
         closeFd(fd);
         changed_.notify_all();

@@ -49,8 +49,9 @@ struct Reply {
     // Reply lines separated by '\n'; each line goes out followed by CR LF,
     // unless `raw` is set, in which case the bytes go out exactly as given.
     // In a PASV reply "{pasv}" is replaced by "127,0,0,1,p1,p2" of a data
-    // socket the server opens for it; a scripted PASV text without "{pasv}"
-    // opens no data socket. Empty text means the default reply for
+    // socket the server opens for it, and "{pasvport}" by its "p1,p2" alone
+    // (for a reply that announces another address); a scripted PASV text
+    // without either opens no data socket. Empty text means the default reply for
     // the command (with `closeControl`: nothing is sent before closing).
     std::string text;
     bool raw = false;
@@ -81,6 +82,8 @@ struct Reply {
     // Close the data connection after this many bytes were sent or received
     // (negative = no limit).
     long closeDataAfter = -1;
+    // End the data connection with a reset instead of an orderly close.
+    bool resetData = false;
     // Send the data body in pieces of this many bytes with `pieceDelay`
     // between them (0 = all at once).
     size_t pieceBytes = 0;
