@@ -141,7 +141,7 @@ std::map<std::string, std::string> guideEntries() {
     for (const std::string& line : lines) {
         if (line.rfind("## ", 0) == 0) inCommands = line == "## Commands";
         if (!inCommands) continue;
-        if (line.rfind("|", 0) == 0) {
+        if (line.rfind('|', 0) == 0) {
             inTable = true;
         } else if (inTable) {
             break;
