@@ -44,14 +44,17 @@ class FTPFileSystemImpl;
 /// one) comes back as the call's failure value; only KDRuntimeError, for a
 /// misused SafePointer, is ever thrown.
 ///
-/// **Limits on the wire.** Each reply must start within 3 s of being awaited
-/// (a reply that starts later is not waited for: the command is judged on the
-/// previous reply and the connection answers one reply behind); one reply is
-/// abandoned after 30 s in all or 1000 lines; control sockets send and receive
-/// within 10 s, data sockets within 30 s; a listing is abandoned after 60 s in
-/// all and logged to the record error log. TCP connects have no time limit of
-/// their own. Data connections are passive: the address in the server's 227
-/// reply is connected to as given.
+/// **Limits on the wire.** Each reply must start within 3 s of being awaited:
+/// a command whose reply has not started by then fails, and the reply stays
+/// owed; the connection reads and drops it before its next command goes out,
+/// and holds that command back (failing it unsent) while it still has not
+/// come, so a reply is only ever judged for the command it answers. One reply
+/// is abandoned after 30 s in all or 1000 lines; control sockets send and
+/// receive within 10 s, data sockets within 30 s; every TCP connect gives up
+/// after 10 s; a listing is abandoned after 60 s in all and logged to the
+/// record error log. Data connections are passive and go to the address the
+/// control connection reached, with the port of the server's 227 reply (the
+/// address the reply names is not used).
 ///
 /// **Texts.** Create stores through FTPFileSystemManager; a direct caller
 /// must keep the server and the user at most 31 characters and the password
@@ -81,9 +84,8 @@ public:
     /// the registry runs it under its registry lock.
     virtual ~FTPFileSystem();
 
-    /// Connects the main connection and logs in: TCP connect (no time limit
-    /// of its own), the greeting (2xx), "USER", then "PASS" when the server
-    /// answers 3xx. Takes the operation lock, and the snapshot lock while an
+    /// Connects the main connection and logs in: TCP connect (at most 10 s),
+    /// the greeting (2xx), "USER", then "PASS" when the server answers 3xx. Takes the operation lock, and the snapshot lock while an
     /// open snapshot stream is ended (its final reply read) and the
     /// connection replaced.
     /// \return 0 when logged in, with the used-bytes account reset to 0 under
@@ -138,10 +140,13 @@ public:
     /// Unix and DOS listings are understood; each name is read only up to its
     /// first blank and names starting with "." are left out. `filter` is not
     /// used: every file is returned. Operation lock.
-    /// \return 1 when listed; 0 for a null `dir`, an uninitialised store, a
-    /// refused CWD, data connection or LIST, or a listing abandoned after
-    /// 60 s (logged to the record error log). `names` is only appended to on
-    /// success. An int, not a bool: the recorder reads a full int.
+    /// \return 1 when listed whole: the data connection ended in order and the
+    /// final reply was 2xx. 0 for a null `dir`, an uninitialised store, a
+    /// refused CWD, data connection or LIST, a listing cut short (a failed
+    /// read, a read that waited 3 s in vain, a final reply of 4xx or 5xx or
+    /// none within 3 s), or one abandoned after 60 s (logged to the record
+    /// error log). `names` is only appended to on success. An int, not a bool:
+    /// the recorder reads a full int.
     int getFileList(const char* dir, std::vector<std::string>& names, const std::string& filter);
     /// Lists `dir` as getFileList() does and calls `action->onFile(name)` once
     /// for each plain file, in listing order; what onFile returns is ignored.
@@ -208,10 +213,9 @@ public:
     /// characters or more (nothing sent), a refused store, the open-file limit
     /// reached, `path` already open, no free number, an unknown mode, a failed
     /// connect or login, or a refused transfer. A failure after the number was
-    /// reserved keeps that number reserved for the store's life: after 1,023
-    /// such failures a registry store opens nothing until it is deleted and
-    /// added again. The connection of a failed open is never pooled: it is
-    /// sent "QUIT" (when it got as far as a greeting) and released.
+    /// reserved gives that number back. The connection of a failed open is
+    /// never pooled: it is sent "QUIT" (when it got as far as a greeting and
+    /// owes no reply) and released.
     int open(const char* path, int mode);
     /// Sends up to `len` bytes of `buf` on the open file's data connection, in
     /// one send once the socket is writable. Takes the table lock for a moment
@@ -233,8 +237,8 @@ public:
     /// freed and the file taken out of the table; then, without it and under
     /// the file's transfer lock (waiting for a read or write still running on
     /// another thread), the data connection is closed and the server's final
-    /// reply read (2xx expected). A healthy connection goes back to the pool,
-    /// sending nothing; a failed one is sent "QUIT".
+    /// reply read (2xx expected). A healthy connection that owes the server no
+    /// reply goes back to the pool, sending nothing; any other is sent "QUIT".
     /// \return 0 when the final reply was positive and the connection pooled;
     /// also 0 for a known number that is not open (already closed); -1 for a
     /// number the store never hands out, a number whose open is still in
@@ -265,10 +269,12 @@ public:
     int getFileNumber(const char* dir);
     /// Whether `dir` has no entries, from one listing as for getFileList().
     /// Operation lock.
-    /// \return true when the listing is empty, and also when `dir` cannot be
-    /// entered or listed (a vanished directory counts as empty; a null `dir`
-    /// is one that cannot be entered: only "CWD /" is sent); false when it
-    /// has entries, and for an uninitialised store (nothing sent).
+    /// \return true when the listing is empty, and also when the server
+    /// refuses to enter `dir` (a vanished directory counts as empty; a null
+    /// `dir` is one that cannot be entered: only "CWD /" is sent); false when
+    /// it has entries, when its listing did not come whole (see
+    /// getFileList()) or the change into it got no answer, and for an
+    /// uninitialised store (nothing sent).
     bool isEmptyDir(const char* dir);
     /// Copies the remote file `remoteFile` into the local file `localFile`
     /// (UTF-8 name, created or truncated through the host's KDFile with mode
