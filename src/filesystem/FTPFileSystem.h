@@ -56,6 +56,11 @@ class FTPFileSystemImpl;
 /// control connection reached, with the port of the server's 227 reply (the
 /// address the reply names is not used).
 ///
+/// **Why a call failed.** After any call of this class or of
+/// FTPFileSystemManager, the calling thread can ask getLastError() what the
+/// call met: a kind (ErrorKind) and the server's reply line or the system's
+/// error text. Every result above is unchanged by it.
+///
 /// **Texts.** Create stores through FTPFileSystemManager; a direct caller
 /// must keep the server and the user at most 31 characters and the password
 /// at most 19 (the store's fields are 48, 32 and 20 bytes, the open-file
@@ -67,6 +72,72 @@ class FTPFileSystemImpl;
 /// name only up to its first blank and leave out names starting with ".".
 class FTPDISK_EXPORT FTPFileSystem {
 public:
+    /// What a call met, as getLastError() tells it. The values are fixed.
+    enum ErrorKind {
+        /// The call succeeded, or a question was answered cleanly.
+        kErrorNone = 0,
+        /// The server answered a command with a refusal; its reply line is the
+        /// text ("550 No such file or directory"). After a question answered
+        /// "no" (isDirExist, isFileExist) or "empty" (isEmptyDir): the server
+        /// said so.
+        kErrorRefused = 1,
+        /// The server did not reply (or send data) within the module's waits,
+        /// a reply was abandoned after 30 s or 1000 lines, or a command was not
+        /// sent because an earlier reply still had not come.
+        kErrorNoReply = 2,
+        /// The connection failed or the server closed it.
+        kErrorConnectionLost = 3,
+        /// Nothing accepts connections at the server's address and port.
+        kErrorConnectRefused = 4,
+        /// No route to the server, no answer to the connect within 10 s, or a
+        /// host name or service that does not resolve.
+        kErrorUnreachable = 5,
+        /// Refused before anything was sent: a missing argument, a path too
+        /// long for one command line or holding a line end, an unknown handle
+        /// or mode, a text that is not a location.
+        kErrorBadArgument = 6,
+        /// The server refused the user name or the password (a wrong password,
+        /// an unknown user; some servers also refuse a session over their
+        /// limit this way, with a text that says so).
+        kErrorLoginRefused = 7,
+        /// The server turned the session away: a greeting other than 2xx
+        /// ("421 Too many connections"), a close before the greeting, a 421
+        /// at login. Usually a server at its limit of connections.
+        kErrorTurnedAway = 8,
+        /// A limit of this module: as many files open as the store allows,
+        /// the path already open, no free handle number, a snapshot already
+        /// open, memory exhausted.
+        kErrorLocalLimit = 9,
+        /// A path operation of a store that is not initialised.
+        kErrorNotInitialised = 10,
+        /// Get's or Put's local file could not be opened, read or written.
+        kErrorLocalFile = 11,
+        /// The listing came whole, and the file is not in it (getFileLength).
+        kErrorNotFound = 12,
+        /// A failure no part of the module gave a reason for.
+        kErrorUnexplained = 13
+    };
+    /// A kind and its text: the server's reply line (without its line end)
+    /// or the system's error text, or a short text of the module's; "" with
+    /// kErrorNone. Never holds a password.
+    struct LastError {
+        int kind;
+        char text[256];
+    };
+    /// What the calling thread's last call of FTPFileSystem or
+    /// FTPFileSystemManager met (getLastError itself and errorKindName
+    /// excepted). Thread-local: another thread's calls never change it.
+    /// Takes no lock and sends nothing. A call clears it when it begins and
+    /// when it succeeds; a question (isDirExist, isFileExist, isEmptyDir)
+    /// keeps what made its answer, so a "no" because the server refused the
+    /// directory (kErrorRefused) can be told from a "no" because the
+    /// connection failed (kErrorNoReply, kErrorConnectionLost).
+    /// \return a copy, kind kErrorNone on a thread that made no call yet.
+    static LastError getLastError();
+    /// A short fixed name of `kind` ("refused", "no reply", ...), for logs;
+    /// "unknown" for a value outside ErrorKind.
+    static const char* errorKindName(int kind);
+
     /// Builds the store for `server` ("host", "host:port" or "host:service"),
     /// `user` and `password`. Sends nothing. Creates the open-file table with
     /// handle numbers 1 to `capacity` - 1 and an open-file limit of
@@ -85,15 +156,13 @@ public:
     virtual ~FTPFileSystem();
 
     /// Connects the main connection and logs in: TCP connect (at most 10 s),
-    /// the greeting (2xx), "USER", then "PASS" when the server answers 3xx. Takes the operation lock, and the snapshot lock while an
-    /// open snapshot stream is ended (its final reply read) and the
-    /// connection replaced.
-    /// \return 0 when logged in, with the used-bytes account reset to 0 under
-    /// the space lock; -1 on a failed name look-up or connect, a refused
-    /// greeting, a refused login (the connection is then sent "QUIT"), or a
-    /// refused store. A failure leaves the store uninitialised; nothing is
-    /// retried. init() on an initialised store connects again, dropping the
-    /// previous connection without "QUIT".
+    /// the greeting (2xx), "USER", then "PASS" when the server answers 3xx. Takes the operation
+    /// lock, and the snapshot lock while an open snapshot stream is ended (its final reply read)
+    /// and the connection replaced. \return 0 when logged in, with the used-bytes account reset to
+    /// 0 under the space lock; -1 on a failed name look-up or connect, a refused greeting, a
+    /// refused login (the connection is then sent "QUIT"), or a refused store. A failure leaves the
+    /// store uninitialised; nothing is retried. init() on an initialised store connects again,
+    /// dropping the previous connection without "QUIT".
     int init();
     /// Marks the store uninitialised, ends an open snapshot stream (its data
     /// connection closed, its final reply read) and sends "QUIT" on the main

@@ -18,6 +18,7 @@
 #include "connections/TimeOutDetector.h"
 #include "filesystem/FTPFileSystemImpl.h"
 #include "filesystem/PathOperation.h"
+#include "foundation/LastError.h"
 #include "listing/EntryList.h"
 #include "listing/ListingLines.h"
 #include "listing/ListingStyle.h"
@@ -212,7 +213,9 @@ bool FTPFileSystemImpl::recvData(SafePointer<FTPTool> tool, const char* path, st
                 // A read that failed, or whose wait ran out, leaves the
                 // listing cut at an unknown place: a recorder must not act on
                 // a directory it has not seen whole (deleting the oldest
-                // recordings, removing an "empty" folder).
+                // recordings, removing an "empty" folder). The read's reason
+                // is the listing's.
+                lasterror::Quiet quiet;
                 tool->closeData(data);
                 return false;
             }
@@ -302,18 +305,21 @@ bool FTPFileSystemImpl::isEmptyDir(const char* path) {
 
 int FTPFileSystemImpl::getFileNumber(const char* /*path*/) {
     // Counting files is not offered: callers use getFileList instead.
+    lasterror::note(lasterror::kBadArgument, "counting files is not offered: use getFileList");
     return -1;
 }
 
 bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
                              const std::string& /*filter: every file is visited*/) {
     if (path == NULL || action == NULL) {
+        lasterror::note(lasterror::kBadArgument, "no path or no action");
         return false;
     }
     // The gate for the whole walk, so two scans never interleave their visits;
     // opLock only for the listing itself, so the visitor may use the store.
     ScanGate::Turn turn(scanGate, __LINE__);
     if (!initialised) {
+        lasterror::note(lasterror::kNotInitialised, "the store is not initialised");
         return false;
     }
     std::vector<std::string> files;
