@@ -247,6 +247,7 @@ void checkLoggerCall(Report& report) {
     const int kThreads = 4;
     const int kLines = 50;
     std::vector<Worker*> writers;
+    writers.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         writers.push_back(new Worker([&, t] {
             for (int i = 0; i < kLines; ++i) {
@@ -263,7 +264,7 @@ void checkLoggerCall(Report& report) {
         delete writers[t];
     }
     const std::vector<std::string> lines = fileLines(shared);
-    std::vector<int> seen(kThreads * kLines, 0);
+    std::vector<int> seen(static_cast<size_t>(kThreads) * kLines, 0);
     int whole = 0;
     for (size_t i = 0; i < lines.size(); ++i) {
         const std::string::size_type at = lines[i].find("thread ");
@@ -279,7 +280,7 @@ void checkLoggerCall(Report& report) {
     }
     bool each = whole == kThreads * kLines && lines.size() == static_cast<size_t>(whole);
     for (size_t i = 0; i < seen.size(); ++i) each = each && seen[i] == 1;
-    report.expect(each, show(static_cast<long long>(kThreads * kLines)) +
+    report.expect(each, show(static_cast<long long>(kThreads) * kLines) +
                             " writeLog calls from four threads left " +
                             show(static_cast<long long>(lines.size())) + " lines, " +
                             show(static_cast<long long>(whole)) +

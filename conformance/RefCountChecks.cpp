@@ -133,6 +133,7 @@ void checkPointersUnderThreads(Report& report) {
         SafePointer<Counted> shared(new Counted(&destroyed));
         created.fetch_add(1);
         std::vector<Worker*> workers;
+        workers.reserve(kThreads);
         for (int t = 0; t < kThreads; ++t) {
             workers.push_back(new Worker([&] {
                 try {
@@ -142,8 +143,8 @@ void checkPointersUnderThreads(Report& report) {
                         second = shared;
                         SafePointer<Counted> own(new Counted(&destroyed));
                         created.fetch_add(1);
-                        SafePointer<Counted> ownCopy(own);
-                        copy = own;
+                        second = own;
+                        copy = second;
                     }
                 } catch (const std::exception& e) {
                     report.fail(std::string("a SafePointer copy threw: ") + e.what());

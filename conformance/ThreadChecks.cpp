@@ -127,6 +127,7 @@ void checkMutexExcludesOtherThreads(Report& report) {
     const int kRounds = 20000;
     long counter = 0;
     std::vector<Worker*> workers;
+    workers.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         workers.push_back(new Worker([&] {
             for (int i = 0; i < kRounds; ++i) {
@@ -150,8 +151,8 @@ void checkMutexExcludesOtherThreads(Report& report) {
                       show(static_cast<long long>(counter)));
 
     // The module embeds mutexes in short-lived objects.
-    std::vector<KDMutex*> many;
-    for (int i = 0; i < 1000; ++i) many.push_back(new KDMutex);
+    std::vector<KDMutex*> many(1000);
+    for (size_t i = 0; i < many.size(); ++i) many[i] = new KDMutex;
     for (size_t i = 0; i < many.size(); ++i) {
         KDMutexLocker each(*many[i], kLockSite, __LINE__);
     }

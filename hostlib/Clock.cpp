@@ -37,7 +37,8 @@ double systemUp() {
     return duration_cast<duration<double> >(steady_clock::now().time_since_epoch()).count();
 #else
     const long long ns = duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count();
-    return static_cast<double>(ns / 1000000000) + static_cast<double>(ns % 1000000000) / 1e6;
+    const long long whole = ns / 1000000000;
+    return static_cast<double>(whole) + static_cast<double>(ns % 1000000000) / 1e6;
 #endif
 }
 
