@@ -73,16 +73,7 @@ check_packages() {
 
   # The module: file type, soname, links, exports, dependencies.
   local module="${libdir}/libftpdisk.so.${version}"
-  [ -f "${module}" ] || fail "libftpdisk1 lacks usr/lib/${triplet}/libftpdisk.so.${version}"
-  file -b "${module}" | grep -q "ELF .* shared object, ${machine}" ||
-    fail "${module#"${root}"/} is not a ${machine} shared object: $(file -b "${module}")"
-  [ "$(readlink "${libdir}/libftpdisk.so.1")" = "libftpdisk.so.${version}" ] ||
-    fail "libftpdisk.so.1 does not lead to libftpdisk.so.${version}"
-  [ "$(readlink "${libdir}/libftpdisk.so")" = "libftpdisk.so.1" ] ||
-    fail "libftpdisk-dev's libftpdisk.so does not lead to libftpdisk.so.1"
-  local soname
-  soname=$(LC_ALL=C readelf -d "${module}" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
-  [ "${soname}" = "libftpdisk.so.1" ] || fail "soname is '${soname}', not libftpdisk.so.1"
+  check_library "${libdir}" libftpdisk libftpdisk1 "${machine}"
   local strays
   strays=$(LC_ALL=C "${cross}nm" -D --defined-only "${module}" | awk '{print $3}' | c++filt |
     grep -Ev '^(FTPFileSystem|FTPFileSystemManager|KDRuntimeError)::|^(typeinfo|typeinfo name|vtable) for (FTPFileSystem|FTPFileSystemManager|KDRuntimeError)$' || true)
@@ -103,15 +94,7 @@ ${strays}"
 
   # The host library: file type, soname, links, exports, dependencies.
   local hostlib="${libdir}/libftpdisk_host.so.${version}"
-  [ -f "${hostlib}" ] || fail "libftpdisk-host1 lacks usr/lib/${triplet}/libftpdisk_host.so.${version}"
-  file -b "${hostlib}" | grep -q "ELF .* shared object, ${machine}" ||
-    fail "${hostlib#"${root}"/} is not a ${machine} shared object: $(file -b "${hostlib}")"
-  [ "$(readlink "${libdir}/libftpdisk_host.so.1")" = "libftpdisk_host.so.${version}" ] ||
-    fail "libftpdisk_host.so.1 does not lead to libftpdisk_host.so.${version}"
-  [ "$(readlink "${libdir}/libftpdisk_host.so")" = "libftpdisk_host.so.1" ] ||
-    fail "libftpdisk-dev's libftpdisk_host.so does not lead to libftpdisk_host.so.1"
-  soname=$(LC_ALL=C readelf -d "${hostlib}" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
-  [ "${soname}" = "libftpdisk_host.so.1" ] || fail "the host library's soname is '${soname}'"
+  check_library "${libdir}" libftpdisk_host libftpdisk-host1 "${machine}"
   LC_ALL=C readelf -d "${hostlib}" | grep -q 'NEEDED.*\[libftpdisk.so.1\]' ||
     fail "libftpdisk_host.so.1 does not link libftpdisk.so.1 (the error type it throws through)"
   local host_classes='GThread|GlobalEnv|KDFile|KDLogger|KDMutex|KDTime|KadmorTime|RefCountManager|ref_count|StringHandler|StringParser|string_util|hostcontrol'
@@ -152,6 +135,24 @@ ${strays}"
     fail "usr/bin/ftpdisk does not find its libraries through its run path"
   [ -f "${root}/usr/share/man/man1/ftpdisk.1.gz" ] || fail "no manual page"
   say "${arch}: contents checked"
+}
+
+# The shared library <name>.so.<version> of a package in the unpacked library
+# folder: its file type, its soname, the .so.1 link and libftpdisk-dev's .so
+# link.
+check_library() {
+  local libdir=$1 name=$2 package=$3 machine=$4
+  local library="${libdir}/${name}.so.${version}"
+  [ -f "${library}" ] || fail "${package} lacks ${name}.so.${version}"
+  file -b "${library}" | grep -q "ELF .* shared object, ${machine}" ||
+    fail "${name}.so.${version} is not a ${machine} shared object: $(file -b "${library}")"
+  [ "$(readlink "${libdir}/${name}.so.1")" = "${name}.so.${version}" ] ||
+    fail "${name}.so.1 does not lead to ${name}.so.${version}"
+  [ "$(readlink "${libdir}/${name}.so")" = "${name}.so.1" ] ||
+    fail "libftpdisk-dev's ${name}.so does not lead to ${name}.so.1"
+  local soname
+  soname=$(LC_ALL=C readelf -d "${library}" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+  [ "${soname}" = "${name}.so.1" ] || fail "the soname of ${name}.so.${version} is '${soname}'"
 }
 
 # The control files of a library package: shlibs, symbols, ldconfig trigger.
