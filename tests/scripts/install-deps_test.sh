@@ -3,8 +3,9 @@
 # fresh (FTPDISK_DEPS_DRY_RUN=fresh: it changes nothing and prints every
 # command it would run): the packages each task installs, that only `test`
 # makes the FTP user or adds a source list, that `package amd64` asks for
-# nothing beyond the build and package tools; then its apt-get update against
-# a stand-in apt-get whose update fails like a mirror caught mid-sync.
+# nothing beyond the build and package tools, that the scripts ask for their
+# own task; then its apt-get update against a stand-in apt-get whose update
+# fails like a mirror caught mid-sync.
 # Prints one line per finding and exits 1 when there is one.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
@@ -78,6 +79,15 @@ grep -q 'would run: apt-get download proftpd-core' <<<"${out}" || fail "test: do
 grep -q 'would run: apt-get source busybox' <<<"${out}" || fail "test: does not build busybox"
 [ "$(plan)" = "${out}" ] || fail "no task named is not the same as test"
 echo "ok test: $(wc -w <<<"${test_packages}") packages, the user rec, the unpacked servers"
+
+# The scripts ask for their own task: package.sh for package with its
+# architectures, demo.sh for demo; test.sh for the default.
+grep -qx 'scripts/install-deps.sh package "${arches\[@\]}"' "${root}/scripts/package.sh" ||
+  fail "scripts/package.sh does not ask install-deps.sh for the package task"
+grep -q '^timeout [0-9]* scripts/install-deps.sh demo$' "${root}/scripts/demo.sh" ||
+  fail "scripts/demo.sh does not ask install-deps.sh for the demo task"
+grep -qE 'scripts/install-deps.sh( test)?$' "${root}/scripts/test.sh" ||
+  fail "scripts/test.sh does not ask install-deps.sh for its default task, test"
 
 status=0
 FTPDISK_DEPS_DRY_RUN=fresh "${script}" deploy >/dev/null 2>&1 || status=$?
