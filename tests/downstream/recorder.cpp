@@ -121,12 +121,16 @@ int main(int argc, char** argv) {
     const std::string folder = argv[2];
     const std::string localDir = argv[3];
 
-    // Which module this process runs, so the caller can tell the packaged
-    // one from any other copy.
+    // Which module and which host classes this process runs, so the caller
+    // can tell the packaged ones from any other copy.
     Dl_info where;
     if (dladdr(reinterpret_cast<void*>(&FTPFileSystemManager::getInstance), &where) != 0 &&
         where.dli_fname != NULL) {
         std::cout << "module " << where.dli_fname << std::endl;
+    }
+    if (dladdr(reinterpret_cast<void*>(&RefCountManager::getInstance), &where) != 0 &&
+        where.dli_fname != NULL) {
+        std::cout << "host " << where.dli_fname << std::endl;
     }
 
     FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
