@@ -122,6 +122,13 @@ run_consumer() {
   cmp "${work}/ftp${folder}/put.bin" "${work}/put.expected" ||
     fail "${how}: put.bin on the server's disk differs from the local file"
   say "${how}: the server's disk holds exactly the bytes written (clip.ts 300000, put.bin 70001)"
+  local shown
+  for shown in "wrong password" "server unreachable" "server refuses more connections" \
+               "connection lost"; do
+    printf '%s\n' "${output}" | grep -q "^ok   init .* shows \"${shown}\"" ||
+      fail "${how}: the recorder could not show \"${shown}\" from the last error"
+  done
+  say "${how}: the last error showed wrong password, server unreachable, server refuses more connections and connection lost"
 }
 
 started=$SECONDS
