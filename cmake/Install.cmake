@@ -3,11 +3,15 @@
 # component each:
 #
 #   runtime      libftpdisk.so.1, the module a recorder loads   -> libftpdisk1
+#   host         libftpdisk_host.so.1, the POSIX host classes
+#                for programs without their own               -> libftpdisk-host1
 #   development  the headers a recorder compiles against, the
-#                libftpdisk.so link, the CMake package and the
-#                pkg-config file                                 -> libftpdisk-dev
-#   tool         the ftpdisk command, the POSIX host library it
-#                runs on, and its manual page                    -> ftpdisk
+#                libftpdisk.so and libftpdisk_host.so links,
+#                the CMake package (ftpdisk::ftpdisk,
+#                ftpdisk::host, the host conformance suite's
+#                sources and ftpdisk_add_host_conformance) and
+#                the pkg-config file                              -> libftpdisk-dev
+#   tool         the ftpdisk command and its manual page          -> ftpdisk
 #
 # Included from the top-level CMakeLists.txt once every target exists.
 include(GNUInstallDirs)
@@ -44,9 +48,8 @@ set(FTPDISK_PUBLIC_HEADERS
 
 set(FTPDISK_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/ftpdisk)
 set(FTPDISK_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/ftpdisk)
-# The host library is private to the command: it lives in a folder of its own
-# and is found through the command's run path, never by the recorder.
-set(FTPDISK_INSTALL_PRIVATE_LIBDIR ${CMAKE_INSTALL_LIBDIR}/ftpdisk)
+# The conformance suite's sources are the same for every architecture.
+set(FTPDISK_INSTALL_CONFORMANCEDIR ${CMAKE_INSTALL_DATAROOTDIR}/ftpdisk/host-conformance)
 
 # --- runtime and development: the module ---------------------------------------
 install(TARGETS ftpdisk EXPORT ftpdiskTargets
@@ -61,12 +64,30 @@ foreach(header IN LISTS FTPDISK_PUBLIC_HEADERS)
           COMPONENT development)
 endforeach()
 
+# --- host and development: the POSIX host library --------------------------------
+# The same ABI rule as the module's: packaging/libftpdisk-host1/symbols.
+install(TARGETS ftpdisk_host_shared EXPORT ftpdiskTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+                COMPONENT host
+                NAMELINK_COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/hostlib/include/ftpdisk_host/HostControl.h
+        DESTINATION ${FTPDISK_INSTALL_INCLUDEDIR}/ftpdisk_host COMPONENT development)
+
+# --- development: the host conformance suite -----------------------------------
+foreach(source IN LISTS FTPDISK_HOST_CONFORMANCE_SOURCES)
+  install(FILES ${PROJECT_SOURCE_DIR}/conformance/${source}
+          DESTINATION ${FTPDISK_INSTALL_CONFORMANCEDIR} COMPONENT development)
+endforeach()
+install(FILES ${PROJECT_SOURCE_DIR}/cmake/ftpdiskHostConformance.cmake
+        DESTINATION ${FTPDISK_INSTALL_CMAKEDIR} COMPONENT development)
+
 install(EXPORT ftpdiskTargets NAMESPACE ftpdisk::
         DESTINATION ${FTPDISK_INSTALL_CMAKEDIR} COMPONENT development)
 configure_package_config_file(
   ${PROJECT_SOURCE_DIR}/packaging/ftpdiskConfig.cmake.in
   ${PROJECT_BINARY_DIR}/ftpdiskConfig.cmake
-  INSTALL_DESTINATION ${FTPDISK_INSTALL_CMAKEDIR})
+  INSTALL_DESTINATION ${FTPDISK_INSTALL_CMAKEDIR}
+  PATH_VARS FTPDISK_INSTALL_CONFORMANCEDIR)
 # 1.x keeps the ABI that the symbols file in packaging/ lists.
 write_basic_package_version_file(
   ${PROJECT_BINARY_DIR}/ftpdiskConfigVersion.cmake
@@ -88,27 +109,24 @@ configure_file(${PROJECT_SOURCE_DIR}/packaging/ftpdisk.pc.in
 install(FILES ${PROJECT_BINARY_DIR}/ftpdisk.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# --- tool: the command and the host library it runs on --------------------------
+# --- tool: the command, running on the packaged host library --------------------
 if(TARGET ftpdisk_tool)
-  # The private host library first, then the module; $ORIGIN keeps the command
-  # working in any prefix the packages are unpacked into.
+  # $ORIGIN keeps the command working in any prefix the packages are unpacked
+  # into: the module and the host library sit in the library folder.
   set_target_properties(ftpdisk_tool PROPERTIES INSTALL_RPATH
-    "\$ORIGIN/../${FTPDISK_INSTALL_PRIVATE_LIBDIR};\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   install(TARGETS ftpdisk_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
-  install(TARGETS ftpdisk_host_shared
-          LIBRARY DESTINATION ${FTPDISK_INSTALL_PRIVATE_LIBDIR} COMPONENT tool
-                  NAMELINK_SKIP)
   install(FILES ${PROJECT_BINARY_DIR}/packaging/ftpdisk.1.gz
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 endif()
 
 # --- Debian's documentation of each package ----------------------------------------
-# Every package carries the copyright notice and the changelog, and the module's
-# package the lintian overrides whose reasons are written in that file. The
-# compressed files are made at build time without timestamps, so the two
-# architectures' packages hold identical bytes in these shared paths.
-set(FTPDISK_DEB_PACKAGES libftpdisk1 libftpdisk-dev ftpdisk)
-set(FTPDISK_DEB_COMPONENTS runtime development tool)
+# Every package carries the copyright notice and the changelog, and the two
+# library packages the lintian overrides whose reasons are written in those
+# files. The compressed files are made at build time without timestamps, so
+# the two architectures' packages hold identical bytes in these shared paths.
+set(FTPDISK_DEB_PACKAGES libftpdisk1 libftpdisk-host1 libftpdisk-dev ftpdisk)
+set(FTPDISK_DEB_COMPONENTS runtime host development tool)
 foreach(package component IN ZIP_LISTS FTPDISK_DEB_PACKAGES FTPDISK_DEB_COMPONENTS)
   if(component STREQUAL "tool" AND NOT TARGET ftpdisk_tool)
     continue()
@@ -120,6 +138,9 @@ endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/libftpdisk1/lintian-overrides
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
         RENAME libftpdisk1 COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/libftpdisk-host1/lintian-overrides
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
+        RENAME libftpdisk-host1 COMPONENT host)
 
 # gzip -n: no name or time stamp in the header.
 set(FTPDISK_GZIPPED)

@@ -33,7 +33,13 @@ double systemWall() {
 
 double systemUp() {
     using namespace std::chrono;
+#ifndef FTPDISK_PLANTED_FAULT_UP_TIME_NANOSECONDS_AS_MICROSECONDS
     return duration_cast<duration<double> >(steady_clock::now().time_since_epoch()).count();
+#else
+    const long long ns = duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count();
+    const long long whole = ns / 1000000000;
+    return static_cast<double>(whole) + static_cast<double>(ns % 1000000000) / 1e6;
+#endif
 }
 
 }  // namespace

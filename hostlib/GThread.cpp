@@ -68,7 +68,9 @@ int GThread::start() {
     if (impl->thread.joinable()) {
         impl->thread.join();  // finished earlier: reap it before starting anew
     }
+#ifndef FTPDISK_PLANTED_FAULT_RESTART_KEEPS_STOP_REQUEST
     impl->stopRequested.store(false);
+#endif
     impl->isRunning.store(true);
     try {
         impl->thread = std::thread(&Impl::run, impl);
@@ -84,7 +86,9 @@ int GThread::running() { return impl->isRunning.load() ? 1 : 0; }
 int GThread::stop() {
     hostlib::HostLock guard(impl->control);
     impl->stopRequested.store(true);
+#ifndef FTPDISK_PLANTED_FAULT_STOP_LEAVES_WAIT
     hostlib::wakeAll();
+#endif
     if (impl->thread.joinable()) {
         impl->thread.join();
     }
@@ -96,7 +100,12 @@ const std::string& GThread::getName() const { return impl->name; }
 int GThread::emptyFun() { return 0; }
 
 void KadmorTime::wait(const KadmorTime& duration) {
+#ifndef FTPDISK_PLANTED_FAULT_MICROSECONDS_READ_AS_MILLISECONDS
     double seconds = static_cast<double>(duration.getSeconds()) +
                      static_cast<double>(duration.getMicroseconds()) / 1e6;
+#else
+    double seconds = static_cast<double>(duration.getSeconds()) +
+                     static_cast<double>(duration.getMicroseconds()) / 1e3;
+#endif
     hostlib::pause(seconds, currentStopFlag);
 }

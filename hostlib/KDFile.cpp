@@ -36,6 +36,9 @@ int KDFile::read(char* buf, unsigned int len) {
     do {
         n = ::read(fd_, buf, len);
     } while (n < 0 && errno == EINTR);
+#ifdef FTPDISK_PLANTED_FAULT_SHORT_READ_AS_END
+    if (n >= 0 && static_cast<size_t>(n) < len) return 0;
+#endif
     return static_cast<int>(n);
 }
 
@@ -45,6 +48,9 @@ int KDFile::write(char* buf, unsigned int len) {
     do {
         n = ::write(fd_, buf, len);
     } while (n < 0 && errno == EINTR);
+#ifdef FTPDISK_PLANTED_FAULT_WRITE_CLAIMS_WHOLE_BUFFER
+    if (n > 0) return static_cast<int>(len);
+#endif
     return static_cast<int>(n);
 }
 

@@ -55,15 +55,23 @@ ref_count::ref_count() : state(new State) {}
 ref_count::~ref_count() { delete state; }
 
 int ref_count::lock() {
+#ifndef FTPDISK_PLANTED_FAULT_RECORD_LOCK_EXCLUDES_NOTHING
     pthread_mutex_lock(&state->mutex);
+#endif
     if (!state->valid) {
+#ifndef FTPDISK_PLANTED_FAULT_RECORD_LOCK_EXCLUDES_NOTHING
         pthread_mutex_unlock(&state->mutex);
+#endif
         return 1;
     }
     return 0;
 }
 
-void ref_count::unLock() { pthread_mutex_unlock(&state->mutex); }
+void ref_count::unLock() {
+#ifndef FTPDISK_PLANTED_FAULT_RECORD_LOCK_EXCLUDES_NOTHING
+    pthread_mutex_unlock(&state->mutex);
+#endif
+}
 
 void* ref_count::getPointer() { return state->pointer; }
 
@@ -107,8 +115,19 @@ ref_count* RefCountManager::retrieveRefCount(void* object, const char* /*typeNam
             auto found = impl->byObject.find(object);
             if (found != impl->byObject.end()) {
                 record = found->second;
+#ifdef FTPDISK_PLANTED_FAULT_JOINS_RECORD_BEING_HANDED_BACK
+                // Joins whatever record the address has, even one whose
+                // object is being deleted.
+                ++record->state->count;
+                return record;
+#endif
                 existing = true;
                 ++record->state->pins;
+#ifdef FTPDISK_PLANTED_FAULT_RECORD_LOCK_UNDER_REGISTRY_LOCK
+                // Waits for the record's lock with the registry's held.
+                pthread_mutex_lock(&record->state->mutex);
+                pthread_mutex_unlock(&record->state->mutex);
+#endif
             } else {
                 // Most recently handed back first, skipping records that a
                 // lookup still has pinned. Once a record is out of byObject it

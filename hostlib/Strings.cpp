@@ -15,6 +15,10 @@ std::wstring utf82wchar(const char* utf8) {
     if (utf8 == nullptr) return out;
     const unsigned char* p = reinterpret_cast<const unsigned char*>(utf8);
     while (*p != 0) {
+#ifdef FTPDISK_PLANTED_FAULT_UTF8_READ_AS_LATIN1
+        out.push_back(static_cast<wchar_t>(*p++));
+        continue;
+#endif
         unsigned int c = *p;
         int extra;
         unsigned int code;
@@ -106,7 +110,11 @@ int StringParser::Split(char* text, char* separator) {  // NOLINT(readability-no
     if (sepLength == 1) {
         const char s = sep[0];
         for (; pos < length; ++pos) {
-            if (data[pos] == s) {
+            bool cut = data[pos] == s;
+#ifdef FTPDISK_PLANTED_FAULT_TABS_SPLIT_WORDS
+            cut = cut || (s == ' ' && data[pos] == '\t');
+#endif
+            if (cut) {
                 if (pos > wordStart) {
                     starts_.push_back(static_cast<unsigned int>(wordStart));
                     lengths_.push_back(static_cast<unsigned int>(pos - wordStart));
@@ -152,9 +160,18 @@ void StringHandler::split(const std::string& text, std::vector<std::string>& par
     for (;;) {
         std::string::size_type found = text.find(separator, begin);
         if (found == std::string::npos) {
+#ifdef FTPDISK_PLANTED_FAULT_EMPTY_PARTS_DROPPED
+            if (begin == text.size()) return;
+#endif
             parts.push_back(text.substr(begin));
             return;
         }
+#ifdef FTPDISK_PLANTED_FAULT_EMPTY_PARTS_DROPPED
+        if (found == begin) {
+            begin = found + separator.size();
+            continue;
+        }
+#endif
         parts.push_back(text.substr(begin, found - begin));
         begin = found + separator.size();
     }

@@ -28,7 +28,7 @@ say() { printf '\n=== %s\n' "$*"; }
 die() { printf 'demo: FAIL: %s\n' "$*" >&2; exit 1; }
 
 say "installing what is missing"
-timeout 1800 scripts/install-deps.sh
+timeout 1800 scripts/install-deps.sh demo
 
 say "building the ftpdisk command (release preset)"
 timeout 600 cmake --preset release >/dev/null

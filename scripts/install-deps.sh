@@ -1,19 +1,30 @@
 #!/usr/bin/env bash
-# Installs what a fresh Debian 12 machine lacks to build and test ftpdisk:
-# compilers and build tools, GoogleTest and Google Benchmark, the armhf cross
-# toolchain with qemu-user, the real FTP servers the server tests start on
-# loopback, curl (the peer client of bench/peers), gnuplot for the soak's plot,
-# and the tools that make and check the Debian packages and the API reference.
-# Idempotent: when everything is present it only checks and prints.
+# Installs what a Debian 12 machine lacks for one task, and nothing more:
 #
-# The armhf packages' dependencies are worked out by dpkg-shlibdeps from the
-# armhf C and C++ runtime libraries as Debian installs them for a second
-# architecture, so armhf is added to dpkg's architectures and those three
-# libraries are installed (in /usr/lib/arm-linux-gnueabihf; nothing runs them).
+#   scripts/install-deps.sh [TASK] [ARCH...]
 #
-# The three FTP daemons conflict with each other as Debian packages (each
-# provides ftp-server), so vsftpd is installed the usual way and proftpd and
-# pure-ftpd are unpacked from their .deb files into ${FTPDISK_SERVERS_DIR}
+#   build    compilers and build tools, GoogleTest and Google Benchmark: what
+#            the presets' builds need (cmake --preset debug, release, ...)
+#   package  the build tools and the Debian package tools (dpkg-dev,
+#            lintian, file) for scripts/package.sh; with the architecture
+#            armhf (named, or no architecture named) also the armhf cross
+#            compiler and the armhf C and C++ runtime libraries, whose
+#            dependency information dpkg-shlibdeps reads (armhf is added to
+#            dpkg's architectures for them; nothing runs them)
+#   demo     the build tools and pyftpdlib, the FTP server scripts/demo.sh
+#            starts
+#   test     everything scripts/test.sh runs (the default): all of the above,
+#            clang with clang-format and clang-tidy, qemu-user for the armhf
+#            tests, the real FTP servers the server tests start on loopback,
+#            curl (the peer client of bench/peers), gnuplot for the soak's
+#            plot, pkg-config and doxygen for the packages step, and the
+#            local user "rec" with password "pw" that the server tests log in
+#            as (vsftpd authenticates local users only). Only this task makes
+#            that user, adds a source list or builds anything.
+#
+# The three FTP daemons of `test` conflict with each other as Debian packages
+# (each provides ftp-server), so vsftpd is installed the usual way and proftpd
+# and pure-ftpd are unpacked from their .deb files into ${FTPDISK_SERVERS_DIR}
 # (default /opt/ftpdisk-servers), with the libraries they need installed as
 # ordinary packages. BusyBox's ftpd is not in Debian's busybox build, so it is
 # built from Debian's busybox source package with just the applets it needs
@@ -21,13 +32,21 @@
 # None of them runs as a service: the tests start their own instances on
 # 127.0.0.1 and stop them again.
 #
-# The server tests log in as the local user "rec" with password "pw" (vsftpd
-# authenticates local users only), so that user is created here too.
+# Idempotent: when everything is present it only checks and prints. A failed
+# `apt-get update` (a mirror caught mid-sync fails one index for hours) is
+# tried once more; then the install goes on with the lists apt has, says
+# which indexes it could not fetch, and apt-get install decides.
 #
-#   scripts/install-deps.sh
+# FTPDISK_DEPS_DRY_RUN=1 changes nothing: it prints every command that would
+# change the machine ("would run: ...") and the task's package list.
+# FTPDISK_DEPS_DRY_RUN=fresh does the same as if the machine were a fresh
+# Debian 12: none of the packages, servers, architectures or users there yet.
 set -euo pipefail
 
 servers_dir=${FTPDISK_SERVERS_DIR:-/opt/ftpdisk-servers}
+dry_run=${FTPDISK_DEPS_DRY_RUN:-}
+apt_get=apt-get
+retry_seconds=5
 export DEBIAN_FRONTEND=noninteractive
 
 say() { echo "install-deps: $*"; }
@@ -38,14 +57,21 @@ else
   sudo_cmd=
 fi
 
-# Packages installed the usual way. The libraries of the two unpacked daemons
-# are listed here as well, because nothing else would pull them in.
-packages=(
-  cmake ninja-build g++ clang
+# What the presets' builds need.
+build_packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev)
+# scripts/package.sh: the build tools and the package tools; nm, readelf and
+# c++filt come with g++ (binutils).
+package_packages=(cmake ninja-build g++ dpkg-dev lintian file)
+package_armhf_packages=(g++-arm-linux-gnueabihf libc6-dev-armhf-cross
+  libc6:armhf libstdc++6:armhf libgcc-s1:armhf)
+# scripts/demo.sh
+demo_packages=("${build_packages[@]}" python3-pyftpdlib)
+# Everything else scripts/test.sh runs. The libraries of the two unpacked
+# daemons are listed here as well, because nothing else would pull them in.
+test_packages=(
+  clang
   # scripts/lint.sh
   clang-format-14 clang-tidy-14
-  libgtest-dev libgmock-dev libbenchmark-dev
-  python3-pyftpdlib
   vsftpd
   # the peer client of the side-by-side benchmark (bench/peers)
   curl
@@ -56,12 +82,11 @@ packages=(
   # pure-ftpd's libraries
   libsodium23
   # building BusyBox's ftpd from its Debian source package
-  make gcc bzip2 dpkg-dev libcrypt-dev
-  # cross build for the recorder's 32-bit ARM and running its tests
-  g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user
-  # Debian packages, their checks and the API reference
-  lintian file pkgconf doxygen
-  libc6:armhf libstdc++6:armhf libgcc-s1:armhf
+  make gcc bzip2 libcrypt-dev
+  # running the armhf tests
+  qemu-user
+  # the packages step: the downstream recorder's pkg-config build, the API reference
+  pkgconf doxygen
   # the soak's plot (scripts/soak.sh)
   gnuplot-nox
 )
@@ -69,54 +94,83 @@ packages=(
 # Packages unpacked into ${servers_dir}/<package> instead of installed.
 unpacked=(proftpd-core pure-ftpd)
 
+fresh() { [ "${dry_run}" = fresh ]; }
+dry() { [ -n "${dry_run}" ]; }
+
+# Runs a command that changes the machine (as root), or says it would.
+change() {
+  if dry; then
+    say "would run: $*"
+  else
+    ${sudo_cmd} "$@"
+  fi
+}
+
 installed() {
+  fresh && return 1
   dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'
 }
 
 updated=no
 apt_update_once() {
-  if [ "${updated}" = no ]; then
-    say "apt-get update"
-    # A mirror caught mid-sync fails one index ("File has unexpected size ...
-    # Mirror sync in progress?", exit 100) for hours while every other list
-    # is fine: try once more, then go on with the lists apt has and let
-    # apt-get install decide whether what is needed can be had.
-    if ! ${sudo_cmd} apt-get update; then
-      say "apt-get update failed; trying once more in 5 s"
-      sleep 5
-      if ! ${sudo_cmd} apt-get update; then
-        say "apt-get update failed again: going on with the package lists apt has (some indexes may be old or missing)"
+  [ "${updated}" = no ] || return 0
+  updated=yes
+  if dry; then
+    say "would run: ${apt_get} update (once more after ${retry_seconds} s if it fails)"
+    return 0
+  fi
+  say "apt-get update"
+  local log status=0
+  log=$(mktemp)
+  ${sudo_cmd} "${apt_get}" update 2>&1 | tee "${log}" || status=$?
+  if [ "${status}" -ne 0 ]; then
+    say "apt-get update failed (${status}); trying once more in ${retry_seconds} s"
+    sleep "${retry_seconds}"
+    status=0
+    ${sudo_cmd} "${apt_get}" update 2>&1 | tee "${log}" || status=$?
+    if [ "${status}" -ne 0 ]; then
+      say "apt-get update failed again (${status}): going on with the package lists apt has;" \
+        "apt-get install decides whether what is needed can be had"
+      # Err: names each index that was not fetched, E: Failed to fetch its URL.
+      local skipped
+      skipped=$(grep -E '^(Err:|E: Failed to fetch)' "${log}" || true)
+      if [ -n "${skipped}" ]; then
+        while IFS= read -r line; do say "skipped: ${line}"; done <<<"${skipped}"
+      else
+        say "skipped: the whole update (apt-get named no index)"
       fi
     fi
-    updated=yes
   fi
+  rm -f "${log}"
 }
 
-if ! dpkg --print-foreign-architectures | grep -qx armhf; then
-  say "adding armhf to dpkg's architectures"
-  ${sudo_cmd} dpkg --add-architecture armhf
-fi
-
-missing=()
-for p in "${packages[@]}"; do
-  installed "$p" || missing+=("$p")
-done
-
-if [ ${#missing[@]} -gt 0 ]; then
+# Installs the packages of `wanted` that are missing. No daemon may start
+# while it runs: policy-rc.d forbids service starts for the duration when the
+# machine has no such policy of its own.
+install_packages() {
+  local missing=() p
+  for p in "$@"; do
+    installed "${p}" || missing+=("${p}")
+  done
+  if [ ${#missing[@]} -eq 0 ]; then
+    say "all $# packages present"
+    return 0
+  fi
   apt_update_once
   say "installing: ${missing[*]}"
-  # Debian starts a daemon right after installing it unless policy-rc.d says
-  # no; no FTP service may run here, so forbid starts for the duration when
-  # the machine has no such policy of its own.
-  guard_created=no
+  if dry; then
+    say "would run: ${apt_get} install -y --no-install-recommends ${missing[*]}"
+    return 0
+  fi
+  local guard_created=no
   if [ ! -e /usr/sbin/policy-rc.d ]; then
     say "forbidding service starts during the install (temporary /usr/sbin/policy-rc.d)"
     printf '#!/bin/sh\nexit 101\n' | ${sudo_cmd} tee /usr/sbin/policy-rc.d >/dev/null
     ${sudo_cmd} chmod 755 /usr/sbin/policy-rc.d
     guard_created=yes
   fi
-  status=0
-  ${sudo_cmd} apt-get install -y --no-install-recommends "${missing[@]}" || status=$?
+  local status=0
+  ${sudo_cmd} "${apt_get}" install -y --no-install-recommends "${missing[@]}" || status=$?
   if [ "${guard_created}" = yes ]; then
     ${sudo_cmd} rm -f /usr/sbin/policy-rc.d
   fi
@@ -124,53 +178,82 @@ if [ ${#missing[@]} -gt 0 ]; then
     say "apt-get install failed (${status})"
     exit ${status}
   fi
-else
-  say "all ${#packages[@]} packages present"
-fi
+}
+
+add_armhf() {
+  if ! fresh && dpkg --print-foreign-architectures | grep -qx armhf; then
+    return 0
+  fi
+  say "adding armhf to dpkg's architectures"
+  change dpkg --add-architecture armhf
+  # The new architecture's lists come with the next update.
+  updated=no
+}
 
 # Unpacked daemons: one folder per package, stamped with the unpacked version.
 # Delete the folder to unpack a newer one.
-${sudo_cmd} mkdir -p "${servers_dir}"
-for p in "${unpacked[@]}"; do
-  target="${servers_dir}/${p}"
-  stamp="${target}/.ftpdisk-version"
-  have=""
-  [ -f "${stamp}" ] && have=$(cat "${stamp}")
-  if [ -n "${have}" ] && [ -d "${target}/usr" ]; then
-    say "${p} ${have} already unpacked in ${target}"
-    continue
-  fi
-  apt_update_once
-  work=$(mktemp -d)
-  say "downloading ${p}"
-  (cd "${work}" && apt-get download -o APT::Sandbox::User=root "${p}")
-  deb=$(ls "${work}"/*.deb)
-  version=$(dpkg-deb -f "${deb}" Version)
-  say "unpacking ${p} ${version} into ${target}"
-  ${sudo_cmd} rm -rf "${target}"
-  ${sudo_cmd} mkdir -p "${target}"
-  ${sudo_cmd} dpkg-deb -x "${deb}" "${target}"
-  echo "${version}" | ${sudo_cmd} tee "${stamp}" >/dev/null
-  rm -rf "${work}"
-done
+unpack_servers() {
+  local p target stamp have work deb version
+  for p in "${unpacked[@]}"; do
+    target="${servers_dir}/${p}"
+    stamp="${target}/.ftpdisk-version"
+    have=""
+    if ! fresh && [ -f "${stamp}" ]; then
+      have=$(cat "${stamp}")
+    fi
+    if [ -n "${have}" ] && [ -d "${target}/usr" ]; then
+      say "${p} ${have} already unpacked in ${target}"
+      continue
+    fi
+    apt_update_once
+    if dry; then
+      say "would run: ${apt_get} download ${p}, then dpkg-deb -x into ${target}"
+      continue
+    fi
+    work=$(mktemp -d)
+    say "downloading ${p}"
+    (cd "${work}" && "${apt_get}" download -o APT::Sandbox::User=root "${p}")
+    deb=$(ls "${work}"/*.deb)
+    version=$(dpkg-deb -f "${deb}" Version)
+    say "unpacking ${p} ${version} into ${target}"
+    ${sudo_cmd} mkdir -p "${servers_dir}"
+    ${sudo_cmd} rm -rf "${target}"
+    ${sudo_cmd} mkdir -p "${target}"
+    ${sudo_cmd} dpkg-deb -x "${deb}" "${target}"
+    echo "${version}" | ${sudo_cmd} tee "${stamp}" >/dev/null
+    rm -rf "${work}"
+  done
+}
 
 # BusyBox with ftpd, from Debian's source package (deb-src of the machine's
 # own Debian release is added when no source list exists).
-busybox_dir="${servers_dir}/busybox"
-if [ -x "${busybox_dir}/busybox" ] && [ -f "${busybox_dir}/.ftpdisk-version" ]; then
-  say "busybox $(cat "${busybox_dir}/.ftpdisk-version") with ftpd already built in ${busybox_dir}"
-else
-  if ! grep -rqsE '^(deb-src|Types:.*deb-src)' /etc/apt/sources.list /etc/apt/sources.list.d/; then
+build_busybox() {
+  local busybox_dir="${servers_dir}/busybox"
+  if ! fresh && [ -x "${busybox_dir}/busybox" ] && [ -f "${busybox_dir}/.ftpdisk-version" ]; then
+    say "busybox $(cat "${busybox_dir}/.ftpdisk-version") with ftpd already built in ${busybox_dir}"
+    return 0
+  fi
+  if fresh || ! grep -rqsE '^(deb-src|Types:.*deb-src)' /etc/apt/sources.list /etc/apt/sources.list.d/; then
+    local codename
     codename=$(. /etc/os-release && echo "${VERSION_CODENAME}")
     say "adding Debian's source list for ${codename} (/etc/apt/sources.list.d/ftpdisk-src.sources)"
-    printf 'Types: deb-src\nURIs: http://deb.debian.org/debian\nSuites: %s\nComponents: main\nSigned-By: /usr/share/keyrings/debian-archive-keyring.gpg\n' \
-      "${codename}" | ${sudo_cmd} tee /etc/apt/sources.list.d/ftpdisk-src.sources >/dev/null
+    if dry; then
+      say "would run: write /etc/apt/sources.list.d/ftpdisk-src.sources (deb-src ${codename} main)"
+    else
+      printf 'Types: deb-src\nURIs: http://deb.debian.org/debian\nSuites: %s\nComponents: main\nSigned-By: /usr/share/keyrings/debian-archive-keyring.gpg\n' \
+        "${codename}" | ${sudo_cmd} tee /etc/apt/sources.list.d/ftpdisk-src.sources >/dev/null
+    fi
     updated=no
   fi
   apt_update_once
+  if dry; then
+    say "would run: ${apt_get} source busybox, then build busybox with ftpd, tcpsvd and ls into ${busybox_dir}"
+    return 0
+  fi
+  local work src version
   work=$(mktemp -d)
   say "fetching Debian's busybox source package"
-  (cd "${work}" && apt-get source -o APT::Sandbox::User=root busybox >/dev/null)
+  (cd "${work}" && "${apt_get}" source -o APT::Sandbox::User=root busybox >/dev/null)
   src=$(find "${work}" -maxdepth 1 -mindepth 1 -type d -name 'busybox-*' | head -n 1)
   version=$(cd "${work}" && ls busybox_*.dsc | sed 's/^busybox_//; s/\.dsc$//')
   say "building busybox ${version} with ftpd, tcpsvd and ls"
@@ -201,32 +284,114 @@ else
   ${sudo_cmd} install -m 755 "${src}/busybox" "${busybox_dir}/busybox"
   echo "${version}" | ${sudo_cmd} tee "${busybox_dir}/.ftpdisk-version" >/dev/null
   rm -rf "${work}"
-fi
+}
 
 # Every unpacked program must find its libraries; say so loudly if not.
-for exe in "${servers_dir}/proftpd-core/usr/sbin/proftpd" \
-           "${servers_dir}/pure-ftpd/usr/sbin/pure-ftpd" \
-           "${servers_dir}/pure-ftpd/usr/bin/pure-pw" \
-           "${servers_dir}/busybox/busybox"; do
-  if [ ! -x "${exe}" ]; then
-    say "missing ${exe}"
-    exit 1
-  fi
-  if ldd "${exe}" | grep -q 'not found'; then
-    say "${exe} lacks libraries:"
-    ldd "${exe}" | grep 'not found'
-    exit 1
-  fi
-done
+check_servers() {
+  dry && return 0
+  local exe
+  for exe in "${servers_dir}/proftpd-core/usr/sbin/proftpd" \
+             "${servers_dir}/pure-ftpd/usr/sbin/pure-ftpd" \
+             "${servers_dir}/pure-ftpd/usr/bin/pure-pw" \
+             "${servers_dir}/busybox/busybox"; do
+    if [ ! -x "${exe}" ]; then
+      say "missing ${exe}"
+      exit 1
+    fi
+    if ldd "${exe}" | grep -q 'not found'; then
+      say "${exe} lacks libraries:"
+      ldd "${exe}" | grep 'not found'
+      exit 1
+    fi
+  done
+}
 
 # The FTP user of the server tests.
-if ! id rec >/dev/null 2>&1; then
-  say "creating local user rec (password pw) for the FTP server tests"
-  ${sudo_cmd} useradd --create-home --shell /bin/sh rec
-fi
-if ! ${sudo_cmd} grep -q '^rec:[^!*:]' /etc/shadow; then
-  say "setting the password of rec"
-  echo 'rec:pw' | ${sudo_cmd} chpasswd
-fi
+make_test_user() {
+  if fresh || ! id rec >/dev/null 2>&1; then
+    say "creating local user rec (password pw) for the FTP server tests"
+    change useradd --create-home --shell /bin/sh rec
+  fi
+  if fresh || ! ${sudo_cmd} grep -q '^rec:[^!*:]' /etc/shadow; then
+    say "setting the password of rec"
+    if dry; then
+      say "would run: chpasswd (rec:pw)"
+    else
+      echo 'rec:pw' | ${sudo_cmd} chpasswd
+    fi
+  fi
+}
 
-say "done"
+main() {
+  local task=${1:-test}
+  [ $# -eq 0 ] || shift
+  local arches=("$@")
+  case "${task}" in
+    build | package | demo | test) ;;
+    *)
+      echo "usage: scripts/install-deps.sh [build|package|demo|test] [amd64] [armhf]" >&2
+      exit 2
+      ;;
+  esac
+  local arch want_armhf=no
+  for arch in "${arches[@]}"; do
+    case "${arch}" in
+      amd64) ;;
+      armhf) want_armhf=yes ;;
+      *)
+        echo "install-deps: unknown architecture ${arch} (amd64 or armhf)" >&2
+        exit 2
+        ;;
+    esac
+  done
+
+  local wanted=()
+  case "${task}" in
+    build)
+      want_armhf=no
+      wanted=("${build_packages[@]}")
+      ;;
+    package)
+      # Like scripts/package.sh: no architecture named means both.
+      [ ${#arches[@]} -gt 0 ] || { arches=(amd64 armhf); want_armhf=yes; }
+      wanted=("${package_packages[@]}")
+      [ "${want_armhf}" = no ] || wanted+=("${package_armhf_packages[@]}")
+      ;;
+    demo)
+      want_armhf=no
+      wanted=("${demo_packages[@]}")
+      ;;
+    test)
+      # Everything, armhf included whatever architectures were named.
+      want_armhf=yes
+      local p seen=" "
+      for p in "${build_packages[@]}" "${package_packages[@]}" "${package_armhf_packages[@]}" \
+               "${demo_packages[@]}" "${test_packages[@]}"; do
+        case "${seen}" in *" ${p} "*) continue ;; esac
+        seen+="${p} "
+        wanted+=("${p}")
+      done
+      ;;
+  esac
+  if [ "${task}" = package ]; then
+    say "task ${task} (${arches[*]})"
+  else
+    say "task ${task}"
+  fi
+  say "packages: ${wanted[*]}"
+
+  [ "${want_armhf}" = no ] || add_armhf
+  install_packages "${wanted[@]}"
+  if [ "${task}" = test ]; then
+    unpack_servers
+    build_busybox
+    check_servers
+    make_test_user
+  fi
+  say "done"
+}
+
+# Sourced (by its test), it only defines the above.
+if [ "${BASH_SOURCE[0]}" = "$0" ]; then
+  main "$@"
+fi

@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
 # The packages as a recorder's firmware team uses them: unpacks the amd64
-# packages into a fresh folder (dpkg -x, nothing is installed on the machine),
-# builds tests/downstream, a separate project with host classes of its own,
-# twice (find_package through CMAKE_PREFIX_PATH, and pkg-config through
-# PKG_CONFIG_PATH with the folder as the sysroot), runs each build against a
-# pyftpdlib server on 127.0.0.1, and compares the files on the server's disk
-# with what was written, byte for byte. Exits non-zero on any failure.
+# packages into a fresh folder (dpkg -x, nothing is installed on the machine)
+# and builds tests/downstream, a separate project, three times: with host
+# classes of its own through find_package (CMAKE_PREFIX_PATH) and through
+# pkg-config (PKG_CONFIG_PATH with the folder as the sysroot), and with the
+# packaged POSIX host classes (ftpdisk::host of libftpdisk-host1) through
+# find_package. Each build runs against a pyftpdlib server on 127.0.0.1, and
+# the files on the server's disk are compared with what was written, byte for
+# byte. The find_package builds also build the host conformance suite from
+# libftpdisk-dev against their host classes and run it: every check must
+# pass. Exits non-zero on any failure.
 #
 #   scripts/test-downstream.sh            # builds the amd64 packages first
 #   scripts/test-downstream.sh --no-build # uses build/package/packages as they are
@@ -21,7 +25,7 @@ if [ "${1:-}" != "--no-build" ]; then
 fi
 packages=build/package/packages
 version=$(sed -n 's/^project(ftpdisk VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
-for name in libftpdisk1 libftpdisk-dev; do
+for name in libftpdisk1 libftpdisk-host1 libftpdisk-dev; do
   [ -f "${packages}/${name}_${version}_amd64.deb" ] || fail "no ${packages}/${name}_${version}_amd64.deb"
 done
 
@@ -29,7 +33,7 @@ work=$(readlink -f build)/downstream
 rm -rf "${work}"
 mkdir -p "${work}/ftp" "${work}/local"
 root=${work}/root
-for name in libftpdisk1 libftpdisk-dev; do
+for name in libftpdisk1 libftpdisk-host1 libftpdisk-dev; do
   dpkg-deb -x "${packages}/${name}_${version}_amd64.deb" "${root}"
 done
 triplet=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
@@ -64,13 +68,16 @@ expected() {
 expected 300000 7 3 >"${work}/clip.expected"
 expected 70001 13 5 >"${work}/put.expected"
 
+# run_consumer <how the module is found: cmake|pkg-config> <whose host: own|package>
 run_consumer() {
-  local how=$1 build=${work}/build-$1
+  local find=$1 host=$2
+  local how=${find}-${host} build=${work}/build-${find}-${host}
   say "${how}: configure and build tests/downstream"
-  case "${how}" in
+  case "${find}" in
     cmake)
       cmake -S tests/downstream -B "${build}" -G Ninja -DDOWNSTREAM_FIND=cmake \
-        -DCMAKE_PREFIX_PATH="${root}/usr" >"${work}/${how}-configure.log" ||
+        -DDOWNSTREAM_HOST="${host}" -DCMAKE_PREFIX_PATH="${root}/usr" \
+        >"${work}/${how}-configure.log" ||
         { cat "${work}/${how}-configure.log"; fail "${how}: configure"; }
       ;;
     pkg-config)
@@ -78,11 +85,20 @@ run_consumer() {
       # unpacked folder in front of its paths, as for a target's SDK.
       PKG_CONFIG_PATH="${root}/usr/lib/${triplet}/pkgconfig" PKG_CONFIG_SYSROOT_DIR="${root}" \
         cmake -S tests/downstream -B "${build}" -G Ninja -DDOWNSTREAM_FIND=pkg-config \
-        >"${work}/${how}-configure.log" ||
+        -DDOWNSTREAM_HOST="${host}" >"${work}/${how}-configure.log" ||
         { cat "${work}/${how}-configure.log"; fail "${how}: configure"; }
       ;;
   esac
   cmake --build "${build}" -j "${jobs}"
+
+  if [ "${find}" = cmake ]; then
+    say "${how}: the host conformance suite against the ${host} host classes"
+    local suite status=0
+    suite=$(LD_LIBRARY_PATH="${root}/usr/lib/${triplet}" "${build}/downstream_host_conformance" 2>&1) ||
+      status=$?
+    printf '%s\n' "${suite}" | sed 's/^/  /'
+    [ ${status} -eq 0 ] || fail "${how}: the host conformance suite failed (status ${status})"
+  fi
 
   local folder=/downstream/${how}
   mkdir -p "${work}/local/${how}"
@@ -94,14 +110,29 @@ run_consumer() {
   [ ${status} -eq 0 ] || fail "${how}: the recorder ended with status ${status}"
   printf '%s\n' "${output}" | grep -qx "module ${root}/usr/lib/${triplet}/libftpdisk.so.1" ||
     fail "${how}: the recorder did not run the packaged module"
+  if [ "${host}" = package ]; then
+    printf '%s\n' "${output}" | grep -qx "host ${root}/usr/lib/${triplet}/libftpdisk_host.so.1" ||
+      fail "${how}: the recorder did not run the packaged host classes"
+  else
+    printf '%s\n' "${output}" | grep -qx "host ${build}/downstream_recorder" ||
+      fail "${how}: the recorder did not run its own host classes"
+  fi
   cmp "${work}/ftp${folder}/clip.ts" "${work}/clip.expected" ||
     fail "${how}: clip.ts on the server's disk differs from what was written"
   cmp "${work}/ftp${folder}/put.bin" "${work}/put.expected" ||
     fail "${how}: put.bin on the server's disk differs from the local file"
   say "${how}: the server's disk holds exactly the bytes written (clip.ts 300000, put.bin 70001)"
+  local shown
+  for shown in "wrong password" "server unreachable" "server refuses more connections" \
+               "connection lost"; do
+    printf '%s\n' "${output}" | grep -q "^ok   init .* shows \"${shown}\"" ||
+      fail "${how}: the recorder could not show \"${shown}\" from the last error"
+  done
+  say "${how}: the last error showed wrong password, server unreachable, server refuses more connections and connection lost"
 }
 
 started=$SECONDS
-run_consumer cmake
-run_consumer pkg-config
-say "both consumers passed in $((SECONDS - started)) s"
+run_consumer cmake own
+run_consumer pkg-config own
+run_consumer cmake package
+say "all three consumers passed in $((SECONDS - started)) s"

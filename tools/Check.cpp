@@ -3,10 +3,15 @@
 // --cameras N it also opens N files at once, as N cameras recording together.
 //
 //   ok    init         0.63 ms  connected and logged in
+//   ok    data         4.12 ms  server announces 172.17.0.5 for data, connecting to ...
+//   ok    replies              slowest reply 1.20 ms (LIST), within the 3 s wait
 //   FAIL  write        3050 ms  writing to the server failed after 65536 bytes
 //   skip  list                  not run: write failed
 //   FAIL  cameras      12.3 ms  server granted 3 connections; 4 cameras need 5: '421 ...'
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +24,7 @@
 #include "Commands.h"
 #include "LoginProbe.h"
 #include "ToolFormat.h"
+#include "ftp/FTPTool.h"
 
 namespace ftpdisk_tool {
 
@@ -109,6 +115,101 @@ bool openCameraFiles(FTPFileSystem* store, const Location& location, const std::
     return true;
 }
 
+// The slowest single reply one session of the module's FTP client saw, and to
+// what. The module waits 3 s for a reply to start; a server that comes near
+// that (a disk spinning up, say) fails commands now and then.
+struct SlowestReply {
+    double seconds = 0;
+    std::string what;
+
+    void note(double took, const char* command) {
+        if (took > seconds) {
+            seconds = took;
+            what = command;
+        }
+    }
+};
+
+std::string dottedAddress(const sockaddr_in& address) {
+    char text[INET_ADDRSTRLEN] = "";
+    ::inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    return text;
+}
+
+// The "data" step: one session of the module's own FTP client (the one the
+// store uses) asks for a passive data address and lists the base directory
+// through it. The module connects its data connections to the address the
+// control connection reached, with the port the server announces; a server
+// that announces another address is behind address translation, which the
+// module rides over, and this says so. Every reply is timed.
+bool probeDataAddress(const Location& location, SlowestReply& slowest, std::string& detail) {
+    FTPTool tool;
+    double start = monotonicSeconds();
+    if (tool.connect(location.server.c_str()) != 1) {
+        detail = "cannot connect: " + std::string(tool.getResponse());
+        return false;
+    }
+    slowest.note(monotonicSeconds() - start, "greeting");
+    start = monotonicSeconds();
+    if (tool.login(location.user.c_str(), location.password.c_str()) != 1) {
+        detail = "login refused: " + std::string(tool.getResponse());
+        return false;
+    }
+    slowest.note(monotonicSeconds() - start, "login");
+    const std::string base = location.base.empty() ? "/" : location.base;
+    start = monotonicSeconds();
+    if (tool.cd(base.c_str()) != 1) {
+        detail = "cannot change into " + base + ": " + tool.getResponse();
+        return false;
+    }
+    slowest.note(monotonicSeconds() - start, "CWD");
+    start = monotonicSeconds();
+    if (tool.Sendcmd("PASV", '2') != 1) {
+        detail = "passive mode refused: " + std::string(tool.getResponse());
+        return false;
+    }
+    slowest.note(monotonicSeconds() - start, "PASV");
+    sockaddr_in announced{};
+    sockaddr_in reached{};
+    socklen_t length = sizeof reached;
+    if (ftpParsePassiveReply(tool.getResponse(), &announced) != 1 ||
+        ::getpeername(tool.getControlBuf()->handle, reinterpret_cast<sockaddr*>(&reached),
+                      &length) != 0) {
+        detail = "no data address in the reply: " + std::string(tool.getResponse());
+        return false;
+    }
+    NetBuf* data = nullptr;
+    start = monotonicSeconds();
+    if (tool.dataConnect(base.c_str(), kFtpList, 'I', &data) != 1) {
+        detail = "cannot list " + base + " through port " +
+                 std::to_string(ntohs(announced.sin_port)) + " of " + dottedAddress(reached) +
+                 ": " + tool.getResponse();
+        return false;
+    }
+    slowest.note(monotonicSeconds() - start, "PASV and LIST");
+    char sink[4096];
+    while (tool.read(sink, sizeof sink, data) > 0) {
+    }
+    start = monotonicSeconds();
+    const bool closed = tool.closeData(data) == 1;
+    slowest.note(monotonicSeconds() - start, "LIST's closing reply");
+    start = monotonicSeconds();
+    tool.quit();
+    slowest.note(monotonicSeconds() - start, "QUIT");
+    if (!closed) {
+        detail = "the listing through the data connection did not end well: " +
+                 std::string(tool.getResponse());
+        return false;
+    }
+    if (announced.sin_addr.s_addr != reached.sin_addr.s_addr) {
+        detail = "server announces " + dottedAddress(announced) + " for data, connecting to " +
+                 dottedAddress(reached) + " instead: the server is behind address translation";
+    } else {
+        detail = "server announces " + dottedAddress(announced) + ", the address it was reached at";
+    }
+    return true;
+}
+
 class StepPrinter {
 public:
     // Runs `body` as one step unless an earlier step it needs has failed.
@@ -195,6 +296,21 @@ int runCheck(const Arguments& args) {
     const double initSeconds = monotonicSeconds() - initStart;
     steps.report("init", ready, initSeconds,
                  ready ? "connected and logged in" : explainLoginFailure(location));
+    SlowestReply slowest;
+    const bool dataReached = steps.run("data", ready, "init failed", [&](std::string& detail) {
+        return probeDataAddress(location, slowest, detail);
+    });
+    steps.run("replies", dataReached, "data failed", [&](std::string& detail) {
+        detail = "slowest reply " + humanMillis(slowest.seconds) + " (" + slowest.what + ")";
+        // The module waits 3 s for a reply to start and fails the command
+        // when none has; a server that takes a second already is close.
+        if (slowest.seconds >= 3.0) {
+            detail += ", past the module's 3 s wait: commands will fail";
+            return false;
+        }
+        if (slowest.seconds >= 1.0) detail += ", near the module's 3 s wait";
+        return true;
+    });
 
     // A name of its own per run, so that two checks never meet and a left-over
     // directory says where it came from.

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "foundation/LastError.h"
 #include "foundation/TextField.h"
 
 namespace {
@@ -93,6 +94,8 @@ int FtpFileHandleManager::open(const char* path, int mode) {
     // before a handle number is reserved.
     if (path == nullptr || strlen(path) >= static_cast<size_t>(kFtpFileNameSize) ||
         strpbrk(path, "\r\n") != nullptr) {
+        lasterror::note(lasterror::kBadArgument,
+                        "no path, a path of 256 characters or more, or one holding a line end");
         return -1;
     }
     int id = -1;
@@ -103,10 +106,13 @@ int FtpFileHandleManager::open(const char* path, int mode) {
         // Opens in progress count: they will be open files in a moment.
         if (static_cast<long>(fileHandlers.size() + opening.size()) >=
             static_cast<long>(maxOpenFiles)) {
+            lasterror::note(lasterror::kLocalLimit, "as many files open as the store allows");
             return -1;
         }
         id = getFileHandleID(path);
         if (id == -1) {
+            lasterror::note(lasterror::kLocalLimit,
+                            pathInUse(path) ? "the path is already open" : "no free handle number");
             return -1;
         }
         pending.reset(new PendingOpen(*this, id, path));
@@ -143,6 +149,7 @@ int FtpFileHandleManager::close(int handle) {
         KDMutexLocker guard(mutex, kLockSource, __LINE__);
         std::map<int32_t, bool>::iterator number = handleInUse.find(handle);
         if (number == handleInUse.end()) {
+            lasterror::note(lasterror::kBadArgument, "no such handle");
             return -1;
         }
         // A number whose open has not returned yet belongs to nobody who
@@ -151,6 +158,7 @@ int FtpFileHandleManager::close(int handle) {
         for (std::vector<OpenInProgress>::const_iterator it = opening.begin(); it != opening.end();
              ++it) {
             if (it->handle == handle) {
+                lasterror::note(lasterror::kBadArgument, "the handle's open has not ended yet");
                 return -1;
             }
         }
@@ -177,6 +185,13 @@ int FtpFileHandleManager::close(int handle) {
     if (tool->getUsable() && result == 0 && tool->owedReplies() == 0) {
         freeToolBuff->addFreeFTPTool(tool);
         return 0;
+    }
+    if (result == 0) {
+        // The transfer ended well; the connection is dropped for a reason of
+        // its own, which is the close's.
+        lasterror::note(tool->owedReplies() != 0 ? lasterror::kNoReply : lasterror::kConnectionLost,
+                        tool->owedReplies() != 0 ? "the connection still owes a reply"
+                                                 : "an earlier read or write on the file failed");
     }
     tool->quit();
     return -1;

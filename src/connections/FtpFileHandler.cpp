@@ -1,8 +1,11 @@
 #include "connections/FtpFileHandler.h"
 
+#include <errno.h>
 #include <limits.h>
 #include <string.h>
 #include <sys/ioctl.h>
+
+#include "foundation/LastError.h"
 
 namespace {
 
@@ -15,6 +18,8 @@ int clampLength(unsigned int len) {
 // Source name under which the transfer lock is taken, for the host's lock
 // diagnostics.
 const char* const kLockSource = "FtpFileHandler";
+
+const char* const kClosedText = "the file is closed";
 
 }  // namespace
 
@@ -54,7 +59,7 @@ bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/, const ch
         case kFtpModeWrite:
         case kFtpModeWrite2: kind = kFtpStor; break;
         case kFtpModeAppend: kind = kFtpAppe; break;
-        default: return false;
+        default: lasterror::note(lasterror::kBadArgument, "unknown open mode"); return false;
     }
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection != nullptr) {
@@ -66,6 +71,7 @@ bool FtpFileHandler::open(const char* /*server*/, const char* /*user*/, const ch
 int FtpFileHandler::read(char* buf, unsigned int len) {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == nullptr) {
+        lasterror::note(lasterror::kBadArgument, kClosedText);
         return -1;
     }
     const int result = ftpTool->read(buf, clampLength(len), dataConnection);
@@ -80,6 +86,7 @@ int FtpFileHandler::read(char* buf, unsigned int len) {
 int FtpFileHandler::write(const char* buf, unsigned int len) {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == nullptr) {
+        lasterror::note(lasterror::kBadArgument, kClosedText);
         return -1;
     }
     const int result = ftpTool->write(buf, clampLength(len), dataConnection);
@@ -92,13 +99,16 @@ int FtpFileHandler::write(const char* buf, unsigned int len) {
 int FtpFileHandler::aioWrite(const char* buf, unsigned int len) {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == nullptr) {
+        lasterror::note(lasterror::kBadArgument, kClosedText);
         return -1;
     }
     // Set on every call: the asynchronous write must never block the
     // recorder's thread, whatever was done to the socket before.
     int nonBlocking = 1;
     if (ioctl(dataConnection->handle, FIONBIO, &nonBlocking) != 0) {
-        return -1;  // nothing was sent; the connection itself is not at fault
+        // Nothing was sent; the connection itself is not at fault.
+        lasterror::noteError(lasterror::kConnectionLost, errno);
+        return -1;
     }
     const int result = ftpTool->aioWrite(buf, len, dataConnection);
     if (result < 0) {
@@ -112,6 +122,7 @@ int FtpFileHandler::aioReturn(int milliseconds) {
     if (dataConnection == nullptr) {
         // Closed (possibly by another thread while this call was on its way):
         // the same answer the store gives for a handle it does not know.
+        lasterror::note(lasterror::kBadArgument, kClosedText);
         return -1;
     }
     // A time-out (-1) or error (-2) here is reported, not judged: the final
@@ -122,6 +133,7 @@ int FtpFileHandler::aioReturn(int milliseconds) {
 int FtpFileHandler::close() {
     KDMutexLocker guard(transferLock, kLockSource, __LINE__);
     if (dataConnection == nullptr) {
+        lasterror::note(lasterror::kBadArgument, kClosedText);
         return -1;
     }
     NetBuf* data = dataConnection;

@@ -5,6 +5,8 @@
 // fails every call.
 #include "filesystem/FTPFileSystem.h"
 
+#include <string.h>
+
 #include <exception>
 
 #include "filesystem/ExceptionBarrier.h"
@@ -12,14 +14,17 @@
 
 namespace {
 
-// Runs `call` on the implementation, or gives `failure` when there is none or
-// the call throws a standard exception (see failOnException).
+// Runs `call` on the implementation through the barrier (see exportedCall),
+// or gives `failure` when there is none.
 template <typename Result, typename Call>
-Result forward(FTPFileSystemImpl* impl, Result failure, Call call) {
+Result forward(FTPFileSystemImpl* impl, Result failure, Call call,
+               ExportedCallKind kind = kExportedAction) {
     if (impl == nullptr) {
+        lasterror::clear();
+        lasterror::note(lasterror::kLocalLimit, "the store could not be allocated");
         return failure;
     }
-    return failOnException(failure, call);
+    return exportedCall(failure, kind, call);
 }
 
 // The listing calls answer 1 or 0 as ints: the recorder reads a full int
@@ -80,7 +85,8 @@ int FTPFileSystem::createDir(const char* path) {
 }
 
 bool FTPFileSystem::isDirExist(const char* path) {
-    return forward(impl, false, [&] { return impl->isDirExist(path); });
+    return forward(
+        impl, false, [&] { return impl->isDirExist(path); }, kExportedQuestion);
 }
 
 int FTPFileSystem::getFileList(const char* dir, std::vector<std::string>& names,
@@ -106,7 +112,8 @@ int FTPFileSystem::createFile(const char* path) {
 }
 
 bool FTPFileSystem::isFileExist(const char* path) {
-    return forward(impl, false, [&] { return impl->isFileExist(path); });
+    return forward(
+        impl, false, [&] { return impl->isFileExist(path); }, kExportedQuestion);
 }
 
 int FTPFileSystem::deleteFile(const char* path) {
@@ -150,7 +157,8 @@ int FTPFileSystem::getFileNumber(const char* dir) {
 }
 
 bool FTPFileSystem::isEmptyDir(const char* dir) {
-    return forward(impl, false, [&] { return impl->isEmptyDir(dir); });
+    return forward(
+        impl, false, [&] { return impl->isEmptyDir(dir); }, kExportedQuestion);
 }
 
 int FTPFileSystem::Get(const char* localFile, const char* remoteFile) {
@@ -166,7 +174,8 @@ int FTPFileSystem::aioWrite(int handle, const char* buf, unsigned int len) {
 }
 
 int FTPFileSystem::aioReturn(int handle, int milliseconds) {
-    return forward(impl, -1, [&] { return impl->aioReturn(handle, milliseconds); });
+    return forward(
+        impl, -1, [&] { return impl->aioReturn(handle, milliseconds); }, kExportedWait);
 }
 
 int FTPFileSystem::snapshot_open(const char* path, int unused) {
@@ -183,4 +192,56 @@ int FTPFileSystem::snapshot_close() {
 
 // Nothing is buffered in the module, so there is nothing to flush; the
 // recorder expects 1.
-int FTPFileSystem::flush(int /*handle*/) { return 1; }
+int FTPFileSystem::flush(int /*handle*/) {
+    lasterror::clear();
+    return 1;
+}
+
+// The exported kinds are the module's own, value for value.
+static_assert(
+    static_cast<int>(FTPFileSystem::kErrorRefused) == lasterror::kRefused &&
+        static_cast<int>(FTPFileSystem::kErrorNoReply) == lasterror::kNoReply &&
+        static_cast<int>(FTPFileSystem::kErrorConnectionLost) == lasterror::kConnectionLost &&
+        static_cast<int>(FTPFileSystem::kErrorConnectRefused) == lasterror::kConnectRefused &&
+        static_cast<int>(FTPFileSystem::kErrorUnreachable) == lasterror::kUnreachable &&
+        static_cast<int>(FTPFileSystem::kErrorBadArgument) == lasterror::kBadArgument &&
+        static_cast<int>(FTPFileSystem::kErrorLoginRefused) == lasterror::kLoginRefused &&
+        static_cast<int>(FTPFileSystem::kErrorTurnedAway) == lasterror::kTurnedAway &&
+        static_cast<int>(FTPFileSystem::kErrorLocalLimit) == lasterror::kLocalLimit &&
+        static_cast<int>(FTPFileSystem::kErrorNotInitialised) == lasterror::kNotInitialised &&
+        static_cast<int>(FTPFileSystem::kErrorLocalFile) == lasterror::kLocalFile &&
+        static_cast<int>(FTPFileSystem::kErrorNotFound) == lasterror::kNotFound &&
+        static_cast<int>(FTPFileSystem::kErrorUnexplained) == lasterror::kUnexplained,
+    "the exported error kinds are the module's");
+static_assert(sizeof(FTPFileSystem::LastError().text) == lasterror::kTextSize,
+              "the exported text holds the module's");
+
+FTPFileSystem::LastError FTPFileSystem::getLastError() {
+    LastError copy;
+    copy.kind = lasterror::kind();
+    const char* text = lasterror::text();
+    size_t length = strlen(text);
+    if (length > sizeof copy.text - 1) length = sizeof copy.text - 1;
+    memcpy(copy.text, text, length);
+    copy.text[length] = '\0';
+    return copy;
+}
+
+const char* FTPFileSystem::errorKindName(int kind) {
+    static const char* const kNames[] = {"none",
+                                         "refused",
+                                         "no reply",
+                                         "connection lost",
+                                         "connection refused",
+                                         "unreachable",
+                                         "bad argument",
+                                         "login refused",
+                                         "turned away",
+                                         "local limit",
+                                         "not initialised",
+                                         "local file",
+                                         "not found",
+                                         "unexplained"};
+    if (kind < 0 || kind >= static_cast<int>(sizeof kNames / sizeof kNames[0])) return "unknown";
+    return kNames[kind];
+}

@@ -44,14 +44,22 @@ class FTPFileSystemImpl;
 /// one) comes back as the call's failure value; only KDRuntimeError, for a
 /// misused SafePointer, is ever thrown.
 ///
-/// **Limits on the wire.** Each reply must start within 3 s of being awaited
-/// (a reply that starts later is not waited for: the command is judged on the
-/// previous reply and the connection answers one reply behind); one reply is
-/// abandoned after 30 s in all or 1000 lines; control sockets send and receive
-/// within 10 s, data sockets within 30 s; a listing is abandoned after 60 s in
-/// all and logged to the record error log. TCP connects have no time limit of
-/// their own. Data connections are passive: the address in the server's 227
-/// reply is connected to as given.
+/// **Limits on the wire.** Each reply must start within 3 s of being awaited:
+/// a command whose reply has not started by then fails, and the reply stays
+/// owed; the connection reads and drops it before its next command goes out,
+/// and holds that command back (failing it unsent) while it still has not
+/// come, so a reply is only ever judged for the command it answers. One reply
+/// is abandoned after 30 s in all or 1000 lines; control sockets send and
+/// receive within 10 s, data sockets within 30 s; every TCP connect gives up
+/// after 10 s; a listing is abandoned after 60 s in all and logged to the
+/// record error log. Data connections are passive and go to the address the
+/// control connection reached, with the port of the server's 227 reply (the
+/// address the reply names is not used).
+///
+/// **Why a call failed.** After any call of this class or of
+/// FTPFileSystemManager, the calling thread can ask getLastError() what the
+/// call met: a kind (ErrorKind) and the server's reply line or the system's
+/// error text. Every result above is unchanged by it.
 ///
 /// **Texts.** Create stores through FTPFileSystemManager; a direct caller
 /// must keep the server and the user at most 31 characters and the password
@@ -64,6 +72,72 @@ class FTPFileSystemImpl;
 /// name only up to its first blank and leave out names starting with ".".
 class FTPDISK_EXPORT FTPFileSystem {
 public:
+    /// What a call met, as getLastError() tells it. The values are fixed.
+    enum ErrorKind {
+        /// The call succeeded, or a question was answered cleanly.
+        kErrorNone = 0,
+        /// The server answered a command with a refusal; its reply line is the
+        /// text ("550 No such file or directory"). After a question answered
+        /// "no" (isDirExist, isFileExist) or "empty" (isEmptyDir): the server
+        /// said so.
+        kErrorRefused = 1,
+        /// The server did not reply (or send data) within the module's waits,
+        /// a reply was abandoned after 30 s or 1000 lines, or a command was not
+        /// sent because an earlier reply still had not come.
+        kErrorNoReply = 2,
+        /// The connection failed or the server closed it.
+        kErrorConnectionLost = 3,
+        /// Nothing accepts connections at the server's address and port.
+        kErrorConnectRefused = 4,
+        /// No route to the server, no answer to the connect within 10 s, or a
+        /// host name or service that does not resolve.
+        kErrorUnreachable = 5,
+        /// Refused before anything was sent: a missing argument, a path too
+        /// long for one command line or holding a line end, an unknown handle
+        /// or mode, a text that is not a location.
+        kErrorBadArgument = 6,
+        /// The server refused the user name or the password (a wrong password,
+        /// an unknown user; some servers also refuse a session over their
+        /// limit this way, with a text that says so).
+        kErrorLoginRefused = 7,
+        /// The server turned the session away: a greeting other than 2xx
+        /// ("421 Too many connections"), a close before the greeting, a 421
+        /// at login. Usually a server at its limit of connections.
+        kErrorTurnedAway = 8,
+        /// A limit of this module: as many files open as the store allows,
+        /// the path already open, no free handle number, a snapshot already
+        /// open, memory exhausted.
+        kErrorLocalLimit = 9,
+        /// A path operation of a store that is not initialised.
+        kErrorNotInitialised = 10,
+        /// Get's or Put's local file could not be opened, read or written.
+        kErrorLocalFile = 11,
+        /// The listing came whole, and the file is not in it (getFileLength).
+        kErrorNotFound = 12,
+        /// A failure no part of the module gave a reason for.
+        kErrorUnexplained = 13
+    };
+    /// A kind and its text: the server's reply line (without its line end)
+    /// or the system's error text, or a short text of the module's; "" with
+    /// kErrorNone. Never holds a password.
+    struct LastError {
+        int kind;
+        char text[256];
+    };
+    /// What the calling thread's last call of FTPFileSystem or
+    /// FTPFileSystemManager met (getLastError itself and errorKindName
+    /// excepted). Thread-local: another thread's calls never change it.
+    /// Takes no lock and sends nothing. A call clears it when it begins and
+    /// when it succeeds; a question (isDirExist, isFileExist, isEmptyDir)
+    /// keeps what made its answer, so a "no" because the server refused the
+    /// directory (kErrorRefused) can be told from a "no" because the
+    /// connection failed (kErrorNoReply, kErrorConnectionLost).
+    /// \return a copy, kind kErrorNone on a thread that made no call yet.
+    static LastError getLastError();
+    /// A short fixed name of `kind` ("refused", "no reply", ...), for logs;
+    /// "unknown" for a value outside ErrorKind.
+    static const char* errorKindName(int kind);
+
     /// Builds the store for `server` ("host", "host:port" or "host:service"),
     /// `user` and `password`. Sends nothing. Creates the open-file table with
     /// handle numbers 1 to `capacity` - 1 and an open-file limit of
@@ -81,17 +155,14 @@ public:
     /// the registry runs it under its registry lock.
     virtual ~FTPFileSystem();
 
-    /// Connects the main connection and logs in: TCP connect (no time limit
-    /// of its own), the greeting (2xx), "USER", then "PASS" when the server
-    /// answers 3xx. Takes the operation lock, and the snapshot lock while an
-    /// open snapshot stream is ended (its final reply read) and the
-    /// connection replaced.
-    /// \return 0 when logged in, with the used-bytes account reset to 0 under
-    /// the space lock; -1 on a failed name look-up or connect, a refused
-    /// greeting, a refused login (the connection is then sent "QUIT"), or a
-    /// refused store. A failure leaves the store uninitialised; nothing is
-    /// retried. init() on an initialised store connects again, dropping the
-    /// previous connection without "QUIT".
+    /// Connects the main connection and logs in: TCP connect (at most 10 s),
+    /// the greeting (2xx), "USER", then "PASS" when the server answers 3xx. Takes the operation
+    /// lock, and the snapshot lock while an open snapshot stream is ended (its final reply read)
+    /// and the connection replaced. \return 0 when logged in, with the used-bytes account reset to
+    /// 0 under the space lock; -1 on a failed name look-up or connect, a refused greeting, a
+    /// refused login (the connection is then sent "QUIT"), or a refused store. A failure leaves the
+    /// store uninitialised; nothing is retried. init() on an initialised store connects again,
+    /// dropping the previous connection without "QUIT".
     int init();
     /// Marks the store uninitialised, ends an open snapshot stream (its data
     /// connection closed, its final reply read) and sends "QUIT" on the main
@@ -138,10 +209,13 @@ public:
     /// Unix and DOS listings are understood; each name is read only up to its
     /// first blank and names starting with "." are left out. `filter` is not
     /// used: every file is returned. Operation lock.
-    /// \return 1 when listed; 0 for a null `dir`, an uninitialised store, a
-    /// refused CWD, data connection or LIST, or a listing abandoned after
-    /// 60 s (logged to the record error log). `names` is only appended to on
-    /// success. An int, not a bool: the recorder reads a full int.
+    /// \return 1 when listed whole: the data connection ended in order and the
+    /// final reply was 2xx. 0 for a null `dir`, an uninitialised store, a
+    /// refused CWD, data connection or LIST, a listing cut short (a failed
+    /// read, a read that waited 3 s in vain, a final reply of 4xx or 5xx or
+    /// none within 3 s), or one abandoned after 60 s (logged to the record
+    /// error log). `names` is only appended to on success. An int, not a bool:
+    /// the recorder reads a full int.
     int getFileList(const char* dir, std::vector<std::string>& names, const std::string& filter);
     /// Lists `dir` as getFileList() does and calls `action->onFile(name)` once
     /// for each plain file, in listing order; what onFile returns is ignored.
@@ -208,10 +282,9 @@ public:
     /// characters or more (nothing sent), a refused store, the open-file limit
     /// reached, `path` already open, no free number, an unknown mode, a failed
     /// connect or login, or a refused transfer. A failure after the number was
-    /// reserved keeps that number reserved for the store's life: after 1,023
-    /// such failures a registry store opens nothing until it is deleted and
-    /// added again. The connection of a failed open is never pooled: it is
-    /// sent "QUIT" (when it got as far as a greeting) and released.
+    /// reserved gives that number back. The connection of a failed open is
+    /// never pooled: it is sent "QUIT" (when it got as far as a greeting and
+    /// owes no reply) and released.
     int open(const char* path, int mode);
     /// Sends up to `len` bytes of `buf` on the open file's data connection, in
     /// one send once the socket is writable. Takes the table lock for a moment
@@ -233,8 +306,8 @@ public:
     /// freed and the file taken out of the table; then, without it and under
     /// the file's transfer lock (waiting for a read or write still running on
     /// another thread), the data connection is closed and the server's final
-    /// reply read (2xx expected). A healthy connection goes back to the pool,
-    /// sending nothing; a failed one is sent "QUIT".
+    /// reply read (2xx expected). A healthy connection that owes the server no
+    /// reply goes back to the pool, sending nothing; any other is sent "QUIT".
     /// \return 0 when the final reply was positive and the connection pooled;
     /// also 0 for a known number that is not open (already closed); -1 for a
     /// number the store never hands out, a number whose open is still in
@@ -265,10 +338,12 @@ public:
     int getFileNumber(const char* dir);
     /// Whether `dir` has no entries, from one listing as for getFileList().
     /// Operation lock.
-    /// \return true when the listing is empty, and also when `dir` cannot be
-    /// entered or listed (a vanished directory counts as empty; a null `dir`
-    /// is one that cannot be entered: only "CWD /" is sent); false when it
-    /// has entries, and for an uninitialised store (nothing sent).
+    /// \return true when the listing is empty, and also when the server
+    /// refuses to enter `dir` (a vanished directory counts as empty; a null
+    /// `dir` is one that cannot be entered: only "CWD /" is sent); false when
+    /// it has entries, when its listing did not come whole (see
+    /// getFileList()) or the change into it got no answer, and for an
+    /// uninitialised store (nothing sent).
     bool isEmptyDir(const char* dir);
     /// Copies the remote file `remoteFile` into the local file `localFile`
     /// (UTF-8 name, created or truncated through the host's KDFile with mode

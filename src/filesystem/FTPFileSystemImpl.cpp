@@ -16,12 +16,15 @@
 #include <vector>
 
 #include "filesystem/PathOperation.h"
+#include "foundation/LastError.h"
 #include "foundation/TextField.h"
 #include "host/KDFile.h"
 #include "host/string_util.h"
 #include "location/LocationLimits.h"
 
 namespace {
+
+const char* const kRefusedText = "the server, user or password is too long for the store";
 
 // Size of the copy buffer of Get and Put.
 const unsigned int kCopyBufferSize = 8192;
@@ -88,6 +91,7 @@ bool openLocal(KDFile& local, const char* localFile, unsigned char mode) {
     if (local.open_w(wideName.c_str(), mode) == 0) {
         printf("Cannot open file \"%s\"! Please check the file name!e\n", localFile);
         fflush(stdout);
+        lasterror::note(lasterror::kLocalFile, "cannot open the local file");
         return false;
     }
     return true;
@@ -125,6 +129,7 @@ int copyToEnd(char* buf, unsigned int size, ReadSome readSome, WriteSome writeSo
 int copyWholeFile(FTPFileSystemImpl& store, const char* localFile, const char* remoteFile,
                   int remoteMode) {
     if (localFile == nullptr || remoteFile == nullptr) {
+        lasterror::note(lasterror::kBadArgument, "no local or no remote file name");
         return -1;
     }
     const bool download = remoteMode == kFtpModeRead;
@@ -144,26 +149,54 @@ int copyWholeFile(FTPFileSystemImpl& store, const char* localFile, const char* r
         result = copyToEnd(
             &buffer[0], kCopyBufferSize,
             [&](char* buf, unsigned int len) { return store.read(handle, buf, len); },
-            [&](char* buf, unsigned int len) { return local.write(buf, len); });
+            [&](char* buf, unsigned int len) {
+                const int written = local.write(buf, len);
+                if (written <= 0)
+                    lasterror::note(lasterror::kLocalFile, "cannot write the local file");
+                return written;
+            });
     } else {
         result = copyToEnd(
             &buffer[0], kCopyBufferSize,
-            [&](char* buf, unsigned int len) { return local.read(buf, len); },
+            [&](char* buf, unsigned int len) {
+                const int got = local.read(buf, len);
+                if (got < 0) lasterror::note(lasterror::kLocalFile, "cannot read the local file");
+                return got;
+            },
             [&](char* buf, unsigned int len) { return store.write(handle, buf, len); });
     }
     local.close();
     // The result is the copy's alone: the server's final reply, read by the
     // close, does not change it. A caller who must know that an upload was
-    // kept asks for the remote file's length afterwards.
-    store.close(handle);
+    // kept asks for the remote file's length afterwards. After a failed copy
+    // the close is clean-up: the copy's reason stays the call's.
+    if (result == 0) {
+        store.close(handle);
+    } else {
+        lasterror::Quiet quiet;
+        store.close(handle);
+    }
     return result;
+}
+
+// The open file behind `handle`; false, noted, for a handle the table does
+// not know.
+bool openFile(FtpFileHandleManager* table, int handle, SafePointer<FtpFileHandler>& file) {
+    if (table->getFileHandler(handle, file)) return true;
+    lasterror::note(lasterror::kBadArgument, "no open file has this handle");
+    return false;
 }
 
 // The open file behind `handle` when it was opened for writing; false for a
 // handle the table does not know and for one opened for reading.
 bool fileOpenForWriting(FtpFileHandleManager* table, int handle,
                         SafePointer<FtpFileHandler>& file) {
-    return table->getFileHandler(handle, file) && file->getMode() != kFtpModeRead;
+    if (!openFile(table, handle, file)) return false;
+    if (file->getMode() == kFtpModeRead) {
+        lasterror::note(lasterror::kBadArgument, "the handle is open for reading");
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -222,6 +255,7 @@ bool FTPFileSystemImpl::isRefused() { return refused; }
 int FTPFileSystemImpl::init() {
     KDMutexLocker guard(opLock, kStoreLockSource, __LINE__);
     if (refused) {
+        lasterror::note(lasterror::kBadArgument, kRefusedText);
         return -1;
     }
     bool loggedIn = false;
@@ -369,6 +403,7 @@ long long FTPFileSystemImpl::baseGetFileLength(const char* path) {
             return static_cast<long long>(entries[i]->size);
         }
     }
+    lasterror::note(lasterror::kNotFound, "no plain file of that name in its directory's listing");
     return -1;
 }
 
@@ -383,6 +418,7 @@ long long FTPFileSystemImpl::getFileLength(const char* path) {
 int FTPFileSystemImpl::deleteFile(const char* path) {
     PathOperation operation(*this, path != nullptr, __LINE__);
     if (!operation.locked()) {
+        lasterror::note(lasterror::kBadArgument, "a path argument is missing");
         return -1;
     }
     // The length is asked before the flag is looked at, and a file missing from
@@ -487,18 +523,21 @@ bool FTPFileSystemImpl::isEmptyDir(const char* path) {
 
 int FTPFileSystemImpl::getFileNumber(const char* /*path*/) {
     // Counting files is not offered: callers use getFileList instead.
+    lasterror::note(lasterror::kBadArgument, "counting files is not offered: use getFileList");
     return -1;
 }
 
 bool FTPFileSystemImpl::scan(const char* path, IFileScanAction* action,
                              const std::string& /*filter: every file is visited*/) {
     if (path == nullptr || action == nullptr) {
+        lasterror::note(lasterror::kBadArgument, "no path or no action");
         return false;
     }
     // The gate for the whole walk, so two scans never interleave their visits;
     // opLock only for the listing itself, so the visitor may use the store.
     ScanGate::Turn turn(scanGate, __LINE__);
     if (!initialised) {
+        lasterror::note(lasterror::kNotInitialised, "the store is not initialised");
         return false;
     }
     std::vector<std::string> files;
@@ -558,6 +597,7 @@ bool FTPFileSystemImpl::getFileDescriptorList(
 
 int FTPFileSystemImpl::open(const char* path, int mode) {
     if (path == nullptr || refused) {
+        lasterror::note(lasterror::kBadArgument, path == nullptr ? "no path" : kRefusedText);
         return -1;
     }
     return handleManager->open(path, mode);
@@ -567,10 +607,11 @@ int FTPFileSystemImpl::close(int handle) { return handleManager->close(handle); 
 
 int FTPFileSystemImpl::read(int handle, char* buf, unsigned int len) {
     SafePointer<FtpFileHandler> file;
-    if (!handleManager->getFileHandler(handle, file)) {
+    if (!openFile(handleManager, handle, file)) {
         return -1;
     }
     if (file->getMode() != kFtpModeRead) {
+        lasterror::note(lasterror::kBadArgument, "the handle is open for writing");
         return -1;
     }
     return file->read(buf, len);
@@ -600,7 +641,7 @@ int FTPFileSystemImpl::aioWrite(int handle, const char* buf, unsigned int len) {
 
 int FTPFileSystemImpl::aioReturn(int handle, int milliseconds) {
     SafePointer<FtpFileHandler> file;
-    if (!handleManager->getFileHandler(handle, file)) {
+    if (!openFile(handleManager, handle, file)) {
         return -1;
     }
     return file->aioReturn(milliseconds);

@@ -80,10 +80,11 @@ FTPFileSystemManager::~FTPFileSystemManager() {}
 // recorder's thread. The bodies stay inside the exported calls (as lambdas)
 // so that no helper becomes one more exported symbol.
 int FTPFileSystemManager::addFTPFileSystem(const std::string& location) {
-    return failOnException(-1, [&]() -> int {
+    return exportedCall(-1, kExportedAction, [&]() -> int {
         KDMutexLocker guard(lock, kLockSource, kAddLockLine);
         FTPPath parsed;
         if (parsed.create(location) == 0) {
+            lasterror::note(lasterror::kBadArgument, "the text is not a location");
             return -1;
         }
         const std::string server = parsed.getServerAddress();
@@ -92,6 +93,8 @@ int FTPFileSystemManager::addFTPFileSystem(const std::string& location) {
         // The path is part of the key only: a store serves a whole server
         // login, and the host names its directories with full paths.
         if (!FTPFileSystemImpl::textsFit(server.c_str(), user.c_str(), password.c_str())) {
+            lasterror::note(lasterror::kBadArgument,
+                            "the server, user or password is too long for the store");
             return -1;
         }
         if (fileSystems.find(location) != fileSystems.end()) {
@@ -106,7 +109,7 @@ int FTPFileSystemManager::addFTPFileSystem(const std::string& location) {
 
 int FTPFileSystemManager::getFTPFileSystem(const std::string& location,
                                            SafePointer<FTPFileSystem>& out) {
-    return failOnException(0, [&]() -> int {
+    return exportedCall(0, kExportedAction, [&]() -> int {
         KDMutexLocker guard(lock, kLockSource, kGetLockLine);
         // A covering test, not an exact lookup: any path below a registered
         // location finds that location's store.
@@ -117,16 +120,18 @@ int FTPFileSystemManager::getFTPFileSystem(const std::string& location,
                 return 1;
             }
         }
+        lasterror::note(lasterror::kBadArgument, "no registered location covers it");
         return 0;
     });
 }
 
 int FTPFileSystemManager::deleteFileSystem(const std::string& location) {
-    return failOnException(-1, [&]() -> int {
+    return exportedCall(-1, kExportedAction, [&]() -> int {
         KDMutexLocker guard(lock, kLockSource, kDeleteLockLine);
         std::map<std::string, SafePointer<FTPFileSystem> >::iterator it =
             fileSystems.find(location);
         if (it == fileSystems.end()) {
+            lasterror::note(lasterror::kBadArgument, "no store is registered under this text");
             return -1;
         }
         // Dropping the registry's reference destroys the store when nobody
@@ -139,5 +144,6 @@ int FTPFileSystemManager::deleteFileSystem(const std::string& location) {
 
 bool FTPFileSystemManager::isSameDiskDir(const std::string& registered,
                                          const std::string& location) {
-    return failOnException(false, [&] { return coversLocation(registered, location); });
+    return exportedCall(false, kExportedQuestion,
+                        [&] { return coversLocation(registered, location); });
 }

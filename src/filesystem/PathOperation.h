@@ -5,6 +5,7 @@
 #define FTPDISK_FILESYSTEM_PATHOPERATION_H
 
 #include "filesystem/FTPFileSystemImpl.h"
+#include "foundation/LastError.h"
 
 // Source name under which every lock of the store is taken, for the host's
 // lock diagnostics.
@@ -33,8 +34,19 @@ public:
         }
     }
 
-    // Arguments given (so opLock is held) and the store initialised.
-    bool ready() const { return locked_ && store_.initialised; }
+    // Arguments given (so opLock is held) and the store initialised; when
+    // not, the reason is noted as the thread's last error.
+    bool ready() const {
+        if (!locked_) {
+            lasterror::note(lasterror::kBadArgument, "a path argument is missing");
+            return false;
+        }
+        if (!store_.initialised) {
+            lasterror::note(lasterror::kNotInitialised, "the store is not initialised");
+            return false;
+        }
+        return true;
+    }
     // Arguments given, so opLock is held.
     bool locked() const { return locked_; }
 

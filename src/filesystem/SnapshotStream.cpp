@@ -4,16 +4,31 @@
 #include <limits.h>
 #include <stdio.h>
 
+#include "foundation/LastError.h"
+
+namespace {
+
+const char* const kNoSnapshotText = "no snapshot is open";
+
+}  // namespace
+
 SnapshotStream::SnapshotStream(const char* lockSource)
     : lockSource(lockSource), snapshotStream(nullptr) {}
 
 int SnapshotStream::open(FTPTool& tool, const char* path) {
     KDMutexLocker snapshot(snapshotLock, lockSource, __LINE__);
-    if (snapshotStream != nullptr || path == nullptr) {
+    if (snapshotStream != nullptr) {
+        lasterror::note(lasterror::kLocalLimit, "a snapshot is already open");
+        return -1;
+    }
+    if (path == nullptr) {
+        lasterror::note(lasterror::kBadArgument, "no path");
         return -1;
     }
     if (tool.getControlBuf() == nullptr) {
-        return -1;  // never connected, or quit: nothing to talk to
+        // Never connected, or quit: nothing to talk to.
+        lasterror::note(lasterror::kConnectionLost, "the main connection is not connected");
+        return -1;
     }
     NetBuf* stream = nullptr;
     if (tool.dataConnect(path, kFtpStor, 'I', &stream) == 0 || stream == nullptr) {
@@ -28,6 +43,7 @@ int SnapshotStream::write(FTPTool& tool, const char* buf, unsigned int len) {
     int n = -1;
     if (snapshotStream == nullptr) {
         errno = EBADF;  // no stream: report it as a write to a closed descriptor
+        lasterror::note(lasterror::kBadArgument, kNoSnapshotText);
     } else {
         const int length =
             len > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(len);
@@ -44,6 +60,7 @@ int SnapshotStream::write(FTPTool& tool, const char* buf, unsigned int len) {
 int SnapshotStream::close(FTPTool& tool) {
     KDMutexLocker snapshot(snapshotLock, lockSource, __LINE__);
     if (snapshotStream == nullptr) {
+        lasterror::note(lasterror::kBadArgument, kNoSnapshotText);
         return -1;
     }
     NetBuf* stream = snapshotStream;

@@ -9,6 +9,7 @@
 #include <exception>
 
 #include "connections/TimeOutDetector.h"
+#include "foundation/LastError.h"
 #include "listing/EntryList.h"
 
 namespace {
@@ -173,7 +174,9 @@ bool StoreListing::recvData(SafePointer<FTPTool> tool, const char* path, std::st
                 // A read that failed, or whose wait ran out, leaves the
                 // listing cut at an unknown place: a recorder must not act on
                 // a directory it has not seen whole (deleting the oldest
-                // recordings, removing an "empty" folder).
+                // recordings, removing an "empty" folder). The read's reason
+                // is the listing's.
+                lasterror::Quiet quiet;
                 tool->closeData(data);
                 return false;
             }

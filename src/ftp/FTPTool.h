@@ -28,8 +28,11 @@
 
 // Why the last failed call of a tool failed, for owners that must tell a
 // refusal by the server from a server that did not answer. Set by every
-// command, reply read, connect and data connection open; kFtpFailureNone
-// after one that succeeded.
+// command, reply read, connect, login, data connection open, data read and
+// write; kFtpFailureNone after one that succeeded. Each failure is also noted
+// as the calling thread's last error (foundation/LastError.h, whose kinds
+// have the same values), with the reply line or the system's error text;
+// quit() notes nothing.
 enum FtpFailure {
     kFtpFailureNone = 0,
     // The server answered with another class than the one expected; its
@@ -46,8 +49,13 @@ enum FtpFailure {
     // name or service that does not resolve.
     kFtpFailureUnreachable = 5,
     // Refused before anything was sent: an argument that cannot be sent, no
-    // connection, no memory.
-    kFtpFailureLocal = 6
+    // memory.
+    kFtpFailureLocal = 6,
+    // The server refused the user or the password.
+    kFtpFailureLoginRefused = 7,
+    // The server refused the session: a greeting other than 2xx, a close
+    // before the greeting, a 421 at login.
+    kFtpFailureTurnedAway = 8
 };
 
 // Transfer kinds of dataConnect.
@@ -244,8 +252,16 @@ private:
     // (errno set), kLineAbandoned once `deadline` has passed (never when it is
     // negative). REQUIRES: as readReply.
     int receiveMore(NetBuf* connection, double deadline);
-    // Records why a call failed (and the error number of a socket call).
-    void setFailure(int failure, int error = 0);
+    // Records why a call failed (and the error number of a socket call), and
+    // notes it as the thread's last error with the system's text for
+    // `error`, else `text`, else the control record's last reply line.
+    void setFailure(int failure, int error = 0, const char* text = nullptr);
+    // After a refused USER or PASS: the login's refusal, or a 421 turning the
+    // session away.
+    void noteLoginRefusal(const char* reply);
+    // After a failed image-mode data read or write: `waitText` when the
+    // readiness wait ran out (`error` 0), else the system's error.
+    void noteDataFailure(int error, const char* waitText);
     // Readline's work; gives up with -2 once the host's up-time passes
     // `deadline` (no deadline when it is negative). REQUIRES:
     // controlLock is held when `connection` is the control record.

@@ -16,6 +16,7 @@
 
 #include <string>
 
+#include "foundation/LastError.h"
 #include "ftp/FTPToolInternal.h"
 #include "host/GlobalEnv.h"
 #include "host/KDTime.h"
@@ -198,6 +199,17 @@ int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* for
 
 }  // namespace
 
+// A failure of the tool is noted as the thread's last error of the same kind.
+static_assert(static_cast<int>(kFtpFailureReply) == lasterror::kRefused &&
+                  static_cast<int>(kFtpFailureNoReply) == lasterror::kNoReply &&
+                  static_cast<int>(kFtpFailureConnectionLost) == lasterror::kConnectionLost &&
+                  static_cast<int>(kFtpFailureConnectRefused) == lasterror::kConnectRefused &&
+                  static_cast<int>(kFtpFailureUnreachable) == lasterror::kUnreachable &&
+                  static_cast<int>(kFtpFailureLocal) == lasterror::kBadArgument &&
+                  static_cast<int>(kFtpFailureLoginRefused) == lasterror::kLoginRefused &&
+                  static_cast<int>(kFtpFailureTurnedAway) == lasterror::kTurnedAway,
+              "the tool's failures are the thread's last error kinds");
+
 const double FTPTool::kReplyLimitSeconds = 30.0;
 const int FTPTool::kReplyLineLimit = 1000;
 const double FTPTool::kConnectLimitSeconds = 10.0;
@@ -234,9 +246,19 @@ int FTPTool::getLastFailure() const { return lastFailure.load(); }
 
 int FTPTool::getLastErrno() const { return lastErrno.load(); }
 
-void FTPTool::setFailure(int failure, int error) {
+void FTPTool::setFailure(int failure, int error, const char* text) {
     lastFailure.store(failure);
     lastErrno.store(error);
+    if (failure == kFtpFailureNone) return;
+    // The thread's last error gets the same reason, for the exported call
+    // that is running on this thread.
+    if (error != 0) {
+        lasterror::noteError(failure, error);
+    } else if (text != nullptr) {
+        lasterror::note(failure, text);
+    } else {
+        lasterror::note(failure, controlBuf != nullptr ? controlBuf->response : "not connected");
+    }
 }
 
 int FTPTool::connect(const char* host) {
@@ -247,7 +269,9 @@ int FTPTool::connect(const char* host) {
 
     struct sockaddr_in address;
     if (!ftpResolveAddress(host, &address)) {
-        setFailure(kFtpFailureUnreachable);
+        std::string why = "no such host or service: ";
+        why += host != nullptr ? host : "(none)";
+        setFailure(kFtpFailureUnreachable, 0, why.c_str());
         return 0;
     }
 
@@ -284,24 +308,54 @@ int FTPTool::connect(const char* host) {
     setTimeOutLen(controlBuf, 1, kControlSocketLimit);
     setTimeOutLen(controlBuf, 2, kControlSocketLimit);
     // On a refused greeting the record stays: the caller destroys the tool.
-    return Readresp('2', controlBuf);
+    if (Readresp('2', controlBuf)) return 1;
+    // A server at its limit of sessions greets with a refusal (421), or
+    // closes without a greeting: it turned the connection away.
+    if (lastFailure.load() == kFtpFailureReply) {
+        setFailure(kFtpFailureTurnedAway, 0, controlBuf->response);
+    } else if (lastFailure.load() == kFtpFailureConnectionLost && lastErrno.load() == 0) {
+        setFailure(kFtpFailureTurnedAway, 0, "closed by the server before its greeting");
+    }
+    return 0;
 }
 
 int FTPTool::login(const char* user, const char* password) {
-    if (user == nullptr || password == nullptr || controlBuf == nullptr) return 0;
+    if (controlBuf == nullptr) {
+        setFailure(kFtpFailureConnectionLost, 0, "not connected");
+        return 0;
+    }
     // Each line is built in a 64-byte buffer: "USER " + 57 + terminator.
     const size_t kLongest = 57;
-    if (strlen(user) > kLongest || strlen(password) > kLongest) return 0;
+    if (user == nullptr || password == nullptr || strlen(user) > kLongest ||
+        strlen(password) > kLongest) {
+        setFailure(kFtpFailureLocal, 0, "user name or password missing or too long to send");
+        return 0;
+    }
     char line[64];
     snprintf(line, sizeof line, "USER %s", user);
     char reply[kNetBufResponseSize];
     reply[0] = '\0';
     if (!exchange(line, '3', reply)) {
         // A server that needs no password accepts the user with 2xx.
-        return reply[0] == '2';
+        if (reply[0] == '2') {
+            setFailure(kFtpFailureNone);
+            return 1;
+        }
+        noteLoginRefusal(reply);
+        return 0;
     }
     snprintf(line, sizeof line, "PASS %s", password);
-    return Sendcmd(line, '2');
+    if (exchange(line, '2', reply)) return 1;
+    noteLoginRefusal(reply);
+    return 0;
+}
+
+void FTPTool::noteLoginRefusal(const char* reply) {
+    // A refusal of the user or the password is the login's own, except a 421:
+    // the server is closing the session (at its limit, or shutting down).
+    if (lastFailure.load() != kFtpFailureReply) return;
+    setFailure(strncmp(reply, "421", 3) == 0 ? kFtpFailureTurnedAway : kFtpFailureLoginRefused, 0,
+               reply);
 }
 
 int FTPTool::Sendcmd(const char* command, char expected) {
@@ -309,8 +363,12 @@ int FTPTool::Sendcmd(const char* command, char expected) {
 }
 
 int FTPTool::exchange(const char* command, char expected, char* reply) {
-    if (command == nullptr || controlBuf == nullptr || controlBuf->direction != kNetBufControl) {
-        setFailure(kFtpFailureLocal);
+    if (controlBuf == nullptr || controlBuf->direction != kNetBufControl) {
+        setFailure(kFtpFailureConnectionLost, 0, "not connected");
+        return 0;
+    }
+    if (command == nullptr) {
+        setFailure(kFtpFailureLocal, 0, "no command");
         return 0;
     }
     // The line with "\r\n" and its terminator must fit in 256 bytes: at most
@@ -320,7 +378,8 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // own, whose reply would then answer the next caller. Refused like an
     // argument that does not fit: nothing is sent, `response` is unchanged.
     if (strlen(command) + 3 >= kCommandLineSize + 1 || strpbrk(command, "\r\n") != nullptr) {
-        setFailure(kFtpFailureLocal);
+        setFailure(kFtpFailureLocal, 0,
+                   "command not sent: an argument too long for one line, or holding a line end");
         return 0;
     }
     char line[kCommandLineSize];
@@ -336,6 +395,8 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // command is held back and the connection stays out of step.
     if (!dropOwedReplies(controlBuf, 0)) {
         ftptool::setResponse(controlBuf, kHeldBackText);
+        if (lastFailure.load() == kFtpFailureNoReply)
+            setFailure(kFtpFailureNoReply, 0, kHeldBackText);
         if (reply != nullptr) memcpy(reply, controlBuf->response, kNetBufResponseSize);
         return 0;
     }
@@ -354,7 +415,7 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     int result = 0;
     if (readOwedReply(controlBuf, deadline, true) == kReplyWhole) {
         result = controlBuf->response[0] == expected ? 1 : 0;
-        setFailure(result ? kFtpFailureNone : kFtpFailureReply);
+        setFailure(result ? kFtpFailureNone : kFtpFailureReply, 0, controlBuf->response);
     }
     if (reply != nullptr) memcpy(reply, controlBuf->response, kNetBufResponseSize);
     return result;
@@ -375,7 +436,7 @@ int FTPTool::readReply(char expected, NetBuf* connection) {
         return 0;
     }
     const int result = connection->response[0] == expected ? 1 : 0;
-    setFailure(result ? kFtpFailureNone : kFtpFailureReply);
+    setFailure(result ? kFtpFailureNone : kFtpFailureReply, 0, connection->response);
     return result;
 }
 
@@ -385,7 +446,7 @@ int FTPTool::dropOwedReplies(NetBuf* connection, int left) {
     // drop before giving up.
     for (int dropped = 0; connection->replies.owed > left; ++dropped) {
         if (dropped >= kReplyLineLimit) {
-            setFailure(kFtpFailureNoReply);
+            setFailure(kFtpFailureNoReply, 0, kHeldBackText);
             return 0;
         }
         const double deadline = KDTime::getUpTime() + kReplyLimitSeconds;
@@ -403,7 +464,7 @@ int FTPTool::readOwedReply(NetBuf* connection, double deadline, bool keep) {
     if (connection->buffer == nullptr ||
         (connection->direction != kNetBufControl && connection->direction != kNetBufDataRead)) {
         // Replies come only on a connection with a line buffer that reads.
-        setFailure(kFtpFailureLocal);
+        setFailure(kFtpFailureLocal, 0, "not a connection that carries replies");
         return kReplyLost;
     }
     NetBufReplyState& state = connection->replies;
@@ -424,8 +485,8 @@ int FTPTool::readOwedReply(NetBuf* connection, double deadline, bool keep) {
     for (;;) {
         if (connection->available <= 0) {
             if (deadline >= 0.0 && KDTime::getUpTime() > deadline) {
-                setFailure(kFtpFailureNoReply);
                 ftptool::setResponse(connection, kReplyTooSlowText);
+                setFailure(kFtpFailureNoReply, 0, kReplyTooSlowText);
                 return kReplyAbandoned;
             }
             const int got = receiveMore(connection, deadline);
@@ -434,13 +495,13 @@ int FTPTool::readOwedReply(NetBuf* connection, double deadline, bool keep) {
                 // Waits that time out inside a reply are waited out, up to
                 // its deadline; before its first byte they end the call.
                 if (state.started) continue;
-                setFailure(kFtpFailureNoReply);
                 ftptool::setResponse(connection, kNoReplyText);
+                setFailure(kFtpFailureNoReply, 0, kNoReplyText);
                 return kReplyNotStarted;
             }
             if (got == kLineAbandoned) {
-                setFailure(kFtpFailureNoReply);
                 ftptool::setResponse(connection, kReplyTooSlowText);
+                setFailure(kFtpFailureNoReply, 0, kReplyTooSlowText);
                 return kReplyAbandoned;
             }
             if (got == kReceiveEnd && state.lineHeadLength > 0 && !state.multiLine) {
@@ -451,12 +512,12 @@ int FTPTool::readOwedReply(NetBuf* connection, double deadline, bool keep) {
                 break;
             }
             const int error = got == kReceiveEnd ? 0 : errno;
-            setFailure(kFtpFailureConnectionLost, error);
             if (error != 0) {
                 ftptool::setErrorResponse(connection, error);
             } else {
                 ftptool::setResponse(connection, kClosedText);
             }
+            setFailure(kFtpFailureConnectionLost, error, kClosedText);
             return kReplyLost;
         }
         state.started = 1;
@@ -516,8 +577,8 @@ int FTPTool::readOwedReply(NetBuf* connection, double deadline, bool keep) {
         state.lineHeadLength = 0;
         if (ends) break;
         if (lines >= kReplyLineLimit) {
-            setFailure(kFtpFailureNoReply);
             ftptool::setResponse(connection, kReplyTooLongText);
+            setFailure(kFtpFailureNoReply, 0, kReplyTooLongText);
             return kReplyAbandoned;
         }
         kept = 0;
@@ -694,6 +755,9 @@ void FTPTool::setTimeOutLen(NetBuf* connection, int kind, int seconds) {
 
 int FTPTool::quit() {
     if (controlBuf == nullptr) return 1;
+    // Quitting is clean-up after whatever the owner met: it never becomes the
+    // thread's last error.
+    lasterror::Quiet quiet;
     // A refused "QUIT" keeps the connection as it is; only Empty() (or the
     // destructor) releases it then.
     if (!Sendcmd("QUIT", '2')) return 0;

@@ -76,7 +76,11 @@ int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
         const ssize_t got = recv(data->handle, buf, static_cast<size_t>(length), MSG_DONTWAIT);
         if (!notReady(got)) return static_cast<int>(got);
     }
-    if (!tool.Socketwait(data)) return -1;
+    if (!tool.Socketwait(data)) {
+        // errno 0 tells the caller the wait ran out (no error of the system).
+        errno = 0;
+        return -1;
+    }
     return static_cast<int>(recv(data->handle, buf, static_cast<size_t>(length), 0));
 }
 
@@ -98,7 +102,10 @@ int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
     // Part of the bytes may already be out: they are reported, as any partial
     // send is, rather than hidden behind a failure. Only a write that sent
     // nothing within the wait fails.
-    if (!tool.Socketwait(data)) return sent > 0 ? static_cast<int>(sent) : -1;
+    if (!tool.Socketwait(data)) {
+        errno = 0;
+        return sent > 0 ? static_cast<int>(sent) : -1;
+    }
     const ssize_t rest =
         send(data->handle, buf + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
     if (rest < 0) return sent > 0 ? static_cast<int>(sent) : -1;
@@ -145,6 +152,7 @@ int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
     if (controlBuf == nullptr || out == nullptr) return 0;
     if (path == nullptr && (type == kFtpRetr || type == kFtpStor)) {
         setLocalResponse("Missing path argument for file transfer\n");
+        setFailure(kFtpFailureLocal, 0, "Missing path argument for file transfer");
         return 0;
     }
     // The type goes out before `type` and `mode` are checked.
@@ -180,11 +188,15 @@ int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
             char text[kNetBufResponseSize];
             snprintf(text, sizeof text, "Invalid open type %d\n", type);
             setLocalResponse(text);
+            setFailure(kFtpFailureLocal, 0, text);
             return 0;
     }
     memset(line, 0, sizeof line);
     if (path != nullptr) {
-        if (4 + 1 + strlen(path) > kCommandLineSize - 1) return 0;
+        if (4 + 1 + strlen(path) > kCommandLineSize - 1) {
+            setFailure(kFtpFailureLocal, 0, "command not sent: the path is too long for one line");
+            return 0;
+        }
         snprintf(line, sizeof line, "%s %s", word, path);
     } else {
         snprintf(line, sizeof line, "%s", word);
@@ -220,12 +232,14 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
         char text[kNetBufResponseSize];
         snprintf(text, sizeof text, "Invalid direction %d\n", direction);
         setLocalResponse(text);
+        setFailure(kFtpFailureLocal, 0, text);
         return 0;
     }
     if (mode != 'A' && mode != 'I') {
         char text[kNetBufResponseSize];
         snprintf(text, sizeof text, "Invalid mode %c\n", static_cast<char>(mode));
         setLocalResponse(text);
+        setFailure(kFtpFailureLocal, 0, text);
         return 0;
     }
 
@@ -238,7 +252,7 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
         if (!exchange("PASV", '2', reply)) return 0;
         struct sockaddr_in announced;
         if (!ftpParsePassiveReply(reply, &announced)) {
-            setFailure(kFtpFailureReply);
+            setFailure(kFtpFailureReply, 0, reply);
             return 0;
         }
         // Only the port is taken from the reply. The address is the one the
@@ -379,25 +393,41 @@ int FTPTool::AcceptConnection(NetBuf* data) {
 
 int FTPTool::read(char* buf, int length, NetBuf* data) {
     if (data == nullptr || data->direction != kNetBufDataRead) return 0;
-    if (buf == nullptr || length < 0) return -1;
+    if (buf == nullptr || length < 0) {
+        setFailure(kFtpFailureLocal, 0, "no buffer to read into");
+        return -1;
+    }
     int result;
     if (data->buffer != nullptr) {
         result = Readline(buf, length, data);
     } else {
         result = receiveSome(*this, data, buf, length);
+        if (result < 0) noteDataFailure(errno, "no data from the server within the wait");
     }
     account(data, result);
     return result;
 }
 
+void FTPTool::noteDataFailure(int error, const char* waitText) {
+    if (error == 0) {
+        setFailure(kFtpFailureNoReply, 0, waitText);
+    } else {
+        setFailure(kFtpFailureConnectionLost, error);
+    }
+}
+
 int FTPTool::write(const char* buf, int length, NetBuf* data) {
     if (data == nullptr || data->direction != kNetBufDataWrite) return 0;
-    if (buf == nullptr || length < 0) return -1;
+    if (buf == nullptr || length < 0) {
+        setFailure(kFtpFailureLocal, 0, "no bytes to write");
+        return -1;
+    }
     int result;
     if (data->buffer != nullptr) {
         result = Writeline(buf, length, data);
     } else {
         result = sendSome(*this, data, buf, length);
+        if (result < 0) noteDataFailure(errno, "the server took no data within the wait");
     }
     account(data, result);
     return result;
@@ -408,7 +438,17 @@ int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
     if (buf == nullptr) return -1;
     // No readiness wait and no accounting: completion is checked separately
     // with aioReturn.
-    return static_cast<int>(send(data->handle, buf, length, MSG_NOSIGNAL));
+    const int sent = static_cast<int>(send(data->handle, buf, length, MSG_NOSIGNAL));
+    if (sent < 0) {
+        const int error = errno;
+        if (error == EAGAIN || error == EWOULDBLOCK) {
+            setFailure(kFtpFailureNoReply, 0,
+                       "the data socket had no room: wait with aioReturn first");
+        } else {
+            setFailure(kFtpFailureConnectionLost, error);
+        }
+    }
+    return sent;
 }
 
 int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
@@ -416,8 +456,14 @@ int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
     short revents = 0;
     int n =
         ftptool::waitFor(data->handle, POLLOUT | POLLPRI, ftpAioWaitTime(milliseconds), &revents);
-    if (n == 0) return -1;
-    if (n < 0) return -2;
+    if (n == 0) {
+        setFailure(kFtpFailureNoReply, 0, "the data socket took nothing within the limit");
+        return -1;
+    }
+    if (n < 0) {
+        setFailure(kFtpFailureConnectionLost, errno != 0 ? errno : EBADF);
+        return -2;
+    }
     // An error or hang-up counts as writable, as select reports it: the next
     // write then returns the error.
     if (revents & (POLLOUT | POLLERR | POLLHUP)) return 0;

@@ -25,6 +25,19 @@ class function;
 /// this header gives (one pointer), so the recorder's class keeps that layout.
 /// start, running and stop may be called from any thread except the thread
 /// itself.
+///
+/// How stop ends a KadmorTime::wait early: wait is static and names no
+/// thread, so the host finds the GThread of the calling OS thread itself
+/// (the POSIX host's thread routine sets a thread-local pointer to its stop
+/// request) and pauses on something stop can signal: a condition variable,
+/// whose predicate, the stop request, is read under the same lock before
+/// every sleep, so that a stop asked just before the pause begins is not
+/// missed. stop sets the request, signals and joins; the body returns from
+/// its pause, the loop sees the request and onStop runs. A pause on a thread
+/// that is no GThread lasts its full length.
+///
+/// Checked by the host conformance suite as GThread.start_stop_running and
+/// GThread.stop_ends_wait_early.
 class FTPDISK_HOST_API GThread {
 public:
     /// A thread, not yet started, that will call `body` again each time it

@@ -11,7 +11,8 @@
 /// FTPFileSystem::Put (to read). The module makes these objects on its stack
 /// at the size this header gives (one int), so the recorder's class keeps
 /// that layout. One object is used by one thread at a time. Recordings of
-/// 2 GiB and more need 64-bit file offsets in the implementation.
+/// 2 GiB and more need 64-bit file offsets in the implementation. Checked by
+/// the host conformance suite as KDFile.short_reads and KDFile.short_writes.
 class FTPDISK_HOST_API KDFile {
 public:
     /// A closed file.
@@ -23,9 +24,12 @@ public:
     /// mode 1 opens an existing file for reading.
     /// \return non-zero on success.
     int open_w(const wchar_t* name, unsigned char mode);
-    /// \return bytes read (0 at end of file), negative on error.
+    /// \return bytes read, possibly fewer than `len` (Put reads again); 0
+    /// only at the end of the file, where Put stops; negative on error.
     int read(char* buf, unsigned int len);
-    /// \return bytes written, negative on error.
+    /// \return the bytes the file took, possibly fewer than `len` (Get hands
+    /// over the rest again), never more; negative on an error such as a full
+    /// disk. Get takes 0 as a failure too.
     int write(char* buf, unsigned int len);
     /// Closes the file; harmless when it is not open.
     void close();

@@ -6,9 +6,10 @@
 #include "foundation/Export.h"
 
 /// Host contract: appends lines to named log files. Safe to call from any
-/// thread; failures are silent. The module writes one line per abandoned
-/// listing to "/mnt/mtd/log/recordError.log", with 51200 and 2 as the last
-/// two arguments.
+/// thread, one whole line per call; failures are silent. The module writes
+/// one line per abandoned listing to "/mnt/mtd/log/recordError.log", with
+/// 51200 and 2 as the last two arguments, and never reads the file. Checked
+/// by the host conformance suite as KDLogger.call.
 class FTPDISK_HOST_API KDLogger {
 public:
     /// Appends "<local time> [<where>] <message>\n" to `file`. `maxBytes`

@@ -9,6 +9,7 @@
 
 /// Host contract: text conversions. FTPFileSystem::Get and Put widen their
 /// UTF-8 local file names with utf82wchar before handing them to KDFile.
+/// Checked by the host conformance suite as string_util.utf82wchar.
 namespace string_util {
 
 /// Converts UTF-8 text to wide text (one wchar_t per code point). Invalid

@@ -9,16 +9,27 @@
 //     FOLDER    remote folder to make and fill, e.g. /downstream/cmake
 //     LOCALDIR  an existing local folder for Put's source and Get's copy
 //
+// Then it shows the four failures a recorder's user interface must name, from
+// the last error alone: "wrong password" (the same server, another password),
+// "server unreachable" (a port where nothing listens), "server refuses more
+// connections" and "connection lost" (two loopback listeners of its own, one
+// greeting with 421, one closing after the greeting).
+//
 // What it leaves on the server, for the caller to compare byte for byte:
 //   FOLDER/clip.ts   300000 bytes, byte i = (7 i + 3) mod 251
 //   FOLDER/put.bin    70001 bytes, byte i = (13 i + 5) mod 251
+#include <arpa/inet.h>
 #include <dlfcn.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "filesystem/FTPFileSystemManager.h"
@@ -110,6 +121,92 @@ bool runStore(FTPFileSystem& store, const std::string& folder, const std::string
     return step("uninit", store.uninit() == 0);
 }
 
+// What the recorder's user interface shows for the thread's last error.
+std::string shownToTheUser() {
+    const FTPFileSystem::LastError e = FTPFileSystem::getLastError();
+    switch (e.kind) {
+        case FTPFileSystem::kErrorNone: return "ok";
+        case FTPFileSystem::kErrorLoginRefused: return "wrong password";
+        case FTPFileSystem::kErrorTurnedAway: return "server refuses more connections";
+        case FTPFileSystem::kErrorConnectRefused:
+        case FTPFileSystem::kErrorUnreachable: return "server unreachable";
+        case FTPFileSystem::kErrorConnectionLost:
+        case FTPFileSystem::kErrorNoReply: return "connection lost";
+        default: return FTPFileSystem::errorKindName(e.kind);
+    }
+}
+
+// init of a store for `server` fails, and the last error shows `expected`.
+bool initShows(const std::string& server, const char* password, const std::string& expected) {
+    FTPFileSystem store(server.c_str(), "rec", password, 1024);
+    const int result = store.init();
+    const std::string shown = shownToTheUser();
+    return step("init " + server + " shows \"" + expected + "\"", result == -1 && shown == expected,
+                shown + " (" + FTPFileSystem::getLastError().text + ")");
+}
+
+// A loopback server of one session that sends `greeting` (CR LF added), then,
+// when `readOneLine`, reads one line, and closes.
+class OneSession {
+public:
+    OneSession(const std::string& greeting, bool readOneLine) : listener_(-1), port_(0) {
+        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        struct sockaddr_in a;
+        std::fill(reinterpret_cast<char*>(&a), reinterpret_cast<char*>(&a) + sizeof a, 0);
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t n = sizeof a;
+        if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+            ::listen(listener_, 1) != 0 ||
+            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &n) != 0) {
+            return;
+        }
+        port_ = ntohs(a.sin_port);
+        const int listener = listener_;
+        const std::string text = greeting + "\r\n";
+        session_ = std::thread([listener, text, readOneLine] {
+            const int fd = ::accept(listener, NULL, NULL);
+            if (fd < 0) return;
+            (void)!::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+            char c = 0;
+            while (readOneLine && ::recv(fd, &c, 1, 0) == 1 && c != '\n') {
+            }
+            ::close(fd);
+        });
+    }
+    ~OneSession() {
+        if (session_.joinable()) session_.join();
+        if (listener_ >= 0) ::close(listener_);
+    }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+
+private:
+    int listener_;
+    unsigned port_;
+    std::thread session_;
+};
+
+// The server part of a location text: what lies between "ftp://" and the next
+// "/".
+std::string serverOf(const std::string& location) {
+    const std::string::size_type begin = location.find("://") + 3;
+    return location.substr(begin, location.find('/', begin) - begin);
+}
+
+bool showFailures(const std::string& location) {
+    bool ok = initShows(serverOf(location), "not-the-password", "wrong password");
+    ok = initShows("127.0.0.1:1", "pw", "server unreachable") && ok;
+    {
+        OneSession busy("421 Too many connections (1) from this IP", false);
+        ok = initShows(busy.address(), "pw", "server refuses more connections") && ok;
+    }
+    {
+        OneSession dropped("220 ready", true);
+        ok = initShows(dropped.address(), "pw", "connection lost") && ok;
+    }
+    return ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -121,12 +218,16 @@ int main(int argc, char** argv) {
     const std::string folder = argv[2];
     const std::string localDir = argv[3];
 
-    // Which module this process runs, so the caller can tell the packaged
-    // one from any other copy.
+    // Which module and which host classes this process runs, so the caller
+    // can tell the packaged ones from any other copy.
     Dl_info where;
     if (dladdr(reinterpret_cast<void*>(&FTPFileSystemManager::getInstance), &where) != 0 &&
         where.dli_fname != NULL) {
         std::cout << "module " << where.dli_fname << std::endl;
+    }
+    if (dladdr(reinterpret_cast<void*>(&RefCountManager::getInstance), &where) != 0 &&
+        where.dli_fname != NULL) {
+        std::cout << "host " << where.dli_fname << std::endl;
     }
 
     FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
@@ -141,6 +242,7 @@ int main(int argc, char** argv) {
     }
     // The last reference went with `store`: the store, its connections, its
     // monitor thread and every object the module counted are gone.
+    ok = ok && showFailures(location);
     const unsigned long left = RefCountManager::getInstance()->liveRecords();
     if (!step("no counted object left", left == 0, std::to_string(left) + " records")) return 1;
     return ok ? 0 : 1;

@@ -170,12 +170,16 @@ TEST_F(MalformedReplies, GreetingsOfEveryLengthAndBinaryRepliesNeverCrashOrHang)
             EXPECT_EQ(store->uninit(), 0);
             double took = 0;
             const int result = timed(&took, [&] { return store->init(); });
-            // A greeting of up to 255 bytes before its line end is read
-            // whole; a longer one comes in 255-byte pieces, the next of which
-            // then answers USER, and the login fails (or, while binary bytes
-            // happen to start with '2' or '3', passes). No wait is involved
-            // unless the pieces run out before a command's reply.
-            EXPECT_TRUE(result == 0 || result == -1);
+            // A greeting line is read whole however long it is (its first
+            // 255 bytes kept): a plain one logs in. Binary bytes may hold
+            // line ends of their own, whose lines the server sent unasked and
+            // the login then reads as its replies: it fails, or passes while
+            // they happen to start with '2' or '3'.
+            if (text[4] == 'g') {
+                EXPECT_EQ(result, 0) << n << " bytes";
+            } else {
+                EXPECT_TRUE(result == 0 || result == -1);
+            }
             EXPECT_LE(took, bound(2)) << n << " bytes";
         }
     }
@@ -188,7 +192,8 @@ TEST_F(MalformedReplies, GreetingsOfEveryLengthAndBinaryRepliesNeverCrashOrHang)
     server.queueReply("PASV", Reply(randomBytes(5000, 9)));
     EXPECT_EQ(store->open("/rec/cam.ts", 2), -1);
     server.setGreeting(Reply("220 ready"));
-    recoverAndRecord(2);
+    // The failed open gave its number back.
+    recoverAndRecord(1);
 }
 
 // --- Listing lines -------------------------------------------------------------------

@@ -145,6 +145,54 @@ TEST_P(ListingRealServers, FileListsSubDirectoriesEmptinessScanAndTreeSizeAgreeW
     EXPECT_EQ(none, Lines{"kept"});
 }
 
+bool onDisk(const RealFtpServer& server, const std::string& ftpPath) {
+    struct stat st;
+    return ::lstat(server.localPath(ftpPath).c_str(), &st) == 0;
+}
+
+// Names with blanks as the recorder meets them. Listings are read word by
+// word and a listing's style is decided by the first line of exactly 9 words
+// (or 4): "... Nov 24 10:30 my clip.ts" has 10. A folder whose names all have
+// a blank therefore has no line that decides, and lists as empty; in a folder
+// where one name has none, the line decides and the name with a blank is
+// listed by its first word, which getFileLength then answers for although no
+// file has that name.
+TEST_P(ListingRealServers, NamesWithBlanksListAsEmptyOrByTheirFirstWord) {
+    ASSERT_TRUE(server->makeDir("/blanks"));
+    ASSERT_TRUE(server->writeFile("/blanks/my clip.ts", "12345"));
+    ASSERT_TRUE(server->writeFile("/blanks/other take.ts", "1234567"));
+    ASSERT_TRUE(server->makeDir("/mixed"));
+    ASSERT_TRUE(server->writeFile("/mixed/plain.ts", "123"));
+    ASSERT_TRUE(server->writeFile("/mixed/my clip.ts", "12345"));
+
+    // Every name has a blank: nothing is listed, the folder looks empty.
+    Lines files{"kept"};
+    EXPECT_TRUE(store->getFileList("/blanks", files, "")) << rawListing("/blanks");
+    EXPECT_EQ(files, Lines{"kept"}) << rawListing("/blanks");
+    EXPECT_TRUE(store->isEmptyDir("/blanks")) << rawListing("/blanks");
+    EXPECT_EQ(store->getFileLength("/blanks/my clip.ts"), -1);
+    EXPECT_EQ(store->getFileLength("/blanks/my"), -1);
+    // removeDir sees no entries and asks the server to remove a folder that
+    // is not empty: refused, nothing deleted.
+    EXPECT_EQ(store->removeDir("/blanks"), -1);
+    EXPECT_TRUE(onDisk(*server, "/blanks/my clip.ts"));
+    EXPECT_TRUE(onDisk(*server, "/blanks/other take.ts"));
+
+    // One name without a blank decides the style: "my clip.ts" lists as "my".
+    files.clear();
+    EXPECT_TRUE(store->getFileList("/mixed", files, "")) << rawListing("/mixed");
+    EXPECT_EQ(sorted(files), (Lines{"my", "plain.ts"})) << rawListing("/mixed");
+    EXPECT_FALSE(onDisk(*server, "/mixed/my"));
+    EXPECT_EQ(store->getFileLength("/mixed/my"), 5) << "a length for a file that does not exist";
+    EXPECT_EQ(store->getFileLength("/mixed/my clip.ts"), -1);
+    // removeDir stops at "my", which the server cannot delete.
+    EXPECT_EQ(store->removeDir("/mixed"), -1);
+    EXPECT_TRUE(onDisk(*server, "/mixed/my clip.ts"));
+    // By its full path the file is deleted.
+    EXPECT_EQ(store->deleteFile("/blanks/my clip.ts"), 0);
+    EXPECT_FALSE(onDisk(*server, "/blanks/my clip.ts"));
+}
+
 INSTANTIATE_TEST_SUITE_P(EveryServer, ListingRealServers, ::testing::ValuesIn(allFtpServerKinds()),
                          [](const ::testing::TestParamInfo<FtpServerKind>& info) {
                              return std::string(ftpServerKindName(info.param));

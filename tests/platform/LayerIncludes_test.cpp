@@ -33,7 +33,7 @@ const std::map<std::string, std::set<std::string>>& allowedIncludes() {
         {"base", {"base"}},
         {"host", {"base", "host"}},
         {"foundation", {"base", "host", "foundation"}},
-        {"ftp", {"base", "host", "ftp"}},
+        {"ftp", {"base", "host", "foundation", "ftp"}},
         {"listing", {"base", "host", "foundation", "listing"}},
         {"location", {"base", "location"}},
         {"connections", {"base", "host", "foundation", "ftp", "connections"}},

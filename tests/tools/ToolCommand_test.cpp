@@ -393,17 +393,24 @@ TEST_F(ToolCommand, CheckPassesEveryStepAndLeavesNothingBehind) {
     const ToolRun result = run({"check", location()});
     ASSERT_EQ(0, result.status) << result.transcript();
     const std::vector<std::string> out = lines(result.out);
-    ASSERT_EQ(12u, out.size()) << result.transcript();
+    ASSERT_EQ(14u, out.size()) << result.transcript();
     EXPECT_EQ("checking rec(***)@ftp://" + server().hostPort() + base_, out[0]);
-    const char* steps[] = {"register", "init", "mkdir",  "write", "list",
-                           "measure",  "read", "delete", "rmdir", "release"};
-    for (std::size_t i = 0; i < 10; ++i) {
+    const char* steps[] = {"register", "init",    "data", "replies", "mkdir", "write",
+                           "list",     "measure", "read", "delete",  "rmdir", "release"};
+    for (std::size_t i = 0; i < 12; ++i) {
         const std::regex line(std::string("  ok    ") + steps[i] + " +[0-9.]+ (ms|s)  .*");
         EXPECT_TRUE(std::regex_match(out[i + 1], line)) << out[i + 1];
     }
+    EXPECT_TRUE(std::regex_match(
+        out[3], std::regex(".*  server announces 127\\.0\\.0\\.1, the address it was reached at")))
+        << out[3];
+    EXPECT_TRUE(std::regex_match(
+        out[4], std::regex(".*  slowest reply [0-9.]+ (ms|s) \\((greeting|login|CWD|PASV|PASV and "
+                           "LIST|LIST's closing reply|QUIT)\\)")))
+        << out[4];
     EXPECT_EQ("verdict: PASS: rec(***)@ftp://" + server().hostPort() + base_ +
-                  " can hold recordings (10 of 10 steps passed)",
-              out[11]);
+                  " can hold recordings (12 of 12 steps passed)",
+              out[13]);
     EXPECT_EQ("", result.err);
     EXPECT_TRUE(fs::is_empty(server().localPath(base_))) << "the check left files behind";
 }
@@ -418,15 +425,36 @@ TEST_F(ToolCommand, CheckWithARefusedLoginFailsAtInitAndSkipsTheRest) {
         std::regex("\n  FAIL  init +[0-9.]+ (ms|s)  127\\.0\\.0\\.1:[0-9]+ refused the login "
                    "as rec: 530 Authentication failed\\.\n")))
         << result.transcript();
-    for (const char* step :
-         {"mkdir", "write", "list", "measure", "read", "delete", "rmdir", "release"}) {
+    for (const char* step : {"data", "replies", "mkdir", "write", "list", "measure", "read",
+                             "delete", "rmdir", "release"}) {
         EXPECT_TRUE(contains(result.out, std::string("  skip  ") + step)) << step << "\n"
                                                                           << result.transcript();
     }
     EXPECT_TRUE(contains(result.out, "verdict: FAIL: rec(***)@ftp://" + server().hostPort() +
                                          base_ +
-                                         " is not usable: 1 of 10 steps failed, 8 skipped; "
+                                         " is not usable: 1 of 12 steps failed, 10 skipped; "
                                          "first failure: init (127.0.0.1:"))
+        << result.transcript();
+}
+
+TEST_F(ToolCommand, CheckNamesAServerBehindAddressTranslationAndItsBytesStillGoThrough) {
+    // The server announces another address of its own network (127.0.0.2
+    // stands for it) in every passive reply, as a server behind address
+    // translation does. (The scripted server's listings are not its files,
+    // so only the steps that move bytes are looked at.)
+    ftptest::ScriptedFtpServer translated;
+    translated.setReply("PASV", "227 Entering Passive Mode (127,0,0,2,{pasvport})");
+    const ToolRun result = run({"check", "rec(pw)@ftp://" + translated.address() + "/video"});
+    EXPECT_TRUE(std::regex_search(
+        result.out,
+        std::regex("\n  ok    data +[0-9.]+ (ms|s)  server announces 127\\.0\\.0\\.2 for data, "
+                   "connecting to 127\\.0\\.0\\.1 instead: the server is behind address "
+                   "translation\n")))
+        << result.transcript();
+    EXPECT_TRUE(std::regex_search(result.out, std::regex("\n  ok    write .*, 262267 bytes, ")))
+        << result.transcript();
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\n  ok    read .*262267 bytes read back, content matches\n")))
         << result.transcript();
 }
 
@@ -1191,7 +1219,7 @@ TEST_P(ToolAgainstAConnectionLimit, CheckSaysHowManyConnectionsTheServerGrantedA
                    "open p50 [0-9.]+ (ms|s), max [0-9.]+ (ms|s)")))
         << within.transcript();
     EXPECT_TRUE(
-        contains(within.out, " can hold recordings from 2 cameras (11 of 11 steps passed)\n"))
+        contains(within.out, " can hold recordings from 2 cameras (13 of 13 steps passed)\n"))
         << within.transcript();
 
     const ToolRun beyond = run({"check", where, "--cameras", "3"});
@@ -1204,7 +1232,7 @@ TEST_P(ToolAgainstAConnectionLimit, CheckSaysHowManyConnectionsTheServerGrantedA
     EXPECT_TRUE(contains(lineStarting(beyond.out, "  FAIL  cameras "), "  " + detail))
         << beyond.transcript();
     EXPECT_TRUE(contains(beyond.out,
-                         " is not usable: 1 of 11 steps failed, 0 skipped; first "
+                         " is not usable: 1 of 13 steps failed, 0 skipped; first "
                          "failure: cameras (" +
                              detail + ")\n"))
         << beyond.transcript();

@@ -17,7 +17,8 @@
 /// (one pointer), so the recorder's class keeps that layout. The signatures
 /// are the recorder's own (a non-const char* for the source name); the module
 /// never passes a name the host could write to, and calls them only through
-/// KDMutexLocker.
+/// KDMutexLocker. Checked by the host conformance suite as
+/// KDMutex.excludes_other_threads.
 class FTPDISK_CAPABILITY("mutex") FTPDISK_HOST_API KDMutex {
 public:
     /// An unlocked mutex.
