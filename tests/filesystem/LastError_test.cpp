@@ -39,7 +39,8 @@ std::string nobodyListening() {
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t n = sizeof a;
-    ::bind(probe, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    // A failed bind leaves port 0, where nothing listens either.
+    (void)::bind(probe, reinterpret_cast<sockaddr*>(&a), sizeof a);
     ::getsockname(probe, reinterpret_cast<sockaddr*>(&a), &n);
     ::close(probe);
     return "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
