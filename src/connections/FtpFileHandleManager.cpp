@@ -137,9 +137,12 @@ int FtpFileHandleManager::open(const char* path, int mode) {
         return -1;
     }
     KDMutexLocker guard(mutex, kLockSource, __LINE__);
+    // Recorded first: should the list not grow (memory exhausted), the
+    // reservation's destructor, run after this lock is let go, gives the
+    // number back.
+    fileHandlers.push_back(handler);
     endOpening(id);
     pending->dismiss();
-    fileHandlers.push_back(handler);
     return id;
 }
 

@@ -25,7 +25,10 @@ enum ExportedCallKind {
     // lost connection that did), and stays clear for a clean answer.
     kExportedQuestion,
     // aioReturn: 0 is success, -1 and -2 failures.
-    kExportedWait
+    kExportedWait,
+    // uninit, moveDir: succeed whatever they meet; `failure` is what an
+    // exception inside gives.
+    kExportedAlwaysSucceeds
 };
 
 // Runs `call` and returns its result, keeping the thread's last error as
@@ -39,7 +42,9 @@ Result exportedCall(Result failure, ExportedCallKind kind, Call call) {
     lasterror::clear();
     try {
         const Result result = call();
-        const bool failed = kind == kExportedWait ? result != 0 : result == failure;
+        const bool failed = kind == kExportedAlwaysSucceeds ? false
+                            : kind == kExportedWait         ? result != 0
+                                                            : result == failure;
         if (kind != kExportedQuestion) {
             if (!failed) {
                 lasterror::clear();

@@ -66,7 +66,8 @@ int FTPFileSystem::init() {
 
 // Always 0, as uninit itself.
 int FTPFileSystem::uninit() {
-    return forward(impl, 0, [&] { return impl->uninit(); });
+    return forward(
+        impl, 0, [&] { return impl->uninit(); }, kExportedAlwaysSucceeds);
 }
 
 int FTPFileSystem::reinit() {
@@ -121,7 +122,8 @@ int FTPFileSystem::deleteFile(const char* path) {
 }
 
 int FTPFileSystem::moveDir(const char* from, const char* to) {
-    return forward(impl, 0, [&] { return impl->moveDir(from, to); });
+    return forward(
+        impl, 0, [&] { return impl->moveDir(from, to); }, kExportedAlwaysSucceeds);
 }
 
 int FTPFileSystem::renameFile(const char* from, const char* to) {

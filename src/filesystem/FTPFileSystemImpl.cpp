@@ -318,8 +318,12 @@ int FTPFileSystemImpl::createDir(const char* path) {
     std::string prefix;
     while (prefixes.next(prefix)) {
         // Back to the root before every test, so a relative path is taken from
-        // the root and not from wherever the last operation left us.
-        mainTool->cd("/");
+        // the root and not from wherever the last operation left us. Its
+        // outcome is not looked at, so it is not the call's reason either.
+        {
+            lasterror::Quiet quiet;
+            mainTool->cd("/");
+        }
         if (mainTool->cd(prefix.c_str()) == 1) {
             continue;
         }
@@ -356,6 +360,10 @@ bool FTPFileSystemImpl::isFileExist(const char* path) {
     // A file exists when the server agrees to send it; no byte is read.
     NetBuf* stream = nullptr;
     if (mainTool->dataConnect(path, kFtpRetr, 'I', &stream) == 1) {
+        // The transfer is cut short on purpose: whatever the server says of
+        // that (426 for a file larger than the socket buffers) is not an
+        // error of the answer.
+        lasterror::Quiet quiet;
         mainTool->closeData(stream);
         return true;
     }
@@ -376,7 +384,11 @@ int FTPFileSystemImpl::createFile(const char* path) {
             return -1;
         }
     }
-    mainTool->closeData(stream);
+    {
+        // As for isFileExist: the closing reply is read and not judged.
+        lasterror::Quiet quiet;
+        mainTool->closeData(stream);
+    }
     return 0;
 }
 

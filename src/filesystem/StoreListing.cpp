@@ -118,13 +118,20 @@ bool StoreListing::fetch(const char* path, std::string& text, bool* notEntered) 
     // Listings ask for `path` again after changing into it; starting from "/"
     // makes root-relative paths mean the same whatever the previous operation
     // left as the working directory.
-    mainTool->cd("/");
+    {
+        // Its outcome is not looked at, so it is not the call's reason either.
+        lasterror::Quiet quiet;
+        mainTool->cd("/");
+    }
     if (mainTool->cd(path) != 1) {
-        // Only a server that answered the change of directory with a refusal
-        // has said the directory cannot be entered; a change that got no
-        // answer (or was never sent) has said nothing about it.
+        // Only a server that answered the change of directory with a lasting
+        // refusal (5xx) has said the directory cannot be entered; a 4xx (busy,
+        // closing), a change that got no answer, or one never sent, has said
+        // nothing about it. The reason is this thread's own, so no other
+        // thread sharing the main connection (a snapshot) can change it here.
         if (notEntered != nullptr) {
-            *notEntered = path == nullptr || mainTool->getLastFailure() == kFtpFailureReply;
+            *notEntered = path == nullptr ||
+                          (lasterror::kind() == lasterror::kRefused && lasterror::text()[0] == '5');
         }
         return false;
     }
@@ -160,6 +167,8 @@ bool StoreListing::recvData(SafePointer<FTPTool> tool, const char* path, std::st
                 // The bytes of this last read are dropped with the rest.
                 text.resize(before);
                 detector.writeLog("FTPFileSystemImpl::recvData", 0, 0);
+                lasterror::note(lasterror::kNoReply, "listing not ended within 60 s");
+                lasterror::Quiet quiet;
                 tool->closeData(data);
                 return false;
             }
@@ -187,6 +196,7 @@ bool StoreListing::recvData(SafePointer<FTPTool> tool, const char* path, std::st
         // A listing too large for the memory left: the data connection is
         // closed (its final reply read) before the failure goes on to the
         // exported call, which turns it into its failure value.
+        lasterror::Quiet quiet;
         tool->closeData(data);
         throw;
     }

@@ -128,6 +128,14 @@ TEST_F(Enumeration, IsEmptyDirIsFalseForADirectoryEnteredWhoseListingIsRefusedOr
     EXPECT_FALSE(store().isEmptyDir("/rec"));
 }
 
+TEST_F(Enumeration, IsEmptyDirIsFalseWhenTheServerRefusesTheChangeOnlyForNow) {
+    // A 4xx says "not now" (busy, closing), not "no such directory".
+    server().queueReply("CWD /rec", "450 Directory busy, try again");
+    EXPECT_FALSE(store().isEmptyDir("/rec"));
+    server().queueReply("CWD /rec", "550 No such directory");
+    EXPECT_TRUE(store().isEmptyDir("/rec"));
+}
+
 TEST_F(Enumeration, IsEmptyDirIsFalseWhenTheChangeIntoTheDirectoryGetsNoAnswer) {
     // The server says nothing of the directory within the wait: nothing is
     // known of it, so it is not reported empty.

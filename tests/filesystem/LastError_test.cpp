@@ -177,6 +177,26 @@ TEST_F(LastError, AQuestionAnsweredNoTellsARefusalFromALostConnection) {
     EXPECT_EQ(lastError(), "refused: 550 No such directory");
 }
 
+TEST_F(LastError, CallsThatAlwaysSucceedLeaveNone) {
+    initialised();
+    EXPECT_EQ(store.moveDir("/a", "/b"), 0);
+    EXPECT_EQ(lastError(), "none: ");
+    EXPECT_EQ(store.uninit(), 0);
+    EXPECT_EQ(lastError(), "none: ");
+}
+
+TEST_F(LastError, AYesKeepsNothingOfTheTransferItCutShort) {
+    initialised();
+    // A file larger than the socket buffers: the server says 426 when the
+    // store closes the data connection unread.
+    server.putFile("/rec/big.ts", std::string(1 << 20, 'b'));
+    Reply cut("150 Opening data connection");
+    cut.finalText = "426 Connection closed; transfer aborted.";
+    server.queueReply("RETR /rec/big.ts", cut);
+    EXPECT_TRUE(store.isFileExist("/rec/big.ts"));
+    EXPECT_EQ(lastError(), "none: ");
+}
+
 TEST_F(LastError, AFileMissingFromItsListingIsNotFound) {
     initialised();
     server.setListing("-rw-r--r-- 1 rec rec 42 Jan 15 10:31 a.ts\r\n");

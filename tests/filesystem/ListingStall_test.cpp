@@ -18,6 +18,7 @@
 
 #include "connections/TimeOutDetector.h"
 #include "filesystem/ListingTestUtil.h"
+#include "foundation/LastError.h"
 #include "ftpdisk_host/HostControl.h"
 #include "support/FdCount.h"
 #include "support/StoreTestAccess.h"
@@ -100,8 +101,14 @@ TEST_F(ListingStall, AListingTricklingPastSixtySecondsFailsClosesItsDataConnecti
     std::vector<std::string> names{"kept"};
     const std::set<ino_t> before = listingtest::openSockets();
 
-    auto listing =
-        std::async(std::launch::async, [&] { return store().getFileList("/rec", names, ""); });
+    std::string reason;
+    auto listing = std::async(std::launch::async, [&] {
+        const bool listed = store().getFileList("/rec", names, "");
+        // The thread's last error: the stall, not what closing the data
+        // connection met afterwards.
+        reason = std::to_string(lasterror::kind()) + " " + lasterror::text();
+        return listed;
+    });
     ASSERT_TRUE(listingtest::waitUntilConsumed(before, 40, kWaitLimit))
         << "the store never read the first piece";
     hostcontrol::advanceClock(61.0);
@@ -109,6 +116,7 @@ TEST_F(ListingStall, AListingTricklingPastSixtySecondsFailsClosesItsDataConnecti
         << "the listing did not give up after the clock passed 60 s";
 
     EXPECT_FALSE(listing.get());
+    EXPECT_EQ(reason, std::to_string(lasterror::kNoReply) + " listing not ended within 60 s");
     EXPECT_EQ(names, Lines{"kept"});
     EXPECT_EQ(commands(), (Lines{"CWD /", "CWD /rec", "TYPE I", "PASV", "LIST /rec"}));
     const Lines log = listingtest::readLines(recordErrorLog());
