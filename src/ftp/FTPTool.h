@@ -55,7 +55,9 @@ enum FtpFailure {
     kFtpFailureLoginRefused = 7,
     // The server refused the session: a greeting other than 2xx, a close
     // before the greeting, a 421 at login.
-    kFtpFailureTurnedAway = 8
+    kFtpFailureTurnedAway = 8,
+    // A limit of this process: no descriptor or no memory left.
+    kFtpFailureLocalLimit = 9
 };
 
 // Transfer kinds of dataConnect.
@@ -210,9 +212,10 @@ public:
     // it only while no other thread uses the tool.
     NetBuf* getControlBuf() const;
     const char* getResponse() const;
-    // Replies the server still owes this connection (0 while not connected).
-    // A connection that owes one is out of step until they are read, and is
-    // never handed to another owner.
+    // Replies the server still owes this connection (0 while not connected),
+    // counting one that may still come after a command ended on a second
+    // preliminary reply. A connection that owes one is out of step until
+    // they are read, and is never handed to another owner.
     int owedReplies();
     // Why the last call failed (FtpFailure), and the system's error number
     // when a socket call failed (0 otherwise).
@@ -259,6 +262,9 @@ private:
     // After a refused USER or PASS: the login's refusal, or a 421 turning the
     // session away.
     void noteLoginRefusal(const char* reply);
+    // A command refused before anything was sent (a missing or overlong
+    // argument, no connection): notes why and gives 0.
+    int refuseArgument();
     // After a failed image-mode data read or write: `waitText` when the
     // readiness wait ran out (`error` 0), else the system's error.
     void noteDataFailure(int error, const char* waitText);
@@ -277,6 +283,11 @@ private:
     // operation may share it), read by its owner afterwards.
     std::atomic<int> lastFailure;
     std::atomic<int> lastErrno;
+    // Whether the last command was held back for a reply owed before it.
+    // Written under controlLock, read by quit on the same thread.
+    bool heldBack;
+    // Whether quit() has been tried on the current control connection.
+    bool quitTried;
     // Guards the control record's line buffer, its counters and `response`
     // (see the class comment).
     KDMutex controlLock;

@@ -61,49 +61,59 @@ bool readInteger(const char*& at, int32_t* value) {
 
 }  // namespace
 
+int FTPTool::refuseArgument() {
+    if (controlBuf == nullptr) {
+        setFailure(kFtpFailureConnectionLost, 0, "not connected");
+    } else {
+        setFailure(kFtpFailureLocal, 0,
+                   "command not sent: an argument missing or too long for one line");
+    }
+    return 0;
+}
+
 int FTPTool::cd(const char* dir) {
-    if (dir == nullptr || controlBuf == nullptr) return 0;
+    if (dir == nullptr || controlBuf == nullptr) return refuseArgument();
     char line[kCommandLineSize];
     // An empty directory means the root.
-    if (!commandLine(line, "CWD", dir[0] == '\0' ? "/" : dir)) return 0;
+    if (!commandLine(line, "CWD", dir[0] == '\0' ? "/" : dir)) return refuseArgument();
     return Sendcmd(line, '2');
 }
 
 int FTPTool::cdup() {
-    if (controlBuf == nullptr) return 0;
+    if (controlBuf == nullptr) return refuseArgument();
     return Sendcmd("CDUP", '2');
 }
 
 int FTPTool::mkdir(const char* dir) {
-    if (dir == nullptr || controlBuf == nullptr) return 0;
+    if (dir == nullptr || controlBuf == nullptr) return refuseArgument();
     char line[kCommandLineSize];
-    if (!commandLine(line, "MKD", dir)) return 0;
+    if (!commandLine(line, "MKD", dir)) return refuseArgument();
     return Sendcmd(line, '2');
 }
 
 int FTPTool::rmdir(const char* dir) {
-    if (dir == nullptr || controlBuf == nullptr) return 0;
+    if (dir == nullptr || controlBuf == nullptr) return refuseArgument();
     char line[kCommandLineSize];
-    if (!commandLine(line, "RMD", dir)) return 0;
+    if (!commandLine(line, "RMD", dir)) return refuseArgument();
     return Sendcmd(line, '2');
 }
 
 int FTPTool::site(const char* command) {
-    if (command == nullptr || controlBuf == nullptr) return 0;
+    if (command == nullptr || controlBuf == nullptr) return refuseArgument();
     char line[kCommandLineSize];
-    if (!commandLine(line, "SITE", command)) return 0;
+    if (!commandLine(line, "SITE", command)) return refuseArgument();
     return Sendcmd(line, '2');
 }
 
 // "213 1234" stores 1234. The type set first stays in force for later
 // commands on this connection.
 int FTPTool::size(const char* path, int* size, char mode) {
-    if (path == nullptr || size == nullptr || controlBuf == nullptr) return 0;
+    if (path == nullptr || size == nullptr || controlBuf == nullptr) return refuseArgument();
     // SIZE's own rule counts one byte more than its line needs: a path of
     // 250 characters or more is refused before anything is sent. One of 249
     // passes it, sends TYPE, and then meets Sendcmd's line limit, as it
     // always has.
-    if (strlen(path) + 7 > kCommandLineSize) return 0;
+    if (strlen(path) + 7 > kCommandLineSize) return refuseArgument();
     char line[kCommandLineSize];
     memset(line, 0, sizeof line);
     snprintf(line, sizeof line, "TYPE %c", mode);
@@ -115,19 +125,22 @@ int FTPTool::size(const char* path, int* size, char mode) {
     const char* at = reply;
     int32_t code = 0;
     int32_t bytes = 0;
-    if (!readInteger(at, &code) || !readInteger(at, &bytes)) return 0;
+    if (!readInteger(at, &code) || !readInteger(at, &bytes)) {
+        setFailure(kFtpFailureReply, 0, reply);
+        return 0;
+    }
     *size = bytes;
     return 1;
 }
 
 int FTPTool::moveFile(const char* from, const char* to) {
-    if (from == nullptr || to == nullptr || controlBuf == nullptr) return 0;
+    if (from == nullptr || to == nullptr || controlBuf == nullptr) return refuseArgument();
     char line[kCommandLineSize];
-    if (!commandLine(line, "RNFR", from)) return 0;
+    if (!commandLine(line, "RNFR", from)) return refuseArgument();
     if (!Sendcmd(line, '3')) return 0;
     // RNFR has gone out by now; a destination that does not fit leaves it
     // pending on the server, and nothing undoes it.
-    if (!commandLine(line, "RNTO", to)) return 0;
+    if (!commandLine(line, "RNTO", to)) return refuseArgument();
     return Sendcmd(line, '2');
 }
 
@@ -138,7 +151,7 @@ int FTPTool::moveFile(const char* from, const char* to) {
 // still moves the connection (callers set their working directory again
 // before relying on it).
 int FTPTool::deleteFile(const char* path) {
-    if (path == nullptr || controlBuf == nullptr) return 0;
+    if (path == nullptr || controlBuf == nullptr) return refuseArgument();
     std::string whole(path);
     std::string name = whole;
     std::string::size_type slash = whole.rfind('/');
@@ -154,7 +167,7 @@ int FTPTool::deleteFile(const char* path) {
         name = whole.substr(slash + 1);
     }
     // The whole path is held to DELE's limit, not just the name that goes out.
-    if (!fits("DELE", whole.size())) return 0;
+    if (!fits("DELE", whole.size())) return refuseArgument();
     commandLine(line, "DELE", name.c_str());
     return Sendcmd(line, '2');
 }

@@ -38,7 +38,10 @@ int waitFor(int fd, short events, NetBufWaitTime limit, short* revents) {
     p.events = events;
     p.revents = 0;
     int n = ::ppoll(&p, 1, &wait, nullptr);
-    if (n > 0 && (p.revents & POLLNVAL)) return -1;
+    if (n > 0 && (p.revents & POLLNVAL)) {
+        errno = EBADF;
+        return -1;
+    }
     if (n > 0 && revents != nullptr) *revents = p.revents;
     return n;
 }
@@ -112,6 +115,9 @@ int connectWithin(int fd, const struct sockaddr_in& address, double limitSeconds
             wait.seconds = 0;
             wait.microseconds = static_cast<int32_t>(slice * 1e6);
             const int ready = waitFor(fd, POLLOUT, wait);
+            // A signal ends a slice early and nothing more: the deadline
+            // still bounds the connect (a blocking connect was restarted).
+            if (ready < 0 && errno == EINTR) continue;
             if (ready < 0) {
                 error = errno != 0 ? errno : EBADF;
                 break;
@@ -207,7 +213,8 @@ static_assert(static_cast<int>(kFtpFailureReply) == lasterror::kRefused &&
                   static_cast<int>(kFtpFailureUnreachable) == lasterror::kUnreachable &&
                   static_cast<int>(kFtpFailureLocal) == lasterror::kBadArgument &&
                   static_cast<int>(kFtpFailureLoginRefused) == lasterror::kLoginRefused &&
-                  static_cast<int>(kFtpFailureTurnedAway) == lasterror::kTurnedAway,
+                  static_cast<int>(kFtpFailureTurnedAway) == lasterror::kTurnedAway &&
+                  static_cast<int>(kFtpFailureLocalLimit) == lasterror::kLocalLimit,
               "the tool's failures are the thread's last error kinds");
 
 const double FTPTool::kReplyLimitSeconds = 30.0;
@@ -215,10 +222,17 @@ const int FTPTool::kReplyLineLimit = 1000;
 const double FTPTool::kConnectLimitSeconds = 10.0;
 
 FTPTool::FTPTool()
-    : controlBuf(nullptr), usable(true), lastFailure(kFtpFailureNone), lastErrno(0) {}
+    : controlBuf(nullptr),
+      usable(true),
+      lastFailure(kFtpFailureNone),
+      lastErrno(0),
+      heldBack(false),
+      quitTried(false) {}
 
 FTPTool::~FTPTool() {
-    quit();
+    // An owner that already tried to quit this connection has had its answer:
+    // a second "QUIT" would only wait for the same silence again.
+    if (!quitTried) quit();
     // quit() keeps the record when "QUIT" is not answered 2xx; nothing may
     // outlive the tool, so whatever is left is released here.
     Empty();
@@ -239,7 +253,7 @@ const char* FTPTool::getResponse() const {
 int FTPTool::owedReplies() {
     if (controlBuf == nullptr) return 0;
     KDMutexLocker guard(controlLock, kLockSource, __LINE__);
-    return controlBuf->replies.owed;
+    return controlBuf->replies.owed + controlBuf->replies.doubtful;
 }
 
 int FTPTool::getLastFailure() const { return lastFailure.load(); }
@@ -277,7 +291,7 @@ int FTPTool::connect(const char* host) {
 
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) {
-        setFailure(kFtpFailureLocal, errno);
+        setFailure(kFtpFailureLocalLimit, errno);
         return 0;
     }
     int on = 1;
@@ -292,7 +306,7 @@ int FTPTool::connect(const char* host) {
     NetBuf* control = ftptool::newRecord(fd, kNetBufControl, true);
     if (control == nullptr) {
         close(fd);
-        setFailure(kFtpFailureLocal, ENOMEM);
+        setFailure(kFtpFailureLocalLimit, ENOMEM);
         return 0;
     }
     // The greeting is the first reply the server owes.
@@ -304,6 +318,7 @@ int FTPTool::connect(const char* host) {
     control->idleTime.seconds = kControlIdleSeconds;
     control->idleTime.microseconds = 0;
     controlBuf = control;
+    quitTried = false;
 
     setTimeOutLen(controlBuf, 1, kControlSocketLimit);
     setTimeOutLen(controlBuf, 2, kControlSocketLimit);
@@ -392,8 +407,16 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // A reply that came late, or was left part way, belongs to an earlier
     // command: it is read and dropped before this one goes out, so that it is
     // never judged as this command's answer. If it still does not come, this
-    // command is held back and the connection stays out of step.
+    // command is held back and the connection stays out of step. Bytes
+    // already received while nothing is owed are a reply the server sent
+    // unasked (a final reply after a command that ended on a second 1xx):
+    // dropped the same way.
+    if (controlBuf->replies.owed == 0 && controlBuf->available > 0) {
+        controlBuf->replies.owed = 1;
+    }
+    heldBack = false;
     if (!dropOwedReplies(controlBuf, 0)) {
+        heldBack = true;
         ftptool::setResponse(controlBuf, kHeldBackText);
         if (lastFailure.load() == kFtpFailureNoReply)
             setFailure(kFtpFailureNoReply, 0, kHeldBackText);
@@ -431,6 +454,11 @@ int FTPTool::Readresp(char expected, NetBuf* connection) {
 int FTPTool::readReply(char expected, NetBuf* connection) {
     // The reply asked for is the last one owed (the closing reply of a
     // transfer, the greeting); any owed before it answer earlier commands.
+    // With none owed, whatever came would be another command's.
+    if (connection == controlBuf && connection->replies.owed == 0) {
+        setFailure(kFtpFailureLocal, 0, "no reply is awaited on this connection");
+        return 0;
+    }
     if (!dropOwedReplies(connection, 1)) return 0;
     if (readOwedReply(connection, KDTime::getUpTime() + kReplyLimitSeconds, true) != kReplyWhole) {
         return 0;
@@ -592,6 +620,10 @@ int FTPTool::readOwedReply(NetBuf* connection, double deadline, bool keep) {
     if (code == '1' && !state.preliminary) {
         state.preliminary = 1;
     } else {
+        // After a second 1xx a final reply may still follow: the connection
+        // is not trusted to another owner until a later command's reply has
+        // shown it in step.
+        state.doubtful = code == '1' ? 1 : 0;
         state.preliminary = 0;
         if (state.owed > 0) --state.owed;
     }
@@ -758,9 +790,15 @@ int FTPTool::quit() {
     // Quitting is clean-up after whatever the owner met: it never becomes the
     // thread's last error.
     lasterror::Quiet quiet;
+    quitTried = true;
     // A refused "QUIT" keeps the connection as it is; only Empty() (or the
-    // destructor) releases it then.
-    if (!Sendcmd("QUIT", '2')) return 0;
+    // destructor) releases it then. One held back because a reply owed
+    // before it never came is released at once: that connection is out of
+    // step for good.
+    if (!Sendcmd("QUIT", '2')) {
+        if (heldBack) Empty();
+        return 0;
+    }
     Empty();
     return 1;
 }

@@ -274,18 +274,23 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
         socklen_t length = sizeof address;
         if (getsockname(controlBuf->handle, reinterpret_cast<struct sockaddr*>(&address),
                         &length) != 0) {
+            setFailure(kFtpFailureConnectionLost, errno);
             return 0;
         }
     }
 
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-    if (fd < 0) return 0;
+    if (fd < 0) {
+        setFailure(kFtpFailureLocalLimit, errno);
+        return 0;
+    }
     int on = 1;
     struct linger noLinger;
     noLinger.l_onoff = 0;
     noLinger.l_linger = 0;
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         setsockopt(fd, SOL_SOCKET, SO_LINGER, &noLinger, sizeof noLinger) != 0) {
+        setFailure(kFtpFailureLocalLimit, errno);
         close(fd);
         return 0;
     }
@@ -304,12 +309,14 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
         address.sin_port = 0;
         if (bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0 ||
             listen(fd, 1) != 0) {
+            setFailure(kFtpFailureLocalLimit, errno);
             close(fd);
             return 0;
         }
         // Closed on this failure too: nothing else would ever close it.
         socklen_t length = sizeof address;
         if (getsockname(fd, reinterpret_cast<struct sockaddr*>(&address), &length) != 0) {
+            setFailure(kFtpFailureLocalLimit, errno);
             close(fd);
             return 0;
         }
@@ -328,6 +335,7 @@ int FTPTool::OpenPort(NetBuf** out, int mode, int direction) {
     // field is set here.
     NetBuf* data = ftptool::newRecord(fd, direction, mode == 'A');
     if (data == nullptr) {
+        setFailure(kFtpFailureLocalLimit, ENOMEM);
         close(fd);
         return 0;
     }
@@ -452,7 +460,10 @@ int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
 }
 
 int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
-    if (data == nullptr || milliseconds < 0) return -2;
+    if (data == nullptr || milliseconds < 0) {
+        setFailure(kFtpFailureLocal, 0, "no data connection, or a negative limit");
+        return -2;
+    }
     short revents = 0;
     int n =
         ftptool::waitFor(data->handle, POLLOUT | POLLPRI, ftpAioWaitTime(milliseconds), &revents);
@@ -467,6 +478,7 @@ int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
     // An error or hang-up counts as writable, as select reports it: the next
     // write then returns the error.
     if (revents & (POLLOUT | POLLERR | POLLHUP)) return 0;
+    setFailure(kFtpFailureConnectionLost, 0, "urgent data on the data connection");
     return -2;
 }
 

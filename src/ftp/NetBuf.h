@@ -47,6 +47,7 @@ enum NetBufConnectionMode {
 struct NetBufReplyState {
     int32_t owed;            // replies still to come
     int32_t preliminary;     // 1 when the oldest owed command has had its 1xx reply
+    int32_t doubtful;        // 1 after a command ended on a second 1xx: a reply may follow
     int32_t started;         // 1 when some of the oldest owed reply has been read
     int32_t multiLine;       // 1 when it is a multi-line reply: `closing` ends it
     int32_t lineHeadLength;  // bytes of the current line seen so far, up to 4

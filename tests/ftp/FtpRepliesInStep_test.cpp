@@ -7,6 +7,8 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -281,6 +283,88 @@ TEST_F(FtpConnectLimit, ARefusedConnectFailsAtOnceAndSaysSo) {
     EXPECT_EQ(tool.connect(host.c_str()), 0);
     EXPECT_EQ(tool.getLastFailure(), kFtpFailureConnectRefused);
     EXPECT_EQ(tool.getLastErrno(), ECONNREFUSED);
+}
+
+TEST_F(FtpConnectLimit, ASignalDuringTheConnectDoesNotEndIt) {
+    DeafListener deaf;
+    ASSERT_NE(deaf.port(), 0);
+    // A handler that lets interrupted calls restart, as a recorder's would.
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    struct sigaction before {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &before), 0);
+    const std::string host = "127.0.0.1:" + std::to_string(deaf.port());
+    std::atomic<int> result{-99};
+    std::atomic<bool> done{false};
+    std::atomic<pid_t> callerId{0};
+    std::thread caller([&] {
+        callerId = ftptest::currentThreadId();
+        result = tool.connect(host.c_str());
+        done = true;
+    });
+    EXPECT_TRUE(ftptest::eventually([&] { return callerId.load() != 0; }));
+    long waits = ftptest::threadWaits(callerId.load());
+    EXPECT_TRUE(ftptest::eventually(
+        [&] { return done || ftptest::threadWaits(callerId.load()) >= waits + 2; }));
+    for (int i = 0; i < 3; ++i) ::pthread_kill(caller.native_handle(), SIGUSR1);
+    // Two more slices: the caller is still connecting.
+    waits = ftptest::threadWaits(callerId.load());
+    EXPECT_TRUE(ftptest::eventually(
+        [&] { return done || ftptest::threadWaits(callerId.load()) >= waits + 2; }));
+    EXPECT_FALSE(done) << "a signal ended the connect";
+    hostcontrol::advanceClock(11.0);
+    caller.join();
+    ::sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(tool.getLastErrno(), ETIMEDOUT);
+}
+
+// --- Replies after a command's end, and leaving a connection out of step -----------
+
+TEST_F(FtpRepliesInStep, AFinalReplyAfterASecondPreliminaryOneNeverAnswersTheNextCommand) {
+    connectAndLogin();
+    server.putFile("/f.ts", "abc");
+    // The server says 150 twice, then 226: the second 150 ends the transfer
+    // as its last reply, and the 226 comes unasked.
+    Reply twice("150 Opening");
+    twice.finalText = "150 cut short\n226 done";
+    server.queueReply("RETR /f.ts", twice);
+    NetBuf* d = nullptr;
+    ASSERT_EQ(tool.dataConnect("/f.ts", kFtpRetr, 'I', &d), 1);
+    EXPECT_EQ(tool.closeData(d), 0);
+    EXPECT_STREQ(tool.getResponse(), "150 cut short\n");
+    EXPECT_EQ(tool.owedReplies(), 1) << "a reply may still follow: not to be pooled";
+    // The 226 is dropped before the next command, which gets its own 550.
+    ASSERT_TRUE(server.waitForCommands(5));
+    server.queueReply("CWD /missing", "550 No such directory");
+    EXPECT_EQ(tool.cd("/missing"), 0);
+    EXPECT_STREQ(tool.getResponse(), "550 No such directory\n");
+    EXPECT_EQ(tool.owedReplies(), 0);
+}
+
+TEST_F(FtpRepliesInStep, QuittingAConnectionThatOwesAReplyWaitsOnceAndReleasesIt) {
+    connectAndLogin();
+    shortenWait(200);
+    Reply silent;
+    silent.silent = true;
+    server.queueReply("NOOP", silent);
+    EXPECT_EQ(tool.Sendcmd("NOOP", '2'), 0);
+    // QUIT is held back by the reply that never comes; the connection is out
+    // of step for good and released without it.
+    EXPECT_EQ(tool.quit(), 0);
+    EXPECT_EQ(tool.getControlBuf(), nullptr);
+    EXPECT_EQ(afterLogin(), (Lines{"NOOP"}));
+}
+
+TEST_F(FtpRepliesInStep, ACommandTooLongToSendSaysWhy) {
+    connectAndLogin();
+    EXPECT_EQ(tool.cd(std::string(300, 'd').c_str()), 0);
+    EXPECT_EQ(tool.getLastFailure(), kFtpFailureLocal);
+    EXPECT_EQ(tool.mkdir(nullptr), 0);
+    EXPECT_EQ(tool.getLastFailure(), kFtpFailureLocal);
+    EXPECT_EQ(afterLogin(), Lines{});
 }
 
 // --- Passive data address -----------------------------------------------------------
