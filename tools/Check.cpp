@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "Commands.h"
-#include "LoginProbe.h"
+#include "FailureText.h"
 #include "ToolFormat.h"
 #include "ftp/FTPTool.h"
 
@@ -47,14 +47,15 @@ std::string plural(long long n, const char* one, const char* many) {
 // The "cameras" step: opens `cameras` files in `dir` one after another and
 // keeps them all open, as that many cameras recording at once; with the
 // store's own connection that takes cameras + 1 logged-in connections. Then
-// writes a block to each and closes them. When an open fails, the server is
-// asked why (with a login of the tool's own) while the other files are
-// still open, so that it is still at whatever limit it has.
+// writes a block to each and closes them. When an open fails, the module's
+// last error says why: a server at its limit turns the session or the login
+// away, and its reply names the limit.
 bool openCameraFiles(FTPFileSystem* store, const Location& location, const std::string& dir,
                      int cameras, std::string& detail) {
     std::vector<int> handles;
     std::vector<double> openSeconds;
     std::string refused;
+    FailureReason why;
     for (int camera = 1; camera <= cameras; ++camera) {
         char name[32];
         std::snprintf(name, sizeof name, "cam%02d.dat", camera);
@@ -63,14 +64,11 @@ bool openCameraFiles(FTPFileSystem* store, const Location& location, const std::
         const int handle = store->open(path.c_str(), 2);
         if (handle < 0) {
             refused = path;
+            why = lastFailure(location);
             break;
         }
         openSeconds.push_back(monotonicSeconds() - start);
         handles.push_back(handle);
-    }
-    LoginProbe probe;
-    if (!refused.empty()) {
-        probe = probeLogin(location);
     }
     std::vector<char> block(kBlock);
     for (std::size_t i = 0; i < block.size(); ++i) {
@@ -90,14 +88,12 @@ bool openCameraFiles(FTPFileSystem* store, const Location& location, const std::
     const std::string need =
         plural(cameras, "camera needs ", "cameras need ") + std::to_string(cameras + 1);
     if (!refused.empty()) {
-        if (probe.turnedAway()) {
+        if (why.turnedAway) {
             detail = "server granted " + plural(granted, "connection", "connections") + "; " +
-                     need + ": '" + (probe.reply.empty() ? probe.text : probe.reply) + "'";
+                     need + ": '" + why.reply + "'";
         } else {
             detail = "cannot open " + refused + " with " + plural(granted - 1, "file", "files") +
-                     " open (" +
-                     (probe.outcome == LoginProbe::kLoggedIn ? "no reason given; " : "") +
-                     probe.text + ")";
+                     " open (" + why.text + ")";
         }
         return false;
     }
@@ -295,7 +291,7 @@ int runCheck(const Arguments& args) {
     const bool ready = session.init(true) == kExitOk;
     const double initSeconds = monotonicSeconds() - initStart;
     steps.report("init", ready, initSeconds,
-                 ready ? "connected and logged in" : explainLoginFailure(location));
+                 ready ? "connected and logged in" : lastFailure(location).text);
     SlowestReply slowest;
     const bool dataReached = steps.run("data", ready, "init failed", [&](std::string& detail) {
         return probeDataAddress(location, slowest, detail);

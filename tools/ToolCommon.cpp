@@ -8,7 +8,7 @@
 #include <iostream>
 
 #include "Credentials.h"
-#include "LoginProbe.h"
+#include "FailureText.h"
 #include "filesystem/FTPFileSystemManager.h"
 
 namespace ftpdisk_tool {
@@ -125,7 +125,7 @@ int Session::init(bool quiet) {
     }
     if (store_->init() != 0) {
         if (!quiet) {
-            fail(command_, explainLoginFailure(location_), kExitFailed);
+            fail(command_, lastFailure(location_).text, kExitFailed);
         }
         return kExitFailed;
     }

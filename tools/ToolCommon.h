@@ -92,7 +92,8 @@ public:
     // store then.
     int registerLocation(const std::string& text);
     // Connects and logs in. Returns kExitOk or kExitFailed; unless `quiet`,
-    // a failure is printed with its reason (see LoginProbe.h).
+    // a failure is printed with its reason, the module's last error (see
+    // FailureText.h).
     int init(bool quiet = false);
     // registerLocation then init.
     int open(const std::string& text);

@@ -8,10 +8,10 @@
 // HHMMSS the local time the segment was opened. Byte i of a segment file is
 // (seed + i) mod 251 with seed = (31 * camera + segment) mod 251.
 //
-// Every failed call goes to a FailedCalls book, which asks the server why on
-// a login of its own; the summary names the calls and their reasons, and the
-// verdict says so when the server grants fewer connections than the cameras
-// need (one per open file, plus the store's own).
+// Every failed call goes to a FailedCalls book with its reason, the module's
+// last error of the camera that met it; the summary names the calls and their
+// reasons, and the verdict says so when the server grants fewer connections
+// than the cameras need (one per open file, plus the store's own).
 //
 // The ramp: until every camera has its first file open, opens crowd the
 // server and writes share the machine with logins. The summary gives the time
@@ -38,8 +38,8 @@
 
 #include "Commands.h"
 #include "FailedCalls.h"
+#include "FailureText.h"
 #include "Housekeeping.h"
-#include "LoginProbe.h"
 #include "RecordSchedule.h"
 #include "ToolFormat.h"
 
@@ -54,10 +54,6 @@ constexpr int kPatternPeriod = 251;
 // waits in a row a camera sits out before it calls the write failed.
 constexpr int kAioWaitMillis = 1000;
 constexpr int kAioMaxWaits = 30;
-// The least time between two logins of the tool's own that explain failed
-// calls: a server at its limit is asked about once a second, not once per
-// failure.
-constexpr double kProbeSpacingSeconds = 1.0;
 // Housekeeping passes when days are removed and no period is given.
 constexpr double kDefaultPassSeconds = 10.0;
 
@@ -552,14 +548,13 @@ void printFailures(const FailedCalls& failures) {
     }
 }
 
-// The verdict after "FAIL: ", one line. A server that turned a login of the
-// tool's own away while the run had files open is at its connection limit:
-// every camera holds one connection for its open file, and the store one
-// more for itself.
+// The verdict after "FAIL: ", one line. A server that turned a camera's
+// session or login away while the run had files open is at its connection
+// limit: every camera holds one connection for its open file, and the store
+// one more for itself.
 std::string failureVerdict(const FailedCalls& failures, int cameras, int connectionsSeen) {
-    LoginProbe probe;
-    if (failures.turnedAway(probe)) {
-        const std::string answer = probe.reply.empty() ? probe.text : probe.reply;
+    std::string answer;
+    if (failures.turnedAway(answer)) {
         return "server granted " + std::to_string(connectionsSeen) +
                (connectionsSeen == 1 ? " connection; " : " connections; ") +
                std::to_string(cameras) + (cameras == 1 ? " camera needs " : " cameras need ") +
@@ -789,8 +784,6 @@ RunTotals runCameras(Session& session, const Settings& settings,
     RunTotals totals;
     totals.elapsed = monotonicSeconds() - start;
     status.finish();
-    // The last failures may still wait for their explaining login.
-    failures.finish();
     totals.mostOpenFiles = live.mostOpenFiles.load();
     addUp(cameras, housekeeping.get(), totals);
     return totals;
@@ -933,7 +926,7 @@ int runRecord(const Arguments& args) {
     catchStopSignals();
     const Location location = session.location();
     printPlan(location, settings, dirs.front());
-    FailedCalls failures([location] { return probeLogin(location); }, kProbeSpacingSeconds);
+    FailedCalls failures([location] { return lastFailure(location); });
     const RunTotals totals = runCameras(session, settings, dirs, pattern, failures);
 
     printSummary(settings, totals);
