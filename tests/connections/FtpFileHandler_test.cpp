@@ -3,12 +3,14 @@
 // unusable.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
 
 #include "ConnectionsTestUtil.h"
 #include "connections/FtpFileHandler.h"
+#include "support/TestHelpers.h"
 
 namespace {
 
@@ -131,7 +133,7 @@ TEST(FtpFileHandler, AFailedReadMarksTheConnectionUnusable) {
 // reaches the client a write through `send` (write or aioWrite) fails, and the
 // connection is marked unusable. The connection stays usable until then.
 template <class Send>
-void expectAFailedSendMarksTheConnectionUnusable(char fill, int maxCalls, Send send) {
+void expectAFailedSendMarksTheConnectionUnusable(char fill, std::size_t maxCalls, Send send) {
     ftptest::ScriptedFtpServer server;
     ftptest::Reply cut("150 Opening data connection");
     cut.closeDataAfter = 10;
@@ -142,7 +144,7 @@ void expectAFailedSendMarksTheConnectionUnusable(char fill, int maxCalls, Send s
     ASSERT_TRUE(handler.open("", "", ""));
     const std::string chunk(65536, fill);
     int result = 0;
-    for (int i = 0; i < maxCalls && result >= 0; ++i) {
+    for (std::size_t i = 0; i < maxCalls && result >= 0; ++i) {
         result = send(handler, chunk);
         if (result >= 0) {
             EXPECT_TRUE(tool->getUsable()) << "call " << i << " gave " << result;
@@ -155,14 +157,14 @@ void expectAFailedSendMarksTheConnectionUnusable(char fill, int maxCalls, Send s
 
 TEST(FtpFileHandler, AFailedWriteMarksTheConnectionUnusable) {
     expectAFailedSendMarksTheConnectionUnusable(
-        'w', 200, [](FtpFileHandler& handler, const std::string& chunk) {
+        'w', ftptest::loopbackBytesInFlight() / 65536 + 16, [](FtpFileHandler& handler, const std::string& chunk) {
             return handler.write(chunk.data(), static_cast<unsigned int>(chunk.size()));
         });
 }
 
 TEST(FtpFileHandler, AFailedAioWriteMarksTheConnectionUnusable) {
     expectAFailedSendMarksTheConnectionUnusable(
-        'a', 2000, [](FtpFileHandler& handler, const std::string& chunk) {
+        'a', std::max<std::size_t>(2000, ftptest::loopbackBytesInFlight() / 65536 + 16), [](FtpFileHandler& handler, const std::string& chunk) {
             return handler.aioWrite(chunk.data(), static_cast<unsigned int>(chunk.size()));
         });
 }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -47,6 +48,27 @@ inline std::string patternBytes(std::size_t size, uint32_t seed) {
         bytes[i] = static_cast<char>(x & 0xFF);
     }
     return bytes;
+}
+
+// The most bytes one loopback TCP connection can hold between a sender's
+// write and the receiver's read: the largest send buffer plus the largest
+// receive buffer the kernel may grow to (the third figure of tcp_wmem and
+// tcp_rmem). An upload larger than this, cut by the receiver, must meet a
+// failed write however the threads are scheduled; smaller ones may fit whole
+// in the buffers before the receiver closes.
+inline std::size_t loopbackBytesInFlight() {
+    std::size_t total = 0;
+    const char* const files[] = {"/proc/sys/net/ipv4/tcp_wmem", "/proc/sys/net/ipv4/tcp_rmem"};
+    for (const char* name : files) {
+        std::ifstream in(name);
+        unsigned long long low = 0, initial = 0, most = 0;
+        if (in >> low >> initial >> most) {
+            total += static_cast<std::size_t>(most);
+        } else {
+            total += 64u * 1024 * 1024;  // no /proc: a bound larger than any default
+        }
+    }
+    return total;
 }
 
 // The lines with `separator` between them: ({"a", "b"}, ",") gives "a,b".
