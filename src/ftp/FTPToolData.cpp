@@ -479,7 +479,11 @@ int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
     if (buf == nullptr) return -1;
     // No readiness wait and no accounting: completion is checked separately
     // with aioReturn.
-    const int sent = static_cast<int>(ftptool::transmit(data, buf, length, MSG_NOSIGNAL));
+    // Through TLS the send never waits either (the open file sets its socket
+    // non-blocking for this call); a record the socket took only in part is
+    // finished by the next call, which must bring the same bytes again.
+    const int flags = data->tls != nullptr ? MSG_NOSIGNAL | MSG_DONTWAIT : MSG_NOSIGNAL;
+    const int sent = static_cast<int>(ftptool::transmit(data, buf, length, flags));
     if (sent < 0) {
         const int error = errno;
         if (error == EAGAIN || error == EWOULDBLOCK) {

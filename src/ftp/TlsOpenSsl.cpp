@@ -198,9 +198,22 @@ public:
         const int result =
             drive([&] { return SSL_read_ex(ssl, buffer, static_cast<size_t>(length), &got); },
                   sharing(waitMilliseconds), &error);
-        if (result > 0) return static_cast<int>(got);
-        if (errno == EAGAIN) return -1;
-        return finish(error);
+        if (result <= 0) return errno == EAGAIN ? -1 : finish(error);
+        // One read gives at most one record (16 KiB); what else has arrived
+        // is taken too, without waiting, so a large read is one call.
+        size_t total = got;
+        while (total < static_cast<size_t>(length)) {
+            size_t more = 0;
+            ERR_clear_error();
+            if (SSL_read_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) != 1) {
+                const int later = SSL_get_error(ssl, 0);
+                // The end or an error shows itself on the next call.
+                if (later != SSL_ERROR_WANT_READ && later != SSL_ERROR_WANT_WRITE) ERR_clear_error();
+                break;
+            }
+            total += more;
+        }
+        return static_cast<int>(total);
     }
 
     int send(const char* buffer, int length, int waitMilliseconds) override {
@@ -214,11 +227,27 @@ public:
         const int result =
             drive([&] { return SSL_write_ex(ssl, buffer, static_cast<size_t>(length), &sent); },
                   sharing(waitMilliseconds), &error);
-        if (result > 0) return static_cast<int>(sent);
-        if (errno == EAGAIN) return -1;
-        const int ended = finish(error);
-        if (ended == 0) errno = EPIPE;  // no sending after the end
-        return -1;
+        if (result <= 0) {
+            if (errno == EAGAIN) return -1;
+            const int ended = finish(error);
+            if (ended == 0) errno = EPIPE;  // no sending after the end
+            return -1;
+        }
+        // A write returns after one record; the rest goes on while the socket
+        // takes it without waiting. A write that would wait ends the call
+        // with what went out: the caller comes back with the rest.
+        size_t total = sent;
+        while (total < static_cast<size_t>(length)) {
+            size_t more = 0;
+            ERR_clear_error();
+            if (SSL_write_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) !=
+                1) {
+                ERR_clear_error();
+                break;
+            }
+            total += more;
+        }
+        return static_cast<int>(total);
     }
 
     bool pending() override { return SSL_pending(ssl) > 0 || SSL_has_pending(ssl) == 1; }
