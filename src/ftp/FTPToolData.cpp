@@ -73,8 +73,7 @@ bool notReady(ssize_t result) { return result < 0 && (errno == EAGAIN || errno =
 // 0 bytes would not tell whether the socket is ready.
 int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
     if (length > 0) {
-        const ssize_t got =
-            ftptool::receive(data, buf, static_cast<size_t>(length), MSG_DONTWAIT);
+        const ssize_t got = ftptool::receive(data, buf, static_cast<size_t>(length), MSG_DONTWAIT);
         if (!notReady(got)) return static_cast<int>(got);
     }
     if (!tool.Socketwait(data)) {
@@ -99,8 +98,8 @@ int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
 int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
     ssize_t sent = 0;
     if (length > 0) {
-        sent = ftptool::transmit(data, buf, static_cast<size_t>(length),
-                                 MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent =
+            ftptool::transmit(data, buf, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent == length) return length;
         if (sent < 0 && !notReady(sent)) return -1;
         if (sent < 0) sent = 0;

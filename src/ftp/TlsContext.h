@@ -35,11 +35,11 @@ struct TlsTrust {
 // What a connection learnt of its server in the handshake, for the command
 // line tool's check and for logs.
 struct TlsPeerDetails {
-    std::string protocol;      // "TLSv1.3"
-    std::string cipher;        // "TLS_AES_256_GCM_SHA384"
-    std::string subject;       // "CN=nas.example"
+    std::string protocol;  // "TLSv1.3"
+    std::string cipher;    // "TLS_AES_256_GCM_SHA384"
+    std::string subject;   // "CN=nas.example"
     std::string issuer;
-    std::string notBefore;     // "Nov 25 10:00:00 2026 GMT"
+    std::string notBefore;  // "Nov 25 10:00:00 2026 GMT"
     std::string notAfter;
     std::string fingerprint;   // SHA-256 of the certificate, "AB:CD:..."
     std::string verification;  // which check passed

@@ -59,14 +59,12 @@ int linkRead(BIO* bio, char* out, int length) {
 
 long linkControl(BIO* bio, int command, long, void*) {
     switch (command) {
-        case BIO_CTRL_FLUSH:
-            return 1;
+        case BIO_CTRL_FLUSH: return 1;
         case BIO_CTRL_EOF:
             // Lets the library tell a server's close without close_notify
             // from an error: the context counts it as the end of the stream.
             return linkOf(bio) != nullptr && linkOf(bio)->ended ? 1 : 0;
-        default:
-            return 0;
+        default: return 0;
     }
 }
 
@@ -208,7 +206,8 @@ public:
             if (SSL_read_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) != 1) {
                 const int later = SSL_get_error(ssl, 0);
                 // The end or an error shows itself on the next call.
-                if (later != SSL_ERROR_WANT_READ && later != SSL_ERROR_WANT_WRITE) ERR_clear_error();
+                if (later != SSL_ERROR_WANT_READ && later != SSL_ERROR_WANT_WRITE)
+                    ERR_clear_error();
                 break;
             }
             total += more;
@@ -372,8 +371,7 @@ private:
             if (errno == EAGAIN) {
                 *why = "TLS handshake failed: no answer from the server within the wait";
             } else if (error == SSL_ERROR_SYSCALL || error == SSL_ERROR_ZERO_RETURN) {
-                *why = "TLS handshake failed: " +
-                       libraryError("the server closed the connection");
+                *why = "TLS handshake failed: " + libraryError("the server closed the connection");
             } else {
                 *why = "TLS handshake failed: " + libraryError("protocol error");
             }

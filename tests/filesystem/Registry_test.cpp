@@ -261,14 +261,13 @@ TEST(RegistryCovering, IsSameDiskDirComparesEverythingButTheRegisteredLastCompon
     }
 }
 
-
 // --- ftps stores -----------------------------------------------------------
 
 TEST_F(Registry, AnFtpAndAnFtpsLocationNeverCoverEachOther) {
-    EXPECT_FALSE(registry->isSameDiskDir("rec(pw)@ftp://10.0.0.5/rec/a",
-                                         "rec(pw)@ftps://10.0.0.5/rec/b/x"));
-    EXPECT_FALSE(registry->isSameDiskDir("rec(pw)@ftps://10.0.0.5/rec/a",
-                                         "rec(pw)@ftp://10.0.0.5/rec/b/x"));
+    EXPECT_FALSE(
+        registry->isSameDiskDir("rec(pw)@ftp://10.0.0.5/rec/a", "rec(pw)@ftps://10.0.0.5/rec/b/x"));
+    EXPECT_FALSE(
+        registry->isSameDiskDir("rec(pw)@ftps://10.0.0.5/rec/a", "rec(pw)@ftp://10.0.0.5/rec/b/x"));
     EXPECT_TRUE(registry->isSameDiskDir("rec(pw)@ftps://10.0.0.5/rec/a",
                                         "rec(pw)@ftps://10.0.0.5/rec/b/x"));
     // Also where a registered text has no parent directories to compare.

@@ -12,7 +12,8 @@
 namespace {
 
 const char* const kColons =
-    "70:DA:12:62:18:F4:31:43:BF:A3:BD:22:42:06:0A:DF:A4:9B:60:C7:11:33:39:9B:41:D4:F8:9C:65:37:9E:E8";
+    "70:DA:12:62:18:F4:31:43:BF:A3:BD:22:42:06:0A:DF:A4:9B:60:C7:11:33:39:9B:41:D4:F8:9C:65:37:9E:"
+    "E8";
 
 TEST(TlsFingerprint, ColonsAndPlainHexInAnyCaseGiveTheSameBytes) {
     std::string fromColons;
@@ -30,7 +31,7 @@ TEST(TlsFingerprint, ColonsAndPlainHexInAnyCaseGiveTheSameBytes) {
 TEST(TlsFingerprint, AnythingElseIsRefusedAndLeavesTheOutputAlone) {
     const char* const bad[] = {
         "",
-        "70:DA",  // too short
+        "70:DA",                                                               // too short
         "70da126218f43143bfa3bd2242060adfa49b60c71133399b41d4f89c65379ee8aa",  // 33 bytes
         "70da126218f43143bfa3bd2242060adfa49b60c71133399b41d4f89c65379ee",     // odd length
         "zzda126218f43143bfa3bd2242060adfa49b60c71133399b41d4f89c65379ee8",    // not hex
