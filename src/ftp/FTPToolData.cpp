@@ -518,38 +518,25 @@ int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
     return -2;
 }
 
-namespace {
-
-// The end of an upload through TLS. Bytes the server sent and nobody read
-// (its TLS 1.3 session tickets, its close_notify) would make close() a reset,
-// and a reset that reaches the server before it has read the whole upload
-// costs it the end of the file. So the upload's end is announced (FIN), and
-// what the server sends is read and dropped until it closes its side, which
-// it does once it has everything: at most one readiness wait per quiet spell,
-// and a bounded number of reads.
-void finishUpload(NetBuf* data) {
-    shutdown(data->handle, SHUT_WR);
-    char sink[4096];
-    for (int i = 0; i < 256; ++i) {
-        if (ftptool::waitFor(data->handle, POLLIN, data->idleTime) <= 0) break;
-        if (recv(data->handle, sink, sizeof sink, MSG_DONTWAIT) <= 0) break;
-    }
-}
-
-}  // namespace
-
 int FTPTool::closeData(NetBuf* data) {
     if (data == nullptr) return 0;
     if (data->direction != kNetBufDataRead && data->direction != kNetBufDataWrite) return 0;
     free(data->buffer);
     data->buffer = nullptr;
     if (data->tls != nullptr) {
-        const bool upload = data->direction == kNetBufDataWrite;
         // An upload ends with close_notify, so the server can tell the end of
         // the file from a cut connection.
-        if (upload) data->tls->closeNotify();
+        if (data->direction == kNetBufDataWrite) data->tls->closeNotify();
         ftptool::dropTls(data);
-        if (upload && data->handle >= 0) finishUpload(data);
+        // Bytes the server sent and nobody read (TLS 1.3 session tickets on
+        // an upload) would make the close a reset, which can cost the server
+        // the end of the upload: they are taken off the socket first.
+        if (data->handle >= 0) {
+            char sink[4096];
+            for (int i = 0; i < 64; ++i) {
+                if (recv(data->handle, sink, sizeof sink, MSG_DONTWAIT) <= 0) break;
+            }
+        }
     }
     if (data->handle >= 0) {
         shutdown(data->handle, SHUT_RDWR);
