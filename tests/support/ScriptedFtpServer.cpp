@@ -866,15 +866,25 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
                 context = tlsContexts_.back();
                 requireReuse = requireSessionReuse_;
             }
-            data.ssl = acceptTls(context, fd, true, stopping_, Clock::now() + kDataConnectLimit);
-            if (data.ssl == nullptr) {
-                refusal = "522 TLS handshake on the data connection failed";
+            if (reply.failDataTls) {
+                linger abort{1, 0};
+                ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+                refusal = reply.finalText.empty()
+                              ? "522 TLS handshake on the data connection failed"
+                              : reply.finalText;
             } else {
-                record.tls = true;
-                record.resumed = SSL_session_reused(data.ssl) == 1;
-                if (requireReuse && !record.resumed)
-                    refusal = "522 Data connections must resume the TLS session of the control "
-                              "connection";
+                data.ssl =
+                    acceptTls(context, fd, true, stopping_, Clock::now() + kDataConnectLimit);
+                if (data.ssl == nullptr) {
+                    refusal = "522 TLS handshake on the data connection failed";
+                } else {
+                    record.tls = true;
+                    record.resumed = SSL_session_reused(data.ssl) == 1;
+                    if (requireReuse && !record.resumed)
+                        refusal =
+                            "522 Data connections must resume the TLS session of the control "
+                            "connection";
+                }
             }
 #else
             refusal = "522 TLS is not built in";

@@ -107,6 +107,9 @@ struct Reply {
     // On a read transfer: after the body, keep the data connection open until
     // the client closes it, and only then send the final reply.
     bool finalAfterClientClose = false;
+    // On a protected data connection: reset it instead of making the
+    // handshake; the final reply is `finalText`, or "522 ..." when empty.
+    bool failDataTls = false;
 };
 
 // A reply that opens the data connection and sends `body` as a listing.
