@@ -477,6 +477,12 @@ bool ScriptedFtpServer::pause(Millis delay) const {
     return !changed_.wait_for(lock, delay, [&] { return stopping_.load(); });
 }
 
+void ScriptedFtpServer::stall(Millis stall) const {
+    if (stall.count() <= 0) return;
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, stall, [&] { return stopping_.load() || stallsReleased_; });
+}
+
 // "/a/b" + "../c/./d" -> "/a/c/d"; an empty path names the directory itself.
 std::string ScriptedFtpServer::resolve(const std::string& cwd, const std::string& path) const {
     std::string joined = (!path.empty() && path[0] == '/') ? path : cwd + "/" + path;
@@ -779,8 +785,10 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
     }
     if (!sendControl(s, reply, text)) return;
     if (tlsEnabled && verb == "AUTH" && s.ssl == nullptr && !s.closed && !text.empty() &&
-        text[0] == '2')
+        text[0] == '2') {
+        stall(reply.tlsStall);
         startTls(s);
+    }
 }
 
 int ScriptedFtpServer::openDataConnection(Session& s, const Reply& reply) {
@@ -873,6 +881,7 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
                               ? "522 TLS handshake on the data connection failed"
                               : reply.finalText;
             } else {
+                stall(reply.tlsStall);
                 data.ssl =
                     acceptTls(context, fd, true, stopping_, Clock::now() + kDataConnectLimit);
                 if (data.ssl == nullptr) {
@@ -900,11 +909,7 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
                 return;
             }
         }
-        if (reply.dataStall.count() > 0) {
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait_for(lock, reply.dataStall,
-                              [&] { return stopping_.load() || stallsReleased_; });
-        }
+        stall(reply.dataStall);
         size_t limit = reply.closeDataAfter < 0 ? std::string::npos
                                                 : static_cast<size_t>(reply.closeDataAfter);
         if (reading) {

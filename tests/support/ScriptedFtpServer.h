@@ -110,6 +110,10 @@ struct Reply {
     // On a protected data connection: reset it instead of making the
     // handshake; the final reply is `finalText`, or "522 ..." when empty.
     bool failDataTls = false;
+    // Over TLS: before the handshake that follows this reply (a positive
+    // AUTH reply's on the control connection, a transfer's on its data
+    // connection), do nothing for this long, or until releaseDataStalls().
+    Millis tlsStall{0};
 };
 
 // A reply that opens the data connection and sends `body` as a listing.
@@ -238,6 +242,9 @@ private:
     std::optional<Reply> takeReply(const std::string& line, const std::string& verb);
     // Waits for `delay`, returning early (false) when the server stops.
     bool pause(Millis delay) const;
+    // Waits for `stall`, returning early when the server stops or the
+    // stalls are released.
+    void stall(Millis stall) const;
     std::string resolve(const std::string& cwd, const std::string& path) const;
 
     void handleCommand(Session& s, const std::string& line);
