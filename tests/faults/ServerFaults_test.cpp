@@ -665,23 +665,33 @@ TEST_P(ScriptedDataReset, AListingResetAfterNBytesFailsAndTheNextListingIsWhole)
 
 // 8 cameras rotate their files every 10 s (the hand-driven clock moves 10 s a
 // round). Every open that fails gives its number back, so an outage of any
-// length leaves the store with every number it had.
-class LinkDown : public ::testing::Test {
+// length leaves the store with every number it had. Against pyftpdlib in
+// clear, and against the scripted server in clear and over TLS (where data
+// connections go straight to the server; the control connections, which
+// the outage resets and refuses, still pass the lab).
+class LinkDownRoad : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(server.ready()) << server.failure();
-        ASSERT_TRUE(server.makeDir("/rec"));
-        ASSERT_TRUE(lab.ok()) << lab.failure();
+    // Registers `scheme` "rec(pw)@ftp[s]://<lab>/rec" and inits its store;
+    // over TLS with the CA of `certificate` trusted.
+    void start(NetLab& netLab, Scheme scheme, const ftptest::TestCertificate* certificate) {
+        lab = &netLab;
+        ASSERT_TRUE(lab->ok()) << lab->failure();
         hostcontrol::useManualClock(1.7e9, 5000.0);
-        location = "rec(pw)@ftp://" + lab.address() + "/rec";
+        clockSet = true;
+        location = std::string("rec(pw)@") + (scheme == Scheme::kFtps ? "ftps" : "ftp") + "://" +
+                   lab->address() + "/rec";
         ASSERT_EQ(registry->addFTPFileSystem(location), 0);
+        registered = true;
+        if (certificate != nullptr) {
+            ASSERT_EQ(registry->addTlsCaFile(location, certificate->caFile()), 0);
+        }
         fetch();
         ASSERT_EQ(store->init(), 0);
     }
     void TearDown() override {
         held.reset();
-        registry->deleteFileSystem(location);
-        hostcontrol::useSystemClock();
+        if (registered) registry->deleteFileSystem(location);
+        if (clockSet) hostcontrol::useSystemClock();
     }
 
     // The store the registry holds for the location, as the recorder gets it.
@@ -706,17 +716,25 @@ protected:
         return handles;
     }
 
+    // The outage and the recovery; `fileOf` gives a file's bytes on the
+    // server (nothing when it has none).
+    void outageAndRecovery(const std::function<std::optional<std::string>(const std::string&)>& fileOf);
+    // Heap the server behind the lab keeps in this process, if any.
+    virtual size_t extraHeap() const { return 0; }
+
     static constexpr int kCameras = 8;
-    RealFtpServer server{FtpServerKind::kPyftpdlib};
-    NetLab lab{server.hostPort()};
+    NetLab* lab = nullptr;
     FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
     std::string location;
+    bool registered = false;
+    bool clockSet = false;
     std::unique_ptr<SafePointer<FTPFileSystem> > held;
     FTPFileSystem* store = nullptr;
     const std::string bytes = patternBytes(20000, 8);
 };
 
-TEST_F(LinkDown, FailedOpensGiveTheirNumbersBackAndRecordingResumesAfterTheLinkReturns) {
+void LinkDownRoad::outageAndRecovery(
+    const std::function<std::optional<std::string>(const std::string&)>& fileOf) {
     std::vector<int> handles(kCameras, -1);
     rotate(handles, 0);
     for (int c = 0; c < kCameras; ++c) ASSERT_EQ(handles[c], c + 1);
@@ -724,7 +742,7 @@ TEST_F(LinkDown, FailedOpensGiveTheirNumbersBackAndRecordingResumesAfterTheLinkR
     for (int c = 0; c < kCameras; ++c) ASSERT_EQ(handles[c], c + 1);
     const faulttest::Resources before = faulttest::takeResources();
 
-    ASSERT_TRUE(lab.linkDown(LinkDownMode::kRefuse));
+    ASSERT_TRUE(lab->linkDown(LinkDownMode::kRefuse));
     // Ten minutes: 60 rounds. Writes and closes fail at once, opens fail at
     // once (refused connects), path operations fail.
     double longest = 0;
@@ -745,7 +763,7 @@ TEST_F(LinkDown, FailedOpensGiveTheirNumbersBackAndRecordingResumesAfterTheLinkR
 
     // Back up: after uninit and init the cameras record again on the first
     // numbers, as before the outage.
-    ASSERT_TRUE(lab.linkUp());
+    ASSERT_TRUE(lab->linkUp());
     EXPECT_EQ(store->uninit(), 0);
     ASSERT_EQ(store->init(), 0);
     rotate(handles, 130);
@@ -753,12 +771,58 @@ TEST_F(LinkDown, FailedOpensGiveTheirNumbersBackAndRecordingResumesAfterTheLinkR
     rotate(handles, 131);
     for (int c = 0; c < kCameras; ++c) {
         EXPECT_EQ(handles[c], c + 1);
-        std::string kept;
-        EXPECT_TRUE(server.readFile(cameraPath(c, 130), &kept));
-        EXPECT_TRUE(kept == bytes) << "camera " << c;
+        EXPECT_TRUE(fileOf(cameraPath(c, 130)) == std::optional<std::string>(bytes))
+            << "camera " << c;
     }
     EXPECT_EQ(store->createDir("/rec/day2"), 0);
-    EXPECT_TRUE(noGrowth(before, kHeapTolerance));
+    EXPECT_TRUE(noGrowth(before, kHeapTolerance + extraHeap()));
+}
+
+class LinkDown : public LinkDownRoad {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.ready()) << server.failure();
+        ASSERT_TRUE(server.makeDir("/rec"));
+        start(netLab, Scheme::kPlain, nullptr);
+    }
+
+    RealFtpServer server{FtpServerKind::kPyftpdlib};
+    NetLab netLab{server.hostPort()};
+};
+
+TEST_F(LinkDown, FailedOpensGiveTheirNumbersBackAndRecordingResumesAfterTheLinkReturns) {
+    outageAndRecovery([&](const std::string& path) -> std::optional<std::string> {
+        std::string kept;
+        if (!server.readFile(path, &kept)) return std::nullopt;
+        return kept;
+    });
+}
+
+class ScriptedLinkDown : public LinkDownRoad, public ::testing::WithParamInterface<Scheme> {
+protected:
+    void SetUp() override {
+        if (GetParam() == Scheme::kFtps) serveTls(server, certificate);
+        if (IsSkipped() || HasFatalFailure()) return;
+        start(netLab, GetParam(), GetParam() == Scheme::kFtps ? &certificate : nullptr);
+    }
+
+    // Every upload twice (the list and the map), every command line and
+    // data connection record.
+    size_t extraHeap() const override {
+        size_t kept = 0;
+        for (const std::string& upload : server.uploads()) kept += 2 * upload.size();
+        return kept + 256 * (server.commands().size() + server.dataConnectionRecords().size());
+    }
+
+    ftptest::ScriptedFtpServer server;
+    ftptest::TestCertificate certificate;
+    NetLab netLab{server.address()};
+};
+
+INSTANTIATE_TEST_SUITE_P(Schemes, ScriptedLinkDown, kSchemes, faulttest::schemeName);
+
+TEST_P(ScriptedLinkDown, FailedOpensGiveTheirNumbersBackAndRecordingResumesAfterTheLinkReturns) {
+    outageAndRecovery([&](const std::string& path) { return server.file(path); });
 }
 
 }  // namespace
