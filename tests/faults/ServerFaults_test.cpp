@@ -241,6 +241,133 @@ TEST_F(ServerKilled, EveryWriteAndCloseFailsCleanlyThenRecordingResumesOnTheRest
     EXPECT_TRUE(noGrowth(before, kHeapTolerance));
 }
 
+// The same against the scripted server, in clear and on an ftps store: it
+// dies as a killed process would (every connection reset, no close_notify,
+// new connections refused) and a new one takes its place behind the lab.
+class ScriptedServerKilled : public ::testing::TestWithParam<Scheme> {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(lab.ok()) << lab.failure();
+        if (GetParam() == Scheme::kFtps) serveTls(*first, certificate);
+        if (IsSkipped() || HasFatalFailure()) return;
+        store.make(GetParam(), lab.address(), certificate);
+        if (HasFatalFailure()) return;
+        ASSERT_EQ(store->init(), 0);
+    }
+
+    std::vector<int> openAll(int round) {
+        std::vector<int> handles;
+        for (int c = 0; c < kCameras; ++c)
+            handles.push_back(store->open(cameraPath(c, round).c_str(), 2));
+        return handles;
+    }
+
+    // What the in-process servers keep: every upload twice (the list and
+    // the map), every command line and data connection record.
+    size_t kept() const {
+        size_t bytes = 0;
+        for (const ftptest::ScriptedFtpServer* server : {first.get(), second.get()}) {
+            if (server == nullptr) continue;
+            for (const std::string& upload : server->uploads()) bytes += 2 * upload.size();
+            bytes += 256 * (server->commands().size() + server->dataConnectionRecords().size());
+        }
+        return bytes;
+    }
+
+    static constexpr int kCameras = 16;
+    std::unique_ptr<ftptest::ScriptedFtpServer> first{new ftptest::ScriptedFtpServer};
+    std::unique_ptr<ftptest::ScriptedFtpServer> second;
+    ftptest::TestCertificate certificate;
+    NetLab lab{first->address()};
+    SchemeStore store;
+    const std::string bytes = patternBytes(64 * 1024, 11);
+};
+
+INSTANTIATE_TEST_SUITE_P(Schemes, ScriptedServerKilled, kSchemes, faulttest::schemeName);
+
+TEST_P(ScriptedServerKilled, EveryWriteAndCloseFailsCleanlyThenRecordingResumesOnANewServer) {
+    for (int h : openAll(0)) {
+        ASSERT_GT(h, 0);
+        ASSERT_EQ(store->write(h, bytes.data(), 1000), 1000);
+        ASSERT_EQ(store->close(h), 0);
+    }
+    const faulttest::Resources before = faulttest::takeResources();
+
+    const std::vector<int> handles = openAll(1);
+    for (int c = 0; c < kCameras; ++c) {
+        ASSERT_GT(handles[c], 0) << "camera " << c;
+        size_t at = 0;
+        for (int i = 0; at < bytes.size() && i < 1000; ++i) {
+            const int n = store->write(handles[c], bytes.data() + at,
+                                       static_cast<unsigned>(bytes.size() - at));
+            ASSERT_GT(n, 0) << "camera " << c;
+            at += static_cast<size_t>(n);
+        }
+    }
+    // Every byte written so far has reached the server.
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            for (int c = 0; c < kCameras; ++c)
+                if (first->uploadingBytes(cameraPath(c, 1)) < bytes.size()) return false;
+            return true;
+        },
+        Millis(10000)))
+        << "the server never took the first 64 KiB of every file";
+
+    first->kill();
+
+    for (int c = 0; c < kCameras; ++c) {
+        int last = 0;
+        double longest = 0;
+        for (int i = 0; i < 1024; ++i) {
+            double took = 0;
+            last = timed(&took, [&] {
+                return store->write(handles[c], bytes.data(), static_cast<unsigned>(bytes.size()));
+            });
+            longest = std::max(longest, took);
+            if (last < 0) break;
+        }
+        EXPECT_EQ(last, -1) << "camera " << c;
+        EXPECT_LE(longest, bound(1, 1));
+        double took = 0;
+        EXPECT_EQ(timed(&took, [&] { return store->close(handles[c]); }), -1) << "camera " << c;
+        EXPECT_LE(took, bound(2));
+    }
+    EXPECT_EQ(store->createDir("/archive/day2"), -1);
+
+    // What the server had taken is kept.
+    for (int c = 0; c < kCameras; ++c) {
+        const std::optional<std::string> kept = first->file(cameraPath(c, 1));
+        ASSERT_TRUE(kept.has_value()) << "camera " << c;
+        EXPECT_GE(kept->size(), bytes.size());
+        EXPECT_TRUE(kept->compare(0, bytes.size(), bytes) == 0) << "camera " << c;
+    }
+
+    second.reset(new ftptest::ScriptedFtpServer);
+    if (GetParam() == Scheme::kFtps) serveTls(*second, certificate);
+    ASSERT_TRUE(lab.setUpstream(second->address()));
+
+    EXPECT_EQ(store->uninit(), 0);
+    ASSERT_EQ(store->init(), 0);
+    const std::vector<int> resumed = openAll(3);
+    for (int c = 0; c < kCameras; ++c) {
+        EXPECT_EQ(resumed[c], 1 + c) << "camera " << c;
+        size_t at = 0;
+        for (int i = 0; at < bytes.size() && i < 1000; ++i) {
+            const int n = store->write(resumed[c], bytes.data() + at,
+                                       static_cast<unsigned>(bytes.size() - at));
+            if (n <= 0) break;
+            at += static_cast<size_t>(n);
+        }
+        EXPECT_EQ(at, bytes.size()) << "camera " << c;
+        EXPECT_EQ(store->close(resumed[c]), 0);
+        EXPECT_TRUE(second->file(cameraPath(c, 3)) == std::optional<std::string>(bytes))
+            << "camera " << c;
+    }
+    EXPECT_EQ(store->createDir("/archive/day2"), 0);
+    EXPECT_TRUE(noGrowth(before, kHeapTolerance + kept()));
+}
+
 // --- Pooled connections closed by the server while idle ----------------------------
 
 class IdleClosed : public ::testing::TestWithParam<Scheme> {

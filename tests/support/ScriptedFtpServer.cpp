@@ -46,6 +46,12 @@ void closeFd(int& fd) {
     }
 }
 
+// The socket's close sends a reset rather than an orderly end.
+void resetOnClose(int fd) {
+    linger abort{1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+}
+
 void setNonBlocking(int fd) {
     int flags = ::fcntl(fd, F_GETFL, 0);
     if (flags >= 0) ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
@@ -261,10 +267,20 @@ ScriptedFtpServer::ScriptedFtpServer() {
 }
 
 ScriptedFtpServer::~ScriptedFtpServer() {
+    stop(false);
+#if FTPDISK_TESTS_TLS
+    for (SSL_CTX* context : tlsContexts_) SSL_CTX_free(context);
+#endif
+}
+
+void ScriptedFtpServer::kill() { stop(true); }
+
+void ScriptedFtpServer::stop(bool killed) {
     {
         // Set under the lock so a pause() that checked the flag is already
         // waiting on the condition variable and gets the notification.
         std::lock_guard<std::mutex> lock(mutex_);
+        if (killed) killed_ = true;
         stopping_ = true;
     }
     changed_.notify_all();
@@ -277,9 +293,6 @@ ScriptedFtpServer::~ScriptedFtpServer() {
     }
     for (auto& t : sessions) t.join();
     closeFd(listenFd_);
-#if FTPDISK_TESTS_TLS
-    for (SSL_CTX* context : tlsContexts_) SSL_CTX_free(context);
-#endif
 }
 
 std::string ScriptedFtpServer::address() const { return "127.0.0.1:" + std::to_string(port_); }
@@ -471,6 +484,13 @@ bool ScriptedFtpServer::startTls(Session& s) {
     return ok;
 }
 
+size_t ScriptedFtpServer::uploadingBytes(const std::string& path) const {
+    std::string key = resolve("/", path);
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = uploading_.find(key);
+    return it == uploading_.end() ? 0 : it->second;
+}
+
 bool ScriptedFtpServer::pause(Millis delay) const {
     if (delay.count() <= 0) return !stopping_.load();
     std::unique_lock<std::mutex> lock(mutex_);
@@ -584,9 +604,10 @@ void ScriptedFtpServer::serve(int connection, int fd) {
         Channel control;
         control.fd = s.fd;
         control.ssl = s.ssl;
-        endTls(control, true);
+        endTls(control, !killed_.load());
         s.ssl = nullptr;
     }
+    if (killed_.load()) resetOnClose(s.fd);
     closeFd(s.fd);
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -875,8 +896,7 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
                 requireReuse = requireSessionReuse_;
             }
             if (reply.failDataTls) {
-                linger abort{1, 0};
-                ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+                resetOnClose(fd);
                 refusal = reply.finalText.empty()
                               ? "522 TLS handshake on the data connection failed"
                               : reply.finalText;
@@ -947,21 +967,22 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
                 ssize_t n = channelRecv(data, chunk, want, stopping_);
                 if (n <= 0) break;
                 bytes.append(chunk, static_cast<size_t>(n));
+                std::lock_guard<std::mutex> lock(mutex_);
+                uploading_[path] = bytes.size();
             }
             record.closeNotify = data.closeNotify;
             std::lock_guard<std::mutex> lock(mutex_);
+            uploading_.erase(path);
             uploads_.push_back(bytes);
             if (verb == "STOR")
                 files_[path] = bytes;
             else
                 files_[path] += bytes;
         }
-        if (reply.resetData) {
-            // A reset rather than an orderly end: the peer's next read fails.
-            linger abort{1, 0};
-            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-        }
-        endTls(data, !reply.resetData);
+        // A reset rather than an orderly end: the peer's next read fails.
+        const bool reset = reply.resetData || killed_.load();
+        if (reset) resetOnClose(fd);
+        endTls(data, !reset);
         closeFd(fd);
         noteDataConnection(record);
     }

@@ -214,6 +214,17 @@ public:
     // Bytes of every upload (STOR/APPE) in order, as the data connection
     // delivered them.
     std::vector<std::string> uploads() const;
+    // Bytes received so far by the upload of `path` that is running now (0
+    // when none is).
+    size_t uploadingBytes(const std::string& path) const;
+
+    // --- Dying ------------------------------------------------------------------
+    // Dies as a killed server process would: at once, every connection (control
+    // and data) is reset, without close_notify over TLS, and the listening
+    // socket closed, so new connections are refused. What uploads had
+    // received is kept, as files and uploads. Only the queries above work
+    // afterwards.
+    void kill();
 
     // --- TLS --------------------------------------------------------------------
     // Makes the server answer "AUTH TLS" with 234 and speak TLS afterwards,
@@ -235,6 +246,8 @@ private:
         std::optional<Reply> sticky;
     };
 
+    // Ends every thread and closes every socket: in order, or as killed.
+    void stop(bool killed);
     void acceptLoop();
     void serve(int connection, int fd);
     // The reply for `line` (verb `verb`), removing a queued one. Returns
@@ -260,6 +273,7 @@ private:
     uint16_t port_ = 0;
     int listenFd_ = -1;
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> killed_{false};
     std::thread acceptThread_;
 
     mutable std::mutex mutex_;
@@ -283,6 +297,7 @@ private:
     int tlsHandshakes_ = 0;
     int failedTlsHandshakes_ = 0;
     std::vector<DataConnectionRecord> dataRecords_;
+    std::map<std::string, size_t> uploading_;
 };
 
 }  // namespace ftptest
