@@ -352,11 +352,17 @@ private:
             // The latest session the server gave the control connection: with
             // TLS 1.3 its tickets come after the handshake, read with the
             // replies that followed it.
+            // The data connection gets a copy: a connection freed without
+            // close_notify (a download, a failed transfer) marks its session
+            // as not resumable, and the control connection's own session
+            // must stay resumable for the data connections to come.
             SSL_SESSION* session = SSL_get1_session(control->ssl);
-            if (session != nullptr) {
-                SSL_set_session(ssl, session);
-                SSL_SESSION_free(session);
+            SSL_SESSION* copy = session != nullptr ? SSL_SESSION_dup(session) : nullptr;
+            if (copy != nullptr) {
+                SSL_set_session(ssl, copy);
+                SSL_SESSION_free(copy);
             }
+            SSL_SESSION_free(session);
         }
 
         // Each wait for the server lasts at most the caller's wait; the whole
