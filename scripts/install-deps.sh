@@ -23,8 +23,7 @@
 #            plot, pkg-config and doxygen for the packages step, and the
 #            local user "rec" with password "pw" that the server tests log in
 #            as (vsftpd authenticates local users only). Only this task makes
-#            that user, adds a source list or builds anything; only this task
-#            and package with armhf download packages.
+#            that user, adds a source list or builds anything.
 #
 # The three FTP daemons of `test` conflict with each other as Debian packages
 # (each provides ftp-server), so vsftpd is installed the usual way and proftpd
