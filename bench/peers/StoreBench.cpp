@@ -51,6 +51,12 @@ double now() {
         .count();
 }
 
+// What the calling thread's last call met, for a failure's message.
+std::string lastError() {
+    const FTPFileSystem::LastError error = FTPFileSystem::getLastError();
+    return std::string(FTPFileSystem::errorKindName(error.kind)) + ": " + error.text;
+}
+
 // Resident set of this process in bytes, from /proc/self/statm.
 long long residentBytes() {
     std::ifstream statm("/proc/self/statm");
@@ -95,7 +101,7 @@ bool streamFile(FTPFileSystem& store, const std::string& remote, unsigned long l
                 std::vector<char>& block, uint64_t fileNumber) {
     const int handle = store.open(remote.c_str(), 2);
     if (handle == -1) {
-        std::fprintf(stderr, "open %s failed\n", remote.c_str());
+        std::fprintf(stderr, "open %s failed (%s)\n", remote.c_str(), lastError().c_str());
         return false;
     }
     bool ok = true;
@@ -107,7 +113,7 @@ bool streamFile(FTPFileSystem& store, const std::string& remote, unsigned long l
         ok = writeAll(store, handle, &block[0], len);
     }
     if (store.close(handle) != 0) {
-        std::fprintf(stderr, "close %s failed\n", remote.c_str());
+        std::fprintf(stderr, "close %s failed (%s)\n", remote.c_str(), lastError().c_str());
         ok = false;
     }
     return ok;
@@ -180,8 +186,10 @@ int main(int argc, char** argv) {
         ok = ok && streamFile(*store, args[0], std::strtoull(args[1].c_str(), NULL, 10), block, 0);
     } else if (work == "put") {
         ok = store->Put(args[0].c_str(), args[1].c_str()) == 0;
+        if (!ok) std::fprintf(stderr, "Put failed (%s)\n", lastError().c_str());
     } else if (work == "get") {
         ok = store->Get(args[1].c_str(), args[0].c_str()) == 0;
+        if (!ok) std::fprintf(stderr, "Get failed (%s)\n", lastError().c_str());
     } else if (work == "many") {
         const long count = std::strtol(args[1].c_str(), NULL, 10);
         const unsigned long long bytes = std::strtoull(args[2].c_str(), NULL, 10);
