@@ -518,24 +518,59 @@ int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
     return -2;
 }
 
+namespace {
+
+// Takes off the socket, without waiting, bytes the server sent and nobody
+// read (TLS 1.3 session tickets on an upload): closing a socket with unread
+// bytes makes the close a reset.
+void dropUnread(int fd) {
+    char sink[4096];
+    for (int i = 0; i < 64; ++i) {
+        if (recv(fd, sink, sizeof sink, MSG_DONTWAIT) <= 0) break;
+    }
+}
+
+// A TLS upload's socket, half closed (nothing more goes out) and kept open
+// until the closing reply has been read; closed when this goes out of scope.
+struct LingeringSocket {
+    LingeringSocket() : fd(-1) {}
+    ~LingeringSocket() {
+        if (fd < 0) return;
+        dropUnread(fd);
+        shutdown(fd, SHUT_RDWR);
+        close(fd);
+    }
+    int fd;
+};
+
+}  // namespace
+
 int FTPTool::closeData(NetBuf* data) {
     if (data == nullptr) return 0;
     if (data->direction != kNetBufDataRead && data->direction != kNetBufDataWrite) return 0;
     free(data->buffer);
     data->buffer = nullptr;
+    LingeringSocket lingering;
     if (data->tls != nullptr) {
+        const bool upload = data->direction == kNetBufDataWrite;
         // An upload ends with close_notify, so the server can tell the end of
         // the file from a cut connection.
-        if (data->direction == kNetBufDataWrite) data->tls->closeNotify();
+        if (upload) data->tls->closeNotify(ftptool::waitMilliseconds(data->idleTime));
         ftptool::dropTls(data);
-        // Bytes the server sent and nobody read (TLS 1.3 session tickets on
-        // an upload) would make the close a reset, which can cost the server
-        // the end of the upload: they are taken off the socket first.
-        if (data->handle >= 0) {
-            char sink[4096];
-            for (int i = 0; i < 64; ++i) {
-                if (recv(data->handle, sink, sizeof sink, MSG_DONTWAIT) <= 0) break;
-            }
+        if (data->handle >= 0 && upload && data->control != nullptr &&
+            data->control == controlBuf) {
+            // A TLS 1.3 server may send its session tickets on the data
+            // connection only when it reads the end of our handshake, which
+            // can be after the whole upload went into the socket buffers.
+            // Bytes that reach a closed socket make it answer with a reset,
+            // and a reset throws away what the server has not read yet: the
+            // end of the upload. So the socket is only half closed here and
+            // stays open until the closing reply says the server has it all.
+            shutdown(data->handle, SHUT_WR);
+            lingering.fd = data->handle;
+            data->handle = -1;
+        } else if (data->handle >= 0) {
+            dropUnread(data->handle);
         }
     }
     if (data->handle >= 0) {

@@ -251,10 +251,19 @@ public:
 
     bool pending() override { return SSL_pending(ssl) > 0 || SSL_has_pending(ssl) == 1; }
 
-    void closeNotify() override {
+    void closeNotify(int waitMilliseconds) override {
         if (failed) return;
-        ERR_clear_error();
-        (void)SSL_shutdown(ssl);
+        // After an upload the socket is often still full of its last bytes:
+        // the close_notify is written as the socket takes it, not dropped.
+        // SSL_shutdown gives 0 once it is out (the server's own comes later,
+        // or never, and is not waited for).
+        int error = SSL_ERROR_NONE;
+        (void)drive(
+            [&] {
+                const int result = SSL_shutdown(ssl);
+                return result >= 0 ? 1 : result;
+            },
+            sharing(waitMilliseconds), &error);
         ERR_clear_error();
     }
 
