@@ -263,6 +263,13 @@ bool RealFtpServer::start() {
     logFile_ = dir_ + "/server.log";
     outFile_ = dir_ + "/server.out";
     if (::mkdir(root_.c_str(), 0755) != 0) return fail("cannot create " + root_);
+    if (!options_.password.empty() && kind_ != FtpServerKind::kPyftpdlib) {
+        return fail("only pyftpdlib takes another password than \"pw\"");
+    }
+    if (options_.passivePortFirst > 0 && kind_ != FtpServerKind::kPyftpdlib &&
+        kind_ != FtpServerKind::kVsftpd) {
+        return fail("only pyftpdlib and vsftpd take a passive port range");
+    }
     if (options_.tls) {
         if (kind_ == FtpServerKind::kBusybox) return fail("BusyBox's ftpd has no TLS");
         if (!makeCertificate()) return false;
@@ -527,7 +534,7 @@ bool RealFtpServer::startPyftpdlib() {
         "--port",           "0",
         "--port-file",      dir_ + "/port",
         "--user",           user(),
-        "--password",       password(),
+        "--password",       passwordInUse(),
         "--idle-timeout",   std::to_string(options_.idleTimeoutSeconds),
         "--log-file",       logFile_};
     if (options_.maxClients > 0) {
@@ -759,7 +766,7 @@ bool RealFtpServer::startBusybox() {
 std::string RealFtpServer::hostPort() const { return "127.0.0.1:" + std::to_string(port_); }
 
 std::string RealFtpServer::location(const std::string& path) const {
-    return std::string(user()) + "(" + password() + ")@" + (options_.tls ? "ftps" : "ftp") +
+    return std::string(user()) + "(" + passwordInUse() + ")@" + (options_.tls ? "ftps" : "ftp") +
            "://" + hostPort() + path;
 }
 

@@ -79,6 +79,10 @@ struct RealFtpServerOptions {
     // server (which cannot read the 227 replies) listens on them.
     int passivePortFirst = 0;
     int passivePortLast = 0;
+    // Another password for rec than "pw" (at most 19 characters, the
+    // module's limit), for tests that look for it in captured traffic.
+    // pyftpdlib only: the daemons check their fixed password files.
+    std::string password;
 };
 
 class RealFtpServer {
@@ -105,12 +109,17 @@ public:
     int port() const { return port_; }
     static const char* user() { return "rec"; }
     static const char* password() { return "pw"; }
+    // The password this server accepts: RealFtpServerOptions::password when
+    // given, else password().
+    std::string passwordInUse() const {
+        return options_.password.empty() ? password() : options_.password;
+    }
 
     // "127.0.0.1:<port>": the server text FTPTool::connect takes.
     std::string hostPort() const;
     // "rec(pw)@ftp://127.0.0.1:<port>" followed by `path` (which should start
     // with '/' when given): the location text of the registry; "ftps://" for
-    // a TLS server.
+    // a TLS server, and passwordInUse() in place of "pw".
     std::string location(const std::string& path = std::string()) const;
 
     // TLS servers only (empty otherwise): the PEM file of the private CA that
