@@ -252,6 +252,9 @@ bool FtpFileHandleManager::getPFTPTool(SafePointer<FTPTool>& out) {
         return true;
     }
     out = SafePointer<FTPTool>(new FTPTool);
+    if (!tlsSetting.apply(*out)) {
+        return false;
+    }
     // New connections pass the gate from connect to the end of the login,
     // so that a burst of opens never has more of them waiting on the server
     // at once than it queues (see ConnectGate).
@@ -267,3 +270,5 @@ bool FtpFileHandleManager::getPFTPTool(SafePointer<FTPTool>& out) {
 }
 
 SafePointer<FreeFtpToolBuff>& FtpFileHandleManager::getFreeToolBuff() { return freeToolBuff; }
+
+TlsSetting& FtpFileHandleManager::tls() { return tlsSetting; }

@@ -25,6 +25,7 @@
 #include "connections/FtpFileHandler.h"
 #include "foundation/SafePointer.h"
 #include "ftp/FTPTool.h"
+#include "ftp/TlsSetting.h"
 #include "host/technic/KDMutex.h"
 
 enum { kFtpTableTextSize = 32 };
@@ -64,6 +65,9 @@ public:
 
     // The pool (tests and diagnostics).
     SafePointer<FreeFtpToolBuff>& getFreeToolBuff();
+    // The store's TLS choice, applied to every connection made for an open
+    // file (and, by the store, to its main connection). Locks of its own.
+    TlsSetting& tls();
 
     // New connections of this table connecting or logging in at once, at
     // most (see ConnectGate); opens beyond wait for a place.
@@ -88,6 +92,7 @@ private:
     void endOpening(int32_t handle) FTPDISK_REQUIRES(mutex);
 
     SafePointer<FreeFtpToolBuff> freeToolBuff;
+    TlsSetting tlsSetting;
     // Guarded by mutex. In order of opening.
     std::vector<SafePointer<FtpFileHandler> > fileHandlers FTPDISK_GUARDED_BY(mutex);
     int32_t handleLimit;

@@ -213,7 +213,8 @@ static_assert(
         static_cast<int>(FTPFileSystem::kErrorNotInitialised) == lasterror::kNotInitialised &&
         static_cast<int>(FTPFileSystem::kErrorLocalFile) == lasterror::kLocalFile &&
         static_cast<int>(FTPFileSystem::kErrorNotFound) == lasterror::kNotFound &&
-        static_cast<int>(FTPFileSystem::kErrorUnexplained) == lasterror::kUnexplained,
+        static_cast<int>(FTPFileSystem::kErrorUnexplained) == lasterror::kUnexplained &&
+        static_cast<int>(FTPFileSystem::kErrorTls) == lasterror::kTls,
     "the exported error kinds are the module's");
 static_assert(sizeof(FTPFileSystem::LastError().text) == lasterror::kTextSize,
               "the exported text holds the module's");
@@ -243,7 +244,8 @@ const char* FTPFileSystem::errorKindName(int kind) {
                                          "not initialised",
                                          "local file",
                                          "not found",
-                                         "unexplained"};
+                                         "unexplained",
+                                         "TLS failure"};
     if (kind < 0 || kind >= static_cast<int>(sizeof kNames / sizeof kNames[0])) return "unknown";
     return kNames[kind];
 }

@@ -115,7 +115,13 @@ public:
         /// The listing came whole, and the file is not in it (getFileLength).
         kErrorNotFound = 12,
         /// A failure no part of the module gave a reason for.
-        kErrorUnexplained = 13
+        kErrorUnexplained = 13,
+        /// An ftps connection could not be made secure: the TLS handshake
+        /// failed ("TLS handshake failed: ..."), the server's certificate was
+        /// not trusted ("TLS certificate not trusted: <why>; SHA-256
+        /// fingerprint AB:CD:..."), or TLS is not built into the module.
+        /// Nothing was sent after the handshake.
+        kErrorTls = 14
     };
     /// A kind and its text: the server's reply line (without its line end)
     /// or the system's error text, or a short text of the module's; "" with
@@ -419,6 +425,8 @@ private:
     FTPFileSystem& operator=(const FTPFileSystem&);
 
     FTPFileSystemImpl* impl;
+    // The registry passes its TLS calls on to the implementation.
+    friend class FTPFileSystemManager;
 };
 
 #endif  // FTPDISK_FILESYSTEM_FTPFILESYSTEM_H

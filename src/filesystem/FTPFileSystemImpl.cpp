@@ -250,6 +250,8 @@ FTPFileSystemImpl::~FTPFileSystemImpl() {
 
 bool FTPFileSystemImpl::isRefused() { return refused; }
 
+TlsSetting& FTPFileSystemImpl::tls() { return handleManager->tls(); }
+
 // --- Lifecycle --------------------------------------------------------------
 
 int FTPFileSystemImpl::init() {
@@ -264,7 +266,7 @@ int FTPFileSystemImpl::init() {
         // it must not outlive it, and no snapshot call may start on it while
         // it is being replaced.
         SnapshotStream::Pause paused(snapshot, mainTool.get(), __LINE__);
-        if (mainTool->connect(server) != 0) {
+        if (handleManager->tls().apply(*mainTool) && mainTool->connect(server) != 0) {
             loggedIn = mainTool->login(user, password) != 0;
             if (!loggedIn) {
                 // Close the half-open connection rather than leave it to the

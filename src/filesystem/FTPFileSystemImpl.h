@@ -58,6 +58,9 @@ public:
     // The registry refuses a location whose texts fail it; the constructor
     // refuses the store.
     static bool textsFit(const char* server, const char* user, const char* password);
+    // The store's TLS choice (see TlsSetting): the registry makes an ftps
+    // store require it and passes the trust calls on.
+    TlsSetting& tls();
     // --- Lifecycle ----------------------------------------------------------
     // 0 when the main tool connected and logged in (used bytes reset to 0);
     // -1 on a failed connect, a refused login (the connection is quit) or a

@@ -35,7 +35,28 @@ void splitLocation(const std::string& location, std::vector<std::string>& parts)
 // "rec(pw)@ftp://10.0.0.5/rec/a" splits into "rec(pw)@ftp:", "", "10.0.0.5",
 // "rec", "a"; it covers "rec(pw)@ftp://10.0.0.5/rec/b/x" (the first four parts
 // agree) but not "rec(pw2)@ftp://10.0.0.5/rec/a".
+// Whether `text` names its server with "ftps://" (0), "ftp://" (1), or
+// neither (-1).
+int schemeOf(const std::string& text) {
+    std::string userInfo;
+    std::string serverInfo;
+    std::string server;
+    std::string path;
+    bool tls = false;
+    if (!NS_FTPPath::splitInfo(text, userInfo, serverInfo) ||
+        !NS_FTPPath::parseServerInfo(serverInfo, server, path, &tls))
+        return -1;
+    return tls ? 0 : 1;
+}
+
 bool coversLocation(const std::string& registered, const std::string& location) {
+    // A store in clear never serves an ftps location, nor the other way
+    // round, whatever the rest of the texts say.
+    const int registeredScheme = schemeOf(registered);
+    const int locationScheme = schemeOf(location);
+    if (registeredScheme >= 0 && locationScheme >= 0 && registeredScheme != locationScheme) {
+        return false;
+    }
     std::vector<std::string> r;
     std::vector<std::string> l;
     splitLocation(registered, r);
@@ -102,7 +123,64 @@ int FTPFileSystemManager::addFTPFileSystem(const std::string& location) {
         }
         SafePointer<FTPFileSystem> store(
             new FTPFileSystem(server.c_str(), user.c_str(), password.c_str(), kStoreCapacity));
+        if (parsed.isTls() && store->impl != nullptr) store->impl->tls().require();
         fileSystems.insert(std::make_pair(location, store));
+        return 0;
+    });
+}
+
+FTPFileSystemImpl* FTPFileSystemManager::tlsStore(const std::string& location) {
+    std::map<std::string, SafePointer<FTPFileSystem> >::iterator it = fileSystems.find(location);
+    if (it == fileSystems.end() || it->second->impl == nullptr) {
+        lasterror::note(lasterror::kBadArgument, "no store is registered under this text");
+        return nullptr;
+    }
+    if (!it->second->impl->tls().required()) {
+        lasterror::note(lasterror::kBadArgument, "the location is not an ftps location");
+        return nullptr;
+    }
+    return it->second->impl;
+}
+
+int FTPFileSystemManager::setTlsPinnedFingerprint(const std::string& location,
+                                                  const std::string& sha256) {
+    return exportedCall(-1, kExportedAction, [&]() -> int {
+        KDMutexLocker guard(lock, kLockSource, __LINE__);
+        FTPFileSystemImpl* store = tlsStore(location);
+        if (store == nullptr) return -1;
+        if (store->tls().pin(sha256) != 0) {
+            lasterror::note(lasterror::kBadArgument,
+                            "not a SHA-256 fingerprint (64 hexadecimal digits, colons allowed)");
+            return -1;
+        }
+        return 0;
+    });
+}
+
+int FTPFileSystemManager::addTlsCaFile(const std::string& location, const std::string& file) {
+    return exportedCall(-1, kExportedAction, [&]() -> int {
+        KDMutexLocker guard(lock, kLockSource, __LINE__);
+        FTPFileSystemImpl* store = tlsStore(location);
+        if (store == nullptr) return -1;
+        std::string why;
+        if (store->tls().addCaFile(file, &why) != 0) {
+            lasterror::note(TlsContext::builtIn() ? lasterror::kLocalFile : lasterror::kTls,
+                            why.c_str());
+            return -1;
+        }
+        return 0;
+    });
+}
+
+int FTPFileSystemManager::skipTlsCertificateVerification(const std::string& location) {
+    return exportedCall(-1, kExportedAction, [&]() -> int {
+        KDMutexLocker guard(lock, kLockSource, __LINE__);
+        FTPFileSystemImpl* store = tlsStore(location);
+        if (store == nullptr) return -1;
+        if (store->tls().skipVerification() != 0) {
+            lasterror::note(lasterror::kTls, "TLS is not built into this module");
+            return -1;
+        }
         return 0;
     });
 }

@@ -8,12 +8,15 @@
 #include <string>
 
 #include "filesystem/FTPFileSystem.h"
+
+class FTPFileSystemImpl;
 #include "foundation/Export.h"
 #include "foundation/SafePointer.h"
 #include "host/technic/KDMutex.h"
 
 /// The process-wide registry of stores, one FTPFileSystem per location text
-/// `user(password)@ftp://server[:port]/path`. Exported from libftpdisk.so.1.
+/// `user(password)@ftp://server[:port]/path`, or `...@ftps://...` for a store
+/// whose connections use explicit TLS. Exported from libftpdisk.so.1.
 ///
 /// Any thread may call any operation. addFTPFileSystem, getFTPFileSystem and
 /// deleteFileSystem each hold the *registry lock* for their whole run; none
@@ -59,9 +62,47 @@ public:
     /// `location` in the same place. So "rec(pw)@ftp://10.0.0.5/rec/a" covers
     /// "rec(pw)@ftp://10.0.0.5/rec/b/x" (same scheme, credentials, server and
     /// parent directories), but not the same path with another password.
+    /// An "ftp://" and an "ftps://" text never cover each other.
     /// Takes no lock; nothing is sent.
     /// \return true when covered.
     bool isSameDiskDir(const std::string& registered, const std::string& location);
+
+    /// \name Trust of an ftps store
+    /// A store registered from "user(password)@ftps://server[:port]/path"
+    /// makes every connection (the main one and each open file's) secure with
+    /// explicit TLS: "AUTH TLS" after the greeting, a TLS 1.2 or newer
+    /// handshake, then the login, "PBSZ 0" and "PROT P"; every data connection
+    /// is TLS too. By default the server's certificate must chain to the
+    /// system's trust store and carry the server's name or address as the
+    /// location gives it. These calls change that for the store registered
+    /// under exactly `location`; connections made after the call use the new
+    /// trust (pooled ones keep theirs). A certificate that fails the check
+    /// fails init and open: the last error is kErrorTls with the reason and
+    /// the certificate's SHA-256 fingerprint, and nothing is sent after the
+    /// handshake. Registry lock; nothing is sent.
+    /// @{
+    /// Trusts exactly the certificate whose SHA-256 fingerprint (of its DER
+    /// form) is `sha256`: 64 hexadecimal digits, any case, colons between
+    /// pairs allowed ("AB:CD:..." as `ftpdisk check` prints it). Its chain,
+    /// names and dates are not looked at: the way to trust a NAS's own
+    /// self-signed certificate. Replaces any earlier trust call.
+    /// \return 0; -1 when no ftps store is registered under exactly
+    /// `location` or the text is not a fingerprint (kErrorBadArgument).
+    int setTlsPinnedFingerprint(const std::string& location, const std::string& sha256);
+    /// Adds the CA certificates of the PEM file `file` to the system's trust
+    /// store for this store (the name check stays). Calls add up; a pin or a
+    /// skipped verification before it is replaced.
+    /// \return 0; -1 when no ftps store is registered under exactly
+    /// `location` (kErrorBadArgument) or the file cannot be read as PEM
+    /// certificates (kErrorLocalFile; the trust is unchanged).
+    int addTlsCaFile(const std::string& location, const std::string& file);
+    /// Encrypts without checking who is at the other end: any certificate is
+    /// accepted. Protects against listening, not against a server that poses
+    /// as the recorder's; `ftpdisk check` warns when it is in use.
+    /// \return 0; -1 when no ftps store is registered under exactly
+    /// `location` (kErrorBadArgument).
+    int skipTlsCertificateVerification(const std::string& location);
+    /// @}
 
     /// An empty registry. Use getInstance(): the module keeps one per process.
     FTPFileSystemManager();
@@ -71,6 +112,10 @@ public:
 private:
     FTPFileSystemManager(const FTPFileSystemManager&);
     FTPFileSystemManager& operator=(const FTPFileSystemManager&);
+
+    // The implementation of the ftps store registered under exactly
+    // `location`, or null with the last error noted. REQUIRES: lock.
+    FTPFileSystemImpl* tlsStore(const std::string& location) FTPDISK_REQUIRES(lock);
 
     std::map<std::string, SafePointer<FTPFileSystem> > fileSystems FTPDISK_GUARDED_BY(lock);
     KDMutex lock;

@@ -29,7 +29,8 @@ enum Kind {
     kNotInitialised = 10,  // a path operation on a store that is not initialised
     kLocalFile = 11,       // Get's or Put's local file could not be opened or written
     kNotFound = 12,        // the listing came, and the name is not in it
-    kUnexplained = 13      // a failure no layer gave a reason for
+    kUnexplained = 13,     // a failure no layer gave a reason for
+    kTls = 14              // a TLS handshake failed or the certificate was not trusted
 };
 
 enum { kTextSize = 256 };

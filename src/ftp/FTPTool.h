@@ -21,9 +21,12 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <memory>
+#include <string>
 
 #include "foundation/ThreadAnnotations.h"
 #include "ftp/NetBuf.h"
+#include "ftp/TlsContext.h"
 #include "host/technic/KDMutex.h"
 
 // Why the last failed call of a tool failed, for owners that must tell a
@@ -57,7 +60,10 @@ enum FtpFailure {
     // before the greeting, a 421 at login.
     kFtpFailureTurnedAway = 8,
     // A limit of this process: no descriptor or no memory left.
-    kFtpFailureLocalLimit = 9
+    kFtpFailureLocalLimit = 9,
+    // The TLS handshake failed or the server's certificate was not trusted
+    // (or TLS is not built in); the reason is in `response`.
+    kFtpFailureTls = 14
 };
 
 // Transfer kinds of dataConnect.
@@ -148,6 +154,27 @@ public:
     int quit();
     // Closes and frees the control record without traffic; always 1.
     int Empty();
+
+    // --- TLS (explicit FTPS) --------------------------------------------------
+    // Makes the next connect() secure with `context` (null: in clear, the
+    // default): after the 2xx greeting it sends "AUTH TLS" (a refusal fails
+    // the connect, the server's reply in `response`, the connection left for
+    // the owner to quit), then makes the TLS handshake and the trust check
+    // (a failure fails the connect with its reason in `response`, and the
+    // socket is closed without a further byte). After the login, "PBSZ 0"
+    // and "PROT P" (each 2xx expected, else the login fails). Every data
+    // connection then makes its handshake after the transfer command's 1xx
+    // reply, resuming the control connection's session; one that fails is
+    // closed, the transfer fails with the reason in `response`, and the
+    // server's closing reply stays owed.
+    void useTls(const std::shared_ptr<TlsContext>& context);
+    bool usesTls() const;
+    // What the control connection's handshake learnt; false while it has no
+    // TLS channel.
+    bool tlsDetails(TlsPeerDetails* out);
+    // Whether the last data connection made with TLS resumed the control
+    // connection's session.
+    bool lastDataResumedSession() const;
 
     // --- Data connections ---------------------------------------------------
     // Sends "TYPE <mode>", opens the data connection and sends the transfer
@@ -255,6 +282,14 @@ private:
     // (errno set), kLineAbandoned once `deadline` has passed (never when it is
     // negative). REQUIRES: as readReply.
     int receiveMore(NetBuf* connection, double deadline);
+    // "AUTH TLS" and the handshake on the control connection reached at
+    // `host` ("server[:port]"). REQUIRES: connected, greeting read.
+    int startTls(const char* host);
+    // "PBSZ 0" and "PROT P" after a login on a TLS connection; 1 at once in
+    // clear.
+    int finishLogin();
+    // The TLS handshake of data connection `data` after its 1xx reply.
+    int secureData(NetBuf* data);
     // Records why a call failed (and the error number of a socket call), and
     // notes it as the thread's last error with the system's text for
     // `error`, else `text`, else the control record's last reply line.
@@ -279,6 +314,12 @@ private:
 
     NetBuf* controlBuf;
     bool usable;
+    // The TLS context of the connections to come (null: in clear), the name
+    // the server's certificate must carry, and the last data connection's
+    // resumption. Set and read by the thread that drives the tool.
+    std::shared_ptr<TlsContext> tlsContext;
+    std::string tlsName;
+    bool dataResumed;
     // Written by whichever thread drives the tool (a snapshot call and a path
     // operation may share it), read by its owner afterwards.
     std::atomic<int> lastFailure;

@@ -133,6 +133,38 @@ int connectWithin(int fd, const struct sockaddr_in& address, double limitSeconds
     return error;
 }
 
+ssize_t receive(NetBuf* connection, void* buffer, size_t length, int flags) {
+    if (connection->tls == nullptr) return ::recv(connection->handle, buffer, length, flags);
+    const int wait = (flags & MSG_DONTWAIT) != 0 ? 0 : waitMilliseconds(connection->idleTime);
+    const int capped = length > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(length);
+    return connection->tls->receive(static_cast<char*>(buffer), capped, wait);
+}
+
+ssize_t transmit(NetBuf* connection, const void* buffer, size_t length, int flags) {
+    if (connection->tls == nullptr) return ::send(connection->handle, buffer, length, flags);
+    const int wait = (flags & MSG_DONTWAIT) != 0 ? 0 : waitMilliseconds(connection->idleTime);
+    const int capped = length > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(length);
+    return connection->tls->send(static_cast<const char*>(buffer), capped, wait);
+}
+
+int waitMilliseconds(NetBufWaitTime wait) {
+    int64_t milliseconds =
+        static_cast<int64_t>(wait.seconds) * 1000 + wait.microseconds / 1000;
+    if (milliseconds < 1) milliseconds = 1;
+    if (milliseconds > INT32_MAX) milliseconds = INT32_MAX;
+    return static_cast<int>(milliseconds);
+}
+
+bool tlsPending(NetBuf* connection) {
+    return connection != nullptr && connection->tls != nullptr && connection->tls->pending();
+}
+
+void dropTls(NetBuf* connection) {
+    if (connection == nullptr || connection->tls == nullptr) return;
+    delete connection->tls;
+    connection->tls = nullptr;
+}
+
 int connectFailure(int error) {
     return error == ECONNREFUSED ? kFtpFailureConnectRefused : kFtpFailureUnreachable;
 }
@@ -193,8 +225,8 @@ void resetReplyProgress(NetBufReplyState& state) {
 // and its siblings, one for each place that sends) when the host asks for it.
 int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* format) {
     if (!tool.Socketwait(connection)) return 0;
-    ssize_t sent =
-        send(connection->handle, connection->buffer, static_cast<size_t>(count), MSG_NOSIGNAL);
+    ssize_t sent = ftptool::transmit(connection, connection->buffer, static_cast<size_t>(count),
+                                     MSG_NOSIGNAL);
     if (sent != count) {
         int error = errno;
         if (ftptool::printReports()) ftptool::report(format, static_cast<int>(sent), error);
@@ -214,7 +246,8 @@ static_assert(static_cast<int>(kFtpFailureReply) == lasterror::kRefused &&
                   static_cast<int>(kFtpFailureLocal) == lasterror::kBadArgument &&
                   static_cast<int>(kFtpFailureLoginRefused) == lasterror::kLoginRefused &&
                   static_cast<int>(kFtpFailureTurnedAway) == lasterror::kTurnedAway &&
-                  static_cast<int>(kFtpFailureLocalLimit) == lasterror::kLocalLimit,
+                  static_cast<int>(kFtpFailureLocalLimit) == lasterror::kLocalLimit &&
+                  static_cast<int>(kFtpFailureTls) == lasterror::kTls,
               "the tool's failures are the thread's last error kinds");
 
 const double FTPTool::kReplyLimitSeconds = 30.0;
@@ -224,6 +257,7 @@ const double FTPTool::kConnectLimitSeconds = 10.0;
 FTPTool::FTPTool()
     : controlBuf(nullptr),
       usable(true),
+      dataResumed(false),
       lastFailure(kFtpFailureNone),
       lastErrno(0),
       heldBack(false),
@@ -323,7 +357,7 @@ int FTPTool::connect(const char* host) {
     setTimeOutLen(controlBuf, 1, kControlSocketLimit);
     setTimeOutLen(controlBuf, 2, kControlSocketLimit);
     // On a refused greeting the record stays: the caller destroys the tool.
-    if (Readresp('2', controlBuf)) return 1;
+    if (Readresp('2', controlBuf)) return tlsContext ? startTls(host) : 1;
     // A server at its limit of sessions greets with a refusal (421), or
     // closes without a greeting: it turned the connection away.
     if (lastFailure.load() == kFtpFailureReply) {
@@ -332,6 +366,61 @@ int FTPTool::connect(const char* host) {
         setFailure(kFtpFailureTurnedAway, 0, "closed by the server before its greeting");
     }
     return 0;
+}
+
+void FTPTool::useTls(const std::shared_ptr<TlsContext>& context) { tlsContext = context; }
+
+bool FTPTool::usesTls() const { return static_cast<bool>(tlsContext); }
+
+bool FTPTool::tlsDetails(TlsPeerDetails* out) {
+    if (controlBuf == nullptr || controlBuf->tls == nullptr || out == nullptr) return false;
+    controlBuf->tls->details(out);
+    return true;
+}
+
+bool FTPTool::lastDataResumedSession() const { return dataResumed; }
+
+int FTPTool::startTls(const char* host) {
+    // A refusal is the server's answer: its reply stays in `response`, and
+    // nothing secret has been sent, so the owner's "QUIT" may follow in clear.
+    // Never a fall back to a login in clear.
+    if (!exchange("AUTH TLS", '2', nullptr)) return 0;
+    tlsName.assign(host);
+    const size_t colon = tlsName.find(':');
+    if (colon != std::string::npos) tlsName.erase(colon);
+    std::string why;
+    TlsChannel* channel = tlsContext->handshake(
+        controlBuf->handle, tlsName.c_str(), nullptr,
+        ftptool::waitMilliseconds(controlBuf->idleTime), &why);
+    if (channel == nullptr) {
+        // Not one more byte on this connection, "QUIT" included: the socket
+        // is closed and the record kept only for its `response`.
+        {
+            KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+            close(controlBuf->handle);
+            controlBuf->handle = -1;
+            controlBuf->replies.owed = 0;
+            ftptool::setResponse(controlBuf, why.c_str());
+        }
+        setFailure(kFtpFailureTls, 0, why.c_str());
+        return 0;
+    }
+    KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+    controlBuf->tls = channel;
+    // Whatever arrived in clear after the AUTH reply was the server's, not
+    // a reply to anything sent through TLS.
+    controlBuf->readPos = controlBuf->buffer;
+    controlBuf->writePos = controlBuf->buffer;
+    controlBuf->available = 0;
+    controlBuf->spaceLeft = kNetBufSize;
+    return 1;
+}
+
+int FTPTool::finishLogin() {
+    if (controlBuf == nullptr || controlBuf->tls == nullptr) return 1;
+    // Data connections are protected too, without a buffer size of their own.
+    if (!Sendcmd("PBSZ 0", '2')) return 0;
+    return Sendcmd("PROT P", '2');
 }
 
 int FTPTool::login(const char* user, const char* password) {
@@ -354,13 +443,13 @@ int FTPTool::login(const char* user, const char* password) {
         // A server that needs no password accepts the user with 2xx.
         if (reply[0] == '2') {
             setFailure(kFtpFailureNone);
-            return 1;
+            return finishLogin();
         }
         noteLoginRefusal(reply);
         return 0;
     }
     snprintf(line, sizeof line, "PASS %s", password);
-    if (exchange(line, '2', reply)) return 1;
+    if (exchange(line, '2', reply)) return finishLogin();
     noteLoginRefusal(reply);
     return 0;
 }
@@ -378,7 +467,8 @@ int FTPTool::Sendcmd(const char* command, char expected) {
 }
 
 int FTPTool::exchange(const char* command, char expected, char* reply) {
-    if (controlBuf == nullptr || controlBuf->direction != kNetBufControl) {
+    if (controlBuf == nullptr || controlBuf->direction != kNetBufControl ||
+        controlBuf->handle < 0) {
         setFailure(kFtpFailureConnectionLost, 0, "not connected");
         return 0;
     }
@@ -426,7 +516,8 @@ int FTPTool::exchange(const char* command, char expected, char* reply) {
     // The reply's time is counted from the command's sending.
     const double deadline = KDTime::getUpTime() + kReplyLimitSeconds;
     // One send; a short write is not completed (the reply then fails).
-    const ssize_t sent = send(controlBuf->handle, line, static_cast<size_t>(length), MSG_NOSIGNAL);
+    const ssize_t sent =
+        ftptool::transmit(controlBuf, line, static_cast<size_t>(length), MSG_NOSIGNAL);
     if (sent < 1) {
         const int error = errno;
         ftptool::setErrorResponse(controlBuf, error);
@@ -701,8 +792,11 @@ int FTPTool::receiveMore(NetBuf* connection, double deadline) {
     // for ever.
     if (deadline >= 0.0 && KDTime::getUpTime() > deadline) return kLineAbandoned;
     if (!Socketwait(connection)) return 0;
-    const ssize_t got = recv(connection->handle, connection->writePos,
-                             static_cast<size_t>(connection->spaceLeft), 0);
+    const ssize_t got = ftptool::receive(connection, connection->writePos,
+                                         static_cast<size_t>(connection->spaceLeft), 0);
+    // Through TLS a ready socket may hold only part of a record: nothing
+    // came within the wait, as when the socket was not ready.
+    if (got < 0 && connection->tls != nullptr && errno == EAGAIN) return 0;
     if (got < 0) return -1;
     if (got == 0) return kReceiveEnd;
     connection->writePos += got;
@@ -766,6 +860,7 @@ int FTPTool::Writeline(const char* data, int length, NetBuf* connection) {
 int FTPTool::Socketwait(NetBuf* connection) {
     if (connection == nullptr) return 0;
     short events = connection->direction == kNetBufDataWrite ? POLLOUT : POLLIN;
+    if (events == POLLIN && ftptool::tlsPending(connection)) return 1;
     return ftptool::waitFor(connection->handle, events, connection->idleTime) > 0 ? 1 : 0;
 }
 
@@ -808,6 +903,7 @@ int FTPTool::Empty() {
         // Not under a reader's feet: a thread still reading a reply on this
         // record finishes first.
         KDMutexLocker guard(controlLock, kLockSource, __LINE__);
+        ftptool::dropTls(controlBuf);
         if (controlBuf->handle != -1) {
             close(controlBuf->handle);
             controlBuf->handle = -1;

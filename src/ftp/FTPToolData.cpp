@@ -73,7 +73,8 @@ bool notReady(ssize_t result) { return result < 0 && (errno == EAGAIN || errno =
 // 0 bytes would not tell whether the socket is ready.
 int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
     if (length > 0) {
-        const ssize_t got = recv(data->handle, buf, static_cast<size_t>(length), MSG_DONTWAIT);
+        const ssize_t got =
+            ftptool::receive(data, buf, static_cast<size_t>(length), MSG_DONTWAIT);
         if (!notReady(got)) return static_cast<int>(got);
     }
     if (!tool.Socketwait(data)) {
@@ -81,7 +82,11 @@ int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
         errno = 0;
         return -1;
     }
-    return static_cast<int>(recv(data->handle, buf, static_cast<size_t>(length), 0));
+    const ssize_t got = ftptool::receive(data, buf, static_cast<size_t>(length), 0);
+    // Through TLS the socket may have held only part of a record, and the
+    // rest did not come within the wait.
+    if (notReady(got) && data->tls != nullptr) errno = 0;
+    return static_cast<int>(got);
 }
 
 // One image-mode send of `length` bytes, with the limits of a readiness wait
@@ -94,7 +99,8 @@ int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
 int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
     ssize_t sent = 0;
     if (length > 0) {
-        sent = send(data->handle, buf, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent = ftptool::transmit(data, buf, static_cast<size_t>(length),
+                                 MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent == length) return length;
         if (sent < 0 && !notReady(sent)) return -1;
         if (sent < 0) sent = 0;
@@ -107,7 +113,7 @@ int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
         return sent > 0 ? static_cast<int>(sent) : -1;
     }
     const ssize_t rest =
-        send(data->handle, buf + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
+        ftptool::transmit(data, buf + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
     if (rest < 0) return sent > 0 ? static_cast<int>(sent) : -1;
     return static_cast<int>(sent + rest);
 }
@@ -222,6 +228,33 @@ int FTPTool::dataConnect(const char* path, int type, int mode, NetBuf** out) {
         *out = nullptr;
         return 0;
     }
+    if (controlBuf->tls != nullptr && !secureData(*out)) {
+        // The server's closing reply (its refusal of the failed handshake)
+        // stays owed and is read and dropped before the next command.
+        (*out)->control = nullptr;
+        closeData(*out);
+        *out = nullptr;
+        return 0;
+    }
+    return 1;
+}
+
+int FTPTool::secureData(NetBuf* data) {
+    // The server starts its side after sending the 1xx reply; each wait is
+    // the data connection's readiness wait.
+    std::string why;
+    TlsChannel* channel =
+        tlsContext ? tlsContext->handshake(data->handle, tlsName.c_str(), controlBuf->tls,
+                                           ftptool::waitMilliseconds(data->idleTime), &why)
+                   : nullptr;
+    if (channel == nullptr) {
+        if (!tlsContext) why = "TLS handshake failed: no TLS context";
+        setLocalResponse(why.c_str());
+        setFailure(kFtpFailureTls, 0, why.c_str());
+        return 0;
+    }
+    data->tls = channel;
+    dataResumed = channel->resumed();
     return 1;
 }
 
@@ -446,7 +479,7 @@ int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
     if (buf == nullptr) return -1;
     // No readiness wait and no accounting: completion is checked separately
     // with aioReturn.
-    const int sent = static_cast<int>(send(data->handle, buf, length, MSG_NOSIGNAL));
+    const int sent = static_cast<int>(ftptool::transmit(data, buf, length, MSG_NOSIGNAL));
     if (sent < 0) {
         const int error = errno;
         if (error == EAGAIN || error == EWOULDBLOCK) {
@@ -487,6 +520,21 @@ int FTPTool::closeData(NetBuf* data) {
     if (data->direction != kNetBufDataRead && data->direction != kNetBufDataWrite) return 0;
     free(data->buffer);
     data->buffer = nullptr;
+    if (data->tls != nullptr) {
+        // An upload ends with close_notify, so the server can tell the end of
+        // the file from a cut connection.
+        if (data->direction == kNetBufDataWrite) data->tls->closeNotify();
+        ftptool::dropTls(data);
+        // Bytes the server sent and nobody read (TLS 1.3 session tickets on
+        // an upload) would make the close a reset, which can cost the server
+        // the end of the upload: they are taken off the socket first.
+        if (data->handle >= 0) {
+            char sink[4096];
+            for (int i = 0; i < 64; ++i) {
+                if (recv(data->handle, sink, sizeof sink, MSG_DONTWAIT) <= 0) break;
+            }
+        }
+    }
     if (data->handle >= 0) {
         shutdown(data->handle, SHUT_RDWR);
         close(data->handle);

@@ -4,6 +4,7 @@
 #define FTPDISK_FTP_FTPTOOLINTERNAL_H
 
 #include <netinet/in.h>
+#include <sys/types.h>
 
 #include "ftp/NetBuf.h"
 
@@ -48,6 +49,23 @@ int connectWithin(int fd, const struct sockaddr_in& address, double limitSeconds
 
 // The FtpFailure of a connect that failed with `error`.
 int connectFailure(int error);
+
+// recv and send on the record's socket, through its TLS channel when it has
+// one: the same results, with MSG_DONTWAIT honoured. Through TLS a call
+// without MSG_DONTWAIT waits at most the record's idleTime and then fails
+// with EAGAIN; MSG_NOSIGNAL is always in force.
+ssize_t receive(NetBuf* connection, void* buffer, size_t length, int flags);
+ssize_t transmit(NetBuf* connection, const void* buffer, size_t length, int flags);
+
+// A wait as milliseconds, for the TLS channel (at least 1 ms).
+int waitMilliseconds(NetBufWaitTime wait);
+
+// Whether the record has bytes waiting inside its TLS channel, so that a
+// read needs no wait on the socket.
+bool tlsPending(NetBuf* connection);
+
+// Releases the record's TLS channel (no traffic); nothing in clear.
+void dropTls(NetBuf* connection);
 
 // Whether the host wants the socket-write reports on standard output.
 bool printReports();

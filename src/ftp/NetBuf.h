@@ -10,6 +10,7 @@
 #include <stdint.h>
 
 struct NetBuf;
+class TlsChannel;
 
 // Optional transfer-progress notification: (connection, bytes moved so far,
 // opaque argument).
@@ -73,6 +74,7 @@ struct NetBuf {
     int32_t sinceCallback;  // bytes moved since the last call
     char response[kNetBufResponseSize];  // last reply line or local error text
     NetBufReplyState replies;            // control record only; zero in data records
+    TlsChannel* tls;  // the connection's TLS channel (ftps), owned; null in clear
 };
 
 #endif  // FTPDISK_FTP_NETBUF_H

@@ -11,6 +11,7 @@
 namespace NS_FTPPath {
 
 const char* FTPPathBegin = "ftp://";
+const char* FTPSPathBegin = "ftps://";
 
 namespace {
 
@@ -93,12 +94,25 @@ void convertUserName(const std::string& user, std::string& escaped) {
 }
 
 int parseServerInfo(const std::string& serverInfo, std::string& server, std::string& path) {
-    const std::string marker(FTPPathBegin);
-    const std::string::size_type found = serverInfo.find(marker);
-    if (found == std::string::npos) {
+    return parseServerInfo(serverInfo, server, path, nullptr);
+}
+
+int parseServerInfo(const std::string& serverInfo, std::string& server, std::string& path,
+                    bool* tls) {
+    // Whichever marker comes first: "ftps://" is not an "ftp://" with an
+    // "s" before it, and an "ftp://" inside the path does not count.
+    const std::string plain(FTPPathBegin);
+    const std::string secure(FTPSPathBegin);
+    const std::string::size_type plainAt = serverInfo.find(plain);
+    const std::string::size_type secureAt = serverInfo.find(secure);
+    if (plainAt == std::string::npos && secureAt == std::string::npos) {
         return 0;
     }
-    std::string rest = serverInfo.substr(found + marker.size());
+    const bool isSecure = secureAt < plainAt;
+    if (tls != nullptr) *tls = isSecure;
+    const std::string::size_type found = isSecure ? secureAt : plainAt;
+    const std::string::size_type markerSize = isSecure ? secure.size() : plain.size();
+    std::string rest = serverInfo.substr(found + markerSize);
     // Hosts that keep Windows paths write them with backslashes.
     for (std::string::size_type i = 0; i < rest.size(); ++i) {
         if (rest[i] == '\\') {
@@ -130,11 +144,14 @@ int parseServerInfo(const std::string& serverInfo, std::string& server, std::str
 
 }  // namespace NS_FTPPath
 
-FTPPath::FTPPath() {}
+FTPPath::FTPPath() : tls(false) {}
 
 FTPPath::FTPPath(const std::string& server, const std::string& user, const std::string& password,
                  const std::string& path)
-    : serverAddress(server), userName(user), password(password), path(path) {}
+    : serverAddress(server), userName(user), password(password), path(path), tls(false) {}
+
+bool FTPPath::isTls() const { return tls; }
+void FTPPath::setTls(bool tls) { this->tls = tls; }
 
 std::string FTPPath::getServerAddress() const { return serverAddress; }
 std::string FTPPath::getUserName() const { return userName; }
@@ -157,7 +174,7 @@ int FTPPath::create(const std::string& text) {
     if (!NS_FTPPath::parseUserInfo(userInfo, userName, password)) {
         return 0;
     }
-    if (!NS_FTPPath::parseServerInfo(serverInfo, serverAddress, path)) {
+    if (!NS_FTPPath::parseServerInfo(serverInfo, serverAddress, path, &tls)) {
         return 0;
     }
     return 1;
@@ -167,12 +184,12 @@ std::string FTPPath::toString() {
     std::string escaped;
     NS_FTPPath::convertUserName(userName, escaped);
     std::string text;
-    text.reserve(escaped.size() + password.size() + serverAddress.size() + path.size() + 9);
+    text.reserve(escaped.size() + password.size() + serverAddress.size() + path.size() + 10);
     text += escaped;
     text += '(';
     text += password;
     text += ")@";
-    text += NS_FTPPath::FTPPathBegin;
+    text += tls ? NS_FTPPath::FTPSPathBegin : NS_FTPPath::FTPPathBegin;
     text += serverAddress;
     text += path;
     return text;
