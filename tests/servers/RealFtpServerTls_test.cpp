@@ -69,7 +69,7 @@ public:
         added_ = registry_ != nullptr && registry_->addFTPFileSystem(location_) == 0;
     }
     ~RegisteredStore() {
-        store_ = SafePointer<FTPFileSystem>();
+        store_.reset();
         if (added_) registry_->deleteFileSystem(location_);
     }
     RegisteredStore(const RegisteredStore&) = delete;
@@ -79,15 +79,18 @@ public:
     const std::string& location() const { return location_; }
     FTPFileSystemManager* registry() { return registry_; }
     FTPFileSystem* store() {
-        if (!store_) registry_->getFTPFileSystem(location_, store_);
-        return store_.get();
+        if (!store_) {
+            auto found = std::make_unique<SafePointer<FTPFileSystem>>();
+            if (registry_->getFTPFileSystem(location_, *found) == 1) store_ = std::move(found);
+        }
+        return store_ ? store_->get() : nullptr;
     }
 
 private:
     std::string location_;
     FTPFileSystemManager* registry_ = nullptr;
     bool added_ = false;
-    SafePointer<FTPFileSystem> store_;
+    std::unique_ptr<SafePointer<FTPFileSystem>> store_;
 };
 
 std::string lastErrorText() {
@@ -133,7 +136,8 @@ void storeWorksOverTls(RealFtpServer& server, FTPFileSystem& store) {
     EXPECT_EQ(store.Put(local.file("put.bin").c_str(), "/tls/put.bin"), 0) << lastErrorText();
     std::string onDisk;
     EXPECT_TRUE(server.readFile("/tls/put.bin", &onDisk));
-    EXPECT_TRUE(onDisk == putBytes) << "the server holds " << onDisk.size() << " bytes";
+    EXPECT_TRUE(onDisk == putBytes) << "the server holds " << onDisk.size() << " bytes\n"
+                                    << server.logTail(1 << 20);
 
     EXPECT_EQ(store.Get(local.file("got.bin").c_str(), "/tls/put.bin"), 0) << lastErrorText();
     std::string got;
@@ -222,8 +226,6 @@ TEST_P(TlsStoreOnRealServer, AWrongPinFailsInitWithATlsFailure) {
     std::string wrong = server.fingerprint();
     wrong[0] = wrong[0] == 'A' ? 'B' : 'A';
     EXPECT_EQ(registered.registry()->setTlsPinnedFingerprint(registered.location(), wrong), 0);
-    // Even with the CA trusted: a pin replaces the chain check.
-    EXPECT_EQ(registered.registry()->addTlsCaFile(registered.location(), server.caFile()), 0);
     ASSERT_NE(registered.store(), nullptr);
     EXPECT_EQ(registered.store()->init(), -1);
     FTPFileSystem::LastError error = FTPFileSystem::getLastError();
@@ -400,15 +402,19 @@ TEST(TlsSessionReuse, VsftpdRefusesADataConnectionThatDoesNotResumeAndTheStorePa
     ASSERT_TRUE(server.writeFile("/a.dat", "hello"));
 
     {
+        // A fresh session on the data connection is refused (and vsftpd ends
+        // the session after saying so)...
         BareTlsClient bare(server.caFile());
         ASSERT_EQ(bare.logIn(server.port()), "") << server.logTail();
-        // A fresh session on the data connection is refused...
         BareTlsClient::Listing fresh = bare.list(false);
         EXPECT_EQ(fresh.preliminary.substr(0, 1), "1") << fresh.preliminary;
-        EXPECT_FALSE(fresh.handshake && fresh.final.compare(0, 3, "226") == 0)
-            << fresh.final << "\n" << server.logTail();
-        EXPECT_EQ(fresh.final.substr(0, 3), "522") << fresh.final << "\n" << server.logTail();
+        EXPECT_EQ(fresh.final, "522 SSL connection failed: session reuse required")
+            << server.logTail();
+    }
+    {
         // ... and the control connection's own session is taken.
+        BareTlsClient bare(server.caFile());
+        ASSERT_EQ(bare.logIn(server.port()), "") << server.logTail();
         BareTlsClient::Listing resumed = bare.list(true);
         EXPECT_TRUE(resumed.handshake);
         EXPECT_TRUE(resumed.resumed);
