@@ -12,14 +12,10 @@
 // the password nor any 16 bytes of the file.
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <openssl/err.h>
-#include <openssl/ssl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -34,6 +30,7 @@
 #include "ftp/FTPTool.h"
 #include "ftp/TlsContext.h"
 #include "support/NetLab.h"
+#include "support/RawTlsSession.h"
 #include "support/RealFtpServer.h"
 
 namespace {
@@ -243,157 +240,6 @@ INSTANTIATE_TEST_SUITE_P(TlsKinds, TlsStoreOnRealServer,
 
 // --- Session reuse on data connections (vsftpd, require_ssl_reuse=YES) ------
 
-// A bare explicit-TLS client written with OpenSSL directly, so that a data
-// connection can be made with or without resuming the control connection's
-// session.
-class BareTlsClient {
-public:
-    explicit BareTlsClient(const std::string& caFile) {
-        context_ = SSL_CTX_new(TLS_client_method());
-        SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
-        SSL_CTX_load_verify_locations(context_, caFile.c_str(), nullptr);
-        SSL_CTX_set_verify(context_, SSL_VERIFY_PEER, nullptr);
-        // Sessions are kept so that the data connection can offer them.
-        SSL_CTX_set_session_cache_mode(context_, SSL_SESS_CACHE_CLIENT);
-    }
-    ~BareTlsClient() {
-        if (control_ != nullptr) SSL_free(control_);
-        if (fd_ >= 0) ::close(fd_);
-        SSL_CTX_free(context_);
-    }
-    BareTlsClient(const BareTlsClient&) = delete;
-    BareTlsClient& operator=(const BareTlsClient&) = delete;
-
-    static int connectTo(int port) {
-        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        timeval limit{10, 0};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-            ::close(fd);
-            return -1;
-        }
-        return fd;
-    }
-
-    // Greeting, AUTH TLS, the handshake, the login, PBSZ 0 and PROT P; "" on
-    // success, else the step that failed.
-    std::string logIn(int port) {
-        fd_ = connectTo(port);
-        if (fd_ < 0) return "connect";
-        if (plainReply().compare(0, 3, "220") != 0) return "greeting";
-        const char auth[] = "AUTH TLS\r\n";
-        if (::send(fd_, auth, sizeof auth - 1, MSG_NOSIGNAL) != sizeof auth - 1) return "send";
-        if (plainReply().compare(0, 3, "234") != 0) return "AUTH TLS";
-        control_ = SSL_new(context_);
-        SSL_set_fd(control_, fd_);
-        SSL_set1_host(control_, "127.0.0.1");
-        if (SSL_connect(control_) != 1) return "handshake";
-        if (command("USER rec").compare(0, 3, "331") != 0) return "USER";
-        if (command("PASS pw").compare(0, 3, "230") != 0) return "PASS";
-        if (command("PBSZ 0").compare(0, 1, "2") != 0) return "PBSZ";
-        if (command("PROT P").compare(0, 1, "2") != 0) return "PROT";
-        return "";
-    }
-
-    // The last line of the next reply on the TLS control connection.
-    std::string reply() {
-        std::string line;
-        for (;;) {
-            line.clear();
-            char ch = 0;
-            while (line.size() < 4096) {
-                if (SSL_read(control_, &ch, 1) != 1) return line;
-                if (ch == '\n') break;
-                if (ch != '\r') line += ch;
-            }
-            if (line.size() >= 4 && line[3] == ' ') return line;
-        }
-    }
-
-    std::string command(const std::string& text) {
-        std::string line = text + "\r\n";
-        if (SSL_write(control_, line.data(), static_cast<int>(line.size())) <= 0) return "";
-        return reply();
-    }
-
-    struct Listing {
-        std::string preliminary;   // reply to LIST
-        bool handshake = false;    // the data connection's handshake passed
-        bool resumed = false;      // ... resuming the control connection's session
-        std::string final;         // the reply after the data
-    };
-
-    // PASV, a data connection, LIST, and its TLS handshake offering the
-    // control connection's session or not.
-    Listing list(bool offerSession) {
-        Listing result;
-        std::string pasv = command("PASV");
-        unsigned p[6] = {0, 0, 0, 0, 0, 0};
-        size_t open = pasv.find('(');
-        if (open == std::string::npos ||
-            sscanf(pasv.c_str() + open, "(%u,%u,%u,%u,%u,%u", &p[0], &p[1], &p[2], &p[3], &p[4],
-                   &p[5]) != 6) {
-            result.preliminary = "(PASV: " + pasv + ")";
-            return result;
-        }
-        int data = connectTo(static_cast<int>(p[4] * 256 + p[5]));
-        if (data < 0) {
-            result.preliminary = "(no data connection)";
-            return result;
-        }
-        result.preliminary = command("LIST");
-        if (result.preliminary.compare(0, 1, "1") == 0) {
-            SSL* ssl = SSL_new(context_);
-            SSL_set_fd(ssl, data);
-            if (offerSession) {
-                SSL_SESSION* session = SSL_get1_session(control_);
-                SSL_set_session(ssl, session);
-                SSL_SESSION_free(session);
-            }
-            result.handshake = SSL_connect(ssl) == 1;
-            if (result.handshake) {
-                result.resumed = SSL_session_reused(ssl) == 1;
-                char chunk[4096];
-                for (int reads = 0; reads < 10000 && SSL_read(ssl, chunk, sizeof chunk) > 0;
-                     ++reads) {
-                }
-                SSL_shutdown(ssl);
-            }
-            SSL_free(ssl);
-            ::close(data);
-            ERR_clear_error();
-            result.final = reply();
-        } else {
-            ::close(data);
-        }
-        return result;
-    }
-
-private:
-    std::string plainReply() {
-        std::string line;
-        char ch = 0;
-        while (line.size() < 4096 && ::recv(fd_, &ch, 1, 0) == 1) {
-            if (ch == '\n') {
-                if (line.size() >= 4 && line[3] == ' ') return line;
-                line.clear();
-                continue;
-            }
-            if (ch != '\r') line += ch;
-        }
-        return line;
-    }
-
-    SSL_CTX* context_ = nullptr;
-    SSL* control_ = nullptr;
-    int fd_ = -1;
-};
-
 TEST(TlsSessionReuse, VsftpdRefusesADataConnectionThatDoesNotResumeAndTheStorePassesIt) {
     RealFtpServerOptions options;
     options.tls = true;
@@ -404,20 +250,24 @@ TEST(TlsSessionReuse, VsftpdRefusesADataConnectionThatDoesNotResumeAndTheStorePa
     {
         // A fresh session on the data connection is refused (and vsftpd ends
         // the session after saying so)...
-        BareTlsClient bare(server.caFile());
-        ASSERT_EQ(bare.logIn(server.port()), "") << server.logTail();
-        BareTlsClient::Listing fresh = bare.list(false);
+        RawTlsSession bare(server.caFile());
+        ASSERT_EQ(bare.secure(server.port()), "") << server.logTail();
+        ASSERT_EQ(bare.logIn("rec", "pw"), "") << server.logTail();
+        RawTlsSession::Listing fresh = bare.list("", false);
         EXPECT_EQ(fresh.preliminary.substr(0, 1), "1") << fresh.preliminary;
         EXPECT_EQ(fresh.final, "522 SSL connection failed: session reuse required")
             << server.logTail();
+        EXPECT_EQ(fresh.data, "");
     }
     {
         // ... and the control connection's own session is taken.
-        BareTlsClient bare(server.caFile());
-        ASSERT_EQ(bare.logIn(server.port()), "") << server.logTail();
-        BareTlsClient::Listing resumed = bare.list(true);
+        RawTlsSession bare(server.caFile());
+        ASSERT_EQ(bare.secure(server.port()), "") << server.logTail();
+        ASSERT_EQ(bare.logIn("rec", "pw"), "") << server.logTail();
+        RawTlsSession::Listing resumed = bare.list("", true);
         EXPECT_TRUE(resumed.handshake);
         EXPECT_TRUE(resumed.resumed);
+        EXPECT_NE(resumed.data.find("a.dat"), std::string::npos) << resumed.data;
         EXPECT_EQ(resumed.final.substr(0, 3), "226") << resumed.final << "\n" << server.logTail();
     }
 
