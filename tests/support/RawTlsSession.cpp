@@ -4,10 +4,13 @@
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
+
+#include <utility>
 
 namespace {
 
@@ -31,6 +34,9 @@ int connectLoopback(int port) {
 }  // namespace
 
 RawTlsSession::RawTlsSession(const std::string& caFile) {
+    // OpenSSL writes to the socket without MSG_NOSIGNAL: a server that closed
+    // the session must show as a failed write, not end the test process.
+    ::signal(SIGPIPE, SIG_IGN);
     context_ = SSL_CTX_new(TLS_client_method());
     if (context_ == nullptr) return;
     SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
@@ -76,11 +82,16 @@ std::string RawTlsSession::cipher() const {
 }
 
 std::string RawTlsSession::logIn(const std::string& user, const std::string& password) {
+    loginReplies_.clear();
     if (control_ == nullptr) return "no TLS";
-    if (command("USER " + user).compare(0, 1, "3") != 0) return "USER";
-    if (command("PASS " + password).compare(0, 1, "2") != 0) return "PASS";
-    if (command("PBSZ 0").compare(0, 1, "2") != 0) return "PBSZ";
-    if (command("PROT P").compare(0, 1, "2") != 0) return "PROT";
+    const std::pair<std::string, char> steps[] = {
+        {"USER " + user, '3'}, {"PASS " + password, '2'}, {"PBSZ 0", '2'}, {"PROT P", '2'}};
+    for (const auto& step : steps) {
+        loginReplies_.push_back(command(step.first));
+        if (loginReplies_.back().compare(0, 1, std::string(1, step.second)) != 0) {
+            return step.first.substr(0, 4);
+        }
+    }
     return "";
 }
 

@@ -5,11 +5,13 @@
 // connection offers the control connection's TLS session or a fresh one, so
 // that a test can see whether a server insists on session reuse. Loopback
 // only (127.0.0.1); every read waits at most 10 s. One thread uses an object.
+// Making one ignores SIGPIPE in the process (OpenSSL's writes could raise it).
 // Built only with TLS (FTPDISK_TLS).
 #ifndef FTPDISK_TESTS_SUPPORT_RAWTLSSESSION_H
 #define FTPDISK_TESTS_SUPPORT_RAWTLSSESSION_H
 
 #include <string>
+#include <vector>
 
 typedef struct ssl_ctx_st SSL_CTX;
 typedef struct ssl_st SSL;
@@ -35,8 +37,9 @@ public:
     std::string cipher() const;
 
     // After secure(): USER, PASS, "PBSZ 0", "PROT P". "" on success, else the
-    // step that failed.
+    // step that failed. loginReplies() holds the replies, one per line sent.
     std::string logIn(const std::string& user, const std::string& password);
+    const std::vector<std::string>& loginReplies() const { return loginReplies_; }
 
     // The last line of the next reply on the TLS control connection ("" when
     // the connection ended).
@@ -64,6 +67,7 @@ private:
     int fd_ = -1;
     std::string greeting_;
     std::string authReply_;
+    std::vector<std::string> loginReplies_;
 };
 
 #endif  // FTPDISK_TESTS_SUPPORT_RAWTLSSESSION_H
