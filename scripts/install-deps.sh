@@ -17,7 +17,9 @@
 #            clang with clang-format and clang-tidy, qemu-user for the armhf
 #            tests, the real FTP servers the server tests start on loopback,
 #            curl (the peer client of bench/peers), gnuplot for the soak's
-#            plot, pkg-config and doxygen for the packages step, and the
+#            plot, pkg-config and doxygen for the packages step, openssl
+#            (the command that makes the TLS servers' certificates) and
+#            pyOpenSSL (pyftpdlib's TLS), proftpd's TLS module, and the
 #            local user "rec" with password "pw" that the server tests log in
 #            as (vsftpd authenticates local users only). Only this task makes
 #            that user, adds a source list or builds anything.
@@ -26,7 +28,8 @@
 # (each provides ftp-server), so vsftpd is installed the usual way and proftpd
 # and pure-ftpd are unpacked from their .deb files into ${FTPDISK_SERVERS_DIR}
 # (default /opt/ftpdisk-servers), with the libraries they need installed as
-# ordinary packages. BusyBox's ftpd is not in Debian's busybox build, so it is
+# ordinary packages; proftpd's TLS module (mod_tls.so, in proftpd-mod-crypto)
+# is unpacked the same way beside proftpd-core. BusyBox's ftpd is not in Debian's busybox build, so it is
 # built from Debian's busybox source package with just the applets it needs
 # (ftpd, tcpsvd, ls; well under a minute) into ${FTPDISK_SERVERS_DIR}/busybox.
 # None of them runs as a service: the tests start their own instances on
@@ -81,6 +84,8 @@ test_packages=(
   libssl3 libtinfo6 zlib1g
   # pure-ftpd's libraries
   libsodium23
+  # the TLS servers: their certificates, pyftpdlib's TLS
+  openssl python3-openssl
   # building BusyBox's ftpd from its Debian source package
   make gcc bzip2 libcrypt-dev
   # running the armhf tests
@@ -92,7 +97,7 @@ test_packages=(
 )
 
 # Packages unpacked into ${servers_dir}/<package> instead of installed.
-unpacked=(proftpd-core pure-ftpd)
+unpacked=(proftpd-core proftpd-mod-crypto pure-ftpd)
 
 fresh() { [ "${dry_run}" = fresh ]; }
 dry() { [ -n "${dry_run}" ]; }
@@ -291,10 +296,12 @@ check_servers() {
   dry && return 0
   local exe
   for exe in "${servers_dir}/proftpd-core/usr/sbin/proftpd" \
+             "${servers_dir}/proftpd-mod-crypto/usr/lib/proftpd/mod_tls.so" \
              "${servers_dir}/pure-ftpd/usr/sbin/pure-ftpd" \
              "${servers_dir}/pure-ftpd/usr/bin/pure-pw" \
              "${servers_dir}/busybox/busybox"; do
-    if [ ! -x "${exe}" ]; then
+    # The module is a library (not executable); the programs must run.
+    if [ ! -f "${exe}" ] || { [ "${exe%.so}" = "${exe}" ] && [ ! -x "${exe}" ]; }; then
       say "missing ${exe}"
       exit 1
     fi

@@ -70,12 +70,14 @@ expect_task "demo" "$(sorted "${build[@]}" python3-pyftpdlib)" no no demo
 out=$(plan test)
 test_packages=$(installs "${out}")
 for p in "${build[@]}" "${package_tools[@]}" "${armhf[@]}" python3-pyftpdlib clang \
-         clang-format-14 clang-tidy-14 vsftpd qemu-user doxygen pkgconf; do
+         clang-format-14 clang-tidy-14 vsftpd qemu-user doxygen pkgconf openssl python3-openssl; do
   grep -qw -- "${p}" <<<"${test_packages}" || fail "test: does not install ${p}"
 done
 grep -q 'would run: useradd --create-home --shell /bin/sh rec' <<<"${out}" ||
   fail "test: does not make the local user rec"
 grep -q 'would run: apt-get download proftpd-core' <<<"${out}" || fail "test: does not unpack proftpd"
+grep -q 'would run: apt-get download proftpd-mod-crypto' <<<"${out}" ||
+  fail "test: does not unpack proftpd's TLS module"
 grep -q 'would run: apt-get source busybox' <<<"${out}" || fail "test: does not build busybox"
 [ "$(plan)" = "${out}" ] || fail "no task named is not the same as test"
 echo "ok test: $(wc -w <<<"${test_packages}") packages, the user rec, the unpacked servers"
