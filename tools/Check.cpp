@@ -416,9 +416,9 @@ int runCheck(const Arguments& args) {
         }
     }
     SlowestReply slowest;
-    const bool dataReached =
-        steps.run("data", ready && secured, ready ? "tls failed" : "init failed",
-                  [&](std::string& detail) { return probeDataAddress(location, tls, slowest, detail); });
+    const bool dataReached = steps.run(
+        "data", ready && secured, ready ? "tls failed" : "init failed",
+        [&](std::string& detail) { return probeDataAddress(location, tls, slowest, detail); });
     steps.run("replies", dataReached, "data failed", [&](std::string& detail) {
         detail = "slowest reply " + humanMillis(slowest.seconds) + " (" + slowest.what + ")";
         // The module waits 3 s for a reply to start and fails the command

@@ -186,8 +186,8 @@ int Session::applyTls() {
         }
     } else if (registry->skipTlsCertificateVerification(location_.text) != 0) {
         return fail(command_,
-                    std::string(kTlsInsecureOption) + " refused by the store: " +
-                        FTPFileSystem::getLastError().text,
+                    std::string(kTlsInsecureOption) +
+                        " refused by the store: " + FTPFileSystem::getLastError().text,
                     kExitFailed);
     }
     return kExitOk;
@@ -199,8 +199,8 @@ int Session::init(bool quiet) {
     }
     if (store_->init() != 0) {
         if (!quiet) {
-            const bool untrusted = FTPFileSystem::getLastError().kind == FTPFileSystem::kErrorTls &&
-                                   !tls_.given();
+            const bool untrusted =
+                FTPFileSystem::getLastError().kind == FTPFileSystem::kErrorTls && !tls_.given();
             std::string text = lastFailure(location_).text;
             if (untrusted && text.find("not trusted") != std::string::npos) {
                 text += " (once you know it is the server's own certificate, trust it with " +

@@ -76,7 +76,7 @@ private:
 
 // --- the options, without a server ------------------------------------------
 
-const char* const kCommands[] = {"check", "ls", "du",  "df",  "mkdir", "rm",
+const char* const kCommands[] = {"check", "ls",  "du",  "df",  "mkdir", "rm",
                                  "mv",    "put", "get", "cat", "record"};
 
 // Enough positional arguments for each command after its location.
@@ -104,7 +104,8 @@ TEST(ToolTlsOptions, EveryCommandTakesThemAndRefusesThemForAPlainLocation) {
             EXPECT_EQ(2, result.status) << words(args) << "\n" << result.transcript();
             EXPECT_EQ("ftpdisk " + std::string(command) + ": " + option[0] +
                           " is for ftps:// locations only, and rec(***)@ftp://127.0.0.1:1/x is "
-                          "not one (see ftpdisk " + command + " --help)",
+                          "not one (see ftpdisk " +
+                          command + " --help)",
                       result.err.substr(0, result.err.find('\n')))
                 << words(args);
             EXPECT_EQ(1u, lines(result.err).size()) << words(args) << "\n" << result.transcript();
@@ -119,9 +120,10 @@ TEST(ToolTlsOptions, HelpOfEveryCommandNamesThem) {
         EXPECT_EQ(0, result.status) << result.transcript();
         EXPECT_TRUE(contains(result.out, "[TLS-OPTIONS] LOCATION")) << command;
         EXPECT_TRUE(contains(result.out, "user@ftps://server[:port]/path")) << command;
-        for (const char* option : {"--tls-fingerprint SHA256", "--ca-file FILE", "--tls-insecure"}) {
-            EXPECT_TRUE(contains(result.out, std::string("\n  ") + option)) << command << " "
-                                                                            << option;
+        for (const char* option :
+             {"--tls-fingerprint SHA256", "--ca-file FILE", "--tls-insecure"}) {
+            EXPECT_TRUE(contains(result.out, std::string("\n  ") + option))
+                << command << " " << option;
         }
     }
 }
@@ -254,8 +256,7 @@ void expectCertificate(const std::string& out, const std::string& fingerprint) {
 }
 
 TEST_F(ToolOverTls, CheckWithThePinnedFingerprintPassesAndShowsTheCertificate) {
-    const ToolRun result =
-        run({"check", "--tls-fingerprint", server().fingerprint(), location()});
+    const ToolRun result = run({"check", "--tls-fingerprint", server().fingerprint(), location()});
     EXPECT_EQ(0, result.status) << result.transcript();
     EXPECT_EQ(0u, result.out.rfind("checking " + masked() + "\n", 0)) << result.transcript();
     EXPECT_EQ(1, linesStartingWith(result.out, "  ok    init ")) << result.transcript();
@@ -302,11 +303,11 @@ TEST_F(ToolOverTls, CheckWithoutTrustFailsAtInitWithTheFingerprintAndSendsNoLogi
                          "the certificate the server showed, not trusted:"))
         << result.transcript();
     expectCertificate(result.out, server().fingerprint());
-    EXPECT_EQ("hint: once you know this certificate is the server's own, trust it with "
-              "--tls-fingerprint " +
-                  server().fingerprint() +
-                  ", or give --ca-file with the CA certificate that signed it",
-              lineStartingWith(result.out, "hint: "))
+    EXPECT_EQ(
+        "hint: once you know this certificate is the server's own, trust it with "
+        "--tls-fingerprint " +
+            server().fingerprint() + ", or give --ca-file with the CA certificate that signed it",
+        lineStartingWith(result.out, "hint: "))
         << result.transcript();
     EXPECT_EQ(1, linesStartingWith(result.out, "  skip  data ")) << result.transcript();
     // Only the registration went through.
@@ -336,9 +337,10 @@ TEST_F(ToolOverTls, OtherCommandsFailOnAnUntrustedCertificateWithItsFingerprint)
     // A pin of another certificate is no trust either.
     const ToolRun other = run({"ls", location(), "--tls-fingerprint", std::string(64, '0')});
     EXPECT_EQ(1, other.status) << other.transcript();
-    EXPECT_TRUE(contains(other.err, "TLS certificate not trusted: its fingerprint is not the "
-                                    "pinned one; SHA-256 fingerprint " +
-                                        server().fingerprint()))
+    EXPECT_TRUE(contains(other.err,
+                         "TLS certificate not trusted: its fingerprint is not the "
+                         "pinned one; SHA-256 fingerprint " +
+                             server().fingerprint()))
         << other.transcript();
 }
 
@@ -348,11 +350,12 @@ TEST_F(ToolOverTls, CheckWithTlsInsecurePassesWithOneWarning) {
     expectTlsStep(result.out, "none \\(certificate verification skipped\\)");
     expectCertificate(result.out, server().fingerprint());
     EXPECT_EQ(1, linesStartingWith(result.out, "warning:")) << result.transcript();
-    EXPECT_EQ("warning: the server's certificate is not verified (--tls-insecure): the "
-              "connection is encrypted, but anyone on the way can pose as the server and read "
-              "the password; pin this certificate with --tls-fingerprint " +
-                  server().fingerprint(),
-              lineStartingWith(result.out, "warning:"))
+    EXPECT_EQ(
+        "warning: the server's certificate is not verified (--tls-insecure): the "
+        "connection is encrypted, but anyone on the way can pose as the server and read "
+        "the password; pin this certificate with --tls-fingerprint " +
+            server().fingerprint(),
+        lineStartingWith(result.out, "warning:"))
         << result.transcript();
     EXPECT_TRUE(contains(result.out, "verdict: PASS: ")) << result.transcript();
 }
@@ -377,7 +380,8 @@ TEST_F(ToolOverTls, PutGetAndLsMoveTheBytesOverTls) {
         run({"get", "--tls-fingerprint", server().fingerprint(), location(), "clip.bin", back});
     ASSERT_EQ(0, get.status) << get.transcript();
     std::ifstream in(back, std::ios::binary);
-    const std::string fetched((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string fetched((std::istreambuf_iterator<char>(in)),
+                              std::istreambuf_iterator<char>());
     EXPECT_TRUE(bytes == fetched) << "get brought back other bytes than were put";
 }
 
