@@ -204,10 +204,11 @@ TEST(ToolLocation, FindsWhereThePasswordStandsForBlankingIt) {
         const char* text;
         const char* password;  // nullptr: none
     } cases[] = {
-        {"rec(pw)@ftp://h/p", "pw"},       {"a*(b(p@ss)@ftp://h/p", "p@ss"},
-        {"rec(a(b)c)@ftp://h/p", "a(b)c"}, {"rec()@ftp://h/p", ""},
-        {"rec@ftp://h/p", nullptr},        {"rec(pw@ftp://h/p", nullptr},
-        {"clip(1).bin", nullptr},          {"--cameras", nullptr},
+        {"rec(pw)@ftps://h/p", "pw"},     {"rec(pw)@ftp://h/p", "pw"},
+        {"a*(b(p@ss)@ftp://h/p", "p@ss"}, {"rec(a(b)c)@ftp://h/p", "a(b)c"},
+        {"rec()@ftp://h/p", ""},          {"rec@ftp://h/p", nullptr},
+        {"rec(pw@ftp://h/p", nullptr},    {"clip(1).bin", nullptr},
+        {"--cameras", nullptr},
     };
     for (const auto& c : cases) {
         std::size_t begin = 0;

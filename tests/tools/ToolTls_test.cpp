@@ -3,6 +3,7 @@
 // pyftpdlib server that requires explicit TLS on 127.0.0.1 (its certificate
 // signed by a private CA for 127.0.0.1, tests/support/RealFtpServer.h).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -358,6 +359,18 @@ TEST_F(ToolOverTls, CheckWithTlsInsecurePassesWithOneWarning) {
         lineStartingWith(result.out, "warning:"))
         << result.transcript();
     EXPECT_TRUE(contains(result.out, "verdict: PASS: ")) << result.transcript();
+}
+
+TEST_F(ToolOverTls, ALocationWithoutPasswordFindsItInNetrcAsForPlainFtp) {
+    const std::string netrc = work_.path() + "/.netrc";
+    std::ofstream(netrc) << "machine " << server().hostPort() << " login rec password pw\n";
+    ASSERT_EQ(0, ::chmod(netrc.c_str(), 0600));
+    ASSERT_TRUE(server().writeFile(base_ + "/a.dat", "abc"));
+    const std::string withoutPassword = "rec@ftps://" + server().hostPort() + base_;
+    const ToolRun result = run({"ls", "-l", withoutPassword, "--ca-file", server().caFile()});
+    EXPECT_EQ(0, result.status) << result.transcript();
+    EXPECT_TRUE(contains(result.out, "a.dat")) << result.transcript();
+    EXPECT_EQ("", result.err);
 }
 
 TEST_F(ToolOverTls, PutGetAndLsMoveTheBytesOverTls) {
