@@ -155,30 +155,6 @@ int waitMilliseconds(NetBufWaitTime wait) {
     return static_cast<int>(milliseconds);
 }
 
-void drainUntilClosed(int fd, int milliseconds) {
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    char sink[4096];
-    // Bounded in rounds as well as in time: each round reads or waits.
-    for (int round = 0; round < 100000; ++round) {
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const long long spent = (now.tv_sec - start.tv_sec) * 1000LL +
-                                (now.tv_nsec - start.tv_nsec) / 1000000;
-        if (spent >= milliseconds) return;
-        struct pollfd p;
-        p.fd = fd;
-        p.events = POLLIN;
-        p.revents = 0;
-        const int ready = poll(&p, 1, static_cast<int>(milliseconds - spent));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) return;
-        const ssize_t got = recv(fd, sink, sizeof sink, MSG_DONTWAIT);
-        if (got == 0) return;
-        if (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return;
-    }
-}
-
 bool tlsPending(NetBuf* connection) {
     return connection != nullptr && connection->tls != nullptr && connection->tls->pending();
 }

@@ -521,25 +521,14 @@ int FTPTool::closeData(NetBuf* data) {
     free(data->buffer);
     data->buffer = nullptr;
     if (data->tls != nullptr) {
-        const bool upload = data->direction == kNetBufDataWrite;
-        const int wait = ftptool::waitMilliseconds(data->idleTime);
         // An upload ends with close_notify, so the server can tell the end of
         // the file from a cut connection.
-        if (upload) data->tls->closeNotify(wait);
+        if (data->direction == kNetBufDataWrite) data->tls->closeNotify();
         ftptool::dropTls(data);
-        if (data->handle >= 0 && upload) {
-            // Bytes the server sends and nobody reads make the close a reset,
-            // and a reset costs the server the part of the upload it has not
-            // read yet. A TLS 1.3 server sends its session tickets when its
-            // side of the handshake ends, which may be after the client wrote
-            // the whole file; it answers close_notify with its own. So the
-            // end of the stream is announced and the server's close awaited:
-            // once it closes, it has read everything.
-            shutdown(data->handle, SHUT_WR);
-            ftptool::drainUntilClosed(data->handle, wait);
-        } else if (data->handle >= 0) {
-            // A download the server closed, or one cut short: whatever came
-            // and was not read is taken off the socket before the close.
+        // Bytes the server sent and nobody read (TLS 1.3 session tickets on
+        // an upload) would make the close a reset, which can cost the server
+        // the end of the upload: they are taken off the socket first.
+        if (data->handle >= 0) {
             char sink[4096];
             for (int i = 0; i < 64; ++i) {
                 if (recv(data->handle, sink, sizeof sink, MSG_DONTWAIT) <= 0) break;

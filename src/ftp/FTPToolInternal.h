@@ -60,10 +60,6 @@ ssize_t transmit(NetBuf* connection, const void* buffer, size_t length, int flag
 // A wait as milliseconds, for the TLS channel (at least 1 ms).
 int waitMilliseconds(NetBufWaitTime wait);
 
-// Reads and drops what arrives on `fd` until the peer closes (or resets) the
-// connection, or `milliseconds` pass in all.
-void drainUntilClosed(int fd, int milliseconds);
-
 // Whether the record has bytes waiting inside its TLS channel, so that a
 // read needs no wait on the socket.
 bool tlsPending(NetBuf* connection);

@@ -103,10 +103,8 @@ public:
     // channel: a read then needs no wait on the socket.
     virtual bool pending() = 0;
     // Tells the server the stream ends here (close_notify), without waiting
-    // for its answer; waits at most `waitMilliseconds` for room on the socket
-    // to send it (an upload's last bytes may still fill the socket's buffer).
-    // Nothing after a failed connection.
-    virtual void closeNotify(int waitMilliseconds) = 0;
+    // for its answer; nothing after a failed connection.
+    virtual void closeNotify() = 0;
     // Whether the handshake resumed an earlier session.
     virtual bool resumed() = 0;
     virtual void details(TlsPeerDetails* out) = 0;

@@ -223,13 +223,10 @@ public:
 
     bool pending() override { return SSL_pending(ssl) > 0 || SSL_has_pending(ssl) == 1; }
 
-    void closeNotify(int waitMilliseconds) override {
+    void closeNotify() override {
         if (failed) return;
-        // 0 once close_notify is out (the server's answer is not awaited);
-        // a full socket asks to wait for room.
-        int error = SSL_ERROR_NONE;
-        (void)drive([&] { return SSL_shutdown(ssl) >= 0 ? 1 : -1; }, sharing(waitMilliseconds),
-                    &error);
+        ERR_clear_error();
+        (void)SSL_shutdown(ssl);
         ERR_clear_error();
     }
 
