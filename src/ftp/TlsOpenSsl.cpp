@@ -59,14 +59,12 @@ int linkRead(BIO* bio, char* out, int length) {
 
 long linkControl(BIO* bio, int command, long, void*) {
     switch (command) {
-        case BIO_CTRL_FLUSH:
-            return 1;
+        case BIO_CTRL_FLUSH: return 1;
         case BIO_CTRL_EOF:
             // Lets the library tell a server's close without close_notify
             // from an error: the context counts it as the end of the stream.
             return linkOf(bio) != nullptr && linkOf(bio)->ended ? 1 : 0;
-        default:
-            return 0;
+        default: return 0;
     }
 }
 
@@ -198,9 +196,23 @@ public:
         const int result =
             drive([&] { return SSL_read_ex(ssl, buffer, static_cast<size_t>(length), &got); },
                   sharing(waitMilliseconds), &error);
-        if (result > 0) return static_cast<int>(got);
-        if (errno == EAGAIN) return -1;
-        return finish(error);
+        if (result <= 0) return errno == EAGAIN ? -1 : finish(error);
+        // One read gives at most one record (16 KiB); what else has arrived
+        // is taken too, without waiting, so a large read is one call.
+        size_t total = got;
+        while (total < static_cast<size_t>(length)) {
+            size_t more = 0;
+            ERR_clear_error();
+            if (SSL_read_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) != 1) {
+                const int later = SSL_get_error(ssl, 0);
+                // The end or an error shows itself on the next call.
+                if (later != SSL_ERROR_WANT_READ && later != SSL_ERROR_WANT_WRITE)
+                    ERR_clear_error();
+                break;
+            }
+            total += more;
+        }
+        return static_cast<int>(total);
     }
 
     int send(const char* buffer, int length, int waitMilliseconds) override {
@@ -214,19 +226,44 @@ public:
         const int result =
             drive([&] { return SSL_write_ex(ssl, buffer, static_cast<size_t>(length), &sent); },
                   sharing(waitMilliseconds), &error);
-        if (result > 0) return static_cast<int>(sent);
-        if (errno == EAGAIN) return -1;
-        const int ended = finish(error);
-        if (ended == 0) errno = EPIPE;  // no sending after the end
-        return -1;
+        if (result <= 0) {
+            if (errno == EAGAIN) return -1;
+            const int ended = finish(error);
+            if (ended == 0) errno = EPIPE;  // no sending after the end
+            return -1;
+        }
+        // A write returns after one record; the rest goes on while the socket
+        // takes it without waiting. A write that would wait ends the call
+        // with what went out: the caller comes back with the rest.
+        size_t total = sent;
+        while (total < static_cast<size_t>(length)) {
+            size_t more = 0;
+            ERR_clear_error();
+            if (SSL_write_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) !=
+                1) {
+                ERR_clear_error();
+                break;
+            }
+            total += more;
+        }
+        return static_cast<int>(total);
     }
 
     bool pending() override { return SSL_pending(ssl) > 0 || SSL_has_pending(ssl) == 1; }
 
-    void closeNotify() override {
+    void closeNotify(int waitMilliseconds) override {
         if (failed) return;
-        ERR_clear_error();
-        (void)SSL_shutdown(ssl);
+        // After an upload the socket is often still full of its last bytes:
+        // the close_notify is written as the socket takes it, not dropped.
+        // SSL_shutdown gives 0 once it is out (the server's own comes later,
+        // or never, and is not waited for).
+        int error = SSL_ERROR_NONE;
+        (void)drive(
+            [&] {
+                const int result = SSL_shutdown(ssl);
+                return result >= 0 ? 1 : result;
+            },
+            sharing(waitMilliseconds), &error);
         ERR_clear_error();
     }
 
@@ -324,11 +361,17 @@ private:
             // The latest session the server gave the control connection: with
             // TLS 1.3 its tickets come after the handshake, read with the
             // replies that followed it.
+            // The data connection gets a copy: a connection freed without
+            // close_notify (a download, a failed transfer) marks its session
+            // as not resumable, and the control connection's own session
+            // must stay resumable for the data connections to come.
             SSL_SESSION* session = SSL_get1_session(control->ssl);
-            if (session != nullptr) {
-                SSL_set_session(ssl, session);
-                SSL_SESSION_free(session);
+            SSL_SESSION* copy = session != nullptr ? SSL_SESSION_dup(session) : nullptr;
+            if (copy != nullptr) {
+                SSL_set_session(ssl, copy);
+                SSL_SESSION_free(copy);
             }
+            SSL_SESSION_free(session);
         }
 
         // Each wait for the server lasts at most the caller's wait; the whole
@@ -343,8 +386,7 @@ private:
             if (errno == EAGAIN) {
                 *why = "TLS handshake failed: no answer from the server within the wait";
             } else if (error == SSL_ERROR_SYSCALL || error == SSL_ERROR_ZERO_RETURN) {
-                *why = "TLS handshake failed: " +
-                       libraryError("the server closed the connection");
+                *why = "TLS handshake failed: " + libraryError("the server closed the connection");
             } else {
                 *why = "TLS handshake failed: " + libraryError("protocol error");
             }

@@ -7,7 +7,10 @@
 // descriptors, threads or heap than before.
 //
 // The scripted server stands in for the server; the readiness wait is the
-// real 3 s, since it is what these scenarios are about.
+// real 3 s, since it is what these scenarios are about. Every scenario runs
+// on a store in clear and on an ftps store; over TLS the server may also go
+// quiet in the AUTH reply and in the handshakes of the control and the data
+// connections.
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -42,9 +45,18 @@ Reply silent() {
     return r;
 }
 
-using PhaseStalls = faulttest::ScriptedRoadTest;
+class PhaseStalls : public faulttest::ScriptedRoadBothWays {};
 
-TEST_F(PhaseStalls, ASilentGreetingFailsInitAndTheOpenThatNeedsANewConnection) {
+INSTANTIATE_TEST_SUITE_P(Schemes, PhaseStalls,
+                         ::testing::Values(faulttest::Scheme::kPlain, faulttest::Scheme::kFtps),
+                         faulttest::schemeName);
+
+Lines concat(Lines a, const Lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+TEST_P(PhaseStalls, ASilentGreetingFailsInitAndTheOpenThatNeedsANewConnection) {
     server.setGreeting(silent());
     EXPECT_EQ(store->uninit(), 0);
     double took = 0;
@@ -74,7 +86,7 @@ TEST_F(PhaseStalls, ASilentGreetingFailsInitAndTheOpenThatNeedsANewConnection) {
 // the greeting is never judged again for USER, and no PASS is sent. init
 // fails, and so does an open that needs a new connection; opens on pooled
 // connections go on.
-TEST_F(PhaseStalls, ASilentLoginReplyFailsInitAndTheOpenThatNeedsANewConnection) {
+TEST_P(PhaseStalls, ASilentLoginReplyFailsInitAndTheOpenThatNeedsANewConnection) {
     server.queueReply("USER", silent());
     EXPECT_EQ(store->uninit(), 0);
     size_t mark = server.commands().size();
@@ -82,9 +94,9 @@ TEST_F(PhaseStalls, ASilentLoginReplyFailsInitAndTheOpenThatNeedsANewConnection)
     // USER's wait, then the wait of the QUIT that the owed reply holds back.
     EXPECT_EQ(timed(&took, [&] { return store->init(); }), -1);
     EXPECT_LE(took, bound(2));
-    EXPECT_EQ(faulttest::tail(server.commands(), mark), (Lines{"USER rec"}));
+    EXPECT_EQ(faulttest::tail(server.commands(), mark), concat(beforeLogin(), {"USER rec"}));
     EXPECT_EQ(store->createDir("/rec/x"), -1) << "not initialised: no traffic";
-    EXPECT_EQ(faulttest::tail(server.commands(), mark), (Lines{"USER rec"}));
+    EXPECT_EQ(faulttest::tail(server.commands(), mark), concat(beforeLogin(), {"USER rec"}));
 
     server.queueReply("USER", silent());
     const int first = store->open("/rec/cam1.ts", 2);  // the pooled connection
@@ -92,13 +104,13 @@ TEST_F(PhaseStalls, ASilentLoginReplyFailsInitAndTheOpenThatNeedsANewConnection)
     mark = server.commands().size();
     EXPECT_EQ(timed(&took, [&] { return store->open("/rec/cam2.ts", 2); }), -1);
     EXPECT_LE(took, bound(2));
-    EXPECT_EQ(faulttest::tail(server.commands(), mark), (Lines{"USER rec"}));
+    EXPECT_EQ(faulttest::tail(server.commands(), mark), concat(beforeLogin(), {"USER rec"}));
     EXPECT_EQ(store->write(first, segmentBytes.data(), 1000), 1000);
     EXPECT_EQ(store->close(first), 0);
     recoverAndRecord(1);
 }
 
-TEST_F(PhaseStalls, ASilentPassiveReplyFailsTheOpenAndTheListingAndGivesTheHandleNumberBack) {
+TEST_P(PhaseStalls, ASilentPassiveReplyFailsTheOpenAndTheListingAndGivesTheHandleNumberBack) {
     server.queueReply("PASV", silent());
     double took = 0;
     // TYPE, then PASV waits once; the connection is dropped, its QUIT held
@@ -115,7 +127,7 @@ TEST_F(PhaseStalls, ASilentPassiveReplyFailsTheOpenAndTheListingAndGivesTheHandl
     recoverAndRecord(1);
 }
 
-TEST_F(PhaseStalls, ASilentTransferReplyFailsTheOpenAndTheListing) {
+TEST_P(PhaseStalls, ASilentTransferReplyFailsTheOpenAndTheListing) {
     server.queueReply("STOR", silent());
     double took = 0;
     EXPECT_EQ(timed(&took, [&] { return store->open("/rec/cam1.ts", 2); }), -1);
@@ -129,7 +141,7 @@ TEST_F(PhaseStalls, ASilentTransferReplyFailsTheOpenAndTheListing) {
     recoverAndRecord(1);
 }
 
-TEST_F(PhaseStalls, AnUploadTheServerStopsReadingFailsAWriteAndKeepsEveryByteWritten) {
+TEST_P(PhaseStalls, AnUploadTheServerStopsReadingFailsAWriteAndKeepsEveryByteWritten) {
     Reply stalled("150 Opening data connection");
     stalled.dataStall = kUntilReleased;
     server.queueReply("STOR", stalled);
@@ -170,7 +182,7 @@ TEST_F(PhaseStalls, AnUploadTheServerStopsReadingFailsAWriteAndKeepsEveryByteWri
     recoverAndRecord(1);
 }
 
-TEST_F(PhaseStalls, ADownloadTheServerStopsSendingFailsGetWithinItsWaits) {
+TEST_P(PhaseStalls, ADownloadTheServerStopsSendingFailsGetWithinItsWaits) {
     server.putFile("/rec/old.ts", patternBytes(200000, 3));
     Reply stalled("150 Opening data connection");
     stalled.dataStall = kUntilReleased;
@@ -187,7 +199,7 @@ TEST_F(PhaseStalls, ADownloadTheServerStopsSendingFailsGetWithinItsWaits) {
 
 // A listing whose data connection goes quiet for more than the readiness wait
 // fails: taken as the end of the data, it would look like an empty directory.
-TEST_F(PhaseStalls, AListingWhoseDataStallsFailsAndIsNeverTakenForAnEmptyDirectory) {
+TEST_P(PhaseStalls, AListingWhoseDataStallsFailsAndIsNeverTakenForAnEmptyDirectory) {
     Reply stalled("150 Here comes the listing");
     stalled.body = "-rw-r--r-- 1 rec rec 42 Jan 15 10:31 a.ts\r\n";
     stalled.dataStall = kUntilReleased;
@@ -209,7 +221,7 @@ TEST_F(PhaseStalls, AListingWhoseDataStallsFailsAndIsNeverTakenForAnEmptyDirecto
     recoverAndRecord(1);
 }
 
-TEST_F(PhaseStalls, AClosingReplyThatNeverComesFailsCloseWhileTheServerKeepsEveryByte) {
+TEST_P(PhaseStalls, AClosingReplyThatNeverComesFailsCloseWhileTheServerKeepsEveryByte) {
     Reply noFinal("150 Opening data connection");
     noFinal.noFinal = true;
     server.queueReply("STOR", noFinal);
@@ -234,6 +246,78 @@ TEST_F(PhaseStalls, AClosingReplyThatNeverComesFailsCloseWhileTheServerKeepsEver
     EXPECT_TRUE(*server.file("/rec/snap.jpg") == segmentBytes.substr(0, 5000));
     // The connection went to QUIT, not back to the pool: the next segment
     // connects anew and gets handle 1 again.
+    recoverAndRecord(1);
+}
+
+// --- Over TLS only: the AUTH reply and the handshakes -----------------------------------
+
+class TlsPhaseStalls : public faulttest::ScriptedRoadTest {
+protected:
+    faulttest::Scheme scheme() const override { return faulttest::Scheme::kFtps; }
+};
+
+// A server that never answers AUTH: init waits once for the reply, then
+// once more for the QUIT the owed reply holds back; nothing else is sent.
+TEST_F(TlsPhaseStalls, ASilentAuthReplyFailsInitAndSendsNoLogin) {
+    server.queueReply("AUTH", silent());
+    EXPECT_EQ(store->uninit(), 0);
+    const size_t mark = server.commands().size();
+    double took = 0;
+    EXPECT_EQ(timed(&took, [&] { return store->init(); }), -1);
+    EXPECT_LE(took, bound(2));
+    EXPECT_EQ(faulttest::tail(server.commands(), mark), (Lines{"AUTH TLS"}));
+    recoverAndRecord(1);
+}
+
+// A server that answers AUTH and then never takes part in the handshake:
+// the handshake fails within its readiness wait, and the connection is
+// closed without a further byte.
+TEST_F(TlsPhaseStalls, AServerQuietInTheControlHandshakeFailsInitAndTheOpen) {
+    Reply quiet("234 Proceed with negotiation.");
+    quiet.tlsStall = kUntilReleased;
+    server.setReply("AUTH", quiet);
+    EXPECT_EQ(store->uninit(), 0);
+    size_t mark = server.commands().size();
+    double took = 0;
+    EXPECT_EQ(timed(&took, [&] { return store->init(); }), -1);
+    EXPECT_LE(took, bound(1));
+    EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorTls);
+    EXPECT_EQ(faulttest::tail(server.commands(), mark), (Lines{"AUTH TLS"}));
+
+    // The pooled connection records; a new one fails the same way.
+    const int first = store->open("/rec/cam1.ts", 2);
+    EXPECT_EQ(first, 1);
+    mark = server.commands().size();
+    EXPECT_EQ(timed(&took, [&] { return store->open("/rec/cam2.ts", 2); }), -1);
+    EXPECT_LE(took, bound(1));
+    EXPECT_EQ(faulttest::tail(server.commands(), mark), (Lines{"AUTH TLS"}));
+    EXPECT_EQ(store->write(first, segmentBytes.data(), 1000), 1000);
+    EXPECT_EQ(store->close(first), 0);
+    server.clearReply("AUTH");
+    server.releaseDataStalls();
+    recoverAndRecord(1);
+}
+
+// A server that sends the transfer's 1xx and then never takes part in the
+// data connection's handshake: the open fails, and so does the listing.
+TEST_F(TlsPhaseStalls, AServerQuietInTheDataHandshakeFailsTheOpenAndTheListing) {
+    Reply quiet("150 Opening data connection");
+    quiet.tlsStall = kUntilReleased;
+    server.queueReply("STOR", quiet);
+    double took = 0;
+    EXPECT_EQ(timed(&took, [&] { return store->open("/rec/cam1.ts", 2); }), -1);
+    EXPECT_LE(took, bound(2));
+    EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorTls);
+    EXPECT_FALSE(server.file("/rec/cam1.ts").has_value());
+
+    Reply quietListing("150 Here comes the listing");
+    quietListing.tlsStall = kUntilReleased;
+    server.queueReply("LIST", quietListing);
+    std::vector<std::string> names{"kept"};
+    EXPECT_EQ(timed(&took, [&] { return store->getFileList("/rec", names, ""); }), 0);
+    EXPECT_LE(took, bound(2));
+    EXPECT_EQ(names, Lines{"kept"});
+    server.releaseDataStalls();
     recoverAndRecord(1);
 }
 

@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +17,14 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+
+#if FTPDISK_TESTS_TLS
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#else
+struct ssl_st;
+using SSL = ssl_st;
+#endif
 
 namespace ftptest {
 
@@ -34,6 +44,12 @@ void closeFd(int& fd) {
         ::close(fd);
         fd = -1;
     }
+}
+
+// The socket's close sends a reset rather than an orderly end.
+void resetOnClose(int fd) {
+    linger abort{1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
 }
 
 void setNonBlocking(int fd) {
@@ -84,6 +100,118 @@ ssize_t recvSome(int fd, char* buffer, size_t length, const std::atomic<bool>& s
     }
 }
 
+// One connection's bytes: the socket alone, or TLS over it.
+struct Channel {
+    int fd = -1;
+    SSL* ssl = nullptr;
+    // The peer ended its side with close_notify.
+    bool closeNotify = false;
+};
+
+#if FTPDISK_TESTS_TLS
+
+// Waits for what the last TLS call asked for; false on another error, when
+// the deadline passed or the server stops.
+bool waitForTls(const Channel& c, int result, const std::atomic<bool>& stopping,
+                Clock::time_point deadline = Clock::time_point::max()) {
+    const int error = SSL_get_error(c.ssl, result);
+    if (error == SSL_ERROR_WANT_READ) return waitReady(c.fd, POLLIN, stopping, deadline) == 1;
+    if (error == SSL_ERROR_WANT_WRITE) return waitReady(c.fd, POLLOUT, stopping, deadline) == 1;
+    return false;
+}
+
+// The server side of a handshake on `fd`; null when it fails or the deadline
+// passes. Data connections get no session tickets: nothing would read them.
+SSL* acceptTls(SSL_CTX* context, int fd, bool data, const std::atomic<bool>& stopping,
+               Clock::time_point deadline) {
+    ERR_clear_error();
+    SSL* ssl = SSL_new(context);
+    if (ssl == nullptr || SSL_set_fd(ssl, fd) != 1) {
+        SSL_free(ssl);
+        ERR_clear_error();
+        return nullptr;
+    }
+    if (data) SSL_set_num_tickets(ssl, 0);
+    Channel c;
+    c.fd = fd;
+    c.ssl = ssl;
+    for (;;) {
+        ERR_clear_error();
+        const int rc = SSL_accept(ssl);
+        if (rc == 1) return ssl;
+        if (!waitForTls(c, rc, stopping, deadline)) break;
+    }
+    SSL_free(ssl);
+    ERR_clear_error();
+    return nullptr;
+}
+
+// Ends TLS on the channel: close_notify first when `notify` (an orderly
+// end), nothing when the connection is being reset.
+void endTls(Channel& c, bool notify) {
+    if (c.ssl == nullptr) return;
+    ERR_clear_error();
+    if (notify) SSL_shutdown(c.ssl);
+    SSL_free(c.ssl);
+    c.ssl = nullptr;
+    ERR_clear_error();
+}
+
+bool tlsSendAll(Channel& c, const char* data, size_t length, const std::atomic<bool>& stopping) {
+    while (length > 0) {
+        ERR_clear_error();
+        size_t written = 0;
+        const int rc = SSL_write_ex(c.ssl, data, length, &written);
+        if (rc == 1) {
+            data += written;
+            length -= written;
+            continue;
+        }
+        if (!waitForTls(c, rc, stopping)) return false;
+    }
+    return true;
+}
+
+ssize_t tlsRecvSome(Channel& c, char* buffer, size_t length, const std::atomic<bool>& stopping) {
+    for (;;) {
+        ERR_clear_error();
+        size_t got = 0;
+        const int rc = SSL_read_ex(c.ssl, buffer, length, &got);
+        if (rc == 1) return static_cast<ssize_t>(got);
+        const int error = SSL_get_error(c.ssl, rc);
+        if (error == SSL_ERROR_ZERO_RETURN) {
+            c.closeNotify = true;
+            return 0;
+        }
+        // The socket closed without close_notify: the end of the stream all
+        // the same, as on a plain connection.
+        if (error == SSL_ERROR_SSL &&
+            ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+            ERR_clear_error();
+            return 0;
+        }
+        if (!waitForTls(c, rc, stopping)) return -1;
+    }
+}
+
+#else  // FTPDISK_TESTS_TLS
+
+void endTls(Channel&, bool) {}
+bool tlsSendAll(Channel&, const char*, size_t, const std::atomic<bool>&) { return false; }
+ssize_t tlsRecvSome(Channel&, char*, size_t, const std::atomic<bool>&) { return -1; }
+
+#endif  // FTPDISK_TESTS_TLS
+
+bool channelSend(Channel& c, const char* data, size_t length, const std::atomic<bool>& stopping) {
+    if (c.ssl == nullptr) return sendAll(c.fd, data, length, stopping);
+    return tlsSendAll(c, data, length, stopping);
+}
+
+ssize_t channelRecv(Channel& c, char* buffer, size_t length, const std::atomic<bool>& stopping) {
+    if (c.ssl == nullptr) return recvSome(c.fd, buffer, length, stopping);
+    return tlsRecvSome(c, buffer, length, stopping);
+}
+
 bool isTransferVerb(const std::string& verb) {
     return verb == "RETR" || verb == "STOR" || verb == "APPE" || verb == "LIST" || verb == "NLST";
 }
@@ -102,6 +230,8 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
 struct ScriptedFtpServer::Session {
     int number = 0;
     int fd = -1;
+    SSL* ssl = nullptr;        // TLS on the control connection, after AUTH
+    bool protectData = false;  // "PROT P" given over TLS
     std::string cwd = "/";
     std::string input;     // received, not yet split into lines
     int passiveFd = -1;    // listening data socket announced after PASV
@@ -137,10 +267,20 @@ ScriptedFtpServer::ScriptedFtpServer() {
 }
 
 ScriptedFtpServer::~ScriptedFtpServer() {
+    stop(false);
+#if FTPDISK_TESTS_TLS
+    for (SSL_CTX* context : tlsContexts_) SSL_CTX_free(context);
+#endif
+}
+
+void ScriptedFtpServer::kill() { stop(true); }
+
+void ScriptedFtpServer::stop(bool killed) {
     {
         // Set under the lock so a pause() that checked the flag is already
         // waiting on the condition variable and gets the notification.
         std::lock_guard<std::mutex> lock(mutex_);
+        if (killed) killed_ = true;
         stopping_ = true;
     }
     changed_.notify_all();
@@ -259,10 +399,108 @@ std::vector<std::string> ScriptedFtpServer::uploads() const {
     return uploads_;
 }
 
+bool ScriptedFtpServer::enableTls(const ServerTlsOptions& options, std::string* why) {
+    std::string failure;
+#if FTPDISK_TESTS_TLS
+    ERR_clear_error();
+    SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+    if (context == nullptr) {
+        failure = "SSL_CTX_new failed";
+    } else {
+        static const unsigned char kSessionContext[] = "ftpdisk-scripted";
+        SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+        if (options.tls12Only) SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+        SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_SERVER);
+        SSL_CTX_set_session_id_context(context, kSessionContext, sizeof kSessionContext - 1);
+        if (SSL_CTX_use_certificate_chain_file(context, options.certFile.c_str()) != 1) {
+            failure = "cannot use the certificate " + options.certFile;
+        } else if (SSL_CTX_use_PrivateKey_file(context, options.keyFile.c_str(),
+                                               SSL_FILETYPE_PEM) != 1 ||
+                   SSL_CTX_check_private_key(context) != 1) {
+            failure = "cannot use the key " + options.keyFile;
+        }
+    }
+    ERR_clear_error();
+    if (!failure.empty()) {
+        SSL_CTX_free(context);
+    } else {
+        std::lock_guard<std::mutex> lock(mutex_);
+        tlsContexts_.push_back(context);
+        requireSessionReuse_ = options.requireSessionReuse;
+    }
+#else
+    (void)options;
+    failure = "the tests were built without TLS";
+#endif
+    if (why != nullptr) *why = failure;
+    return failure.empty();
+}
+
+int ScriptedFtpServer::tlsHandshakeCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return tlsHandshakes_;
+}
+
+int ScriptedFtpServer::failedTlsHandshakeCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return failedTlsHandshakes_;
+}
+
+std::vector<DataConnectionRecord> ScriptedFtpServer::dataConnectionRecords() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return dataRecords_;
+}
+
+void ScriptedFtpServer::noteDataConnection(const DataConnectionRecord& record) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        dataRecords_.push_back(record);
+    }
+    changed_.notify_all();
+}
+
+bool ScriptedFtpServer::startTls(Session& s) {
+    bool ok = false;
+#if FTPDISK_TESTS_TLS
+    SSL_CTX* context = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!tlsContexts_.empty()) context = tlsContexts_.back();
+    }
+    if (context != nullptr) {
+        s.ssl = acceptTls(context, s.fd, false, stopping_, Clock::now() + kDataConnectLimit);
+        ok = s.ssl != nullptr;
+    }
+#endif
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++(ok ? tlsHandshakes_ : failedTlsHandshakes_);
+    }
+    changed_.notify_all();
+    // Clear text sent after the AUTH line, before the handshake, is never
+    // taken for a command.
+    s.input.clear();
+    if (!ok) s.closed = true;
+    return ok;
+}
+
+size_t ScriptedFtpServer::uploadingBytes(const std::string& path) const {
+    std::string key = resolve("/", path);
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = uploading_.find(key);
+    return it == uploading_.end() ? 0 : it->second;
+}
+
 bool ScriptedFtpServer::pause(Millis delay) const {
     if (delay.count() <= 0) return !stopping_.load();
     std::unique_lock<std::mutex> lock(mutex_);
     return !changed_.wait_for(lock, delay, [&] { return stopping_.load(); });
+}
+
+void ScriptedFtpServer::stall(Millis stall) const {
+    if (stall.count() <= 0) return;
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, stall, [&] { return stopping_.load() || stallsReleased_; });
 }
 
 // "/a/b" + "../c/./d" -> "/a/c/d"; an empty path names the directory itself.
@@ -314,6 +552,13 @@ void ScriptedFtpServer::acceptLoop() {
 }
 
 void ScriptedFtpServer::serve(int connection, int fd) {
+    // A TLS write to a peer that is gone fails with EPIPE rather than
+    // raising SIGPIPE in the test process (plain sends say MSG_NOSIGNAL).
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+
     Session s;
     s.number = connection;
     s.fd = fd;
@@ -339,7 +584,10 @@ void ScriptedFtpServer::serve(int connection, int fd) {
             handleCommand(s, line);
         }
         if (s.closed) break;
-        ssize_t n = recvSome(s.fd, buffer, sizeof buffer, stopping_);
+        Channel control;
+        control.fd = s.fd;
+        control.ssl = s.ssl;
+        ssize_t n = channelRecv(control, buffer, sizeof buffer, stopping_);
         if (n <= 0) {
             // A command cut off by the end of the stream is still recorded.
             if (n == 0 && !s.input.empty()) {
@@ -352,6 +600,14 @@ void ScriptedFtpServer::serve(int connection, int fd) {
     }
 
     closeFd(s.passiveFd);
+    {
+        Channel control;
+        control.fd = s.fd;
+        control.ssl = s.ssl;
+        endTls(control, !killed_.load());
+        s.ssl = nullptr;
+    }
+    if (killed_.load()) resetOnClose(s.fd);
     closeFd(s.fd);
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -371,16 +627,22 @@ bool ScriptedFtpServer::sendControl(Session& s, const Reply& reply, const std::s
         std::string line;
         while (std::getline(in, line)) bytes += line + "\r\n";
     }
+    Channel control;
+    control.fd = s.fd;
+    control.ssl = s.ssl;
     size_t piece = reply.controlPieceBytes == 0 ? bytes.size() : reply.controlPieceBytes;
     for (size_t at = 0; at < bytes.size(); at += piece) {
         if (at > 0 && !pause(reply.controlPieceDelay)) return false;
         size_t n = std::min(piece, bytes.size() - at);
-        if (!sendAll(s.fd, bytes.data() + at, n, stopping_)) {
+        if (!channelSend(control, bytes.data() + at, n, stopping_)) {
             s.closed = true;
             return false;
         }
     }
     if (reply.closeControl) {
+        // Over TLS an orderly close: close_notify, then the socket.
+        endTls(control, true);
+        s.ssl = nullptr;
         ::shutdown(s.fd, SHUT_RDWR);
         s.closed = true;
     }
@@ -436,9 +698,32 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
         return;
     }
 
+    bool tlsEnabled = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        tlsEnabled = !tlsContexts_.empty();
+    }
+    std::string upperArg = arg;
+    std::transform(upperArg.begin(), upperArg.end(), upperArg.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+
     std::string defaultText;
     std::string path = resolve(s.cwd, arg);
-    if (verb == "USER") {
+    if (tlsEnabled && verb == "AUTH") {
+        if (s.ssl != nullptr)
+            defaultText = "503 TLS is already in use";
+        else if (upperArg == "TLS" || upperArg == "TLS-C" || upperArg == "SSL")
+            defaultText = "234 Proceed with negotiation.";
+        else
+            defaultText = "504 Unknown AUTH type";
+    } else if (tlsEnabled && verb == "PBSZ") {
+        defaultText = "200 PBSZ=0";
+    } else if (tlsEnabled && verb == "PROT") {
+        if (upperArg == "P" || upperArg == "C")
+            defaultText = "200 Protection level set to " + upperArg;
+        else
+            defaultText = "504 Unknown protection level";
+    } else if (verb == "USER") {
         defaultText = "331 Password required";
     } else if (verb == "PASS") {
         defaultText = "230 Logged in";
@@ -505,6 +790,10 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
             files_.erase(path);
         } else if (verb == "RNFR") {
             s.renameFrom = path;
+        } else if (verb == "PROT" && tlsEnabled) {
+            // Protected data connections only on a protected control
+            // connection.
+            s.protectData = s.ssl != nullptr && upperArg == "P";
         } else if (verb == "RNTO") {
             std::lock_guard<std::mutex> lock(mutex_);
             auto it = files_.find(s.renameFrom);
@@ -515,7 +804,12 @@ void ScriptedFtpServer::handleCommand(Session& s, const std::string& line) {
             }
         }
     }
-    sendControl(s, reply, text);
+    if (!sendControl(s, reply, text)) return;
+    if (tlsEnabled && verb == "AUTH" && s.ssl == nullptr && !s.closed && !text.empty() &&
+        text[0] == '2') {
+        stall(reply.tlsStall);
+        startTls(s);
+    }
 }
 
 int ScriptedFtpServer::openDataConnection(Session& s, const Reply& reply) {
@@ -586,11 +880,56 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
             sendControl(s, refusal, "425 Cannot open data connection");
             return;
         }
-        if (reply.dataStall.count() > 0) {
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait_for(lock, reply.dataStall,
-                              [&] { return stopping_.load() || stallsReleased_; });
+        Channel data;
+        data.fd = fd;
+        DataConnectionRecord record;
+        record.connection = s.number;
+        record.command = arg.empty() ? verb : verb + " " + arg;
+        if (s.protectData) {
+            std::string refusal;
+#if FTPDISK_TESTS_TLS
+            SSL_CTX* context = nullptr;
+            bool requireReuse = false;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                context = tlsContexts_.back();
+                requireReuse = requireSessionReuse_;
+            }
+            if (reply.failDataTls) {
+                resetOnClose(fd);
+                refusal = reply.finalText.empty()
+                              ? "522 TLS handshake on the data connection failed"
+                              : reply.finalText;
+            } else {
+                stall(reply.tlsStall);
+                data.ssl =
+                    acceptTls(context, fd, true, stopping_, Clock::now() + kDataConnectLimit);
+                if (data.ssl == nullptr) {
+                    refusal = "522 TLS handshake on the data connection failed";
+                } else {
+                    record.tls = true;
+                    record.resumed = SSL_session_reused(data.ssl) == 1;
+                    if (requireReuse && !record.resumed)
+                        refusal =
+                            "522 Data connections must resume the TLS session of the control "
+                            "connection";
+                }
+            }
+#else
+            refusal = "522 TLS is not built in";
+#endif
+            if (!refusal.empty()) {
+                record.refused = true;
+                endTls(data, true);
+                closeFd(fd);
+                noteDataConnection(record);
+                Reply closing;
+                closing.closeControl = reply.closeControl;
+                sendControl(s, closing, refusal);
+                return;
+            }
         }
+        stall(reply.dataStall);
         size_t limit = reply.closeDataAfter < 0 ? std::string::npos
                                                 : static_cast<size_t>(reply.closeDataAfter);
         if (reading) {
@@ -612,37 +951,40 @@ void ScriptedFtpServer::transfer(Session& s, const std::string& verb, const std:
             for (size_t at = 0; ok && at < body.size(); at += piece) {
                 if (at > 0 && !pause(reply.pieceDelay)) ok = false;
                 if (ok)
-                    ok =
-                        sendAll(fd, body.data() + at, std::min(piece, body.size() - at), stopping_);
+                    ok = channelSend(data, body.data() + at, std::min(piece, body.size() - at),
+                                     stopping_);
             }
             if (reply.finalAfterClientClose) {
                 char sink[4096];
-                while (recvSome(fd, sink, sizeof sink, stopping_) > 0) {
+                while (channelRecv(data, sink, sizeof sink, stopping_) > 0) {
                 }
             }
         } else {
-            std::string data;
+            std::string bytes;
             char chunk[16384];
-            while (data.size() < limit) {
-                size_t want = std::min(sizeof chunk, limit - data.size());
-                ssize_t n = recvSome(fd, chunk, want, stopping_);
+            while (bytes.size() < limit) {
+                size_t want = std::min(sizeof chunk, limit - bytes.size());
+                ssize_t n = channelRecv(data, chunk, want, stopping_);
                 if (n <= 0) break;
-                data.append(chunk, static_cast<size_t>(n));
+                bytes.append(chunk, static_cast<size_t>(n));
+                std::lock_guard<std::mutex> lock(mutex_);
+                uploading_[path] = bytes.size();
             }
+            record.closeNotify = data.closeNotify;
             std::lock_guard<std::mutex> lock(mutex_);
-            uploads_.push_back(data);
+            uploading_.erase(path);
+            uploads_.push_back(bytes);
             if (verb == "STOR")
-                files_[path] = data;
+                files_[path] = bytes;
             else
-                files_[path] += data;
+                files_[path] += bytes;
         }
-        if (reply.resetData) {
-            // A reset rather than an orderly end: the peer's next read fails.
-            linger abort{1, 0};
-            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-        }
+        // A reset rather than an orderly end: the peer's next read fails.
+        const bool reset = reply.resetData || killed_.load();
+        if (reset) resetOnClose(fd);
+        endTls(data, !reset);
         closeFd(fd);
-        changed_.notify_all();
+        noteDataConnection(record);
     }
     if (reply.noFinal) return;
     Reply closing;

@@ -12,6 +12,15 @@
 //   RNFR -> 350, SIZE -> "213 <n>" for a stored file or 550,
 //   RETR/STOR/APPE/LIST/NLST -> "150", the data, then "226".
 //
+// With enableTls() the server also speaks explicit TLS: "AUTH TLS" -> 234,
+// then a TLS handshake on the control connection, whose later commands and
+// replies go through TLS; PBSZ -> 200, PROT P/C -> 200. After "PROT P" every
+// data connection of that control connection is TLS too: the server sends
+// the preliminary reply, accepts the data connection, then does the server
+// side of the handshake, and records whether it resumed an earlier session.
+// Commands are recorded as the decrypted lines. Without enableTls() AUTH,
+// PBSZ and PROT get the default "502" of every unknown command.
+//
 // Files live in an in-memory map keyed by absolute path (relative names are
 // resolved against the connection's working directory, which CWD/CDUP move),
 // so STOR then RETR round-trips. LIST and NLST send a configurable body.
@@ -34,6 +43,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+// OpenSSL's context type, kept out of this header.
+struct ssl_ctx_st;
 
 namespace ftptest {
 
@@ -95,6 +107,13 @@ struct Reply {
     // On a read transfer: after the body, keep the data connection open until
     // the client closes it, and only then send the final reply.
     bool finalAfterClientClose = false;
+    // On a protected data connection: reset it instead of making the
+    // handshake; the final reply is `finalText`, or "522 ..." when empty.
+    bool failDataTls = false;
+    // Over TLS: before the handshake that follows this reply (a positive
+    // AUTH reply's on the control connection, a transfer's on its data
+    // connection), do nothing for this long, or until releaseDataStalls().
+    Millis tlsStall{0};
 };
 
 // A reply that opens the data connection and sends `body` as a listing.
@@ -103,6 +122,34 @@ inline Reply listingReply(const std::string& body) {
     reply.body = body;
     return reply;
 }
+
+// What enableTls() sets up.
+struct ServerTlsOptions {
+    // PEM files of the server's certificate (chain) and private key.
+    std::string certFile;
+    std::string keyFile;
+    // Refuse a protected data connection whose handshake resumed no earlier
+    // session of this server: it is closed and the transfer command gets
+    // "522 ..." as its final reply.
+    bool requireSessionReuse = false;
+    // Offer TLS 1.2 at most (sessions are then resumed by their id rather
+    // than by a ticket).
+    bool tls12Only = false;
+};
+
+// One data connection the server established.
+struct DataConnectionRecord {
+    int connection = 0;    // the control connection it belongs to
+    std::string command;   // the transfer command: "STOR /rec/a.ts"
+    bool tls = false;      // protected ("PROT P"), and its handshake completed
+    bool resumed = false;  // its handshake resumed an earlier session
+    // Ended by the server before any data: its handshake failed, or it did
+    // not resume while requireSessionReuse is set.
+    bool refused = false;
+    // An upload over TLS that the client ended with close_notify (rather
+    // than by closing the socket alone).
+    bool closeNotify = false;
+};
 
 // One received command line, without its line end.
 struct ReceivedCommand {
@@ -167,6 +214,30 @@ public:
     // Bytes of every upload (STOR/APPE) in order, as the data connection
     // delivered them.
     std::vector<std::string> uploads() const;
+    // Bytes received so far by the upload of `path` that is running now (0
+    // when none is).
+    size_t uploadingBytes(const std::string& path) const;
+
+    // --- Dying ------------------------------------------------------------------
+    // Dies as a killed server process would: at once, every connection (control
+    // and data) is reset, without close_notify over TLS, and the listening
+    // socket closed, so new connections are refused. What uploads had
+    // received is kept, as files and uploads. Only the queries above work
+    // afterwards.
+    void kill();
+
+    // --- TLS --------------------------------------------------------------------
+    // Makes the server answer "AUTH TLS" with 234 and speak TLS afterwards,
+    // for connections that send AUTH from now on. False (with *why set when
+    // given) when the certificate or key cannot be used, or when the tests
+    // were built without TLS.
+    bool enableTls(const ServerTlsOptions& options, std::string* why = nullptr);
+    // Control connections whose TLS handshake completed, and those whose
+    // handshake failed (the server then closed the connection).
+    int tlsHandshakeCount() const;
+    int failedTlsHandshakeCount() const;
+    // Every data connection established, in order (plain ones too).
+    std::vector<DataConnectionRecord> dataConnectionRecords() const;
 
 private:
     struct Session;
@@ -175,6 +246,8 @@ private:
         std::optional<Reply> sticky;
     };
 
+    // Ends every thread and closes every socket: in order, or as killed.
+    void stop(bool killed);
     void acceptLoop();
     void serve(int connection, int fd);
     // The reply for `line` (verb `verb`), removing a queued one. Returns
@@ -182,6 +255,9 @@ private:
     std::optional<Reply> takeReply(const std::string& line, const std::string& verb);
     // Waits for `delay`, returning early (false) when the server stops.
     bool pause(Millis delay) const;
+    // Waits for `stall`, returning early when the server stops or the
+    // stalls are released.
+    void stall(Millis stall) const;
     std::string resolve(const std::string& cwd, const std::string& path) const;
 
     void handleCommand(Session& s, const std::string& line);
@@ -189,10 +265,15 @@ private:
     void transfer(Session& s, const std::string& verb, const std::string& arg, const Reply& reply);
     int openDataConnection(Session& s, const Reply& reply);
     void closeSessionData(Session& s);
+    // The handshake after a positive answer to AUTH; false (the connection
+    // is then closed) when it fails.
+    bool startTls(Session& s);
+    void noteDataConnection(const DataConnectionRecord& record);
 
     uint16_t port_ = 0;
     int listenFd_ = -1;
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> killed_{false};
     std::thread acceptThread_;
 
     mutable std::mutex mutex_;
@@ -209,6 +290,14 @@ private:
     int closedConnections_ = 0;
     int dataConnections_ = 0;
     bool stallsReleased_ = false;
+    // Every context made by enableTls (the last one serves), freed by the
+    // destructor once no session uses them.
+    std::vector<ssl_ctx_st*> tlsContexts_;
+    bool requireSessionReuse_ = false;
+    int tlsHandshakes_ = 0;
+    int failedTlsHandshakes_ = 0;
+    std::vector<DataConnectionRecord> dataRecords_;
+    std::map<std::string, size_t> uploading_;
 };
 
 }  // namespace ftptest
