@@ -24,9 +24,9 @@
 
 #include <gtest/gtest.h>
 
-#include "filesystem/StoreTestUtil.h"
 #include "filesystem/FTPFileSystem.h"
 #include "filesystem/FTPFileSystemManager.h"
+#include "filesystem/StoreTestUtil.h"
 #include "ftp/FTPTool.h"
 #include "ftp/TlsContext.h"
 #include "support/NetLab.h"
@@ -195,9 +195,9 @@ TEST_P(TlsStoreOnRealServer, TrustingTheTestCaEveryOperationWorksAndTheBytesAreR
 TEST_P(TlsStoreOnRealServer, WithTheFingerprintPinnedEveryOperationWorksAndTheBytesAreRight) {
     RegisteredStore registered(server.location("/"));
     ASSERT_TRUE(registered.added()) << registered.location();
-    EXPECT_EQ(registered.registry()->setTlsPinnedFingerprint(registered.location(),
-                                                             server.fingerprint()),
-              0);
+    EXPECT_EQ(
+        registered.registry()->setTlsPinnedFingerprint(registered.location(), server.fingerprint()),
+        0);
     ASSERT_NE(registered.store(), nullptr);
     storeWorksOverTls(server, *registered.store());
 }
@@ -299,8 +299,7 @@ TEST(TlsSessionReuse, VsftpdRefusesADataConnectionThatDoesNotResumeAndTheStorePa
     TlsPeerDetails details;
     ASSERT_TRUE(tool.tlsDetails(&details));
     EXPECT_EQ(details.fingerprint, server.fingerprint());
-    EXPECT_TRUE(details.protocol == "TLSv1.3" || details.protocol == "TLSv1.2")
-        << details.protocol;
+    EXPECT_TRUE(details.protocol == "TLSv1.3" || details.protocol == "TLSv1.2") << details.protocol;
     tool.quit();
     std::string log = server.logTail(1 << 20);
     EXPECT_NE(log.find("reused"), std::string::npos) << log;
@@ -384,9 +383,8 @@ TEST(TlsTrafficCapture, AWholeSessionShowsAuthTlsInClearAndNeitherThePasswordNor
     EXPECT_TRUE(onDisk == file) << "the server holds " << onDisk.size() << " bytes";
     EXPECT_TRUE(readLocalFile(local.file("back.bin"), &back));
     EXPECT_TRUE(back == file) << "Get gave " << back.size() << " bytes";
-    ASSERT_TRUE(lab.waitFor([](const ftptest::NetLabCounters& c) {
-        return c.openControl == 0 && c.openData == 0;
-    }));
+    ASSERT_TRUE(lab.waitFor(
+        [](const ftptest::NetLabCounters& c) { return c.openControl == 0 && c.openData == 0; }));
 
     std::vector<ftptest::NetLabRecording> recorded = lab.recorded();
     ASSERT_FALSE(recorded.empty());
@@ -398,8 +396,7 @@ TEST(TlsTrafficCapture, AWholeSessionShowsAuthTlsInClearAndNeitherThePasswordNor
         all += r.toClient;
         if (r.traffic == ftptest::Traffic::kData) {
             dataBytes += r.toServer.size() + r.toClient.size();
-        } else if (r.toServer.rfind("AUTH TLS\r\n", 0) == 0 &&
-                   r.toClient.rfind("220 ", 0) == 0) {
+        } else if (r.toServer.rfind("AUTH TLS\r\n", 0) == 0 && r.toClient.rfind("220 ", 0) == 0) {
             sawAuthTls = true;
         }
     }

@@ -548,9 +548,9 @@ bool RealFtpServer::startPyftpdlib() {
     }
     if (options_.tls) argv.insert(argv.end(), {"--tls-certificate", certKeyFile_});
     if (options_.passivePortFirst > 0) {
-        argv.insert(argv.end(), {"--passive-ports", std::to_string(options_.passivePortFirst) +
-                                                        "-" +
-                                                        std::to_string(options_.passivePortLast)});
+        argv.insert(argv.end(),
+                    {"--passive-ports", std::to_string(options_.passivePortFirst) + "-" +
+                                            std::to_string(options_.passivePortLast)});
     }
     return spawn(argv);
 }

@@ -189,17 +189,17 @@ private:
     bool ready_ = false;
     std::string failure_;
     int port_ = 0;
-    std::string dir_;      // temporary folder of everything below
-    std::string root_;     // dir_ + "/home"
-    std::string logFile_;  // the server's own log
-    std::string outFile_;  // its standard output and error
+    std::string dir_;          // temporary folder of everything below
+    std::string root_;         // dir_ + "/home"
+    std::string logFile_;      // the server's own log
+    std::string outFile_;      // its standard output and error
     std::string caFile_;       // TLS: the CA's certificate
     std::string certFile_;     // TLS: the server's certificate
     std::string keyFile_;      // TLS: its private key
     std::string certKeyFile_;  // TLS: both in one file (pure-ftpd, pyftpdlib)
     std::string fingerprint_;  // TLS: SHA-256 of certFile_, "AB:CD:..."
-    pid_t pid_ = -1;       // the process we started; leads its process group
-    uid_t uid_ = 0;        // owner given to root_ and to files written here
+    pid_t pid_ = -1;           // the process we started; leads its process group
+    uid_t uid_ = 0;            // owner given to root_ and to files written here
     gid_t gid_ = 0;
 };
 
