@@ -1202,7 +1202,7 @@ std::string NetLab::Engine::rewritePassive(Pair& p, const std::string& text) {
 
 // --- NetLab -------------------------------------------------------------------
 
-NetLab::NetLab(const std::string& upstream, NetLabOptions options)
+NetLab::NetLab(const std::string& upstream, const NetLabOptions& options)
     : listenAddress_(options.listenAddress) {
     sockaddr_in address{};
     if (!parseUpstream(upstream, &address, &failure_)) return;

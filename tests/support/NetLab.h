@@ -170,7 +170,7 @@ public:
     // Starts listening and the loop thread. `upstream` is "host:port" with a
     // host in 127.0.0.0/8 ("localhost" too). When it cannot start, ok() is
     // false, failure() says why and every other call does nothing.
-    explicit NetLab(const std::string& upstream, NetLabOptions options = NetLabOptions());
+    explicit NetLab(const std::string& upstream, const NetLabOptions& options = NetLabOptions());
     ~NetLab();
 
     NetLab(const NetLab&) = delete;

@@ -24,6 +24,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -231,7 +232,7 @@ std::vector<FtpServerKind> allFtpServerKinds() {
 }
 
 RealFtpServer::RealFtpServer(FtpServerKind kind, RealFtpServerOptions options)
-    : kind_(kind), options_(options) {
+    : kind_(kind), options_(std::move(options)) {
     ready_ = start();
     if (!ready_) {
         // Whatever was started is ended; a server that is not ready has no port.
