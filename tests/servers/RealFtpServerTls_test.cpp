@@ -10,11 +10,6 @@
 // is real and the store's transfers pass it. Last, the whole traffic of a
 // session, captured by the network lab, holds "AUTH TLS" in clear and neither
 // the password nor any 16 bytes of the file.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -307,35 +302,9 @@ TEST(TlsSessionReuse, VsftpdRefusesADataConnectionThatDoesNotResumeAndTheStorePa
 
 // --- The traffic of a whole session, captured ---------------------------------
 
-// `count` consecutive ports, free on 127.0.0.1 and 127.0.0.2 a moment ago;
-// 0 when none were found.
-int freePortRun(int count) {
-    auto bindable = [](const char* host, int port) {
-        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        ::inet_pton(AF_INET, host, &address.sin_addr);
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-        ::close(fd);
-        return ok;
-    };
-    // Below the ephemeral range (32768 and up), where the kernel does not
-    // hand out ports by itself.
-    const int base = 20000 + static_cast<int>(::getpid() % 400) * 25;
-    for (int first = base; first < base + 2000; first += count) {
-        bool free = true;
-        for (int port = first; free && port < first + count; ++port) {
-            free = bindable("127.0.0.1", port) && bindable("127.0.0.2", port);
-        }
-        if (free) return first;
-    }
-    return 0;
-}
-
 TEST(TlsTrafficCapture, AWholeSessionShowsAuthTlsInClearAndNeitherThePasswordNorTheFile) {
     const int passivePorts = 20;
-    const int first = freePortRun(passivePorts);
+    const int first = findFreePortRun(passivePorts);
     ASSERT_NE(first, 0) << "no free run of ports";
     const std::string password = "Kx7-Lab-Secret-93q";
     RealFtpServerOptions options;

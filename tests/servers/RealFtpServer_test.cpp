@@ -286,8 +286,8 @@ class PassiveRangeServer : public ::testing::TestWithParam<FtpServerKind> {};
 
 TEST_P(PassiveRangeServer, AnnouncesOnlyPortsOfTheRange) {
     RealFtpServerOptions options;
-    // Below the kernel's ephemeral ports; a run of five free a moment ago.
-    options.passivePortFirst = 21000 + static_cast<int>(::getpid() % 1000) * 5;
+    options.passivePortFirst = findFreePortRun(5);
+    ASSERT_NE(options.passivePortFirst, 0);
     options.passivePortLast = options.passivePortFirst + 4;
     RealFtpServer server(GetParam(), options);
     ASSERT_TRUE(server.ready()) << server.failure();

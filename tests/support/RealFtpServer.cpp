@@ -231,6 +231,30 @@ std::vector<FtpServerKind> allFtpServerKinds() {
             FtpServerKind::kPureftpd, FtpServerKind::kBusybox};
 }
 
+int findFreePortRun(int count) {
+    auto bindable = [](const char* host, int port) {
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) return false;
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        ::inet_pton(AF_INET, host, &address.sin_addr);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        bool free = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        ::close(fd);
+        return free;
+    };
+    if (count <= 0) return 0;
+    const int base = 20000 + static_cast<int>(::getpid() % 500) * 20;
+    for (int first = base; first + count <= 32768 && first < base + 4000; first += count) {
+        bool free = true;
+        for (int port = first; free && port < first + count; ++port) {
+            free = bindable("127.0.0.1", port) && bindable("127.0.0.2", port);
+        }
+        if (free) return first;
+    }
+    return 0;
+}
+
 RealFtpServer::RealFtpServer(FtpServerKind kind, RealFtpServerOptions options)
     : kind_(kind), options_(std::move(options)) {
     ready_ = start();

@@ -51,6 +51,13 @@ const char* ftpServerKindName(FtpServerKind kind);
 // Every kind, in a fixed order, for parameterised tests.
 std::vector<FtpServerKind> allFtpServerKinds();
 
+// The first of `count` consecutive ports below the kernel's ephemeral range
+// that were free on 127.0.0.1 and 127.0.0.2 a moment ago, for
+// RealFtpServerOptions' passive range (and a proxy's ports on 127.0.0.2);
+// 0 when none were found. Where the search starts depends on the process id,
+// so parallel test processes rarely meet.
+int findFreePortRun(int count);
+
 struct RealFtpServerOptions {
     // Seconds after which the server closes a control connection that sent
     // nothing. pure-ftpd counts in whole minutes and gets the rounded-up value.
