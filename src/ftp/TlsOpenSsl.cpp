@@ -144,7 +144,8 @@ std::string certificateDigest(X509* certificate) {
 
 class OpenSslChannel : public TlsChannel {
 public:
-    OpenSslChannel(SSL* ssl, int fd) : ssl(ssl), failed(false), verification("none") {
+    OpenSslChannel(SSL* ssl, int fd)
+        : ssl(ssl), failed(false), failedError(0), verification("none") {
         link.fd = fd;
         link.ended = false;
     }
@@ -187,7 +188,7 @@ public:
 
     int receive(char* buffer, int length, int waitMilliseconds) override {
         if (failed) {
-            errno = ECONNRESET;
+            errno = failedError;
             return -1;
         }
         if (length <= 0) return 0;
@@ -204,10 +205,10 @@ public:
             size_t more = 0;
             ERR_clear_error();
             if (SSL_read_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) != 1) {
-                const int later = SSL_get_error(ssl, 0);
-                // The end or an error shows itself on the next call.
-                if (later != SSL_ERROR_WANT_READ && later != SSL_ERROR_WANT_WRITE)
-                    ERR_clear_error();
+                // The bytes read so far are this call's; the end shows itself
+                // again on the next call, and so does an error, which is kept
+                // because the socket may show only the end after a reset.
+                noteLater(SSL_get_error(ssl, 0));
                 break;
             }
             total += more;
@@ -217,7 +218,7 @@ public:
 
     int send(const char* buffer, int length, int waitMilliseconds) override {
         if (failed) {
-            errno = ECONNRESET;
+            errno = failedError;
             return -1;
         }
         if (length <= 0) return 0;
@@ -241,7 +242,7 @@ public:
             ERR_clear_error();
             if (SSL_write_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) !=
                 1) {
-                ERR_clear_error();
+                noteLater(SSL_get_error(ssl, 0));
                 break;
             }
             total += more;
@@ -295,7 +296,8 @@ public:
     }
 
     // After a step that failed for another reason than a wait: 0 at the end
-    // of the stream, else -1 with errno set and the channel marked failed.
+    // of the stream, else -1 with errno set and the channel marked failed,
+    // so that every later call fails the same way.
     int finish(int error) {
         if (error == SSL_ERROR_ZERO_RETURN) return 0;
         failed = true;
@@ -304,12 +306,27 @@ public:
         } else {
             errno = EPROTO;
         }
+        failedError = errno;
+        ERR_clear_error();
         return -1;
+    }
+
+    // A step after the first of a call failed with `error`: a wait or the
+    // end is left for the next call to meet, a failure is kept for it.
+    void noteLater(int error) {
+        const int saved = errno;
+        if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE &&
+            error != SSL_ERROR_ZERO_RETURN) {
+            (void)finish(error);
+        }
+        ERR_clear_error();
+        errno = saved;
     }
 
     SSL* ssl;
     SocketLink link;
     bool failed;
+    int failedError;  // errno of the failure, for every later call
     std::string verification;
 };
 
