@@ -631,9 +631,10 @@ bool RealFtpServer::startVsftpd() {
     }
     if (options_.tls) {
         // This vsftpd knows no finer protocol switch than ssl_tlsv1 (every
-        // TLS 1.x version OpenSSL allows; Debian's OpenSSL allows 1.2 and
-        // 1.3). Its built-in cipher list (DES-CBC3-SHA) is one OpenSSL 3 no
-        // longer offers, so HIGH replaces it.
+        // TLS 1.x version OpenSSL allows: OpenSSL 3 at its default security
+        // level allows 1.2 and 1.3 only). Debian built it with a single TLS
+        // 1.2 suite as its cipher list (ECDHE-RSA-AES256-GCM-SHA384); HIGH
+        // lets any strong one be agreed (TLS 1.3 suites are not chosen here).
         conf << "ssl_enable=YES\n"
                 "allow_anon_ssl=NO\n"
                 "force_local_logins_ssl=YES\n"
