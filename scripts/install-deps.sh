@@ -20,9 +20,8 @@
 #            clang with clang-format and clang-tidy, qemu-user for the armhf
 #            tests, the real FTP servers the server tests start on loopback,
 #            curl (the peer client of bench/peers), gnuplot for the soak's
-#            plot, pkg-config and doxygen for the packages step, openssl
-#            (the command that makes the TLS servers' certificates) and
-#            pyOpenSSL (pyftpdlib's TLS), proftpd's TLS module, and the
+#            plot, pkg-config and doxygen for the packages step, pyOpenSSL
+#            (pyftpdlib's TLS), proftpd's TLS module, and the
 #            local user "rec" with password "pw" that the server tests log in
 #            as (vsftpd authenticates local users only). Only this task makes
 #            that user, adds a source list or builds anything.
@@ -93,8 +92,9 @@ test_packages=(
   libssl3 libtinfo6 zlib1g
   # pure-ftpd's libraries
   libsodium23
-  # the TLS servers: their certificates, pyftpdlib's TLS
-  openssl python3-openssl
+  # pyftpdlib's TLS (the TLS servers' certificates come from the openssl
+  # command of the build task)
+  python3-openssl
   # building BusyBox's ftpd from its Debian source package
   make gcc bzip2 libcrypt-dev
   # running the armhf tests

@@ -743,14 +743,14 @@ TEST(NetLabRecording, KeepsEveryDeliveredByteByConnectionAndDirection) {
         EXPECT_EQ(got, download);
         tool.quit();
     }
-    ASSERT_TRUE(lab.waitFor([](const NetLabCounters& c) {
-        return c.openControl == 0 && c.openData == 0;
-    }));
+    ASSERT_TRUE(
+        lab.waitFor([](const NetLabCounters& c) { return c.openControl == 0 && c.openData == 0; }));
     std::vector<ftptest::NetLabRecording> recorded = lab.recorded();
     ASSERT_EQ(recorded.size(), 3u);
     EXPECT_EQ(recorded[0].traffic, Traffic::kControl);
-    EXPECT_EQ(recorded[0].toServer.rfind("USER rec\r\nPASS pw\r\nTYPE I\r\nPASV\r\nSTOR /up.bin\r\n", 0),
-              0u)
+    EXPECT_EQ(
+        recorded[0].toServer.rfind("USER rec\r\nPASS pw\r\nTYPE I\r\nPASV\r\nSTOR /up.bin\r\n", 0),
+        0u)
         << recorded[0].toServer;
     EXPECT_EQ(recorded[0].toClient.rfind("220 ready\r\n331 Password required\r\n", 0), 0u)
         << recorded[0].toClient;

@@ -659,8 +659,8 @@ std::string tlsSetup(FtpServerKind kind) {
                    "least (pyOpenSSL)";
         case FtpServerKind::kVsftpd:
             return "ssl_enable, force_local_logins_ssl, force_local_data_ssl, require_ssl_reuse, "
-                   "ssl_tlsv1, ssl_ciphers=HIGH (its own default, DES-CBC3-SHA, is gone from "
-                   "OpenSSL 3)";
+                   "ssl_tlsv1 (it has no switch per TLS version), ssl_ciphers=HIGH (Debian's "
+                   "default is the one suite ECDHE-RSA-AES256-GCM-SHA384)";
         case FtpServerKind::kProftpd:
             return "LoadModule mod_tls.c (proftpd-mod-crypto), TLSEngine on, TLSRequired on, "
                    "TLSProtocol TLSv1.2 TLSv1.3";

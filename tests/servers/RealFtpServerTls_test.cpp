@@ -10,11 +10,6 @@
 // is real and the store's transfers pass it. Last, the whole traffic of a
 // session, captured by the network lab, holds "AUTH TLS" in clear and neither
 // the password nor any 16 bytes of the file.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -24,9 +19,9 @@
 
 #include <gtest/gtest.h>
 
-#include "filesystem/StoreTestUtil.h"
 #include "filesystem/FTPFileSystem.h"
 #include "filesystem/FTPFileSystemManager.h"
+#include "filesystem/StoreTestUtil.h"
 #include "ftp/FTPTool.h"
 #include "ftp/TlsContext.h"
 #include "support/NetLab.h"
@@ -195,9 +190,9 @@ TEST_P(TlsStoreOnRealServer, TrustingTheTestCaEveryOperationWorksAndTheBytesAreR
 TEST_P(TlsStoreOnRealServer, WithTheFingerprintPinnedEveryOperationWorksAndTheBytesAreRight) {
     RegisteredStore registered(server.location("/"));
     ASSERT_TRUE(registered.added()) << registered.location();
-    EXPECT_EQ(registered.registry()->setTlsPinnedFingerprint(registered.location(),
-                                                             server.fingerprint()),
-              0);
+    EXPECT_EQ(
+        registered.registry()->setTlsPinnedFingerprint(registered.location(), server.fingerprint()),
+        0);
     ASSERT_NE(registered.store(), nullptr);
     storeWorksOverTls(server, *registered.store());
 }
@@ -299,8 +294,7 @@ TEST(TlsSessionReuse, VsftpdRefusesADataConnectionThatDoesNotResumeAndTheStorePa
     TlsPeerDetails details;
     ASSERT_TRUE(tool.tlsDetails(&details));
     EXPECT_EQ(details.fingerprint, server.fingerprint());
-    EXPECT_TRUE(details.protocol == "TLSv1.3" || details.protocol == "TLSv1.2")
-        << details.protocol;
+    EXPECT_TRUE(details.protocol == "TLSv1.3" || details.protocol == "TLSv1.2") << details.protocol;
     tool.quit();
     std::string log = server.logTail(1 << 20);
     EXPECT_NE(log.find("reused"), std::string::npos) << log;
@@ -308,35 +302,9 @@ TEST(TlsSessionReuse, VsftpdRefusesADataConnectionThatDoesNotResumeAndTheStorePa
 
 // --- The traffic of a whole session, captured ---------------------------------
 
-// `count` consecutive ports, free on 127.0.0.1 and 127.0.0.2 a moment ago;
-// 0 when none were found.
-int freePortRun(int count) {
-    auto bindable = [](const char* host, int port) {
-        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        ::inet_pton(AF_INET, host, &address.sin_addr);
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-        ::close(fd);
-        return ok;
-    };
-    // Below the ephemeral range (32768 and up), where the kernel does not
-    // hand out ports by itself.
-    const int base = 20000 + static_cast<int>(::getpid() % 400) * 25;
-    for (int first = base; first < base + 2000; first += count) {
-        bool free = true;
-        for (int port = first; free && port < first + count; ++port) {
-            free = bindable("127.0.0.1", port) && bindable("127.0.0.2", port);
-        }
-        if (free) return first;
-    }
-    return 0;
-}
-
 TEST(TlsTrafficCapture, AWholeSessionShowsAuthTlsInClearAndNeitherThePasswordNorTheFile) {
     const int passivePorts = 20;
-    const int first = freePortRun(passivePorts);
+    const int first = findFreePortRun(passivePorts);
     ASSERT_NE(first, 0) << "no free run of ports";
     const std::string password = "Kx7-Lab-Secret-93q";
     RealFtpServerOptions options;
@@ -384,9 +352,8 @@ TEST(TlsTrafficCapture, AWholeSessionShowsAuthTlsInClearAndNeitherThePasswordNor
     EXPECT_TRUE(onDisk == file) << "the server holds " << onDisk.size() << " bytes";
     EXPECT_TRUE(readLocalFile(local.file("back.bin"), &back));
     EXPECT_TRUE(back == file) << "Get gave " << back.size() << " bytes";
-    ASSERT_TRUE(lab.waitFor([](const ftptest::NetLabCounters& c) {
-        return c.openControl == 0 && c.openData == 0;
-    }));
+    ASSERT_TRUE(lab.waitFor(
+        [](const ftptest::NetLabCounters& c) { return c.openControl == 0 && c.openData == 0; }));
 
     std::vector<ftptest::NetLabRecording> recorded = lab.recorded();
     ASSERT_FALSE(recorded.empty());
@@ -398,8 +365,7 @@ TEST(TlsTrafficCapture, AWholeSessionShowsAuthTlsInClearAndNeitherThePasswordNor
         all += r.toClient;
         if (r.traffic == ftptest::Traffic::kData) {
             dataBytes += r.toServer.size() + r.toClient.size();
-        } else if (r.toServer.rfind("AUTH TLS\r\n", 0) == 0 &&
-                   r.toClient.rfind("220 ", 0) == 0) {
+        } else if (r.toServer.rfind("AUTH TLS\r\n", 0) == 0 && r.toClient.rfind("220 ", 0) == 0) {
             sawAuthTls = true;
         }
     }

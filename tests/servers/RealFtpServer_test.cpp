@@ -1,12 +1,16 @@
 // The launcher of real FTP servers, checked with a bare client on plain
 // sockets: every kind starts on loopback, greets, lets rec/pw log in, closes
 // an idle control connection after the configured time, and leaves nothing
-// behind.
+// behind. With TLS, each kind but BusyBox makes its certificate and insists
+// on AUTH TLS before the login; a passive port range and another password
+// are honoured where the harness supports them.
 #include "support/RealFtpServer.h"
 
 #include <ctype.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -261,7 +265,7 @@ TEST_P(TlsServerLauncher, MakesACertificateForLoopbackAndRequiresAuthTlsBeforeTh
     EXPECT_EQ(auth.substr(0, 4), "234 ") << auth << "\n" << server.logTail();
 }
 
-TEST(TlsServerLauncher, BusyboxHasNoTlsAndSaysSo) {
+TEST(HarnessOptions, BusyboxHasNoTlsAndSaysSo) {
     RealFtpServerOptions options;
     options.tls = true;
     RealFtpServer server(FtpServerKind::kBusybox, options);
@@ -272,6 +276,72 @@ TEST(TlsServerLauncher, BusyboxHasNoTlsAndSaysSo) {
 INSTANTIATE_TEST_SUITE_P(TlsKinds, TlsServerLauncher,
                          ::testing::Values(FtpServerKind::kPyftpdlib, FtpServerKind::kVsftpd,
                                            FtpServerKind::kProftpd, FtpServerKind::kPureftpd),
+                         [](const ::testing::TestParamInfo<FtpServerKind>& info) {
+                             return std::string(ftpServerKindName(info.param));
+                         });
+
+// A fixed passive range (pyftpdlib and vsftpd): every PASV names a port in
+// it, and the data connection there works.
+class PassiveRangeServer : public ::testing::TestWithParam<FtpServerKind> {};
+
+TEST_P(PassiveRangeServer, AnnouncesOnlyPortsOfTheRange) {
+    RealFtpServerOptions options;
+    options.passivePortFirst = findFreePortRun(5);
+    ASSERT_NE(options.passivePortFirst, 0);
+    options.passivePortLast = options.passivePortFirst + 4;
+    RealFtpServer server(GetParam(), options);
+    ASSERT_TRUE(server.ready()) << server.failure();
+    ASSERT_TRUE(server.writeFile("/a.dat", "hello"));
+    RawFtpSession control(server.port());
+    ASSERT_TRUE(logIn(control)) << server.logTail();
+    ASSERT_EQ(control.command("TYPE I").substr(0, 1), "2");
+    for (int transfer = 0; transfer < 3; ++transfer) {
+        RawFtpSession::Transfer t = control.transfer("RETR /a.dat");
+        unsigned p[6] = {0, 0, 0, 0, 0, 0};
+        size_t open = t.pasv.find('(');
+        ASSERT_NE(open, std::string::npos) << t.pasv;
+        ASSERT_EQ(sscanf(t.pasv.c_str() + open, "(%u,%u,%u,%u,%u,%u", &p[0], &p[1], &p[2], &p[3],
+                         &p[4], &p[5]),
+                  6)
+            << t.pasv;
+        const int port = static_cast<int>(p[4] * 256 + p[5]);
+        EXPECT_GE(port, options.passivePortFirst) << t.pasv;
+        EXPECT_LE(port, options.passivePortLast) << t.pasv;
+        EXPECT_EQ(t.data, "hello");
+        EXPECT_EQ(t.final.substr(0, 3), "226") << t.final;
+    }
+}
+
+TEST(HarnessOptions, APassiveRangeOrAnotherPasswordIsRefusedWhereNotSupported) {
+    RealFtpServerOptions range;
+    range.passivePortFirst = 21000;
+    range.passivePortLast = 21004;
+    RealFtpServer proftpd(FtpServerKind::kProftpd, range);
+    EXPECT_FALSE(proftpd.ready());
+    EXPECT_NE(proftpd.failure().find("passive port range"), std::string::npos) << proftpd.failure();
+    RealFtpServerOptions password;
+    password.password = "other";
+    RealFtpServer vsftpd(FtpServerKind::kVsftpd, password);
+    EXPECT_FALSE(vsftpd.ready());
+    EXPECT_NE(vsftpd.failure().find("another password"), std::string::npos) << vsftpd.failure();
+}
+
+TEST(HarnessOptions, PyftpdlibTakesAnotherPasswordAndRefusesPw) {
+    RealFtpServerOptions options;
+    options.password = "Another-Pw-42";
+    RealFtpServer server(FtpServerKind::kPyftpdlib, options);
+    ASSERT_TRUE(server.ready()) << server.failure();
+    EXPECT_EQ(server.passwordInUse(), "Another-Pw-42");
+    EXPECT_EQ(server.location("/x"),
+              "rec(Another-Pw-42)@ftp://127.0.0.1:" + std::to_string(server.port()) + "/x");
+    RawFtpSession refused(server.port());
+    EXPECT_FALSE(refused.logIn("rec", "pw"));
+    RawFtpSession accepted(server.port());
+    EXPECT_TRUE(accepted.logIn("rec", "Another-Pw-42")) << server.logTail();
+}
+
+INSTANTIATE_TEST_SUITE_P(RangeKinds, PassiveRangeServer,
+                         ::testing::Values(FtpServerKind::kPyftpdlib, FtpServerKind::kVsftpd),
                          [](const ::testing::TestParamInfo<FtpServerKind>& info) {
                              return std::string(ftpServerKindName(info.param));
                          });

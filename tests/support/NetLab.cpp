@@ -1006,7 +1006,8 @@ void NetLab::Engine::deliver(Pair& p, int way) {
 void NetLab::Engine::record(Pair& p, int way, const char* bytes, size_t length) {
     std::lock_guard<std::mutex> lock(recordMutex_);
     std::string& copy = way == kToServer ? p.recording->toServer : p.recording->toClient;
-    if (copy.size() < recordLimit_) copy.append(bytes, std::min(length, recordLimit_ - copy.size()));
+    if (copy.size() < recordLimit_)
+        copy.append(bytes, std::min(length, recordLimit_ - copy.size()));
 }
 
 // Once a sender's stream ended and its bytes were delivered, the receiver
@@ -1201,21 +1202,20 @@ std::string NetLab::Engine::rewritePassive(Pair& p, const std::string& text) {
 
 // --- NetLab -------------------------------------------------------------------
 
-NetLab::NetLab(const std::string& upstream, NetLabOptions options)
+NetLab::NetLab(const std::string& upstream, const NetLabOptions& options)
     : listenAddress_(options.listenAddress) {
     sockaddr_in address{};
     if (!parseUpstream(upstream, &address, &failure_)) return;
     sockaddr_in listen{};
     if (!parseUpstream(options.listenAddress + ":1", &listen, &failure_)) {
-        failure_ = "listen address must be a 127.x.x.x address, got \"" +
-                   options.listenAddress + "\"";
+        failure_ =
+            "listen address must be a 127.x.x.x address, got \"" + options.listenAddress + "\"";
         return;
     }
     int fd = listenOn(listen.sin_addr, options.listenPort, SOMAXCONN, &port_, &failure_);
     if (fd < 0) return;
     engine_ = std::make_unique<Engine>(fd, port_, address, listen.sin_addr, options);
-    if (!engine_->listenForwarded(options.forwardPorts, &failure_) ||
-        !engine_->start(&failure_)) {
+    if (!engine_->listenForwarded(options.forwardPorts, &failure_) || !engine_->start(&failure_)) {
         engine_.reset();
         port_ = 0;
     }

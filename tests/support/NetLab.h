@@ -7,12 +7,11 @@
 // the upstream server (a loopback address). Server replies are watched line by
 // line: a "227 ... (h1,h2,h3,h4,p1,p2)" line (the six numbers may also stand
 // without parentheses) is rewritten to name a data listener the lab opens for
-// it on its listen address (127.0.0.1 unless set), and the client's data connection to it is forwarded to the
-// address the server announced (127.0.0.1 stands in for an address outside
-// 127/8), so data connections meet the same conditions. Every other byte goes
-// through unchanged. Lines that cannot be a "227" are forwarded as their bytes
-// arrive; a line starting "227" (or any line, while a rewriter is set) is
-// held until its line end. Port mode ("PORT") and "EPSV" are not rewritten:
+// it on its listen address (127.0.0.1 unless set), and the client's data connection to it is
+// forwarded to the address the server announced (127.0.0.1 stands in for an address outside 127/8),
+// so data connections meet the same conditions. Every other byte goes through unchanged. Lines that
+// cannot be a "227" are forwarded as their bytes arrive; a line starting "227" (or any line, while
+// a rewriter is set) is held until its line end. Port mode ("PORT") and "EPSV" are not rewritten:
 // their data connections bypass the lab. An end of stream from one side
 // reaches the other after the bytes held before it; a reset (or a failed
 // write) on one side resets the other; a client whose server connection
@@ -171,7 +170,7 @@ public:
     // Starts listening and the loop thread. `upstream` is "host:port" with a
     // host in 127.0.0.0/8 ("localhost" too). When it cannot start, ok() is
     // false, failure() says why and every other call does nothing.
-    explicit NetLab(const std::string& upstream, NetLabOptions options = NetLabOptions());
+    explicit NetLab(const std::string& upstream, const NetLabOptions& options = NetLabOptions());
     ~NetLab();
 
     NetLab(const NetLab&) = delete;

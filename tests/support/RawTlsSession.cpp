@@ -143,9 +143,8 @@ RawTlsSession::Listing RawTlsSession::list(const std::string& path, bool offerSe
     std::string pasv = command("PASV");
     unsigned p[6] = {0, 0, 0, 0, 0, 0};
     size_t open = pasv.find('(');
-    if (open == std::string::npos ||
-        sscanf(pasv.c_str() + open, "(%u,%u,%u,%u,%u,%u", &p[0], &p[1], &p[2], &p[3], &p[4],
-               &p[5]) != 6) {
+    if (open == std::string::npos || sscanf(pasv.c_str() + open, "(%u,%u,%u,%u,%u,%u", &p[0], &p[1],
+                                            &p[2], &p[3], &p[4], &p[5]) != 6) {
         result.preliminary = "(PASV: " + pasv + ")";
         return result;
     }

@@ -24,6 +24,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -230,8 +231,32 @@ std::vector<FtpServerKind> allFtpServerKinds() {
             FtpServerKind::kPureftpd, FtpServerKind::kBusybox};
 }
 
+int findFreePortRun(int count) {
+    auto bindable = [](const char* host, int port) {
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) return false;
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        ::inet_pton(AF_INET, host, &address.sin_addr);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        bool free = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        ::close(fd);
+        return free;
+    };
+    if (count <= 0) return 0;
+    const int base = 20000 + static_cast<int>(::getpid() % 500) * 20;
+    for (int first = base; first + count <= 32768 && first < base + 4000; first += count) {
+        bool free = true;
+        for (int port = first; free && port < first + count; ++port) {
+            free = bindable("127.0.0.1", port) && bindable("127.0.0.2", port);
+        }
+        if (free) return first;
+    }
+    return 0;
+}
+
 RealFtpServer::RealFtpServer(FtpServerKind kind, RealFtpServerOptions options)
-    : kind_(kind), options_(options) {
+    : kind_(kind), options_(std::move(options)) {
     ready_ = start();
     if (!ready_) {
         // Whatever was started is ended; a server that is not ready has no port.
@@ -548,9 +573,9 @@ bool RealFtpServer::startPyftpdlib() {
     }
     if (options_.tls) argv.insert(argv.end(), {"--tls-certificate", certKeyFile_});
     if (options_.passivePortFirst > 0) {
-        argv.insert(argv.end(), {"--passive-ports", std::to_string(options_.passivePortFirst) +
-                                                        "-" +
-                                                        std::to_string(options_.passivePortLast)});
+        argv.insert(argv.end(),
+                    {"--passive-ports", std::to_string(options_.passivePortFirst) + "-" +
+                                            std::to_string(options_.passivePortLast)});
     }
     return spawn(argv);
 }
@@ -606,9 +631,10 @@ bool RealFtpServer::startVsftpd() {
     }
     if (options_.tls) {
         // This vsftpd knows no finer protocol switch than ssl_tlsv1 (every
-        // TLS 1.x version OpenSSL allows; Debian's OpenSSL allows 1.2 and
-        // 1.3). Its built-in cipher list (DES-CBC3-SHA) is one OpenSSL 3 no
-        // longer offers, so HIGH replaces it.
+        // TLS 1.x version OpenSSL allows: OpenSSL 3 at its default security
+        // level allows 1.2 and 1.3 only). Debian built it with a single TLS
+        // 1.2 suite as its cipher list (ECDHE-RSA-AES256-GCM-SHA384); HIGH
+        // lets any strong one be agreed (TLS 1.3 suites are not chosen here).
         conf << "ssl_enable=YES\n"
                 "allow_anon_ssl=NO\n"
                 "force_local_logins_ssl=YES\n"

@@ -51,6 +51,13 @@ const char* ftpServerKindName(FtpServerKind kind);
 // Every kind, in a fixed order, for parameterised tests.
 std::vector<FtpServerKind> allFtpServerKinds();
 
+// The first of `count` consecutive ports below the kernel's ephemeral range
+// that were free on 127.0.0.1 and 127.0.0.2 a moment ago, for
+// RealFtpServerOptions' passive range (and a proxy's ports on 127.0.0.2);
+// 0 when none were found. Where the search starts depends on the process id,
+// so parallel test processes rarely meet.
+int findFreePortRun(int count);
+
 struct RealFtpServerOptions {
     // Seconds after which the server closes a control connection that sent
     // nothing. pure-ftpd counts in whole minutes and gets the rounded-up value.
@@ -189,17 +196,17 @@ private:
     bool ready_ = false;
     std::string failure_;
     int port_ = 0;
-    std::string dir_;      // temporary folder of everything below
-    std::string root_;     // dir_ + "/home"
-    std::string logFile_;  // the server's own log
-    std::string outFile_;  // its standard output and error
+    std::string dir_;          // temporary folder of everything below
+    std::string root_;         // dir_ + "/home"
+    std::string logFile_;      // the server's own log
+    std::string outFile_;      // its standard output and error
     std::string caFile_;       // TLS: the CA's certificate
     std::string certFile_;     // TLS: the server's certificate
     std::string keyFile_;      // TLS: its private key
     std::string certKeyFile_;  // TLS: both in one file (pure-ftpd, pyftpdlib)
     std::string fingerprint_;  // TLS: SHA-256 of certFile_, "AB:CD:..."
-    pid_t pid_ = -1;       // the process we started; leads its process group
-    uid_t uid_ = 0;        // owner given to root_ and to files written here
+    pid_t pid_ = -1;           // the process we started; leads its process group
+    uid_t uid_ = 0;            // owner given to root_ and to files written here
     gid_t gid_ = 0;
 };
 
