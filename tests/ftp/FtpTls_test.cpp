@@ -451,6 +451,70 @@ TEST_F(FtpTlsStore, InitOpenWriteReadAndListOverTls) {
     EXPECT_EQ(server.tlsHandshakeCount(), server.connectionCount());
 }
 
+TEST_F(FtpTlsStore, UploadsEndWithCloseNotifyAndTheAsynchronousWriteAndTheSnapshotArriveWhole) {
+    ASSERT_EQ(store->init(), 0) << FTPFileSystem::getLastError().text;
+    const std::string bytes = patternBytes(40000, 2);
+    const int handle = store->open("/rec/aio.ts", 2);
+    ASSERT_GT(handle, 0);
+    size_t at = 0;
+    for (int i = 0; at < bytes.size() && i < 10000; ++i) {
+        const int n = store->aioWrite(handle, bytes.data() + at,
+                                      static_cast<unsigned>(std::min<size_t>(4096, bytes.size() - at)));
+        if (n < 0) {
+            ASSERT_EQ(store->aioReturn(handle, 3000), 0);
+            continue;
+        }
+        at += static_cast<size_t>(n);
+    }
+    EXPECT_EQ(at, bytes.size());
+    EXPECT_EQ(store->close(handle), 0);
+    EXPECT_TRUE(server.file("/rec/aio.ts") == std::optional<std::string>(bytes));
+
+    ASSERT_EQ(store->snapshot_open("/rec/snap.jpg", 0), 0);
+    EXPECT_EQ(store->snapshot_write(bytes.data(), 5000), 5000);
+    EXPECT_EQ(store->snapshot_write(bytes.data() + 5000, 3), 3);
+    EXPECT_EQ(store->snapshot_close(), 0);
+    EXPECT_TRUE(server.file("/rec/snap.jpg") == std::optional<std::string>(bytes.substr(0, 5003)));
+
+    const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
+    ASSERT_EQ(records.size(), 2u);
+    for (const DataConnectionRecord& r : records) {
+        EXPECT_TRUE(r.tls && r.resumed) << r.command;
+        EXPECT_TRUE(r.closeNotify) << r.command << " ended without close_notify";
+    }
+    EXPECT_EQ(server.commandsOn(1), concat(kSecureLogin, {"TYPE I", "PASV", "STOR /rec/snap.jpg"}));
+}
+
+// A server that offers TLS 1.2 at most resumes sessions by their id: the
+// data connections resume all the same.
+TEST_F(FtpTlsStore, WithTls12TheDataConnectionsResumeTheControlSessionToo) {
+    ServerTlsOptions options;
+    options.certFile = cert.certFile();
+    options.keyFile = cert.keyFile();
+    options.requireSessionReuse = true;
+    options.tls12Only = true;
+    ASSERT_TRUE(server.enableTls(options));
+    ASSERT_EQ(store->init(), 0) << FTPFileSystem::getLastError().text;
+    const std::string bytes = patternBytes(30000, 6);
+    for (int i = 0; i < 3; ++i) {
+        const std::string path = "/rec/seg" + std::to_string(i) + ".ts";
+        const int handle = store->open(path.c_str(), 2);
+        ASSERT_GT(handle, 0) << FTPFileSystem::getLastError().text;
+        EXPECT_TRUE(writeAll(bytes, bytes.size(), [&](const char* p, size_t n) {
+            return store->write(handle, p, static_cast<unsigned>(n));
+        }));
+        EXPECT_EQ(store->close(handle), 0);
+        EXPECT_TRUE(server.file(path) == std::optional<std::string>(bytes));
+    }
+    std::vector<std::string> names;
+    EXPECT_EQ(store->getFileList("/rec", names, ""), 1);
+    const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
+    ASSERT_EQ(records.size(), 4u);
+    for (const DataConnectionRecord& r : records) {
+        EXPECT_TRUE(r.tls && r.resumed && !r.refused) << r.command;
+    }
+}
+
 TEST_F(FtpTlsStore, ARefusedAuthFailsInitWithTheServersReplyAndSendsNoLogin) {
     server.setReply("AUTH", "534 Not here");
     EXPECT_EQ(store->init(), -1);
