@@ -165,8 +165,7 @@ TEST_F(FtpTls, ARefusedAuthFailsTheConnectWithTheServersReplyAndNothingFollowsIn
 
 // A failed trust check: the connect fails with a text naming the
 // certificate's fingerprint, and the server gets no byte after the handshake.
-void expectUntrusted(FtpTls& test, FTPTool& tool, ScriptedFtpServer& server,
-                     const std::string& fingerprint) {
+void expectUntrusted(FTPTool& tool, ScriptedFtpServer& server, const std::string& fingerprint) {
     EXPECT_EQ(tool.connect(server.address().c_str()), 0);
     const std::string response = tool.getResponse();
     EXPECT_TRUE(contains(response, "TLS certificate not trusted")) << response;
@@ -175,19 +174,18 @@ void expectUntrusted(FtpTls& test, FTPTool& tool, ScriptedFtpServer& server,
     EXPECT_EQ(tool.login("rec", "pw"), 0);
     EXPECT_TRUE(server.waitForClosedConnections(1)) << "the client kept the connection open";
     EXPECT_EQ(server.commands(), Lines{"AUTH TLS"});
-    (void)test;
 }
 
 TEST_F(FtpTls, ACertificateOfAnUnknownCaFailsNamingItsFingerprint) {
     TestCertificate stranger;
     ASSERT_TRUE(stranger.ok()) << stranger.failure();
     tool.useTls(context(trustCa(stranger.caFile())));
-    expectUntrusted(*this, tool, server, cert.fingerprint());
+    expectUntrusted(tool, server, cert.fingerprint());
 }
 
 TEST_F(FtpTls, ACertificateOfAnUnknownCaFailsWithTheSystemStoreAlone) {
     tool.useTls(context(TlsTrust()));
-    expectUntrusted(*this, tool, server, cert.fingerprint());
+    expectUntrusted(tool, server, cert.fingerprint());
 }
 
 TEST_F(FtpTls, ACertificateForAnotherNameFailsNamingItsFingerprint) {
@@ -195,14 +193,14 @@ TEST_F(FtpTls, ACertificateForAnotherNameFailsNamingItsFingerprint) {
     ASSERT_TRUE(other.ok()) << other.failure();
     serveWith(other);
     tool.useTls(context(trustCa(other.caFile())));
-    expectUntrusted(*this, tool, server, other.fingerprint());
+    expectUntrusted(tool, server, other.fingerprint());
 }
 
 TEST_F(FtpTls, AWrongPinFailsNamingTheServersFingerprint) {
     TestCertificate stranger;
     ASSERT_TRUE(stranger.ok()) << stranger.failure();
     tool.useTls(context(trustPin(stranger.sha256())));
-    expectUntrusted(*this, tool, server, cert.fingerprint());
+    expectUntrusted(tool, server, cert.fingerprint());
 }
 
 TEST_F(FtpTls, TheRightPinIsTrustedWhateverTheChainAndName) {
@@ -352,12 +350,9 @@ TEST_F(FtpTls, DataAlreadyDecryptedInsideTlsCountsAsReady) {
     }
 }
 
-TEST_F(FtpTls, ADataConnectionThatDoesNotResumeIsRefusedByAServerThatRequiresIt) {
-    // A second tool's session is not the control session of the first; the
-    // server refuses what does not resume. Here the client resumes, so both
-    // transfers pass even though reuse is required.
+TEST_F(FtpTls, ListingsOneAfterAnotherAllResumeOnAServerThatRequiresIt) {
     ASSERT_EQ(connectAndLogin(trustCa(cert.caFile())), 1) << tool.getResponse();
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 3; ++i) {
         NetBuf* data = nullptr;
         ASSERT_EQ(tool.dataConnect("/rec", kFtpNlst, 'A', &data), 1) << tool.getResponse();
         char line[256];
@@ -366,9 +361,34 @@ TEST_F(FtpTls, ADataConnectionThatDoesNotResumeIsRefusedByAServerThatRequiresIt)
         EXPECT_EQ(tool.closeData(data), 1) << tool.getResponse();
     }
     const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_TRUE(records[0].resumed && records[1].resumed);
-    EXPECT_FALSE(records[0].refused || records[1].refused);
+    ASSERT_EQ(records.size(), 3u);
+    for (const DataConnectionRecord& r : records) {
+        EXPECT_TRUE(r.tls && r.resumed && !r.refused) << r.command;
+    }
+}
+
+// A server that has forgotten the control connection's session (here: new
+// session keys) makes a full handshake on the data connection, then refuses
+// it: the transfer fails with the server's reply.
+TEST_F(FtpTls, ADataConnectionThatCannotResumeIsRefusedAndTheTransferFails) {
+    ASSERT_EQ(connectAndLogin(trustCa(cert.caFile())), 1) << tool.getResponse();
+    serveWith(cert);
+    server.putFile("/rec/a.ts", "bytes");
+    NetBuf* data = nullptr;
+    ASSERT_EQ(tool.dataConnect("/rec/a.ts", kFtpRetr, 'I', &data), 1) << tool.getResponse();
+    EXPECT_FALSE(tool.lastDataResumedSession());
+    char buffer[64];
+    EXPECT_LE(tool.read(buffer, sizeof buffer, data), 0);
+    EXPECT_EQ(tool.closeData(data), 0);
+    EXPECT_EQ(std::string(tool.getResponse()),
+              "522 Data connections must resume the TLS session of the control connection\n");
+    const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_TRUE(records[0].tls);
+    EXPECT_FALSE(records[0].resumed);
+    EXPECT_TRUE(records[0].refused);
+    // The control connection stays in step.
+    EXPECT_EQ(tool.cd("/rec"), 1) << tool.getResponse();
 }
 
 // --- The store ---------------------------------------------------------------------------
