@@ -44,7 +44,8 @@ set(FTPDISK_DEB_VERSION ${PROJECT_VERSION})
 # --- libftpdisk1 ------------------------------------------------------------------
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libftpdisk1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# Depends from dpkg-shlibdeps: the C and C++ runtimes. The host classes the
+# Depends from dpkg-shlibdeps: the C and C++ runtimes, and libssl3 when TLS is
+# built in (FTPDISK_TLS; see the private folders below). The host classes the
 # module leaves undefined belong to the recorder's process and give no
 # dependency (dpkg-shlibdeps notes them as unresolved, which is expected).
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
@@ -88,8 +89,9 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 The module a network video recorder loads into its main process to keep
 recordings and snapshots on a remote FTP server as if that server were one
 of its disks: directory and file operations, files by handle, whole-file
-copies, one snapshot stream, listings and space figures, over plain FTP with
-passive data connections.
+copies, one snapshot stream, listings and space figures, over FTP with
+passive data connections, in the clear or as explicit FTPS (TLS on the
+control and every data connection, OpenSSL 3).
 .
 The recorder's own process provides the host classes the module calls
 (threads, mutexes, clocks, logging, local files, reference counts); see
@@ -128,7 +130,10 @@ host classes implement; the links to libftpdisk.so.1 and
 libftpdisk_host.so.1, a CMake package (find_package(ftpdisk): ftpdisk::ftpdisk
 and ftpdisk::host), a pkg-config file (ftpdisk), and the host conformance
 suite: its sources and ftpdisk_add_host_conformance(), which checks a
-recorder's own host classes against what the module relies on.")
+recorder's own host classes against what the module relies on. OpenSSL
+stays inside the module: its headers include none of OpenSSL's and the
+CMake and pkg-config files ask for no OpenSSL, so a recorder needs no
+libssl-dev (its linker only needs libssl3, which libftpdisk1 brings).")
 
 # --- ftpdisk --------------------------------------------------------------------------
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ftpdisk)
@@ -141,6 +146,19 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
     "libftpdisk1 (= ${FTPDISK_DEB_VERSION}), libftpdisk-host1 (= ${FTPDISK_DEB_VERSION})")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
     ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/hostlib)
+# With TLS built in, the module (and the command, which links the FTP layer
+# too) runs on libssl.so.3 and libcrypto.so.3, and dpkg-shlibdeps gives the
+# dependency on libssl3 from that package's symbols file. On the build
+# machine's own architecture that is the installed libssl3's. A cross build's
+# OpenSSL is no installed package but the folder scripts/install-deps.sh
+# unpacked, whose DEBIAN/symbols is libssl3's own: dpkg-shlibdeps reads it once
+# it finds the library there. (CPack runs dpkg-shlibdeps with
+# --ignore-missing-info, so a library it cannot place gives no dependency at
+# all rather than an error: scripts/package.sh checks the dependency.)
+if(FTPDISK_TLS AND CMAKE_CROSSCOMPILING AND OPENSSL_SSL_LIBRARY)
+  get_filename_component(FTPDISK_DEB_OPENSSL_LIBDIR "${OPENSSL_SSL_LIBRARY}" DIRECTORY)
+  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${FTPDISK_DEB_OPENSSL_LIBDIR})
+endif()
 set(CPACK_DEBIAN_TOOL_DESCRIPTION
 "try an FTP server as storage for network video recorders
 The ftpdisk command goes through the same module a recorder loads

@@ -43,6 +43,40 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# OpenSSL 3 for armhf (the module's TLS), which scripts/install-deps.sh unpacks
+# from Debian's libssl-dev:armhf and libssl3:armhf into a folder of its own
+# rather than installing them beside the build machine's amd64 OpenSSL. Its
+# tree is Debian's: headers in usr/include/openssl, the two that differ by
+# architecture in usr/include/arm-linux-gnueabihf/openssl, libraries in
+# usr/lib/arm-linux-gnueabihf. It is one more root for find_package(OpenSSL),
+# whose library search looks in the architecture's folder below usr/lib, and
+# the architecture's header folder is searched by every compile, as the build
+# machine's compiler does with its own. Another folder: -DFTPDISK_ARMHF_OPENSSL_DIR=...
+# or the same variable in the environment at the first configure.
+if(NOT FTPDISK_ARMHF_OPENSSL_DIR)
+  if(DEFINED ENV{FTPDISK_ARMHF_OPENSSL_DIR})
+    set(FTPDISK_ARMHF_OPENSSL_DIR $ENV{FTPDISK_ARMHF_OPENSSL_DIR})
+  else()
+    set(FTPDISK_ARMHF_OPENSSL_DIR /opt/ftpdisk-armhf-openssl)
+  endif()
+endif()
+set(FTPDISK_ARMHF_OPENSSL_DIR ${FTPDISK_ARMHF_OPENSSL_DIR} CACHE PATH
+    "OpenSSL 3 for armhf, unpacked by scripts/install-deps.sh")
+list(APPEND CMAKE_FIND_ROOT_PATH ${FTPDISK_ARMHF_OPENSSL_DIR})
+set(OPENSSL_ROOT_DIR ${FTPDISK_ARMHF_OPENSSL_DIR}/usr)
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES
+    ${FTPDISK_ARMHF_OPENSSL_DIR}/usr/include/${FTPDISK_ARMHF_TRIPLE})
+# A program linked against the module must let the linker find the module's
+# own libssl.so.3 and libcrypto.so.3, which CMake's imported OpenSSL targets do
+# not mark as shared libraries to be looked up for it. The build tree's run
+# paths happen to lead there; this holds without them too (the packages'
+# release build, CMAKE_SKIP_RPATH).
+set(FTPDISK_ARMHF_OPENSSL_LINK
+    "-Wl,-rpath-link,${FTPDISK_ARMHF_OPENSSL_DIR}/usr/lib/${FTPDISK_ARMHF_TRIPLE}")
+set(CMAKE_EXE_LINKER_FLAGS_INIT ${FTPDISK_ARMHF_OPENSSL_LINK})
+set(CMAKE_SHARED_LINKER_FLAGS_INIT ${FTPDISK_ARMHF_OPENSSL_LINK})
+set(CMAKE_MODULE_LINKER_FLAGS_INIT ${FTPDISK_ARMHF_OPENSSL_LINK})
+
 # qemu-user runs the target's programs on the build machine. The script wraps
 # qemu-arm (with -L pointing its loader at the target's C library) so that a
 # test program may also start itself or another program of the build again;

@@ -19,7 +19,9 @@
 #   is set.
 #
 # FTPDISK_QEMU_ARM and FTPDISK_ARMHF_SYSROOT choose another emulator or target
-# C library (defaults: qemu-arm from PATH, /usr/arm-linux-gnueabihf).
+# C library (defaults: qemu-arm from PATH, /usr/arm-linux-gnueabihf), and
+# FTPDISK_ARMHF_OPENSSL_DIR the armhf OpenSSL that scripts/install-deps.sh
+# unpacks (default /opt/ftpdisk-armhf-openssl).
 set -eu
 
 case "$0" in
@@ -61,6 +63,10 @@ export FTPDISK_TARGET_LAUNCHER
 # would load that C library beside the sysroot's loader: two builds of one C
 # library in a process, which crashes threaded programs. A library path in the
 # guest's environment is searched before the cache; "/lib" there is the
-# sysroot's own library folder.
+# sysroot's own library folder. The armhf OpenSSL's folder comes after it: the
+# module's libssl.so.3 and libcrypto.so.3 are found there whether or not a
+# program's run path names it (qemu looks for a path below the sysroot first,
+# then on the build machine, where this one is).
+openssl_lib=${FTPDISK_ARMHF_OPENSSL_DIR:-/opt/ftpdisk-armhf-openssl}/usr/lib/arm-linux-gnueabihf
 exec "${FTPDISK_QEMU_ARM:-qemu-arm}" -L "${FTPDISK_ARMHF_SYSROOT:-/usr/arm-linux-gnueabihf}" \
-  -E LD_LIBRARY_PATH=/lib -0 "${argv0}" "${program}" "$@"
+  -E LD_LIBRARY_PATH="/lib:${openssl_lib}" -0 "${argv0}" "${program}" "$@"

@@ -18,6 +18,13 @@ a server ends connections it considers idle.
 is greeted with "421 Too many connections from the same IP address." and
 closed.
 
+--tls-certificate FILE (a PEM file holding the certificate and its key)
+makes the server speak explicit TLS ("AUTH TLS") and require it: the login
+is refused before AUTH TLS, data commands before "PROT P"; TLS 1.2 at least.
+It needs pyOpenSSL (Debian's python3-openssl).
+
+--passive-ports FIRST-LAST announces passive data ports from that range only.
+
 Runs with Debian's Python (python3-pyftpdlib), not any other interpreter.
 """
 
@@ -36,6 +43,30 @@ class TestHandler(FTPHandler):
     """Handler class of this server alone, so its settings stay local."""
 
 
+def make_tls_handler(certificate):
+    """A handler class that requires TLS on control and data connections."""
+    from OpenSSL import SSL
+    from pyftpdlib.handlers import TLS_DTPHandler, TLS_FTPHandler
+
+    class TestTlsDtpHandler(TLS_DTPHandler):
+        """Data handler of this server alone (its idle limit is set here)."""
+
+    class TestTlsHandler(TLS_FTPHandler):
+        """TLS handler class of this server alone."""
+
+    context = SSL.Context(SSL.TLS_SERVER_METHOD)
+    context.set_min_proto_version(SSL.TLS1_2_VERSION)
+    context.set_options(SSL.OP_NO_COMPRESSION)
+    context.use_certificate_chain_file(certificate)
+    context.use_privatekey_file(certificate)
+    TestTlsHandler.ssl_context = context
+    TestTlsHandler.certfile = certificate
+    TestTlsHandler.tls_control_required = True
+    TestTlsHandler.tls_data_required = True
+    TestTlsHandler.dtp_handler = TestTlsDtpHandler
+    return TestTlsHandler
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--root", required=True)
@@ -46,6 +77,8 @@ def main():
     parser.add_argument("--idle-timeout", type=int, default=300)
     parser.add_argument("--log-file", default=None)
     parser.add_argument("--max-clients", type=int, default=0)
+    parser.add_argument("--tls-certificate", default=None)
+    parser.add_argument("--passive-ports", default=None)
     args = parser.parse_args()
 
     logging.basicConfig(
@@ -58,18 +91,25 @@ def main():
     # e l r a d f m w M T: every right, writes included.
     authorizer.add_user(args.user, args.password, args.root, perm="elradfmwMT")
 
-    TestHandler.authorizer = authorizer
-    TestHandler.timeout = args.idle_timeout
+    handler = TestHandler
+    if args.tls_certificate:
+        handler = make_tls_handler(args.tls_certificate)
+
+    handler.authorizer = authorizer
+    handler.timeout = args.idle_timeout
     # A stalled data connection is ended after the same time.
-    TestHandler.dtp_handler.timeout = args.idle_timeout
-    TestHandler.banner = "ftpdisk test server ready."
+    handler.dtp_handler.timeout = args.idle_timeout
+    handler.banner = "ftpdisk test server ready."
+    if args.passive_ports:
+        first, last = (int(x) for x in args.passive_ports.split("-"))
+        handler.passive_ports = list(range(first, last + 1))
     # pyftpdlib answers a refused login only after 3 s by default, the whole
     # of the module's readiness wait, so that a wrong password would read as
     # a server that did not reply (docs/INTEGRATION.md says so); the tests'
     # server answers within the wait.
-    TestHandler.auth_failed_timeout = 0.5
+    handler.auth_failed_timeout = 0.5
 
-    server = FTPServer(("127.0.0.1", args.port), TestHandler)
+    server = FTPServer(("127.0.0.1", args.port), handler)
     if args.max_clients > 0:
         # Every client comes from one address here; the total limit would
         # count data connections and the listening socket too, so it is

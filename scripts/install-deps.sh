@@ -3,21 +3,26 @@
 #
 #   scripts/install-deps.sh [TASK] [ARCH...]
 #
-#   build    compilers and build tools, GoogleTest and Google Benchmark: what
-#            the presets' builds need (cmake --preset debug, release, ...)
-#   package  the build tools and the Debian package tools (dpkg-dev,
-#            lintian, file) for scripts/package.sh; with the architecture
-#            armhf (named, or no architecture named) also the armhf cross
-#            compiler and the armhf C and C++ runtime libraries, whose
-#            dependency information dpkg-shlibdeps reads (armhf is added to
-#            dpkg's architectures for them; nothing runs them)
+#   build    compilers and build tools, GoogleTest and Google Benchmark,
+#            OpenSSL 3 (libssl-dev) and the openssl command: what the
+#            presets' builds need (cmake --preset debug, release, ...)
+#   package  the build tools, libssl-dev and the Debian package tools
+#            (dpkg-dev, lintian, file) for scripts/package.sh; with the
+#            architecture armhf (named, or no architecture named) also the
+#            armhf cross compiler and the armhf C and C++ runtime libraries,
+#            whose dependency information dpkg-shlibdeps reads (armhf is
+#            added to dpkg's architectures for them; nothing runs them), and
+#            OpenSSL 3 for armhf, unpacked into ${FTPDISK_ARMHF_OPENSSL_DIR}
+#            (default /opt/ftpdisk-armhf-openssl; see unpack_armhf_openssl)
 #   demo     the build tools and pyftpdlib, the FTP server scripts/demo.sh
 #            starts
 #   test     everything scripts/test.sh runs (the default): all of the above,
 #            clang with clang-format and clang-tidy, qemu-user for the armhf
 #            tests, the real FTP servers the server tests start on loopback,
 #            curl (the peer client of bench/peers), gnuplot for the soak's
-#            plot, pkg-config and doxygen for the packages step, and the
+#            plot, pkg-config and doxygen for the packages step, openssl
+#            (the command that makes the TLS servers' certificates) and
+#            pyOpenSSL (pyftpdlib's TLS), proftpd's TLS module, and the
 #            local user "rec" with password "pw" that the server tests log in
 #            as (vsftpd authenticates local users only). Only this task makes
 #            that user, adds a source list or builds anything.
@@ -26,7 +31,8 @@
 # (each provides ftp-server), so vsftpd is installed the usual way and proftpd
 # and pure-ftpd are unpacked from their .deb files into ${FTPDISK_SERVERS_DIR}
 # (default /opt/ftpdisk-servers), with the libraries they need installed as
-# ordinary packages. BusyBox's ftpd is not in Debian's busybox build, so it is
+# ordinary packages; proftpd's TLS module (mod_tls.so, in proftpd-mod-crypto)
+# is unpacked the same way beside proftpd-core. BusyBox's ftpd is not in Debian's busybox build, so it is
 # built from Debian's busybox source package with just the applets it needs
 # (ftpd, tcpsvd, ls; well under a minute) into ${FTPDISK_SERVERS_DIR}/busybox.
 # None of them runs as a service: the tests start their own instances on
@@ -44,6 +50,8 @@
 set -euo pipefail
 
 servers_dir=${FTPDISK_SERVERS_DIR:-/opt/ftpdisk-servers}
+# Must match FTPDISK_ARMHF_OPENSSL_DIR's default in cmake/armhf-toolchain.cmake.
+armhf_openssl_dir=${FTPDISK_ARMHF_OPENSSL_DIR:-/opt/ftpdisk-armhf-openssl}
 dry_run=${FTPDISK_DEPS_DRY_RUN:-}
 apt_get=apt-get
 retry_seconds=5
@@ -57,13 +65,17 @@ else
   sudo_cmd=
 fi
 
-# What the presets' builds need.
-build_packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev)
-# scripts/package.sh: the build tools and the package tools; nm, readelf and
-# c++filt come with g++ (binutils).
-package_packages=(cmake ninja-build g++ dpkg-dev lintian file)
+# What the presets' builds need: OpenSSL 3 for the module's TLS (FTPDISK_TLS),
+# and the openssl command, with which the TLS tests make their certificates.
+build_packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev
+  libssl-dev openssl)
+# scripts/package.sh: the build tools, OpenSSL 3 and the package tools; nm,
+# readelf and c++filt come with g++ (binutils).
+package_packages=(cmake ninja-build g++ libssl-dev dpkg-dev lintian file)
 package_armhf_packages=(g++-arm-linux-gnueabihf libc6-dev-armhf-cross
   libc6:armhf libstdc++6:armhf libgcc-s1:armhf)
+# Downloaded and unpacked into ${armhf_openssl_dir}, not installed.
+armhf_openssl_packages=(libssl-dev:armhf libssl3:armhf)
 # scripts/demo.sh
 demo_packages=("${build_packages[@]}" python3-pyftpdlib)
 # Everything else scripts/test.sh runs. The libraries of the two unpacked
@@ -81,6 +93,8 @@ test_packages=(
   libssl3 libtinfo6 zlib1g
   # pure-ftpd's libraries
   libsodium23
+  # the TLS servers: their certificates, pyftpdlib's TLS
+  openssl python3-openssl
   # building BusyBox's ftpd from its Debian source package
   make gcc bzip2 libcrypt-dev
   # running the armhf tests
@@ -92,7 +106,7 @@ test_packages=(
 )
 
 # Packages unpacked into ${servers_dir}/<package> instead of installed.
-unpacked=(proftpd-core pure-ftpd)
+unpacked=(proftpd-core proftpd-mod-crypto pure-ftpd)
 
 fresh() { [ "${dry_run}" = fresh ]; }
 dry() { [ -n "${dry_run}" ]; }
@@ -188,6 +202,52 @@ add_armhf() {
   change dpkg --add-architecture armhf
   # The new architecture's lists come with the next update.
   updated=no
+}
+
+# OpenSSL 3 for the armhf builds (the armhf presets link the module against
+# it), unpacked from Debian's libssl-dev:armhf and libssl3:armhf into
+# ${armhf_openssl_dir} rather than installed: as a second architecture they
+# would have to match the installed amd64 libssl3 version for version, which
+# the mirror's armhf lists do not always offer (their security index may be
+# missing or behind). The armhf toolchain file points CMake's FindOpenSSL at
+# it, cmake/qemu-arm-run.sh the emulated programs' loader, and
+# scripts/package.sh dpkg-shlibdeps, with libssl3's own shlibs and symbols
+# files kept in DEBIAN/ there. A version stamp marks a complete unpack;
+# delete the folder to unpack a newer one.
+unpack_armhf_openssl() {
+  local target=${armhf_openssl_dir} stamp=${armhf_openssl_dir}/.ftpdisk-version
+  if ! fresh && [ -f "${stamp}" ] && [ -f "${target}/usr/include/openssl/ssl.h" ] &&
+     [ -f "${target}/usr/lib/arm-linux-gnueabihf/libssl.so.3" ]; then
+    say "OpenSSL for armhf $(cat "${stamp}") already unpacked in ${target}"
+    return 0
+  fi
+  apt_update_once
+  if dry; then
+    say "would run: ${apt_get} download ${armhf_openssl_packages[*]}, then dpkg-deb -x into ${target}"
+    return 0
+  fi
+  local work deb version=""
+  work=$(mktemp -d)
+  say "downloading ${armhf_openssl_packages[*]}"
+  (cd "${work}" && "${apt_get}" download -o APT::Sandbox::User=root "${armhf_openssl_packages[@]}")
+  ${sudo_cmd} rm -rf "${target}"
+  ${sudo_cmd} mkdir -p "${target}/DEBIAN"
+  for deb in "${work}"/*.deb; do
+    say "unpacking $(dpkg-deb -f "${deb}" Package):armhf $(dpkg-deb -f "${deb}" Version) into ${target}"
+    ${sudo_cmd} dpkg-deb -x "${deb}" "${target}"
+    if [ "$(dpkg-deb -f "${deb}" Package)" = libssl3 ]; then
+      version=$(dpkg-deb -f "${deb}" Version)
+      ${sudo_cmd} dpkg-deb --ctrl-tarfile "${deb}" |
+        ${sudo_cmd} tar -x -C "${target}/DEBIAN" --strip-components=1 ./shlibs ./symbols
+    fi
+  done
+  if [ -z "${version}" ] || [ ! -f "${target}/usr/include/openssl/ssl.h" ] ||
+     [ ! -f "${target}/usr/lib/arm-linux-gnueabihf/libssl.so.3" ]; then
+    say "the armhf OpenSSL unpacked into ${target} is incomplete"
+    exit 1
+  fi
+  echo "${version}" | ${sudo_cmd} tee "${stamp}" >/dev/null
+  rm -rf "${work}"
 }
 
 # Unpacked daemons: one folder per package, stamped with the unpacked version.
@@ -291,10 +351,12 @@ check_servers() {
   dry && return 0
   local exe
   for exe in "${servers_dir}/proftpd-core/usr/sbin/proftpd" \
+             "${servers_dir}/proftpd-mod-crypto/usr/lib/proftpd/mod_tls.so" \
              "${servers_dir}/pure-ftpd/usr/sbin/pure-ftpd" \
              "${servers_dir}/pure-ftpd/usr/bin/pure-pw" \
              "${servers_dir}/busybox/busybox"; do
-    if [ ! -x "${exe}" ]; then
+    # The module is a library (not executable); the programs must run.
+    if [ ! -f "${exe}" ] || { [ "${exe%.so}" = "${exe}" ] && [ ! -x "${exe}" ]; }; then
       say "missing ${exe}"
       exit 1
     fi
@@ -382,6 +444,7 @@ main() {
 
   [ "${want_armhf}" = no ] || add_armhf
   install_packages "${wanted[@]}"
+  [ "${want_armhf}" = no ] || unpack_armhf_openssl
   if [ "${task}" = test ]; then
     unpack_servers
     build_busybox

@@ -20,7 +20,9 @@
 # libftpdisk-dev compiles on its own against the unpacked include folder, the
 # module's file type is the target's, its soname is libftpdisk.so.1, and the
 # only dynamic symbols it defines belong to FTPFileSystem,
-# FTPFileSystemManager and KDRuntimeError; the host library's soname is
+# FTPFileSystemManager and KDRuntimeError; built with TLS (FTPDISK_TLS, on by
+# default) it links libssl.so.3 and libcrypto.so.3 and libftpdisk1 depends on
+# libssl3, while the CMake package and the pkg-config file ask for no OpenSSL; the host library's soname is
 # libftpdisk_host.so.1 and it defines only the host classes and the switches
 # of HostControl.h. While building, the exports are also compared with
 # packaging/libftpdisk1/symbols and packaging/libftpdisk-host1/symbols
@@ -49,7 +51,7 @@ version=$(sed -n 's/^project(ftpdisk VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 
 # Checks the four packages of one architecture.
 check_packages() {
-  local arch=$1 dir=$2 cross=$3 machine=$4
+  local arch=$1 dir=$2 cross=$3 machine=$4 tls=$5
   local lib="${dir}/libftpdisk1_${version}_${arch}.deb"
   local host="${dir}/libftpdisk-host1_${version}_${arch}.deb"
   local dev="${dir}/libftpdisk-dev_${version}_${arch}.deb"
@@ -83,6 +85,25 @@ ${strays}"
   exported=$(LC_ALL=C "${cross}nm" -D --defined-only "${module}" | wc -l)
   say "${arch}: libftpdisk.so.1 is a ${machine} object and exports ${exported} symbols, all of FTPFileSystem, FTPFileSystemManager and KDRuntimeError"
   dpkg-deb -f "${lib}" Depends | grep -q 'libstdc++6' || fail "libftpdisk1 does not depend on libstdc++6"
+  # TLS: the module runs on OpenSSL 3's two libraries and the package says
+  # so (libssl3 holds both); built without, it needs neither.
+  local links_ssl=no
+  LC_ALL=C readelf -d "${module}" | grep -q 'NEEDED.*\[libssl\.so\.3\]' && links_ssl=yes
+  if [ "${tls}" = yes ]; then
+    [ "${links_ssl}" = yes ] || fail "libftpdisk.so.1 is built with TLS but does not link libssl.so.3"
+    LC_ALL=C readelf -d "${module}" | grep -q 'NEEDED.*\[libcrypto\.so\.3\]' ||
+      fail "libftpdisk.so.1 is built with TLS but does not link libcrypto.so.3"
+    dpkg-deb -f "${lib}" Depends | grep -qE '(^|, )libssl3 \(>= 3\.[0-9.]+\)(,|$)' ||
+      fail "libftpdisk1 does not depend on libssl3 (>= 3...): $(dpkg-deb -f "${lib}" Depends)"
+    say "${arch}: libftpdisk1 runs on OpenSSL 3: $(dpkg-deb -f "${lib}" Depends | grep -oE 'libssl3 \([^)]*\)')"
+  else
+    [ "${links_ssl}" = no ] || fail "libftpdisk.so.1 is built without TLS but links libssl.so.3"
+    ! dpkg-deb -f "${lib}" Depends | grep -q 'libssl' || fail "libftpdisk1 is built without TLS but depends on libssl"
+  fi
+  # OpenSSL is the module's own business: the CMake package and the
+  # pkg-config file ask a recorder's build for none of it.
+  ! grep -qi 'openssl\|libssl\|libcrypto' "${libdir}"/cmake/ftpdisk/*.cmake "${libdir}/pkgconfig/ftpdisk.pc" ||
+    fail "the CMake package or ftpdisk.pc asks a recorder's build for OpenSSL"
   dpkg-deb -f "${dev}" Depends | grep -qx "libftpdisk1 (= ${version}), libftpdisk-host1 (= ${version})" ||
     fail "libftpdisk-dev does not depend on libftpdisk1 and libftpdisk-host1 (= ${version})"
   local needed
@@ -203,7 +224,9 @@ for arch in "${arches[@]}"; do
     # dpkg-shlibdeps reads the host architecture from DEB_HOST_ARCH.
     cd "${build}" && cpack -G DEB >cpack.log 2>&1 || { cat cpack.log; exit 1; }
   )
-  check_packages "${arch}" "${build}/packages" "${cross}" "${machine}"
+  tls=no
+  grep -q '^FTPDISK_TLS:BOOL=ON$' "${build}/CMakeCache.txt" && tls=yes
+  check_packages "${arch}" "${build}/packages" "${cross}" "${machine}" "${tls}"
   run_lintian "${build}/packages"
   say "${arch}: done in $((SECONDS - started)) s: $(cd "${build}/packages" && ls ./*.deb | tr '\n' ' ')"
 done

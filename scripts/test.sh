@@ -10,6 +10,9 @@
 #   long      the long checks, once per run: every libFuzzer target for 20 s
 #             (clang, ASan + UBSan, scripts/fuzz.sh) and a 3-minute soak of
 #             `ftpdisk record` against vsftpd (scripts/soak.sh, debug build)
+#   notls     the module built without TLS (FTPDISK_TLS=OFF): it needs no
+#             library beyond the C and C++ ones, and its ftps stores fail
+#             with a text that says why; the location and TLS unit tests run
 #   clang     everything built with clang (lock annotations checked,
 #             -Wthread-safety as an error); the unit tests run
 #   lint      scripts/lint.sh: clang-format and clang-tidy over every source
@@ -29,7 +32,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 jobs=${FTPDISK_JOBS:-2}
-presets=${FTPDISK_PRESETS:-"debug long clang lint asan tsan armhf packages"}
+presets=${FTPDISK_PRESETS:-"debug long notls clang lint asan tsan armhf packages"}
 # cmake --workflow takes no job count of its own: these reach its build and
 # test steps.
 export CMAKE_BUILD_PARALLEL_LEVEL=${jobs}
@@ -56,6 +59,15 @@ run_long_checks() {
   echo "=== soak: done in $((SECONDS - started)) s"
 }
 
+run_notls() {
+  run_workflow notls
+  if readelf -d build/notls/src/libftpdisk.so | grep NEEDED | grep -E 'libssl|libcrypto'; then
+    echo "notls: the module built without TLS still needs a TLS library" >&2
+    return 1
+  fi
+  echo "notls: the module needs no TLS library"
+}
+
 run_packages() {
   echo "=== packages: build and check amd64 and armhf, downstream test, API reference"
   local started=$SECONDS
@@ -76,6 +88,7 @@ for preset in ${presets}; do
       fi
       ;;
     armhf) scripts/test-armhf.sh ;;
+    notls) run_notls ;;
     packages) run_packages ;;
     lint) scripts/lint.sh ;;
     *) run_workflow "${preset}" ;;

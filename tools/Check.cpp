@@ -19,12 +19,14 @@
 #include <ctime>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <vector>
 
 #include "Commands.h"
 #include "FailureText.h"
 #include "ToolFormat.h"
 #include "ftp/FTPTool.h"
+#include "ftp/TlsContext.h"
 
 namespace ftpdisk_tool {
 
@@ -134,12 +136,15 @@ std::string dottedAddress(const sockaddr_in& address) {
 
 // The "data" step: one session of the module's own FTP client (the one the
 // store uses) asks for a passive data address and lists the base directory
-// through it. The module connects its data connections to the address the
+// through it (over TLS for an ftps location, with the tls step's context).
+// The module connects its data connections to the address the
 // control connection reached, with the port the server announces; a server
 // that announces another address is behind address translation, which the
 // module rides over, and this says so. Every reply is timed.
-bool probeDataAddress(const Location& location, SlowestReply& slowest, std::string& detail) {
+bool probeDataAddress(const Location& location, const std::shared_ptr<TlsContext>& tls,
+                      SlowestReply& slowest, std::string& detail) {
     FTPTool tool;
+    tool.useTls(tls);
     double start = monotonicSeconds();
     if (tool.connect(location.server.c_str()) != 1) {
         detail = "cannot connect: " + std::string(tool.getResponse());
@@ -206,6 +211,74 @@ bool probeDataAddress(const Location& location, SlowestReply& slowest, std::stri
     return true;
 }
 
+// Where the details of a step go: below its line, lined up with its text.
+const std::string kDetailIndent(30, ' ');
+
+// The trust of the command's own sessions with the server, the same the TLS
+// options give the store (Session::registerLocation checked them).
+TlsTrust trustOf(const TlsOptions& options) {
+    TlsTrust trust;
+    if (options.pinned) {
+        trust.mode = TlsTrust::kPinned;
+        tlsParseFingerprint(options.fingerprint, &trust.pinnedSha256);
+    } else if (options.caFileGiven) {
+        trust.caFiles.push_back(options.caFile);
+    } else if (options.insecure) {
+        trust.mode = TlsTrust::kUnverified;
+    }
+    return trust;
+}
+
+// The "tls" step: one session of the module's own FTP client with `context`
+// makes the TLS handshake the store makes and reports what it learnt of the
+// server. With `login` it also logs in (which takes "PBSZ 0" and "PROT P");
+// without, it only looks at the certificate and sends no password (for a
+// server whose certificate the store did not trust).
+bool probeTls(const Location& location, const std::shared_ptr<TlsContext>& context, bool login,
+              TlsPeerDetails& peer, std::string& detail) {
+    FTPTool tool;
+    tool.useTls(context);
+    if (tool.connect(location.server.c_str()) != 1) {
+        detail = "no secure connection: " + std::string(tool.getResponse());
+        return false;
+    }
+    if (!tool.tlsDetails(&peer)) {
+        detail = "connected, but no TLS details";
+        tool.quit();
+        return false;
+    }
+    if (login && tool.login(location.user.c_str(), location.password.c_str()) != 1) {
+        detail = "login over TLS refused: " + std::string(tool.getResponse());
+        tool.quit();
+        return false;
+    }
+    tool.quit();
+    detail = peer.protocol + " " + peer.cipher + ", certificate check: " + peer.verification;
+    return true;
+}
+
+// The certificate, one field a line below the tls step.
+void printCertificate(const TlsPeerDetails& peer) {
+    std::cout << kDetailIndent << "subject   " << peer.subject << "\n"
+              << kDetailIndent << "issuer    " << peer.issuer << "\n"
+              << kDetailIndent << "valid     from " << peer.notBefore << " to " << peer.notAfter
+              << "\n"
+              << kDetailIndent << "SHA-256   " << peer.fingerprint << std::endl;
+}
+
+// The fingerprint the module names in an untrusted certificate's error
+// ("...; SHA-256 fingerprint AB:CD:..."), or "".
+std::string fingerprintIn(const std::string& text) {
+    const std::string marker = "SHA-256 fingerprint ";
+    const std::string::size_type at = text.rfind(marker);
+    if (at == std::string::npos) {
+        return "";
+    }
+    const std::string fingerprint = text.substr(at + marker.size());
+    std::string raw;
+    return tlsParseFingerprint(fingerprint, &raw) ? fingerprint : "";
+}
+
 class StepPrinter {
 public:
     // Runs `body` as one step unless an earlier step it needs has failed.
@@ -270,7 +343,7 @@ int runCheck(const Arguments& args) {
         }
         cameras = static_cast<int>(whole);
     }
-    Session session("check");
+    Session session("check", args);
     // A text that is not a location is a usage error, reported before any step.
     const double registerStart = monotonicSeconds();
     int status = session.registerLocation(args.positional[0]);
@@ -290,12 +363,62 @@ int runCheck(const Arguments& args) {
     const double initStart = monotonicSeconds();
     const bool ready = session.init(true) == kExitOk;
     const double initSeconds = monotonicSeconds() - initStart;
+    const FTPFileSystem::LastError initError = FTPFileSystem::getLastError();
     steps.report("init", ready, initSeconds,
                  ready ? "connected and logged in" : lastFailure(location).text);
+
+    // ftps: what the store's connections are made of. After a certificate
+    // the store did not trust, a look at it without the trust check and
+    // without logging in, so that the user can tell whether to pin it.
+    std::shared_ptr<TlsContext> tls;
+    bool secured = true;
+    if (location.tls) {
+        const bool untrusted = !ready && initError.kind == FTPFileSystem::kErrorTls;
+        TlsPeerDetails peer;
+        bool looked = false;
+        secured = steps.run("tls", ready || untrusted, "init failed", [&](std::string& detail) {
+            TlsTrust trust = trustOf(session.tls());
+            if (untrusted) {
+                trust = TlsTrust();
+                trust.mode = TlsTrust::kUnverified;
+            }
+            std::string why;
+            tls = TlsContext::make(trust, &why);
+            if (!tls) {
+                detail = why;
+                return false;
+            }
+            looked = probeTls(location, tls, !untrusted, peer, detail);
+            if (untrusted) {
+                detail = looked ? "the certificate the server showed, not trusted:"
+                                : "cannot look at the certificate: " + detail;
+                return false;
+            }
+            return looked;
+        });
+        if (looked) {
+            printCertificate(peer);
+        }
+        if (untrusted) {
+            const std::string fingerprint = fingerprintIn(initError.text);
+            if (!fingerprint.empty()) {
+                std::cout << "hint: once you know this certificate is the server's own, trust it "
+                             "with --tls-fingerprint "
+                          << fingerprint
+                          << ", or give --ca-file with the CA certificate that signed it"
+                          << std::endl;
+            }
+        } else if (secured && session.tls().insecure) {
+            std::cout << "warning: the server's certificate is not verified (" << kTlsInsecureOption
+                      << "): the connection is encrypted, but anyone on the way can pose as the "
+                         "server and read the password; pin this certificate with "
+                      << kTlsFingerprintOption << " " << peer.fingerprint << std::endl;
+        }
+    }
     SlowestReply slowest;
-    const bool dataReached = steps.run("data", ready, "init failed", [&](std::string& detail) {
-        return probeDataAddress(location, slowest, detail);
-    });
+    const bool dataReached = steps.run(
+        "data", ready && secured, ready ? "tls failed" : "init failed",
+        [&](std::string& detail) { return probeDataAddress(location, tls, slowest, detail); });
     steps.run("replies", dataReached, "data failed", [&](std::string& detail) {
         detail = "slowest reply " + humanMillis(slowest.seconds) + " (" + slowest.what + ")";
         // The module waits 3 s for a reply to start and fails the command

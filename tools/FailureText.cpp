@@ -31,6 +31,11 @@ FailureReason describeFailure(const Location& location, int kind, const std::str
             reason.text = "the connection to " + server + " was lost: " + text;
             break;
         case FTPFileSystem::kErrorRefused: reason.text = server + " refused it: " + text; break;
+        case FTPFileSystem::kErrorTls:
+            // A failed handshake, or a certificate the store does not trust
+            // (the text then ends with its fingerprint).
+            reason.text = "no secure connection to " + server + ": " + text;
+            break;
         case FTPFileSystem::kErrorNone: reason.text = "no reason given"; break;
         default: reason.text = std::string(FTPFileSystem::errorKindName(kind)) + ": " + text; break;
     }

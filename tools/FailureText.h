@@ -9,6 +9,8 @@
 //       -> "127.0.0.1:2121 refused the login as rec: 530 Login incorrect."
 //   kErrorTurnedAway "421 Too many connections (50) from this IP"
 //       -> "127.0.0.1:2121 refused the session: 421 Too many connections (50) from this IP"
+//   kErrorTls "TLS certificate not trusted: self-signed certificate; SHA-256 fingerprint AB:..."
+//       -> "no secure connection to nas:21: TLS certificate not trusted: ..."
 //
 // Plain functions on values; safe from any thread.
 #ifndef FTPDISK_TOOLS_FAILURETEXT_H

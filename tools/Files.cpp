@@ -10,7 +10,7 @@
 namespace ftpdisk_tool {
 
 int runLs(const Arguments& args) {
-    Session session("ls");
+    Session session("ls", args);
     std::string dir;
     int status = session.openAt(args.positional[0], args.positionalOr(1), dir);
     if (status == kExitOk) {
@@ -51,7 +51,7 @@ int runLs(const Arguments& args) {
 }
 
 int runDu(const Arguments& args) {
-    Session session("du");
+    Session session("du", args);
     std::string dir;
     int status = session.openAt(args.positional[0], args.positionalOr(1), dir);
     if (status == kExitOk) {
@@ -70,7 +70,7 @@ int runDu(const Arguments& args) {
 }
 
 int runDf(const Arguments& args) {
-    Session session("df");
+    Session session("df", args);
     int status = session.open(args.positional[0]);
     if (status != kExitOk) {
         return status;
@@ -90,7 +90,7 @@ int runDf(const Arguments& args) {
 }
 
 int runMkdir(const Arguments& args) {
-    Session session("mkdir");
+    Session session("mkdir", args);
     if (!session.listableName(args.positional[1])) {
         return kExitUsage;
     }
@@ -107,7 +107,7 @@ int runMkdir(const Arguments& args) {
 }
 
 int runRm(const Arguments& args) {
-    Session session("rm");
+    Session session("rm", args);
     std::string path;
     const int status = session.openAt(args.positional[0], args.positional[1], path);
     if (status != kExitOk) {
@@ -140,7 +140,7 @@ int runRm(const Arguments& args) {
 }
 
 int runMv(const Arguments& args) {
-    Session session("mv");
+    Session session("mv", args);
     if (!session.listableName(args.positional[2])) {
         return kExitUsage;
     }

@@ -10,6 +10,7 @@
 #include "Credentials.h"
 #include "FailureText.h"
 #include "filesystem/FTPFileSystemManager.h"
+#include "ftp/TlsContext.h"
 
 namespace ftpdisk_tool {
 
@@ -58,6 +59,22 @@ bool parseArguments(int argc, char** argv, const std::set<std::string>& flagName
     return true;
 }
 
+TlsOptions TlsOptions::from(const Arguments& args) {
+    TlsOptions options;
+    const auto fingerprint = args.values.find(kTlsFingerprintOption);
+    if (fingerprint != args.values.end()) {
+        options.pinned = true;
+        options.fingerprint = fingerprint->second;
+    }
+    const auto caFile = args.values.find(kCaFileOption);
+    if (caFile != args.values.end()) {
+        options.caFileGiven = true;
+        options.caFile = caFile->second;
+    }
+    options.insecure = args.has(kTlsInsecureOption);
+    return options;
+}
+
 int fail(const std::string& command, const std::string& message, int status) {
     std::cout.flush();
     std::cerr << "ftpdisk " << command << ": " << message << std::endl;
@@ -94,6 +111,12 @@ int Session::registerLocation(const std::string& text) {
                         kLocationForm + ")",
                     kExitUsage);
     }
+    // Before the password is looked for: options that do not fit the
+    // location are a mistake whatever the password.
+    problem = tlsProblem();
+    if (!problem.empty()) {
+        return usage(command_, problem);
+    }
     if (!location_.passwordGiven) {
         std::string password;
         std::string source;
@@ -116,6 +139,57 @@ int Session::registerLocation(const std::string& text) {
     if (registry->getFTPFileSystem(location_.text, store_) != 1) {
         return fail(command_, "the registry has no store for " + location_.masked(), kExitFailed);
     }
+    return applyTls();
+}
+
+std::string Session::tlsProblem() const {
+    if (!tls_.given()) {
+        return "";
+    }
+    const char* first = tls_.pinned        ? kTlsFingerprintOption
+                        : tls_.caFileGiven ? kCaFileOption
+                                           : kTlsInsecureOption;
+    if (!location_.tls) {
+        return std::string(first) + " is for ftps:// locations only, and " + location_.masked() +
+               " is not one";
+    }
+    if (tls_.count() > 1) {
+        return std::string(kTlsFingerprintOption) + ", " + kCaFileOption + " and " +
+               kTlsInsecureOption + " each replace the others: give one";
+    }
+    std::string raw;
+    if (tls_.pinned && !tlsParseFingerprint(tls_.fingerprint, &raw)) {
+        return std::string(kTlsFingerprintOption) +
+               " takes the SHA-256 fingerprint of the server's certificate, 64 hexadecimal "
+               "digits with or without colons between pairs (as ftpdisk check prints it), not \"" +
+               tls_.fingerprint + "\"";
+    }
+    if (tls_.caFileGiven && tls_.caFile.empty()) {
+        return std::string(kCaFileOption) + " needs a file name";
+    }
+    return "";
+}
+
+int Session::applyTls() {
+    if (!tls_.given()) {
+        return kExitOk;
+    }
+    FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
+    if (tls_.pinned) {
+        if (registry->setTlsPinnedFingerprint(location_.text, tls_.fingerprint) != 0) {
+            return usage(command_, std::string(kTlsFingerprintOption) + " refused by the store: " +
+                                       FTPFileSystem::getLastError().text);
+        }
+    } else if (tls_.caFileGiven) {
+        if (registry->addTlsCaFile(location_.text, tls_.caFile) != 0) {
+            return fail(command_, FTPFileSystem::getLastError().text, kExitFailed);
+        }
+    } else if (registry->skipTlsCertificateVerification(location_.text) != 0) {
+        return fail(command_,
+                    std::string(kTlsInsecureOption) +
+                        " refused by the store: " + FTPFileSystem::getLastError().text,
+                    kExitFailed);
+    }
     return kExitOk;
 }
 
@@ -125,7 +199,15 @@ int Session::init(bool quiet) {
     }
     if (store_->init() != 0) {
         if (!quiet) {
-            fail(command_, lastFailure(location_).text, kExitFailed);
+            const bool untrusted =
+                FTPFileSystem::getLastError().kind == FTPFileSystem::kErrorTls && !tls_.given();
+            std::string text = lastFailure(location_).text;
+            if (untrusted && text.find("not trusted") != std::string::npos) {
+                text += " (once you know it is the server's own certificate, trust it with " +
+                        std::string(kTlsFingerprintOption) + ", or give " + kCaFileOption +
+                        " with the CA certificate that signed it)";
+            }
+            fail(command_, text, kExitFailed);
         }
         return kExitFailed;
     }

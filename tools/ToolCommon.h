@@ -40,6 +40,26 @@ struct Arguments {
     }
 };
 
+// The options of every command that takes a location, for an ftps://
+// location: how the server's certificate is trusted, through the registry's
+// trust calls. At most one of the three: each replaces the others.
+constexpr const char* kTlsFingerprintOption = "--tls-fingerprint";
+constexpr const char* kCaFileOption = "--ca-file";
+constexpr const char* kTlsInsecureOption = "--tls-insecure";
+
+struct TlsOptions {
+    bool pinned = false;      // --tls-fingerprint given
+    std::string fingerprint;  // its text as given
+    bool caFileGiven = false;
+    std::string caFile;
+    bool insecure = false;  // --tls-insecure
+
+    // The options found in `args`.
+    static TlsOptions from(const Arguments& args);
+    int count() const { return int(pinned) + int(caFileGiven) + int(insecure); }
+    bool given() const { return count() != 0; }
+};
+
 // Bytes per store call for whole files: 64 KiB keeps the per-call overhead
 // small without holding much memory.
 constexpr unsigned kBlock = 64 * 1024;
@@ -80,7 +100,9 @@ std::int64_t readFromStore(FTPFileSystem* store, int handle, const BlockSink& si
 // object. open() reports failure as one line on standard error.
 class Session {
 public:
-    explicit Session(std::string command) : command_(std::move(command)) {}
+    // `args` carries the command's TLS options (TlsOptions).
+    Session(std::string command, const Arguments& args)
+        : command_(std::move(command)), tls_(TlsOptions::from(args)) {}
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -89,7 +111,11 @@ public:
     // none (see Credentials.h), registers it and fetches its store. Returns
     // kExitOk, or kExitUsage for a text that is not a location (after printing
     // "not a location: ...") or one without a password to be found, with no
-    // store then.
+    // store then. For an ftps:// location it then applies the TLS options
+    // through the registry's trust calls: kExitUsage for TLS options with an
+    // ftp:// location, more than one of them or a text that is not a
+    // fingerprint; kExitFailed when the CA file cannot be read (with the
+    // module's reason).
     int registerLocation(const std::string& text);
     // Connects and logs in. Returns kExitOk or kExitFailed; unless `quiet`,
     // a failure is printed with its reason, the module's last error (see
@@ -121,9 +147,17 @@ public:
     const Location& location() const { return location_; }
     FTPFileSystem* store() { return store_.get(); }
     const std::string& command() const { return command_; }
+    const TlsOptions& tls() const { return tls_; }
 
 private:
+    // The TLS options against the location: "" when they fit, else why not.
+    std::string tlsProblem() const;
+    // The registry's trust calls for the TLS options; kExitOk or the status
+    // to exit with (its message printed).
+    int applyTls();
+
     std::string command_;
+    TlsOptions tls_;
     Location location_;
     SafePointer<FTPFileSystem> store_;
     bool registered_ = false;

@@ -2,6 +2,7 @@
 
 #include <stdint.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <vector>
 
@@ -10,7 +11,7 @@
 
 namespace ftpdisk_tool {
 
-const char* const kLocationForm = "user[(password)]@ftp://server[:port]/path";
+const char* const kLocationForm = "user[(password)]@ftp[s]://server[:port]/path";
 
 namespace {
 
@@ -132,7 +133,8 @@ std::string childPath(const std::string& dir, const std::string& name) {
 }
 
 std::string Location::masked() const {
-    return escapeUser(user) + "(***)@" + NS_FTPPath::FTPPathBegin + server + base;
+    return escapeUser(user) + "(***)@" +
+           (tls ? NS_FTPPath::FTPSPathBegin : NS_FTPPath::FTPPathBegin) + server + base;
 }
 
 bool Location::setPassword(const std::string& secret, std::string& problem) {
@@ -149,6 +151,7 @@ bool Location::setPassword(const std::string& secret, std::string& problem) {
 // 'a*(b(pw)@ftp://h\dir\sub/' -> user "a(b", password "pw", server "h",
 // base "/dir/sub": the same reading the registry gives the text.
 // 'a*(b@ftp://h/p' -> user "a(b", no password (passwordGiven false).
+// 'rec(pw)@ftps://h:990/p' -> the same fields, tls true.
 bool parseLocation(const std::string& text, Location& out, std::string& problem) {
     out = Location();
     out.text = text;
@@ -188,8 +191,8 @@ bool parseLocation(const std::string& text, Location& out, std::string& problem)
         }
     }
 
-    if (NS_FTPPath::parseServerInfo(serverInfo, out.server, out.base) == 0) {
-        problem = "no \"ftp://\" before the server";
+    if (NS_FTPPath::parseServerInfo(serverInfo, out.server, out.base, &out.tls) == 0) {
+        problem = "no \"ftp://\" or \"ftps://\" before the server";
         return false;
     }
 
@@ -218,7 +221,8 @@ std::string maskLocationText(const std::string& text) {
     // stands before the marker; without that either, the whole text.
     std::string::size_type end = text.rfind('@');
     if (end == std::string::npos) {
-        end = text.find(NS_FTPPath::FTPPathBegin);
+        // Whichever marker comes first ("ftps://" does not hold "ftp://").
+        end = std::min(text.find(NS_FTPPath::FTPPathBegin), text.find(NS_FTPPath::FTPSPathBegin));
     }
     if (end == std::string::npos) {
         end = text.size();

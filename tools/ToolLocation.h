@@ -31,6 +31,8 @@ constexpr std::size_t kMaxRemotePath = 250;
 //   -> user "rec", password "pw" (given), server "127.0.0.1:2121", base "/video"
 //   'rec@ftp://127.0.0.1:2121/video'
 //   -> user "rec", no password yet (see setPassword), the same server and base
+//   'rec@ftps://nas/video'
+//   -> user "rec", server "nas", base "/video", tls: every connection is TLS
 struct Location {
     std::string text;            // the registry's key: as given, or with the password put in
     std::string user;            // unescaped
@@ -39,11 +41,14 @@ struct Location {
     std::string server;          // host[:port]
     std::string base;            // "" for the root, else "/dir..." without a trailing "/"
     std::string serverPart;      // the text after its last "@", as given
+    bool tls = false;            // "ftps://": explicit TLS on every connection
 
-    // The location for display: the password replaced by "***".
+    // The location for display: the password replaced by "***" ("ftps://"
+    // kept for a TLS location).
     std::string masked() const;
     // Takes the password from elsewhere for a text that did not carry one,
-    // and makes `text` the registry's form 'user(password)@ftp://...'. Returns
+    // and makes `text` the registry's form 'user(password)@ftp://...' (or
+    // '...@ftps://...', as the text gave it). Returns
     // false, with `problem` set (never containing the password), when the
     // store could not take it (too long, or holding a control character).
     bool setPassword(const std::string& secret, std::string& problem);

@@ -139,7 +139,7 @@ std::int64_t copyDown(FTPFileSystem* store, int handle, int fd, const std::strin
 }  // namespace
 
 int runPut(const Arguments& args) {
-    Session session("put");
+    Session session("put", args);
     const std::string local = args.positional[1];
     std::string remote;
     const int status =
@@ -227,7 +227,7 @@ int runPut(const Arguments& args) {
 }
 
 int runGet(const Arguments& args) {
-    Session session("get");
+    Session session("get", args);
     std::string remote;
     int status = session.openAt(args.positional[0], args.positional[1], remote);
     if (status != kExitOk) {
@@ -279,7 +279,7 @@ int runGet(const Arguments& args) {
 }
 
 int runCat(const Arguments& args) {
-    Session session("cat");
+    Session session("cat", args);
     std::string remote;
     int status = session.openAt(args.positional[0], args.positional[1], remote);
     int handle = -1;

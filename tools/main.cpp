@@ -15,9 +15,11 @@ namespace {
 
 #define LOCATION_HELP                                                                   \
     "LOCATION is user@ftp://server[:port]/path, for example\n"                          \
-    "  rec@ftp://127.0.0.1:2121/video. The store is made from server, user and\n"       \
-    "  password; /path is the base directory, and every PATH argument is taken\n"       \
-    "  below it (a leading / included; \"..\" is refused).\n"                           \
+    "  rec@ftp://127.0.0.1:2121/video, or user@ftps://server[:port]/path for\n"         \
+    "  explicit TLS (FTPS) on every connection, on the same default port 21. The\n"     \
+    "  store is made from server, user and password; /path is the base directory,\n"    \
+    "  and every PATH argument is taken below it (a leading / included; \"..\" is\n"    \
+    "  refused).\n"                                                                     \
     "\n"                                                                                \
     "The password comes from the environment variable FTPDISK_PASSWORD, or when\n"      \
     "  that is unset or empty from ~/.netrc ($HOME/.netrc): the first entry\n"          \
@@ -28,7 +30,20 @@ namespace {
     "The older form user(password)@ftp://server[:port]/path still works (quote it:\n"   \
     "  the shell treats ( and ) specially) but exposes the password: every local\n"     \
     "  user sees it in the process list until the command has read its arguments\n"     \
-    "  (it then blanks it out of them), and the shell's history keeps it.\n"
+    "  (it then blanks it out of them), and the shell's history keeps it.\n"            \
+    "\n"                                                                                \
+    "TLS-OPTIONS, for an ftps:// location only, at most one of them. Without them\n"    \
+    "  the server's certificate must chain to the system's trust store and carry\n"     \
+    "  the server's name or address as LOCATION gives it.\n"                            \
+    "  --tls-fingerprint SHA256  trust exactly the certificate with this SHA-256\n"     \
+    "                            fingerprint (64 hexadecimal digits, colons between\n"  \
+    "                            pairs allowed, as ftpdisk check prints it), whoever\n" \
+    "                            signed it: for a server's self-signed certificate\n"   \
+    "  --ca-file FILE            also trust the CA certificates in the PEM file FILE\n" \
+    "                            (the server's name is still checked)\n"                \
+    "  --tls-insecure            accept any certificate: the connection is\n"           \
+    "                            encrypted, but anyone on the way can pose as the\n"    \
+    "                            server and read the password\n"
 
 const std::vector<Command>& commands() {
     // One row per command, laid out by hand: formatting would give every
@@ -36,7 +51,7 @@ const std::vector<Command>& commands() {
     // clang-format off
     static const std::vector<Command> table = {
         {"check", "walk a location through everything a recorder does, with a verdict",
-         "usage: ftpdisk check LOCATION [--cameras N]\n"
+         "usage: ftpdisk check [TLS-OPTIONS] LOCATION [--cameras N]\n"
          "\n"
          "Registers the location, connects and logs in, lists the base through a\n"
          "passive data connection (saying which address the server announces for\n"
@@ -45,6 +60,12 @@ const std::vector<Command>& commands() {
          "measures it, reads it back, deletes it, removes the directory and logs out.\n"
          "Prints one line per step with its result and time, then a verdict. Exit\n"
          "status 0 only if every step passed.\n"
+         "For an ftps:// location a tls step after the login shows the server's\n"
+         "certificate (subject, issuer, validity and SHA-256 fingerprint, to pin with\n"
+         "--tls-fingerprint), which check it passed, and the protocol and cipher; with\n"
+         "--tls-insecure it warns that the certificate is not verified. When the\n"
+         "certificate is not trusted, init fails with its fingerprint, and the tls\n"
+         "step shows the certificate without logging in.\n"
          "  --cameras N   also open N files at once (1 to 64), as N cameras recording\n"
          "                together, write and close them: the store then holds N + 1\n"
          "                logged-in connections. Says how many the server granted,\n"
@@ -53,7 +74,7 @@ const std::vector<Command>& commands() {
          "\n" LOCATION_HELP,
          {}, {"--cameras"}, 1, 1, runCheck},
         {"ls", "list the directories and files of a directory",
-         "usage: ftpdisk ls [-l] LOCATION [PATH]\n"
+         "usage: ftpdisk ls [-l] [TLS-OPTIONS] LOCATION [PATH]\n"
          "\n"
          "Lists the subdirectories (with a trailing /) and then the plain files of\n"
          "PATH (default: the base directory), each group sorted by name.\n"
@@ -61,7 +82,7 @@ const std::vector<Command>& commands() {
          "\n" LOCATION_HELP,
          {"-l"}, {}, 1, 2, runLs},
         {"du", "total size of a directory tree",
-         "usage: ftpdisk du LOCATION [PATH]\n"
+         "usage: ftpdisk du [TLS-OPTIONS] LOCATION [PATH]\n"
          "\n"
          "Adds up the listed sizes of everything below PATH (default: the base\n"
          "directory), the directory entries' own listed sizes included, as the\n"
@@ -69,7 +90,7 @@ const std::vector<Command>& commands() {
          "\n" LOCATION_HELP,
          {}, {}, 1, 2, runDu},
         {"df", "the store's space figures",
-         "usage: ftpdisk df LOCATION\n"
+         "usage: ftpdisk df [TLS-OPTIONS] LOCATION\n"
          "\n"
          "Prints the store's two space figures. The store counts only the bytes it\n"
          "wrote itself since init and never asks the server, so a fresh store in this\n"
@@ -77,13 +98,13 @@ const std::vector<Command>& commands() {
          "\n" LOCATION_HELP,
          {}, {}, 1, 1, runDf},
         {"mkdir", "make a directory and every missing parent",
-         "usage: ftpdisk mkdir LOCATION PATH\n"
+         "usage: ftpdisk mkdir [TLS-OPTIONS] LOCATION PATH\n"
          "\n"
          "Creates PATH and every missing directory above it.\n"
          "\n" LOCATION_HELP,
          {}, {}, 2, 2, runMkdir},
         {"rm", "delete a file, or a directory tree with -r",
-         "usage: ftpdisk rm [-r] LOCATION PATH\n"
+         "usage: ftpdisk rm [-r] [TLS-OPTIONS] LOCATION PATH\n"
          "\n"
          "Deletes the file PATH. With -r, PATH may be a directory: it is removed with\n"
          "everything below it, depth first; on a failure what was already removed\n"
@@ -91,13 +112,13 @@ const std::vector<Command>& commands() {
          "\n" LOCATION_HELP,
          {"-r"}, {}, 2, 2, runRm},
         {"mv", "rename a file",
-         "usage: ftpdisk mv LOCATION FROM TO\n"
+         "usage: ftpdisk mv [TLS-OPTIONS] LOCATION FROM TO\n"
          "\n"
          "Renames FROM to TO, both below the base directory.\n"
          "\n" LOCATION_HELP,
          {}, {}, 3, 3, runMv},
         {"put", "upload a local file",
-         "usage: ftpdisk put LOCATION LOCALFILE [PATH]\n"
+         "usage: ftpdisk put [TLS-OPTIONS] LOCATION LOCALFILE [PATH]\n"
          "\n"
          "Uploads LOCALFILE to PATH (default: its own name in the base directory; an\n"
          "existing directory receives the file under its own name) through open,\n"
@@ -107,7 +128,7 @@ const std::vector<Command>& commands() {
          "\n" LOCATION_HELP,
          {}, {}, 2, 3, runPut},
         {"get", "download a remote file",
-         "usage: ftpdisk get LOCATION PATH [LOCALFILE]\n"
+         "usage: ftpdisk get [TLS-OPTIONS] LOCATION PATH [LOCALFILE]\n"
          "\n"
          "Downloads PATH to LOCALFILE (default: its own name in the current directory;\n"
          "an existing directory receives the file under its own name) through open,\n"
@@ -119,14 +140,14 @@ const std::vector<Command>& commands() {
          "\n" LOCATION_HELP,
          {}, {}, 2, 3, runGet},
         {"cat", "write a remote file to standard output",
-         "usage: ftpdisk cat LOCATION PATH\n"
+         "usage: ftpdisk cat [TLS-OPTIONS] LOCATION PATH\n"
          "\n"
          "Copies the file PATH to standard output, byte for byte.\n"
          "\n" LOCATION_HELP,
          {}, {}, 2, 2, runCat},
         {"record", "simulate a recorder writing cameras' segment files",
-         "usage: ftpdisk record LOCATION [--cameras N] [--seconds S] [--rate MBIT]\n"
-         "                      [--segment SEC] [--aio] [--json FILE]\n"
+         "usage: ftpdisk record [TLS-OPTIONS] LOCATION [--cameras N] [--seconds S]\n"
+         "                      [--rate MBIT] [--segment SEC] [--aio] [--json FILE]\n"
          "                      [--day-seconds SEC [--keep-days N]]\n"
          "                      [--list-every SEC] [--pause-every SEC --pause-for SEC]\n"
          "                      [--samples N]\n"
@@ -212,7 +233,14 @@ void blankPasswords(int argc, char** argv) {
 int runCommand(const Command& command, int argc, char** argv) {
     Arguments args;
     std::string problem;
-    const bool parsed = parseArguments(argc, argv, command.flags, command.values, args, problem);
+    // Every command takes a location, so every command takes the TLS options
+    // (applied by Session::registerLocation).
+    std::set<std::string> flags = command.flags;
+    flags.insert(kTlsInsecureOption);
+    std::set<std::string> values = command.values;
+    values.insert(kTlsFingerprintOption);
+    values.insert(kCaFileOption);
+    const bool parsed = parseArguments(argc, argv, flags, values, args, problem);
     blankPasswords(argc, argv);
     if (!parsed) {
         return usage(command.name, problem);

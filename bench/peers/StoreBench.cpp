@@ -5,14 +5,18 @@
 // arrived; this program only does the work and reports on standard output one
 // line of "key=value" pairs.
 //
-//   ftpdisk_peers_store LOCATION stream REMOTE BYTES [warm] open, 64 KiB writes, close
-//   ftpdisk_peers_store LOCATION put LOCAL REMOTE           Put
-//   ftpdisk_peers_store LOCATION get REMOTE LOCAL           Get
-//   ftpdisk_peers_store LOCATION many DIR COUNT BYTES       COUNT files: open, write, close
-//   ftpdisk_peers_store LOCATION list DIR NAMES_OUT         getFileList, names to NAMES_OUT
-//   ftpdisk_peers_store LOCATION handles DIR COUNT          RSS with COUNT handles open
+//   ftpdisk_peers_store [--ca FILE] LOCATION WORK ARGUMENTS...
 //
-// LOCATION is 'user(password)@ftp://127.0.0.1:port/'. `seconds` covers init
+//   stream REMOTE BYTES [warm]  open, 64 KiB writes, close
+//   put LOCAL REMOTE            Put
+//   get REMOTE LOCAL            Get
+//   many DIR COUNT BYTES        COUNT files: open, write, close
+//   list DIR NAMES_OUT          getFileList, names to NAMES_OUT
+//   handles DIR COUNT           RSS with COUNT handles open
+//
+// LOCATION is 'user(password)@ftp://127.0.0.1:port/', or with ftps:// for
+// explicit FTPS, whose server certificate is then checked against the CA
+// certificate FILE (addTlsCaFile) besides the system's. `seconds` covers init
 // (connect and log in on the main connection) through uninit (QUIT); `work`
 // is the operation alone. Handle operations (stream, put, get, many) run on a
 // connection of their own, which the first open connects and logs in: their
@@ -45,6 +49,12 @@ const unsigned int kBlock = 65536;
 double now() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
+}
+
+// What the calling thread's last call met, for a failure's message.
+std::string lastError() {
+    const FTPFileSystem::LastError error = FTPFileSystem::getLastError();
+    return std::string(FTPFileSystem::errorKindName(error.kind)) + ": " + error.text;
 }
 
 // Resident set of this process in bytes, from /proc/self/statm.
@@ -91,7 +101,7 @@ bool streamFile(FTPFileSystem& store, const std::string& remote, unsigned long l
                 std::vector<char>& block, uint64_t fileNumber) {
     const int handle = store.open(remote.c_str(), 2);
     if (handle == -1) {
-        std::fprintf(stderr, "open %s failed\n", remote.c_str());
+        std::fprintf(stderr, "open %s failed (%s)\n", remote.c_str(), lastError().c_str());
         return false;
     }
     bool ok = true;
@@ -103,7 +113,7 @@ bool streamFile(FTPFileSystem& store, const std::string& remote, unsigned long l
         ok = writeAll(store, handle, &block[0], len);
     }
     if (store.close(handle) != 0) {
-        std::fprintf(stderr, "close %s failed\n", remote.c_str());
+        std::fprintf(stderr, "close %s failed (%s)\n", remote.c_str(), lastError().c_str());
         ok = false;
     }
     return ok;
@@ -111,24 +121,30 @@ bool streamFile(FTPFileSystem& store, const std::string& remote, unsigned long l
 
 int usage() {
     std::fprintf(stderr,
-                 "usage: ftpdisk_peers_store LOCATION stream REMOTE BYTES [warm]\n"
-                 "       ftpdisk_peers_store LOCATION put LOCAL REMOTE\n"
-                 "       ftpdisk_peers_store LOCATION get REMOTE LOCAL\n"
-                 "       ftpdisk_peers_store LOCATION many DIR COUNT BYTES\n"
-                 "       ftpdisk_peers_store LOCATION list DIR NAMES_OUT\n"
-                 "       ftpdisk_peers_store LOCATION handles DIR COUNT\n");
+                 "usage: ftpdisk_peers_store [--ca FILE] LOCATION stream REMOTE BYTES [warm]\n"
+                 "       ftpdisk_peers_store [--ca FILE] LOCATION put LOCAL REMOTE\n"
+                 "       ftpdisk_peers_store [--ca FILE] LOCATION get REMOTE LOCAL\n"
+                 "       ftpdisk_peers_store [--ca FILE] LOCATION many DIR COUNT BYTES\n"
+                 "       ftpdisk_peers_store [--ca FILE] LOCATION list DIR NAMES_OUT\n"
+                 "       ftpdisk_peers_store [--ca FILE] LOCATION handles DIR COUNT\n");
     return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
+    std::vector<std::string> words(argv + 1, argv + argc);
+    std::string caFile;
+    if (words.size() >= 2 && words[0] == "--ca") {
+        caFile = words[1];
+        words.erase(words.begin(), words.begin() + 2);
+    }
+    if (words.size() < 2) {
         return usage();
     }
-    const std::string location = argv[1];
-    const std::string work = argv[2];
-    std::vector<std::string> args(argv + 3, argv + argc);
+    const std::string location = words[0];
+    const std::string work = words[1];
+    std::vector<std::string> args(words.begin() + 2, words.end());
     const bool known =
         (work == "stream" && (args.size() == 2 || (args.size() == 3 && args[2] == "warm"))) ||
         (work == "put" && args.size() == 2) || (work == "get" && args.size() == 2) ||
@@ -144,6 +160,11 @@ int main(int argc, char** argv) {
     if (registry->addFTPFileSystem(location) != 0 ||
         registry->getFTPFileSystem(location, store) != 1) {
         std::fprintf(stderr, "the registry refused %s\n", location.c_str());
+        return 1;
+    }
+    if (!caFile.empty() && registry->addTlsCaFile(location, caFile) != 0) {
+        std::fprintf(stderr, "the registry refused the CA file %s for %s\n", caFile.c_str(),
+                     location.c_str());
         return 1;
     }
     std::vector<char> block(kBlock);
@@ -165,8 +186,10 @@ int main(int argc, char** argv) {
         ok = ok && streamFile(*store, args[0], std::strtoull(args[1].c_str(), NULL, 10), block, 0);
     } else if (work == "put") {
         ok = store->Put(args[0].c_str(), args[1].c_str()) == 0;
+        if (!ok) std::fprintf(stderr, "Put failed (%s)\n", lastError().c_str());
     } else if (work == "get") {
         ok = store->Get(args[1].c_str(), args[0].c_str()) == 0;
+        if (!ok) std::fprintf(stderr, "Get failed (%s)\n", lastError().c_str());
     } else if (work == "many") {
         const long count = std::strtol(args[1].c_str(), NULL, 10);
         const unsigned long long bytes = std::strtoull(args[2].c_str(), NULL, 10);

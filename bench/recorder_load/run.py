@@ -14,6 +14,15 @@ the targets met or not met (docs/PERFORMANCE.md, "Recorder under load").
 
     bench/recorder_load/run.py --build build/release              # the full matrix
     bench/recorder_load/run.py --cameras 4 --seconds 5 --kinds vsftpd --rtts 10
+    bench/recorder_load/run.py --build build/release --tls        # 64 cameras over ftps
+
+With --tls the runs go over explicit FTPS ("ftps://") to a vsftpd that this
+script starts itself (as bench/peers does) on a tmpfs root, requiring TLS on
+the login and on every data connection, with data connections that resume the
+control connection's session, and a certificate for 127.0.0.1 made by the
+openssl command, which record trusts through SSL_CERT_FILE (the module checks
+against the default trust store, which OpenSSL reads from there). No lab runs,
+head-of-line case or limit case then: they do not involve TLS.
 
 Exit status: 0 when every run completed and its bytes checked out (and, with
 --strict, no call failed and every figure was measured); 1 otherwise. Targets not met do not change it:
@@ -152,6 +161,34 @@ class Server:
         self.helper.end()
 
 
+class TlsVsftpd:
+    """vsftpd on 127.0.0.1 requiring explicit TLS, started by this script (the
+    peer benchmark's own vsftpd, bench/peers/peers.py), its root a folder in
+    /dev/shm owned by rec. `certificate` is the file record must trust."""
+
+    def __init__(self, max_clients):
+        sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..",
+                                        "peers"))
+        import peers  # noqa: E402
+        self.work = tempfile.mkdtemp(prefix="ftpdisk-load-tls-", dir="/dev/shm")
+        os.chmod(self.work, 0o755)
+        self.root = os.path.join(self.work, "root")
+        os.mkdir(self.root)
+        peers.chown_rec(self.root)
+        try:
+            tls = peers.make_certificate(self.work)
+            self.server = peers.Vsftpd(self.work, self.root, max_clients, tls=tls)
+        except peers.Failure as error:
+            shutil.rmtree(self.work, ignore_errors=True)
+            fail("vsftpd with TLS did not start: %s" % error)
+        self.certificate = tls[0]
+        self.port = str(self.server.port)
+
+    def stop(self):
+        self.server.stop()
+        shutil.rmtree(self.work, ignore_errors=True)
+
+
 class Lab:
     """ftpdisk-lab in front of a server, at a given round trip."""
 
@@ -248,21 +285,28 @@ def record_run(tools, args, kind, rtt, workdir):
     """One run: a fresh server (and lab), record, the disk check. Returns a
     dict of the run's figures."""
     name = kind if rtt is None else "%s via lab %d ms" % (kind, rtt)
+    if args.tls:
+        name += " over ftps"
     run = {"name": name, "kind": kind, "rtt": rtt, "load": loadavg(), "ok": True, "problems": []}
-    server = Server(tools, kind, args.cameras + 10, not args.no_tmpfs)
+    if args.tls:
+        server = TlsVsftpd(args.cameras + 10)
+    else:
+        server = Server(tools, kind, args.cameras + 10, not args.no_tmpfs)
     lab = None
     address = "127.0.0.1:" + server.port
     if rtt is not None:
         lab = Lab(tools, address, rtt)
         address = lab.address
     figures_file = os.path.join(workdir, re.sub(r"[^a-z0-9]+", "-", name) + ".json")
-    argv = [tools.ftpdisk, "record", "rec@ftp://%s/video" % address,
+    argv = [tools.ftpdisk, "record", "rec@%s://%s/video" % ("ftps" if args.tls else "ftp", address),
             "--cameras", str(args.cameras), "--seconds", "%g" % args.seconds,
             "--rate", "%g" % args.rate, "--segment", "%g" % args.segment,
             "--json", figures_file]
     if args.aio:
         argv.append("--aio")
     env = dict(os.environ, FTPDISK_PASSWORD="pw", HOME=workdir, FTPDISK_LOG_ROOT=workdir)
+    if args.tls:
+        env["SSL_CERT_FILE"] = server.certificate
     busy0, total0 = cpu_ticks()
     usage0 = resource.getrusage(resource.RUSAGE_CHILDREN)
     try:
@@ -457,7 +501,21 @@ def main():
                         help="a failed call makes the exit status 1 (for the smoke test)")
     parser.add_argument("--keep", metavar="DIR",
                         help="keep record's figures files (JSON) in DIR")
+    parser.add_argument("--tls", action="store_true",
+                        help="over explicit FTPS, against a vsftpd requiring TLS that this script "
+                             "starts (kinds: vsftpd only; no lab runs, head-of-line or limit case)")
     args = parser.parse_args()
+    if args.tls:
+        explicit = set(a.split("=")[0] for a in sys.argv[1:])
+        if "--kinds" not in explicit:
+            args.kinds = ["vsftpd"]
+        if args.kinds != ["vsftpd"] or ("--lab-kinds" in explicit and args.lab_kinds):
+            parser.error("--tls runs vsftpd only, directly (--kinds vsftpd)")
+        args.lab_kinds = []
+        args.no_head_of_line = True
+        args.no_limit_case = True
+        if shutil.which("openssl") is None:
+            parser.error("--tls needs the openssl command (scripts/install-deps.sh)")
     if not 1 <= args.cameras <= 64:
         parser.error("--cameras takes 1 to 64")
     tools = Tools(os.path.abspath(args.build))

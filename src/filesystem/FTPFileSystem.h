@@ -353,8 +353,9 @@ public:
     bool isEmptyDir(const char* dir);
     /// Copies the remote file `remoteFile` into the local file `localFile`
     /// (UTF-8 name, created or truncated through the host's KDFile with mode
-    /// 98), through open(remoteFile, 1), read() in 8192-byte pieces and
-    /// close(): the same traffic and locks as those calls.
+    /// 98), through open(remoteFile, 1), read() in pieces of up to 65536
+    /// bytes (a buffer allocated for the call) and close(): the same traffic
+    /// and locks as those calls.
     /// \return 0 when the data connection ended cleanly and every byte that
     /// came is in the local file; the final reply is read by close() but does
     /// not change the result. -1 for a null argument, a local file that
@@ -366,8 +367,8 @@ public:
     int Get(const char* localFile, const char* remoteFile);
     /// Copies the local file `localFile` (UTF-8 name, opened through the
     /// host's KDFile with mode 1) to the remote file `remoteFile`, through
-    /// open(remoteFile, 2), write() in 8192-byte pieces (raising the used-bytes
-    /// account) and close().
+    /// open(remoteFile, 2), write() in pieces of up to 65536 bytes (a buffer
+    /// allocated for the call; raising the used-bytes account) and close().
     /// \return 0 when every byte was taken; the final reply is read by
     /// close() but does not change the result (compare getFileLength() with
     /// the local size where it matters). -1 for a null argument, a missing

@@ -115,7 +115,7 @@ private:
 
     // The implementation of the ftps store registered under exactly
     // `location`, or null with the last error noted. REQUIRES: lock.
-    FTPFileSystemImpl* tlsStore(const std::string& location) FTPDISK_REQUIRES(lock);
+    FTPDISK_LOCAL FTPFileSystemImpl* tlsStore(const std::string& location) FTPDISK_REQUIRES(lock);
 
     std::map<std::string, SafePointer<FTPFileSystem> > fileSystems FTPDISK_GUARDED_BY(lock);
     KDMutex lock;

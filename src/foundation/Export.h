@@ -9,8 +9,11 @@
 
 #if defined(__GNUC__) || defined(__clang__)
 #define FTPDISK_EXPORT __attribute__((visibility("default")))
+// A private member of an exported class that the recorder never binds to.
+#define FTPDISK_LOCAL __attribute__((visibility("hidden")))
 #else
 #define FTPDISK_EXPORT
+#define FTPDISK_LOCAL
 #endif
 
 #define FTPDISK_HOST_API FTPDISK_EXPORT

@@ -136,20 +136,21 @@ int connectWithin(int fd, const struct sockaddr_in& address, double limitSeconds
 ssize_t receive(NetBuf* connection, void* buffer, size_t length, int flags) {
     if (connection->tls == nullptr) return ::recv(connection->handle, buffer, length, flags);
     const int wait = (flags & MSG_DONTWAIT) != 0 ? 0 : waitMilliseconds(connection->idleTime);
-    const int capped = length > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(length);
+    const int capped =
+        length > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(length);
     return connection->tls->receive(static_cast<char*>(buffer), capped, wait);
 }
 
 ssize_t transmit(NetBuf* connection, const void* buffer, size_t length, int flags) {
     if (connection->tls == nullptr) return ::send(connection->handle, buffer, length, flags);
     const int wait = (flags & MSG_DONTWAIT) != 0 ? 0 : waitMilliseconds(connection->idleTime);
-    const int capped = length > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(length);
+    const int capped =
+        length > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(length);
     return connection->tls->send(static_cast<const char*>(buffer), capped, wait);
 }
 
 int waitMilliseconds(NetBufWaitTime wait) {
-    int64_t milliseconds =
-        static_cast<int64_t>(wait.seconds) * 1000 + wait.microseconds / 1000;
+    int64_t milliseconds = static_cast<int64_t>(wait.seconds) * 1000 + wait.microseconds / 1000;
     if (milliseconds < 1) milliseconds = 1;
     if (milliseconds > INT32_MAX) milliseconds = INT32_MAX;
     return static_cast<int>(milliseconds);
@@ -225,8 +226,8 @@ void resetReplyProgress(NetBufReplyState& state) {
 // and its siblings, one for each place that sends) when the host asks for it.
 int sendLineBuffer(FTPTool& tool, NetBuf* connection, int count, const char* format) {
     if (!tool.Socketwait(connection)) return 0;
-    ssize_t sent = ftptool::transmit(connection, connection->buffer, static_cast<size_t>(count),
-                                     MSG_NOSIGNAL);
+    ssize_t sent =
+        ftptool::transmit(connection, connection->buffer, static_cast<size_t>(count), MSG_NOSIGNAL);
     if (sent != count) {
         int error = errno;
         if (ftptool::printReports()) ftptool::report(format, static_cast<int>(sent), error);
@@ -389,9 +390,9 @@ int FTPTool::startTls(const char* host) {
     const size_t colon = tlsName.find(':');
     if (colon != std::string::npos) tlsName.erase(colon);
     std::string why;
-    TlsChannel* channel = tlsContext->handshake(
-        controlBuf->handle, tlsName.c_str(), nullptr,
-        ftptool::waitMilliseconds(controlBuf->idleTime), &why);
+    TlsChannel* channel =
+        tlsContext->handshake(controlBuf->handle, tlsName.c_str(), nullptr,
+                              ftptool::waitMilliseconds(controlBuf->idleTime), &why);
     if (channel == nullptr) {
         // Not one more byte on this connection, "QUIT" included: the socket
         // is closed and the record kept only for its `response`.

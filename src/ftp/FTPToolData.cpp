@@ -73,8 +73,7 @@ bool notReady(ssize_t result) { return result < 0 && (errno == EAGAIN || errno =
 // 0 bytes would not tell whether the socket is ready.
 int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
     if (length > 0) {
-        const ssize_t got =
-            ftptool::receive(data, buf, static_cast<size_t>(length), MSG_DONTWAIT);
+        const ssize_t got = ftptool::receive(data, buf, static_cast<size_t>(length), MSG_DONTWAIT);
         if (!notReady(got)) return static_cast<int>(got);
     }
     if (!tool.Socketwait(data)) {
@@ -99,8 +98,8 @@ int receiveSome(FTPTool& tool, NetBuf* data, char* buf, int length) {
 int sendSome(FTPTool& tool, NetBuf* data, const char* buf, int length) {
     ssize_t sent = 0;
     if (length > 0) {
-        sent = ftptool::transmit(data, buf, static_cast<size_t>(length),
-                                 MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent =
+            ftptool::transmit(data, buf, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent == length) return length;
         if (sent < 0 && !notReady(sent)) return -1;
         if (sent < 0) sent = 0;
@@ -479,7 +478,11 @@ int FTPTool::aioWrite(const char* buf, unsigned int length, NetBuf* data) {
     if (buf == nullptr) return -1;
     // No readiness wait and no accounting: completion is checked separately
     // with aioReturn.
-    const int sent = static_cast<int>(ftptool::transmit(data, buf, length, MSG_NOSIGNAL));
+    // Through TLS the send never waits either (the open file sets its socket
+    // non-blocking for this call); a record the socket took only in part is
+    // finished by the next call, which must bring the same bytes again.
+    const int flags = data->tls != nullptr ? MSG_NOSIGNAL | MSG_DONTWAIT : MSG_NOSIGNAL;
+    const int sent = static_cast<int>(ftptool::transmit(data, buf, length, flags));
     if (sent < 0) {
         const int error = errno;
         if (error == EAGAIN || error == EWOULDBLOCK) {
@@ -515,24 +518,59 @@ int FTPTool::aioReturn(int milliseconds, NetBuf* data) {
     return -2;
 }
 
+namespace {
+
+// Takes off the socket, without waiting, bytes the server sent and nobody
+// read (TLS 1.3 session tickets on an upload): closing a socket with unread
+// bytes makes the close a reset.
+void dropUnread(int fd) {
+    char sink[4096];
+    for (int i = 0; i < 64; ++i) {
+        if (recv(fd, sink, sizeof sink, MSG_DONTWAIT) <= 0) break;
+    }
+}
+
+// A TLS upload's socket, half closed (nothing more goes out) and kept open
+// until the closing reply has been read; closed when this goes out of scope.
+struct LingeringSocket {
+    LingeringSocket() : fd(-1) {}
+    ~LingeringSocket() {
+        if (fd < 0) return;
+        dropUnread(fd);
+        shutdown(fd, SHUT_RDWR);
+        close(fd);
+    }
+    int fd;
+};
+
+}  // namespace
+
 int FTPTool::closeData(NetBuf* data) {
     if (data == nullptr) return 0;
     if (data->direction != kNetBufDataRead && data->direction != kNetBufDataWrite) return 0;
     free(data->buffer);
     data->buffer = nullptr;
+    LingeringSocket lingering;
     if (data->tls != nullptr) {
+        const bool upload = data->direction == kNetBufDataWrite;
         // An upload ends with close_notify, so the server can tell the end of
         // the file from a cut connection.
-        if (data->direction == kNetBufDataWrite) data->tls->closeNotify();
+        if (upload) data->tls->closeNotify(ftptool::waitMilliseconds(data->idleTime));
         ftptool::dropTls(data);
-        // Bytes the server sent and nobody read (TLS 1.3 session tickets on
-        // an upload) would make the close a reset, which can cost the server
-        // the end of the upload: they are taken off the socket first.
-        if (data->handle >= 0) {
-            char sink[4096];
-            for (int i = 0; i < 64; ++i) {
-                if (recv(data->handle, sink, sizeof sink, MSG_DONTWAIT) <= 0) break;
-            }
+        if (data->handle >= 0 && upload && data->control != nullptr &&
+            data->control == controlBuf) {
+            // A TLS 1.3 server may send its session tickets on the data
+            // connection only when it reads the end of our handshake, which
+            // can be after the whole upload went into the socket buffers.
+            // Bytes that reach a closed socket make it answer with a reset,
+            // and a reset throws away what the server has not read yet: the
+            // end of the upload. So the socket is only half closed here and
+            // stays open until the closing reply says the server has it all.
+            shutdown(data->handle, SHUT_WR);
+            lingering.fd = data->handle;
+            data->handle = -1;
+        } else if (data->handle >= 0) {
+            dropUnread(data->handle);
         }
     }
     if (data->handle >= 0) {

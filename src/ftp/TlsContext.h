@@ -35,11 +35,11 @@ struct TlsTrust {
 // What a connection learnt of its server in the handshake, for the command
 // line tool's check and for logs.
 struct TlsPeerDetails {
-    std::string protocol;      // "TLSv1.3"
-    std::string cipher;        // "TLS_AES_256_GCM_SHA384"
-    std::string subject;       // "CN=nas.example"
+    std::string protocol;  // "TLSv1.3"
+    std::string cipher;    // "TLS_AES_256_GCM_SHA384"
+    std::string subject;   // "CN=nas.example"
     std::string issuer;
-    std::string notBefore;     // "Nov 25 10:00:00 2026 GMT"
+    std::string notBefore;  // "Nov 25 10:00:00 2026 GMT"
     std::string notAfter;
     std::string fingerprint;   // SHA-256 of the certificate, "AB:CD:..."
     std::string verification;  // which check passed
@@ -103,8 +103,10 @@ public:
     // channel: a read then needs no wait on the socket.
     virtual bool pending() = 0;
     // Tells the server the stream ends here (close_notify), without waiting
-    // for its answer; nothing after a failed connection.
-    virtual void closeNotify() = 0;
+    // for its answer; waits for room in the socket, at most
+    // `waitMilliseconds` in all, when it is full; nothing after a failed
+    // connection.
+    virtual void closeNotify(int waitMilliseconds) = 0;
     // Whether the handshake resumed an earlier session.
     virtual bool resumed() = 0;
     virtual void details(TlsPeerDetails* out) = 0;

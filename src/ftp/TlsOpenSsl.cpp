@@ -59,14 +59,12 @@ int linkRead(BIO* bio, char* out, int length) {
 
 long linkControl(BIO* bio, int command, long, void*) {
     switch (command) {
-        case BIO_CTRL_FLUSH:
-            return 1;
+        case BIO_CTRL_FLUSH: return 1;
         case BIO_CTRL_EOF:
             // Lets the library tell a server's close without close_notify
             // from an error: the context counts it as the end of the stream.
             return linkOf(bio) != nullptr && linkOf(bio)->ended ? 1 : 0;
-        default:
-            return 0;
+        default: return 0;
     }
 }
 
@@ -146,7 +144,8 @@ std::string certificateDigest(X509* certificate) {
 
 class OpenSslChannel : public TlsChannel {
 public:
-    OpenSslChannel(SSL* ssl, int fd) : ssl(ssl), failed(false), verification("none") {
+    OpenSslChannel(SSL* ssl, int fd)
+        : ssl(ssl), failed(false), failedError(0), verification("none") {
         link.fd = fd;
         link.ended = false;
     }
@@ -189,7 +188,7 @@ public:
 
     int receive(char* buffer, int length, int waitMilliseconds) override {
         if (failed) {
-            errno = ECONNRESET;
+            errno = failedError;
             return -1;
         }
         if (length <= 0) return 0;
@@ -198,14 +197,28 @@ public:
         const int result =
             drive([&] { return SSL_read_ex(ssl, buffer, static_cast<size_t>(length), &got); },
                   sharing(waitMilliseconds), &error);
-        if (result > 0) return static_cast<int>(got);
-        if (errno == EAGAIN) return -1;
-        return finish(error);
+        if (result <= 0) return errno == EAGAIN ? -1 : finish(error);
+        // One read gives at most one record (16 KiB); what else has arrived
+        // is taken too, without waiting, so a large read is one call.
+        size_t total = got;
+        while (total < static_cast<size_t>(length)) {
+            size_t more = 0;
+            ERR_clear_error();
+            if (SSL_read_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) != 1) {
+                // The bytes read so far are this call's; the end shows itself
+                // again on the next call, and so does an error, which is kept
+                // because the socket may show only the end after a reset.
+                noteLater(SSL_get_error(ssl, 0));
+                break;
+            }
+            total += more;
+        }
+        return static_cast<int>(total);
     }
 
     int send(const char* buffer, int length, int waitMilliseconds) override {
         if (failed) {
-            errno = ECONNRESET;
+            errno = failedError;
             return -1;
         }
         if (length <= 0) return 0;
@@ -214,19 +227,44 @@ public:
         const int result =
             drive([&] { return SSL_write_ex(ssl, buffer, static_cast<size_t>(length), &sent); },
                   sharing(waitMilliseconds), &error);
-        if (result > 0) return static_cast<int>(sent);
-        if (errno == EAGAIN) return -1;
-        const int ended = finish(error);
-        if (ended == 0) errno = EPIPE;  // no sending after the end
-        return -1;
+        if (result <= 0) {
+            if (errno == EAGAIN) return -1;
+            const int ended = finish(error);
+            if (ended == 0) errno = EPIPE;  // no sending after the end
+            return -1;
+        }
+        // A write returns after one record; the rest goes on while the socket
+        // takes it without waiting. A write that would wait ends the call
+        // with what went out: the caller comes back with the rest.
+        size_t total = sent;
+        while (total < static_cast<size_t>(length)) {
+            size_t more = 0;
+            ERR_clear_error();
+            if (SSL_write_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) !=
+                1) {
+                noteLater(SSL_get_error(ssl, 0));
+                break;
+            }
+            total += more;
+        }
+        return static_cast<int>(total);
     }
 
     bool pending() override { return SSL_pending(ssl) > 0 || SSL_has_pending(ssl) == 1; }
 
-    void closeNotify() override {
+    void closeNotify(int waitMilliseconds) override {
         if (failed) return;
-        ERR_clear_error();
-        (void)SSL_shutdown(ssl);
+        // After an upload the socket is often still full of its last bytes:
+        // the close_notify is written as the socket takes it, not dropped.
+        // SSL_shutdown gives 0 once it is out (the server's own comes later,
+        // or never, and is not waited for).
+        int error = SSL_ERROR_NONE;
+        (void)drive(
+            [&] {
+                const int result = SSL_shutdown(ssl);
+                return result >= 0 ? 1 : result;
+            },
+            sharing(waitMilliseconds), &error);
         ERR_clear_error();
     }
 
@@ -258,7 +296,8 @@ public:
     }
 
     // After a step that failed for another reason than a wait: 0 at the end
-    // of the stream, else -1 with errno set and the channel marked failed.
+    // of the stream, else -1 with errno set and the channel marked failed,
+    // so that every later call fails the same way.
     int finish(int error) {
         if (error == SSL_ERROR_ZERO_RETURN) return 0;
         failed = true;
@@ -267,12 +306,27 @@ public:
         } else {
             errno = EPROTO;
         }
+        failedError = errno;
+        ERR_clear_error();
         return -1;
+    }
+
+    // A step after the first of a call failed with `error`: a wait or the
+    // end is left for the next call to meet, a failure is kept for it.
+    void noteLater(int error) {
+        const int saved = errno;
+        if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE &&
+            error != SSL_ERROR_ZERO_RETURN) {
+            (void)finish(error);
+        }
+        ERR_clear_error();
+        errno = saved;
     }
 
     SSL* ssl;
     SocketLink link;
     bool failed;
+    int failedError;  // errno of the failure, for every later call
     std::string verification;
 };
 
@@ -349,8 +403,7 @@ private:
             if (errno == EAGAIN) {
                 *why = "TLS handshake failed: no answer from the server within the wait";
             } else if (error == SSL_ERROR_SYSCALL || error == SSL_ERROR_ZERO_RETURN) {
-                *why = "TLS handshake failed: " +
-                       libraryError("the server closed the connection");
+                *why = "TLS handshake failed: " + libraryError("the server closed the connection");
             } else {
                 *why = "TLS handshake failed: " + libraryError("protocol error");
             }

@@ -157,14 +157,16 @@ void expectAFailedSendMarksTheConnectionUnusable(char fill, std::size_t maxCalls
 
 TEST(FtpFileHandler, AFailedWriteMarksTheConnectionUnusable) {
     expectAFailedSendMarksTheConnectionUnusable(
-        'w', ftptest::loopbackBytesInFlight() / 65536 + 16, [](FtpFileHandler& handler, const std::string& chunk) {
+        'w', ftptest::loopbackBytesInFlight() / 65536 + 16,
+        [](FtpFileHandler& handler, const std::string& chunk) {
             return handler.write(chunk.data(), static_cast<unsigned int>(chunk.size()));
         });
 }
 
 TEST(FtpFileHandler, AFailedAioWriteMarksTheConnectionUnusable) {
     expectAFailedSendMarksTheConnectionUnusable(
-        'a', std::max<std::size_t>(2000, ftptest::loopbackBytesInFlight() / 65536 + 16), [](FtpFileHandler& handler, const std::string& chunk) {
+        'a', std::max<std::size_t>(2000, ftptest::loopbackBytesInFlight() / 65536 + 16),
+        [](FtpFileHandler& handler, const std::string& chunk) {
             return handler.aioWrite(chunk.data(), static_cast<unsigned int>(chunk.size()));
         });
 }

@@ -1,17 +1,24 @@
 // Memory running out inside an exported call: the call fails with its own
 // failure value instead of letting std::bad_alloc end the recorder, every
 // lock it took is released, the data connection it opened is closed, and
-// the store works normally once memory is back.
+// the store works normally once memory is back. Also what Get and Put
+// allocate for their copy: one 64 KiB buffer per call, freed before it
+// returns.
 //
 // This program replaces the global allocation functions so that a test can
 // make every allocation of at least a given size fail on the calling thread;
 // it is its own executable for that reason.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +26,8 @@
 #include "filesystem/FTPFileSystemManager.h"
 #include "support/FdCount.h"
 #include "support/ScriptedFtpServer.h"
+#include "support/TempDir.h"
+#include "support/TestHelpers.h"
 
 namespace {
 
@@ -42,14 +51,60 @@ public:
     ~ShortOfMemory() { failFrom = SIZE_MAX; }
 };
 
+// Allocations of at least this many bytes made by this thread are counted,
+// and the first few are remembered until they are freed, while it is below
+// SIZE_MAX.
+thread_local std::size_t countFrom = SIZE_MAX;
+thread_local int countedAllocations = 0;
+const int kRemembered = 16;
+thread_local void* liveCounted[kRemembered] = {};
+
+void* allocateCounted(std::size_t size) {
+    void* p = allocate(size);
+    if (size >= countFrom) {
+        ++countedAllocations;
+        for (void*& slot : liveCounted) {
+            if (slot == nullptr) {
+                slot = p;
+                break;
+            }
+        }
+    }
+    return p;
+}
+
+void release(void* p) noexcept {
+    for (void*& slot : liveCounted) {
+        if (slot == p && p != nullptr) slot = nullptr;
+    }
+    std::free(p);
+}
+
+// Counts this thread's allocations of `bytes` or more for the life of the
+// object: how many were made, and how many of them are not freed yet.
+class CountAllocations {
+public:
+    explicit CountAllocations(std::size_t bytes) {
+        countFrom = bytes;
+        countedAllocations = 0;
+    }
+    ~CountAllocations() { countFrom = SIZE_MAX; }
+    int made() const { return countedAllocations; }
+    int live() const {
+        int count = 0;
+        for (void* slot : liveCounted) count += slot != nullptr ? 1 : 0;
+        return count;
+    }
+};
+
 }  // namespace
 
-void* operator new(std::size_t size) { return allocate(size); }
-void* operator new[](std::size_t size) { return allocate(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void* operator new(std::size_t size) { return allocateCounted(size); }
+void* operator new[](std::size_t size) { return allocateCounted(size); }
+void operator delete(void* p) noexcept { release(p); }
+void operator delete[](void* p) noexcept { release(p); }
+void operator delete(void* p, std::size_t) noexcept { release(p); }
+void operator delete[](void* p, std::size_t) noexcept { release(p); }
 
 namespace {
 
@@ -90,6 +145,48 @@ TEST(AllocationFailure, AListingThatExhaustsMemoryFailsTheCallAndTheStoreGoesOn)
     EXPECT_EQ(names.back(), "clip39999.dat");
     EXPECT_EQ(store.getFileLength("/rec/clip7.dat"), 1000);
     EXPECT_EQ(store.createDir("/rec/next"), 0);
+}
+
+// Get and Put copy through a buffer of exactly 64 KiB of their own: when no
+// 64 KiB can be had the call fails before anything is opened, locally or on
+// the server; with it, each call allocates one such buffer and has freed it
+// by the time it returns.
+TEST(AllocationFailure, GetAndPutEachTakeA64KiBCopyBufferAndFreeItBeforeReturning) {
+    ftptest::ScriptedFtpServer server;
+    const std::string remote = ftptest::patternBytes(200000, 5);
+    server.putFile("/rec/down.ts", remote);
+    FTPFileSystem store(server.address().c_str(), "rec", "pw", 1024);
+    ASSERT_EQ(store.init(), 0);
+    ftptest::TempDir local;
+    const std::string up = local.file("up.ts");
+    const std::string down = local.file("down.ts");
+    const std::string bytes = ftptest::patternBytes(200000, 6);
+    {
+        std::ofstream out(up, std::ios::binary);
+        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+    {
+        ShortOfMemory shortOfMemory(64 * 1024);
+        EXPECT_EQ(store.Put(up.c_str(), "/rec/up.ts"), -1);
+        EXPECT_EQ(store.Get(down.c_str(), "/rec/down.ts"), -1);
+    }
+    EXPECT_EQ(server.commands(), (std::vector<std::string>{"USER rec", "PASS pw"}));
+    EXPECT_NE(access(down.c_str(), F_OK), 0) << "Get made its local file";
+    {
+        ShortOfMemory shortOfMemory(64 * 1024 + 1);
+        CountAllocations big(64 * 1024);
+        EXPECT_EQ(store.Put(up.c_str(), "/rec/up.ts"), 0);
+        EXPECT_EQ(big.made(), 1);
+        EXPECT_EQ(big.live(), 0);
+        EXPECT_EQ(store.Get(down.c_str(), "/rec/down.ts"), 0);
+        EXPECT_EQ(big.made(), 2);
+        EXPECT_EQ(big.live(), 0);
+    }
+    EXPECT_TRUE(server.file("/rec/up.ts") == std::optional<std::string>(bytes));
+    std::ifstream in(down, std::ios::binary);
+    const std::string copied((std::istreambuf_iterator<char>(in)),
+                             std::istreambuf_iterator<char>());
+    EXPECT_TRUE(copied == remote) << "got " << copied.size() << " bytes";
 }
 
 TEST(AllocationFailure, TheRegistryFailsItsCallsInsteadOfThrowing) {

@@ -277,11 +277,12 @@ TEST_F(LastError, EachThreadSeesOnlyItsOwnCalls) {
 }
 
 TEST(LastErrorNames, EveryKindHasAName) {
-    for (int kind = FTPFileSystem::kErrorNone; kind <= FTPFileSystem::kErrorUnexplained; ++kind) {
+    for (int kind = FTPFileSystem::kErrorNone; kind <= FTPFileSystem::kErrorTls; ++kind) {
         EXPECT_STRNE(FTPFileSystem::errorKindName(kind), "unknown") << kind;
     }
+    EXPECT_STREQ(FTPFileSystem::errorKindName(FTPFileSystem::kErrorTls), "TLS failure");
     EXPECT_STREQ(FTPFileSystem::errorKindName(-1), "unknown");
-    EXPECT_STREQ(FTPFileSystem::errorKindName(14), "unknown");
+    EXPECT_STREQ(FTPFileSystem::errorKindName(15), "unknown");
 }
 
 }  // namespace

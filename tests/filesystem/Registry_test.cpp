@@ -261,4 +261,70 @@ TEST(RegistryCovering, IsSameDiskDirComparesEverythingButTheRegisteredLastCompon
     }
 }
 
+// --- ftps stores -----------------------------------------------------------
+
+TEST_F(Registry, AnFtpAndAnFtpsLocationNeverCoverEachOther) {
+    EXPECT_FALSE(
+        registry->isSameDiskDir("rec(pw)@ftp://10.0.0.5/rec/a", "rec(pw)@ftps://10.0.0.5/rec/b/x"));
+    EXPECT_FALSE(
+        registry->isSameDiskDir("rec(pw)@ftps://10.0.0.5/rec/a", "rec(pw)@ftp://10.0.0.5/rec/b/x"));
+    EXPECT_TRUE(registry->isSameDiskDir("rec(pw)@ftps://10.0.0.5/rec/a",
+                                        "rec(pw)@ftps://10.0.0.5/rec/b/x"));
+    // Also where a registered text has no parent directories to compare.
+    EXPECT_FALSE(registry->isSameDiskDir("rec(pw)@ftp://10.0.0.5", "rec(pw)@ftps://10.0.0.5/x"));
+}
+
+TEST_F(Registry, AnFtpsStoreIsFoundOnlyForFtpsLocations) {
+    const std::string secure = "rec(pw)@ftps://" + server.address() + "/rec/a";
+    ASSERT_EQ(add(secure), 0);
+    SafePointer<FTPFileSystem> store;
+    EXPECT_EQ(registry->getFTPFileSystem(location("/rec/b"), store), 0);
+    EXPECT_TRUE(store.isNull());
+    EXPECT_EQ(registry->getFTPFileSystem("rec(pw)@ftps://" + server.address() + "/rec/b", store),
+              1);
+    EXPECT_FALSE(store.isNull());
+    EXPECT_EQ(server.connectionCount(), 0);
+}
+
+TEST_F(Registry, TrustCallsNeedAnFtpsStoreRegisteredUnderExactlyTheText) {
+    const std::string secure = "rec(pw)@ftps://" + server.address() + "/rec";
+    const std::string pin =
+        "70:DA:12:62:18:F4:31:43:BF:A3:BD:22:42:06:0A:DF:A4:9B:60:C7:11:33:39:9B:41:D4:F8:9C:65:37:"
+        "9E:E8";
+    // Nothing registered yet.
+    EXPECT_EQ(registry->setTlsPinnedFingerprint(secure, pin), -1);
+    EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorBadArgument);
+    EXPECT_STREQ(FTPFileSystem::getLastError().text, "no store is registered under this text");
+    // A plain store has no TLS to set.
+    ASSERT_EQ(add(location("/rec")), 0);
+    EXPECT_EQ(registry->skipTlsCertificateVerification(location("/rec")), -1);
+    EXPECT_STREQ(FTPFileSystem::getLastError().text, "the location is not an ftps location");
+    ASSERT_EQ(add(secure), 0);
+    // A sub-path is not the registered text.
+    EXPECT_EQ(registry->setTlsPinnedFingerprint(secure + "/cam1", pin), -1);
+    EXPECT_EQ(registry->setTlsPinnedFingerprint(secure, "70:DA:12"), -1);
+    EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorBadArgument);
+    EXPECT_EQ(registry->setTlsPinnedFingerprint(secure, pin), 0);
+    EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorNone);
+    EXPECT_EQ(registry->skipTlsCertificateVerification(secure), 0);
+    EXPECT_EQ(registry->addTlsCaFile(secure, "/nonexistent/ca.pem"), -1);
+    EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorLocalFile);
+    EXPECT_NE(std::string(FTPFileSystem::getLastError().text).find("/nonexistent/ca.pem"),
+              std::string::npos);
+    EXPECT_EQ(server.connectionCount(), 0);
+}
+
+TEST_F(Registry, AnFtpsStoreWhoseServerRefusesAuthTlsNeverLogsInInClear) {
+    const std::string secure = "rec(pw)@ftps://" + server.address() + "/rec";
+    ASSERT_EQ(add(secure), 0);
+    server.queueReply("AUTH", "534 TLS not available");
+    SafePointer<FTPFileSystem> store;
+    ASSERT_EQ(registry->getFTPFileSystem(secure, store), 1);
+    EXPECT_EQ(store->init(), -1);
+    EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorRefused);
+    EXPECT_STREQ(FTPFileSystem::getLastError().text, "534 TLS not available");
+    // The refusal fails the connect: no user name or password goes out.
+    EXPECT_EQ(server.commands(), (Commands{"AUTH TLS"}));
+}
+
 }  // namespace

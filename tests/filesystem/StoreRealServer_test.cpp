@@ -56,7 +56,7 @@ protected:
 };
 
 TEST_F(StoreOnRealServer, PutAndGetAreByteExactAtAndAroundTheCopyBufferSize) {
-    for (size_t size : {0u, 1u, 8191u, 8192u, 8193u}) {
+    for (size_t size : {0u, 1u, 65535u, 65536u, 65537u, 3u * 65536u + 5u}) {
         const std::string bytes = patternBytes(size, static_cast<uint32_t>(size) + 11);
         const std::string name = "f" + std::to_string(size) + ".bin";
 

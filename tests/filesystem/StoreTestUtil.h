@@ -51,6 +51,22 @@ inline bool readLocalFile(const std::string& path, std::string* bytes) {
 
 inline bool localFileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+// The read calls (read, readv, pread) the kernel has counted for the calling
+// thread: "syscr" of /proc/thread-self/io. Calls on sockets through recv and
+// send are not among them. False where the file cannot be read.
+inline bool threadReadCalls(long long* calls) {
+    std::ifstream in("/proc/thread-self/io");
+    std::string name;
+    long long value = 0;
+    while (in >> name >> value) {
+        if (name == "syscr:") {
+            *calls = value;
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace storetest
 
 #endif  // FTPDISK_TESTS_FILESYSTEM_STORETESTUTIL_H

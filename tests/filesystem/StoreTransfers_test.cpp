@@ -103,9 +103,9 @@ TEST_F(StoreTransfers, GetOfATransferTheServerAbortsEndsWithTheDataAndKeepsTheBy
 }
 
 TEST_F(StoreTransfers, GetFailsWhenTheLocalDiskTakesNoMoreAndKeepsWhatWasWritten) {
-    // A file size limit of 10000 bytes stands in for a full disk: the second
-    // 8192-byte piece goes to the local file only in part, and writing the
-    // rest of it fails.
+    // A file size limit of 10000 bytes stands in for a full disk: the piece
+    // that reaches past it goes to the local file only in part, and writing
+    // the rest of it fails.
     const std::string bytes = patternBytes(50000, 7);
     server.putFile("/rec/full.ts", bytes);
     const std::string target = local.file("full.ts");
@@ -134,7 +134,7 @@ TEST_F(StoreTransfers, GetWithANullArgumentFailsWithoutTouchingAnything) {
 // --- Put -------------------------------------------------------------------------
 
 TEST_F(StoreTransfers, PutCopiesTheWholeLocalFileAndRaisesTheAccount) {
-    const std::string bytes = patternBytes(3 * 8192 + 5, 3);
+    const std::string bytes = patternBytes(3 * 65536 + 5, 3);
     const std::string source = local.file("up.ts");
     ASSERT_TRUE(writeLocalFile(source, bytes));
     EXPECT_EQ(store->Put(source.c_str(), "/rec/up.ts"), 0);
@@ -142,6 +142,28 @@ TEST_F(StoreTransfers, PutCopiesTheWholeLocalFileAndRaisesTheAccount) {
     EXPECT_EQ(StoreTestAccess::usedBytes(*store), static_cast<long long>(bytes.size()));
     EXPECT_EQ(server.commands(),
               (Commands{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /rec/up.ts"}));
+}
+
+// Put reads the local file through a 64 KiB buffer: 1 MiB and 5 bytes take 16
+// full reads, one of 5 bytes and one that finds the end, counted by the
+// kernel for the calling thread (/proc/thread-self/io, syscr: read calls; the
+// connections use recv and send, which it does not count). The count read
+// before the call leaves out the read that took it, and the one after counts
+// it: one more.
+TEST_F(StoreTransfers, PutReadsTheLocalFileIn64KiBPieces) {
+    const std::string bytes = patternBytes(16 * 65536 + 5, 12);
+    const std::string source = local.file("pieces.ts");
+    ASSERT_TRUE(writeLocalFile(source, bytes));
+    long long before = 0;
+    if (!storetest::threadReadCalls(&before)) {
+        GTEST_SKIP() << "no /proc/thread-self/io here";
+    }
+    EXPECT_EQ(store->Put(source.c_str(), "/rec/pieces.ts"), 0);
+    long long after = 0;
+    ASSERT_TRUE(storetest::threadReadCalls(&after));
+    EXPECT_EQ(after - before, 16 + 1 + 1 + 1)
+        << "read calls of the local file, and one of the count";
+    EXPECT_TRUE(server.file("/rec/pieces.ts") == std::optional<std::string>(bytes));
 }
 
 TEST_F(StoreTransfers, PutOfAMissingLocalFilePrintsTheMessageWithTheLocalName) {

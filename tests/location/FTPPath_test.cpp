@@ -236,3 +236,46 @@ TEST(FTPPathHelpers, ParseServerInfoNeedsTheMarkerAndSplitsAtTheFirstSlash) {
     EXPECT_EQ("h", server);
     EXPECT_EQ("", path);
 }
+
+namespace {
+
+TEST(FTPPathTls, AnFtpsLocationParsesLikeAPlainOneAndSaysItIsTls) {
+    FTPPath location;
+    ASSERT_EQ(location.create("rec(pw)@ftps://nas.local:2121/video/cam1/"), 1);
+    EXPECT_TRUE(location.isTls());
+    EXPECT_EQ(location.getUserName(), "rec");
+    EXPECT_EQ(location.getPassword(), "pw");
+    EXPECT_EQ(location.getServerAddress(), "nas.local:2121");
+    EXPECT_EQ(location.getPath(), "/video/cam1");
+    EXPECT_EQ(location.toString(), "rec(pw)@ftps://nas.local:2121/video/cam1");
+}
+
+TEST(FTPPathTls, APlainLocationIsNotTlsAndFormatsAsBefore) {
+    FTPPath location;
+    ASSERT_EQ(location.create("rec(pw)@ftp://10.0.0.5/rec"), 1);
+    EXPECT_FALSE(location.isTls());
+    EXPECT_EQ(location.toString(), "rec(pw)@ftp://10.0.0.5/rec");
+    location.setTls(true);
+    EXPECT_EQ(location.toString(), "rec(pw)@ftps://10.0.0.5/rec");
+}
+
+TEST(FTPPathTls, TheFirstMarkerDecidesAndAMarkerInThePathDoesNotCount) {
+    FTPPath secure;
+    ASSERT_EQ(secure.create("rec(pw)@ftps://10.0.0.5/ftp://x"), 1);
+    EXPECT_TRUE(secure.isTls());
+    EXPECT_EQ(secure.getServerAddress(), "10.0.0.5");
+    EXPECT_EQ(secure.getPath(), "/ftp:/x");
+    FTPPath plain;
+    ASSERT_EQ(plain.create("rec(pw)@ftp://10.0.0.5/ftps://x"), 1);
+    EXPECT_FALSE(plain.isTls());
+    EXPECT_EQ(plain.getServerAddress(), "10.0.0.5");
+}
+
+TEST(FTPPathTls, OtherSchemesAreStillRefused) {
+    FTPPath location;
+    EXPECT_EQ(location.create("rec(pw)@sftp:/10.0.0.5/rec"), 0);
+    EXPECT_EQ(location.create("rec(pw)@ftpes://10.0.0.5/rec"), 0);
+    EXPECT_EQ(location.create("rec(pw)@http://10.0.0.5/rec"), 0);
+}
+
+}  // namespace

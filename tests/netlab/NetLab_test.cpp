@@ -1,7 +1,9 @@
 // The network lab between FTPTool (or a raw socket) and the scripted server:
 // bytes pass unchanged, passive replies point to the lab, and each condition
 // (latency, rate, stall, reset, limit, swallowed greeting, rewriter, link
-// down, drop all) shows at the client. Timings are asserted as lower bounds
+// down, drop all) shows at the client; the options fixed at construction
+// (recording, another listen address, forwarded ports, unread replies) do
+// what they say. Timings are asserted as lower bounds
 // only.
 #include <poll.h>
 #include <sys/socket.h>
@@ -718,6 +720,175 @@ TEST_F(NetLabTest, ANewUpstreamTakesConnectionsAcceptedAfterItAndLeavesOpenOnesA
     EXPECT_EQ(server.file("/a.dat"), std::optional<std::string>("to the first"));
     EXPECT_FALSE(second.file("/a.dat").has_value());
     EXPECT_EQ(server.commands(), (Lines{"USER rec", "PASS pw", "TYPE I", "PASV", "STOR /a.dat"}));
+}
+
+// --- Recording, another listen address, forwarded ports, unread replies ----
+
+TEST(NetLabRecording, KeepsEveryDeliveredByteByConnectionAndDirection) {
+    ftptest::ScriptedFtpServer server;
+    const std::string upload = randomBytes(200000, 11);
+    const std::string download = randomBytes(100000, 12);
+    server.putFile("/down.bin", download);
+    ftptest::NetLabOptions options;
+    options.record = true;
+    NetLab lab(server.address(), options);
+    ASSERT_TRUE(lab.ok()) << lab.failure();
+    {
+        FTPTool tool;
+        ASSERT_EQ(tool.connect(lab.address().c_str()), 1) << tool.getResponse();
+        ASSERT_EQ(tool.login("rec", "pw"), 1) << tool.getResponse();
+        EXPECT_EQ(storeFile(tool, "/up.bin", upload), "");
+        std::string got;
+        EXPECT_EQ(readTransfer(tool, "/down.bin", kFtpRetr, &got), "");
+        EXPECT_EQ(got, download);
+        tool.quit();
+    }
+    ASSERT_TRUE(lab.waitFor([](const NetLabCounters& c) {
+        return c.openControl == 0 && c.openData == 0;
+    }));
+    std::vector<ftptest::NetLabRecording> recorded = lab.recorded();
+    ASSERT_EQ(recorded.size(), 3u);
+    EXPECT_EQ(recorded[0].traffic, Traffic::kControl);
+    EXPECT_EQ(recorded[0].toServer.rfind("USER rec\r\nPASS pw\r\nTYPE I\r\nPASV\r\nSTOR /up.bin\r\n", 0),
+              0u)
+        << recorded[0].toServer;
+    EXPECT_EQ(recorded[0].toClient.rfind("220 ready\r\n331 Password required\r\n", 0), 0u)
+        << recorded[0].toClient;
+    // The passive replies as the client got them: naming the lab.
+    EXPECT_NE(recorded[0].toClient.find("(127,0,0,1,"), std::string::npos);
+    NetLabCounters c = lab.counters();
+    EXPECT_EQ(recorded[0].toServer.size(), c.controlToServer);
+    EXPECT_EQ(recorded[0].toClient.size(), c.controlToClient);
+    EXPECT_EQ(recorded[1].traffic, Traffic::kData);
+    EXPECT_EQ(recorded[1].toServer, upload);
+    EXPECT_EQ(recorded[1].toClient, "");
+    EXPECT_EQ(recorded[2].traffic, Traffic::kData);
+    EXPECT_EQ(recorded[2].toServer, "");
+    EXPECT_EQ(recorded[2].toClient, download);
+}
+
+TEST(NetLabRecording, KeepsAtMostItsLimitAndNothingWhenOff) {
+    ftptest::ScriptedFtpServer server;
+    ftptest::NetLabOptions options;
+    options.record = true;
+    options.recordLimit = 5;
+    NetLab limited(server.address(), options);
+    NetLab off(server.address());
+    ASSERT_TRUE(limited.ok() && off.ok());
+    for (NetLab* lab : {&limited, &off}) {
+        Fd control(connectTo(lab->port()));
+        ASSERT_GE(control.get(), 0);
+        EXPECT_EQ(readLine(control.get()), "220 ready\r\n");
+        ASSERT_TRUE(sendText(control.get(), "NOOP\r\n"));
+        EXPECT_EQ(readLine(control.get()), "200 OK\r\n");
+    }
+    std::vector<ftptest::NetLabRecording> recorded = limited.recorded();
+    ASSERT_EQ(recorded.size(), 1u);
+    EXPECT_EQ(recorded[0].toServer, "NOOP\r");
+    EXPECT_EQ(recorded[0].toClient, "220 r");
+    EXPECT_TRUE(off.recorded().empty());
+}
+
+TEST(NetLabAddress, AnotherLoopbackAddressAndForwardedPortsLeadToTheServersPorts) {
+    ftptest::ScriptedFtpServer server;
+    // A listener standing for a server's passive port: the lab forwards its
+    // own port of the same number to it.
+    Fd passive(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(passive.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(passive.get(), 4), 0);
+    ASSERT_EQ(::getsockname(passive.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const uint16_t passivePortNumber = ntohs(address.sin_port);
+
+    ftptest::NetLabOptions options;
+    options.listenAddress = "127.0.0.2";
+    options.forwardPorts = {passivePortNumber};
+    options.record = true;
+    NetLab lab(server.address(), options);
+    ASSERT_TRUE(lab.ok()) << lab.failure();
+    EXPECT_EQ(lab.address(), "127.0.0.2:" + std::to_string(lab.port()));
+    // Nothing of the lab listens on 127.0.0.1.
+    Fd wrong(connectTo(lab.port()));
+    EXPECT_LT(wrong.get(), 0);
+
+    Fd control(labtest::connectToAddress("127.0.0.2", lab.port()));
+    ASSERT_GE(control.get(), 0) << std::strerror(errno);
+    EXPECT_EQ(readLine(control.get()), "220 ready\r\n");
+    // A passive reply names a data listener on the lab's own address.
+    ASSERT_TRUE(sendText(control.get(), "PASV\r\n"));
+    std::string pasv = readLine(control.get());
+    EXPECT_NE(pasv.find("(127,0,0,2,"), std::string::npos) << pasv;
+
+    Fd client(labtest::connectToAddress("127.0.0.2", passivePortNumber));
+    ASSERT_GE(client.get(), 0) << std::strerror(errno);
+    Fd accepted(::accept4(passive.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_GE(accepted.get(), 0);
+    ASSERT_TRUE(sendText(client.get(), "to the server"));
+    std::string got;
+    EXPECT_EQ(readFor(accepted.get(), 13, Millis(5000), &got), End::kEnough);
+    EXPECT_EQ(got, "to the server");
+    ASSERT_TRUE(sendText(accepted.get(), "back"));
+    std::string back;
+    EXPECT_EQ(readFor(client.get(), 4, Millis(5000), &back), End::kEnough);
+    EXPECT_EQ(back, "back");
+    NetLabCounters c = lab.counters();
+    EXPECT_EQ(c.dataConnections, 1u);
+    EXPECT_EQ(c.dataToServer, 13u);
+    EXPECT_EQ(c.dataToClient, 4u);
+    std::vector<ftptest::NetLabRecording> recorded = lab.recorded();
+    ASSERT_EQ(recorded.size(), 2u);
+    EXPECT_EQ(recorded[1].traffic, Traffic::kData);
+    EXPECT_EQ(recorded[1].toServer, "to the server");
+    EXPECT_EQ(recorded[1].toClient, "back");
+}
+
+TEST(NetLabAddress, RefusesAListenAddressOffLoopbackOrAForwardedPortInUse) {
+    ftptest::ScriptedFtpServer server;
+    ftptest::NetLabOptions offLoopback;
+    offLoopback.listenAddress = "192.0.2.1";
+    NetLab refused(server.address(), offLoopback);
+    EXPECT_FALSE(refused.ok());
+    EXPECT_NE(refused.failure().find("127.x.x.x"), std::string::npos) << refused.failure();
+
+    ftptest::NetLabOptions taken;
+    taken.forwardPorts = {static_cast<uint16_t>(server.port())};  // the server listens there
+    NetLab clash(server.address(), taken);
+    EXPECT_FALSE(clash.ok());
+    EXPECT_NE(clash.failure().find("cannot listen on 127.0.0.1:" + std::to_string(server.port())),
+              std::string::npos)
+        << clash.failure();
+    EXPECT_EQ(clash.port(), 0);
+}
+
+TEST(NetLabReplies, UnreadRepliesPassAsTheServerSentThem) {
+    ftptest::ScriptedFtpServer server;
+    server.setReply("PASV", Reply("227 Entering Passive Mode ({pasv})"));
+    server.setListing("z\r\n");
+    ftptest::NetLabOptions options;
+    options.readReplies = false;
+    NetLab lab(server.address(), options);
+    ASSERT_TRUE(lab.ok()) << lab.failure();
+    lab.setSwallowGreeting(true);  // needs the replies read: has no effect
+    Fd control(connectTo(lab.port()));
+    ASSERT_GE(control.get(), 0);
+    EXPECT_EQ(readLine(control.get()), "220 ready\r\n");
+    ASSERT_TRUE(sendText(control.get(), "PASV\r\n"));
+    std::string pasv = readLine(control.get());
+    uint16_t port = passivePort(pasv);
+    // The server's own data port, not a lab listener.
+    EXPECT_NE(port, 0) << pasv;
+    Fd data(connectTo(port));
+    ASSERT_GE(data.get(), 0);
+    ASSERT_TRUE(sendText(control.get(), "LIST\r\n"));
+    std::string listing;
+    EXPECT_EQ(readFor(data.get(), 0, Millis(5000), &listing), End::kEof);
+    EXPECT_EQ(listing, "z\r\n");
+    EXPECT_EQ(server.dataConnectionCount(), 1);
+    EXPECT_EQ(lab.counters().passiveRewrites, 0u);
+    EXPECT_EQ(lab.counters().dataConnections, 0u);
 }
 
 }  // namespace

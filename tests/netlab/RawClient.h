@@ -37,13 +37,14 @@ inline const char* endName(End end) {
     return "?";
 }
 
-// A blocking connection to 127.0.0.1:port; -1 with errno set on failure.
-inline int connectTo(uint16_t port) {
+// A blocking connection to host:port (host a dotted IPv4 address); -1 with
+// errno set on failure.
+inline int connectToAddress(const char* host, uint16_t port) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::inet_pton(AF_INET, host, &address.sin_addr);
     address.sin_port = htons(port);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         int saved = errno;
@@ -53,6 +54,9 @@ inline int connectTo(uint16_t port) {
     }
     return fd;
 }
+
+// A blocking connection to 127.0.0.1:port; -1 with errno set on failure.
+inline int connectTo(uint16_t port) { return connectToAddress("127.0.0.1", port); }
 
 inline bool sendText(int fd, const std::string& text) {
     size_t at = 0;

@@ -1,7 +1,7 @@
 // ftpdisk_server_matrix: measures how each real FTP server kind answers the
 // lines this module sends where servers differ, and what the exported store
 // then returns on that server; writes the result as the Markdown of
-// docs/SERVERS.md.
+// docs/SERVERS.md, with a table of the servers that speak explicit TLS.
 //
 //   ftpdisk_server_matrix                 # the document on standard output
 //   ftpdisk_server_matrix --out FILE      # written to FILE
@@ -32,9 +32,14 @@
 #include <vector>
 
 #include "filesystem/FTPFileSystem.h"
+#include "filesystem/FTPFileSystemManager.h"
 #include "host/IFileScanAction.h"
 #include "support/RawFtpSession.h"
 #include "support/RealFtpServer.h"
+#include "support/TempDir.h"
+#if defined(FTPDISK_WITH_TLS)
+#include "support/RawTlsSession.h"
+#endif
 
 namespace {
 
@@ -643,6 +648,170 @@ std::vector<StoreCall> storeCalls() {
     };
 }
 
+// --- Explicit TLS -------------------------------------------------------------
+
+#if defined(FTPDISK_WITH_TLS)
+// What each kind is given to require TLS (tests/support/RealFtpServer.cpp).
+std::string tlsSetup(FtpServerKind kind) {
+    switch (kind) {
+        case FtpServerKind::kPyftpdlib:
+            return "TLS_FTPHandler with tls_control_required and tls_data_required, TLS 1.2 at "
+                   "least (pyOpenSSL)";
+        case FtpServerKind::kVsftpd:
+            return "ssl_enable, force_local_logins_ssl, force_local_data_ssl, require_ssl_reuse, "
+                   "ssl_tlsv1, ssl_ciphers=HIGH (its own default, DES-CBC3-SHA, is gone from "
+                   "OpenSSL 3)";
+        case FtpServerKind::kProftpd:
+            return "LoadModule mod_tls.c (proftpd-mod-crypto), TLSEngine on, TLSRequired on, "
+                   "TLSProtocol TLSv1.2 TLSv1.3";
+        case FtpServerKind::kPureftpd:
+            return "-Y 3 (TLS for the login and for data), -2 with the certificate and key in "
+                   "one file";
+        case FtpServerKind::kBusybox: return "no TLS";
+    }
+    return "?";
+}
+
+// The rows of the TLS table for one server; `cells[i]` is row i.
+std::vector<std::string> tlsColumn(const RealFtpServer& server) {
+    std::vector<std::string> cells;
+    bool offeredResumed = false;
+    bool freshRefused = false;
+    cells.push_back(tlsSetup(server.kind()));
+    {
+        RawFtpSession clear(server.port());
+        std::string greeting = stable(clear.reply());
+        std::string user = stable(clear.command("USER rec"));
+        std::string text = user;
+        if (user.compare(0, 1, "3") == 0) text += " · " + stable(clear.command("PASS pw"));
+        cells.push_back(text);
+    }
+    std::string fresh;
+    {
+        RawTlsSession session(server.caFile());
+        std::string failed = session.secure(server.port());
+        cells.push_back(stable(session.authReply()));
+        cells.push_back(failed.empty() ? session.protocol() + " · " + session.cipher()
+                                       : "(failed: " + failed + ")");
+        failed = failed.empty() ? session.logIn("rec", "pw") : failed;
+        std::string replies;
+        for (const std::string& reply : session.loginReplies()) {
+            replies += (replies.empty() ? "" : " · ") + stable(reply);
+        }
+        cells.push_back(replies.empty() ? "(failed: " + failed + ")" : replies);
+        RawTlsSession::Listing resumed = session.list("/", true);
+        cells.push_back(stable(resumed.preliminary) + " → " + stable(resumed.final) + " — " +
+                        (resumed.handshake ? (resumed.resumed ? "resumed" : "not resumed")
+                                           : "handshake failed"));
+        offeredResumed = resumed.handshake && resumed.resumed;
+    }
+    {
+        RawTlsSession session(server.caFile());
+        std::string failed = session.secure(server.port());
+        if (failed.empty()) failed = session.logIn("rec", "pw");
+        if (failed.empty()) {
+            RawTlsSession::Listing listing = session.list("/", false);
+            freshRefused = listing.final.compare(0, 1, "2") != 0;
+            std::string after = session.command("NOOP");
+            cells.push_back(stable(listing.preliminary) + " → " + stable(listing.final) + " — " +
+                            (listing.handshake ? "handshake passed" : "handshake failed") +
+                            "; then `NOOP`: " + (after.empty() ? "connection closed" : after));
+        } else {
+            cells.push_back("(failed: " + failed + ")");
+        }
+    }
+    {
+        // The exported store, trusting the test's CA through the registry.
+        const std::string location = server.location("/");
+        FTPFileSystemManager* registry = FTPFileSystemManager::getInstance();
+        std::string text = "(not registered)";
+        if (registry->addFTPFileSystem(location) == 0) {
+            int trusted = registry->addTlsCaFile(location, server.caFile());
+            SafePointer<FTPFileSystem> store;
+            if (trusted == 0 && registry->getFTPFileSystem(location, store) == 1) {
+                ftptest::TempDir local;
+                const std::string bytes(100000, 'u');
+                std::ofstream(local.file("up.bin"), std::ios::binary) << bytes;
+                int init = store->init();
+                int put = store->Put(local.file("up.bin").c_str(), "/tls.bin");
+                int get = store->Get(local.file("back.bin").c_str(), "/tls.bin");
+                int uninit = store->uninit();
+                std::string stored, copied;
+                server.readFile("/tls.bin", &stored);
+                std::ifstream in(local.file("back.bin"), std::ios::binary);
+                std::ostringstream all;
+                all << in.rdbuf();
+                copied = all.str();
+                text = std::to_string(init) + ", " + std::to_string(put) + ", " +
+                       std::to_string(get) + ", " + std::to_string(uninit) + " — on disk: " +
+                       (stored == bytes ? "the bytes sent" : "not the bytes sent") +
+                       "; local copy: " + (copied == bytes ? "the same" : "not the same");
+            }
+            registry->deleteFileSystem(location);
+        }
+        cells.push_back(text);
+    }
+    // The two listings above, summed up.
+    cells.push_back(freshRefused ? "yes" : "no");
+    cells.push_back(offeredResumed ? "yes" : "no");
+    return cells;
+}
+#endif
+
+const char* const kTlsRows[] = {
+    "what the test server is given",
+    "`USER rec` · `PASS pw` in clear, before `AUTH TLS`",
+    "`AUTH TLS`",
+    "protocol · cipher of the control connection (`AUTH TLS`, then a TLS 1.2+ handshake)",
+    "`USER rec` · `PASS pw` · `PBSZ 0` · `PROT P` over TLS",
+    "`PASV`, `LIST /` with a data connection that resumes the control connection's session",
+    "`PASV`, `LIST /` with a data connection on a fresh session (no resumption)",
+    "the store: `init`, `Put` (100000 bytes), `Get`, `uninit`, trusting the test's CA",
+    "requires a data connection to resume the control connection's session",
+    "resumes the session a data connection offers",
+};
+
+// The TLS table: every kind that speaks TLS, started with it required.
+int tlsSection(std::ostream& out, std::string* problems) {
+    std::vector<std::string> names;
+    std::vector<std::vector<std::string>> columns;
+    for (FtpServerKind kind : allFtpServerKinds()) {
+        names.push_back(ftpServerKindName(kind));
+        std::vector<std::string> cells;
+        if (kind == FtpServerKind::kBusybox) {
+            cells.assign(sizeof kTlsRows / sizeof kTlsRows[0], "no TLS");
+        } else {
+#if defined(FTPDISK_WITH_TLS)
+            RealFtpServerOptions options;
+            options.tls = true;
+            RealFtpServer server(kind, options);
+            if (!server.ready()) {
+                *problems += server.failure() + "\n";
+                return 1;
+            }
+            cells = tlsColumn(server);
+#else
+            *problems += "built without TLS (FTPDISK_TLS=OFF): no TLS table\n";
+            return 1;
+#endif
+        }
+        columns.push_back(cells);
+    }
+    out << "| over TLS |";
+    for (const std::string& name : names) out << " " << name << " |";
+    out << "\n|---|";
+    for (size_t i = 0; i < names.size(); ++i) out << "---|";
+    out << "\n";
+    for (size_t row = 0; row < sizeof kTlsRows / sizeof kTlsRows[0]; ++row) {
+        out << "| " << cell(kTlsRows[row]) << " |";
+        for (const std::vector<std::string>& column : columns) {
+            out << " " << cell(row < column.size() ? column[row] : "") << " |";
+        }
+        out << "\n";
+    }
+    return 0;
+}
+
 // --- The document ---------------------------------------------------------------
 
 std::string packageVersion(const char* package) {
@@ -822,7 +991,17 @@ int run(std::ostream& out, std::string* problems) {
         << "length as shown. Rows run in order on one initialised store, each from the same\n"
         << "tree; the last one uninitialises it.\n\n";
     printRows(out, "call", calls, columns);
-    return 0;
+    columns.clear();
+
+    out << "\n## Explicit TLS (`ftps://` locations)\n\n"
+        << "Each server started again with TLS required for the login and for every data\n"
+        << "connection (`RealFtpServerOptions::tls`), with a certificate for 127.0.0.1 signed\n"
+        << "by a private CA the test makes with `openssl`; BusyBox's ftpd has none. The\n"
+        << "probes in clear use a bare socket, those over TLS a bare OpenSSL client that trusts\n"
+        << "that CA (`tests/support/RawTlsSession.h`): it can offer the control connection's\n"
+        << "session on a data connection or not, which shows whether the server insists on\n"
+        << "resumption. The module always resumes. The last row is the exported store.\n\n";
+    return tlsSection(out, problems);
 }
 
 // The table rows of a document: what --check compares.

@@ -4,6 +4,7 @@
 // behind.
 #include "support/RealFtpServer.h"
 
+#include <ctype.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -209,6 +210,68 @@ TEST_P(UnpackedServerMissing, IsNotReadyAndSaysWhatIsMissing) {
 INSTANTIATE_TEST_SUITE_P(UnpackedKinds, UnpackedServerMissing,
                          ::testing::Values(FtpServerKind::kProftpd, FtpServerKind::kPureftpd,
                                            FtpServerKind::kBusybox),
+                         [](const ::testing::TestParamInfo<FtpServerKind>& info) {
+                             return std::string(ftpServerKindName(info.param));
+                         });
+
+// TLS servers: the certificate the harness made, and the server's own
+// insistence on TLS before the login, checked in clear text (the module's
+// client is not involved here).
+class TlsServerLauncher : public ::testing::TestWithParam<FtpServerKind> {};
+
+TEST_P(TlsServerLauncher, MakesACertificateForLoopbackAndRequiresAuthTlsBeforeTheLogin) {
+    RealFtpServerOptions options;
+    options.tls = true;
+    RealFtpServer server(GetParam(), options);
+    ASSERT_TRUE(server.ready()) << server.failure();
+    EXPECT_TRUE(server.tls());
+    EXPECT_EQ(server.location("/x"),
+              "rec(pw)@ftps://127.0.0.1:" + std::to_string(server.port()) + "/x");
+    // "AB:CD:...": 32 upper-case hex pairs.
+    const std::string& fingerprint = server.fingerprint();
+    ASSERT_EQ(fingerprint.size(), 95u) << fingerprint;
+    for (size_t i = 0; i < fingerprint.size(); ++i) {
+        if (i % 3 == 2) {
+            EXPECT_EQ(fingerprint[i], ':') << fingerprint;
+        } else {
+            EXPECT_TRUE(isxdigit(static_cast<unsigned char>(fingerprint[i])) &&
+                        !islower(static_cast<unsigned char>(fingerprint[i])))
+                << fingerprint;
+        }
+    }
+    struct stat info;
+    EXPECT_EQ(::stat(server.caFile().c_str(), &info), 0) << server.caFile();
+    EXPECT_EQ(::stat(server.certificateFile().c_str(), &info), 0) << server.certificateFile();
+
+    // The login in clear text is refused, whatever each server says.
+    RawFtpSession clear(server.port());
+    ASSERT_TRUE(clear.connected());
+    EXPECT_EQ(clear.reply().substr(0, 4), "220 ");
+    std::string user = clear.command("USER rec");
+    std::string pass = user.substr(0, 1) == "3" ? clear.command("PASS pw") : user;
+    EXPECT_NE(pass.substr(0, 1), "2") << user << " / " << pass;
+    EXPECT_FALSE(server.dirExists("/x"));
+
+    // AUTH TLS is accepted (the handshake that follows is the module's
+    // business: this client just closes).
+    RawFtpSession secure(server.port());
+    ASSERT_TRUE(secure.connected());
+    EXPECT_EQ(secure.reply().substr(0, 4), "220 ");
+    std::string auth = secure.command("AUTH TLS");
+    EXPECT_EQ(auth.substr(0, 4), "234 ") << auth << "\n" << server.logTail();
+}
+
+TEST(TlsServerLauncher, BusyboxHasNoTlsAndSaysSo) {
+    RealFtpServerOptions options;
+    options.tls = true;
+    RealFtpServer server(FtpServerKind::kBusybox, options);
+    EXPECT_FALSE(server.ready());
+    EXPECT_NE(server.failure().find("no TLS"), std::string::npos) << server.failure();
+}
+
+INSTANTIATE_TEST_SUITE_P(TlsKinds, TlsServerLauncher,
+                         ::testing::Values(FtpServerKind::kPyftpdlib, FtpServerKind::kVsftpd,
+                                           FtpServerKind::kProftpd, FtpServerKind::kPureftpd),
                          [](const ::testing::TestParamInfo<FtpServerKind>& info) {
                              return std::string(ftpServerKindName(info.param));
                          });

@@ -78,9 +78,15 @@ void setNoDelay(int fd) {
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 }
 
-// A non-blocking listening socket on 127.0.0.1:port (0 = ephemeral); -1 with
+std::string addressText(const in_addr& host) {
+    char text[INET_ADDRSTRLEN] = "?";
+    ::inet_ntop(AF_INET, &host, text, sizeof text);
+    return text;
+}
+
+// A non-blocking listening socket on host:port (0 = ephemeral); -1 with
 // *why set when it cannot be opened. *bound receives the port.
-int listenOn(uint16_t port, int backlog, uint16_t* bound, std::string* why) {
+int listenOn(const in_addr& host, uint16_t port, int backlog, uint16_t* bound, std::string* why) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         if (why != nullptr) *why = std::string("socket: ") + std::strerror(errno);
@@ -90,15 +96,15 @@ int listenOn(uint16_t port, int backlog, uint16_t* bound, std::string* why) {
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr = host;
     address.sin_port = htons(port);
     socklen_t length = sizeof address;
     if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(fd, backlog) != 0 ||
         ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         if (why != nullptr)
-            *why =
-                "cannot listen on 127.0.0.1:" + std::to_string(port) + ": " + std::strerror(errno);
+            *why = "cannot listen on " + addressText(host) + ":" + std::to_string(port) + ": " +
+                   std::strerror(errno);
         ::close(fd);
         return -1;
     }
@@ -245,6 +251,9 @@ struct Pair {
     ReplyStream replies;
     int dataListenFd = -1;
     sockaddr_in dataUpstream{};
+    // Where delivered bytes are copied (NetLabOptions::record); guarded by
+    // the engine's recordMutex_.
+    std::shared_ptr<NetLabRecording> recording;
     // Index into the poll set of this turn, -1 when not polled.
     int pollIndex[3] = {-1, -1, -1};  // client, server, data listener
 };
@@ -253,13 +262,49 @@ struct Pair {
 
 class NetLab::Engine {
 public:
-    Engine(int listenFd, uint16_t port, const sockaddr_in& upstream)
-        : listenFd_(listenFd), port_(port) {
+    Engine(int listenFd, uint16_t port, const sockaddr_in& upstream, const in_addr& host,
+           const NetLabOptions& options)
+        : listenFd_(listenFd),
+          port_(port),
+          host_(host),
+          readReplies_(options.readReplies),
+          record_(options.record),
+          recordLimit_(options.recordLimit) {
         settings_.upstream = upstream;
         local_.upstream = upstream;
     }
 
-    ~Engine() { stop(); }
+    // Opens the listeners of the forwarded ports; false with *why set when
+    // one cannot be opened.
+    bool listenForwarded(const std::vector<uint16_t>& ports, std::string* why) {
+        for (uint16_t port : ports) {
+            uint16_t bound = 0;
+            int fd = listenOn(host_, port, 16, &bound, why);
+            if (fd < 0) {
+                for (Forward& f : forwards_) closeFd(f.fd);
+                forwards_.clear();
+                closeFd(listenFd_);
+                return false;
+            }
+            forwards_.push_back({fd, port, -1});
+        }
+        return true;
+    }
+
+    std::vector<NetLabRecording> recorded() const {
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        std::vector<NetLabRecording> copy;
+        copy.reserve(recordings_.size());
+        for (const auto& r : recordings_) copy.push_back(*r);
+        return copy;
+    }
+
+    ~Engine() {
+        stop();
+        // Left open only when the loop never ran.
+        closeFd(listenFd_);
+        for (Forward& f : forwards_) closeFd(f.fd);
+    }
 
     // False with *why set when the wake-up pipe cannot be made.
     bool start(std::string* why) {
@@ -368,6 +413,9 @@ private:
     Clock::time_point buildPollSet(Clock::time_point now);
     void acceptControl();
     void acceptData(Pair& control);
+    void acceptForwarded(size_t index);
+    void startData(int fd, const sockaddr_in& target);
+    void record(Pair& p, int way, const char* bytes, size_t length);
     Pair* addPair(int traffic, int clientFd);
     bool connectUpstream(Pair& p, const sockaddr_in& address);
     void established(Pair& p);
@@ -426,9 +474,23 @@ private:
     std::atomic<uint64_t> bytes_[2][2] = {};
     std::atomic<int> open_[2] = {};
 
+    // Recordings of every connection, in the order accepted.
+    mutable std::mutex recordMutex_;
+    std::vector<std::shared_ptr<NetLabRecording>> recordings_;
+
     // --- Owned by the loop thread ------------------------------------------
+    struct Forward {
+        int fd;
+        uint16_t port;
+        int pollIndex;
+    };
     int listenFd_;
     const uint16_t port_;
+    const in_addr host_;
+    const bool readReplies_;
+    const bool record_;
+    const size_t recordLimit_;
+    std::vector<Forward> forwards_;
     Settings local_;
     uint64_t localVersion_ = 0;
     bool refusing_ = false;   // link down, listener closed
@@ -468,6 +530,11 @@ void NetLab::Engine::run() {
         refreshSettings();
         handleRequests();
         if (listenIndex_ >= 0 && (pollSet_[listenIndex_].revents & POLLIN) != 0) acceptControl();
+        for (size_t i = 0; i < forwards_.size(); ++i) {
+            const Forward& f = forwards_[i];
+            if (f.pollIndex >= 0 && (pollSet_[f.pollIndex].revents & POLLIN) != 0)
+                acceptForwarded(i);
+        }
         // acceptControl and acceptData append; the new pairs were not polled
         // (their pollIndex is -1) and are first serviced next turn.
         size_t count = pairs_.size();
@@ -487,6 +554,7 @@ void NetLab::Engine::run() {
     }
     pairs_.clear();
     closeFd(listenFd_);
+    for (Forward& f : forwards_) closeFd(f.fd);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         loopEnded_ = true;
@@ -536,6 +604,7 @@ int NetLab::Engine::execute(RequestKind kind) {
             refusing_ = true;
             blackhole_ = false;
             closeFd(listenFd_);
+            for (Forward& f : forwards_) closeFd(f.fd);
             for (auto& p : pairs_) {
                 if (!p->done) abortPair(*p, true);
             }
@@ -545,8 +614,13 @@ int NetLab::Engine::execute(RequestKind kind) {
             blackhole_ = false;
             if (listenFd_ < 0) {
                 uint16_t bound = 0;
-                listenFd_ = listenOn(port_, SOMAXCONN, &bound, nullptr);
+                listenFd_ = listenOn(host_, port_, SOMAXCONN, &bound, nullptr);
                 if (listenFd_ < 0) return 0;
+            }
+            for (Forward& f : forwards_) {
+                uint16_t bound = 0;
+                if (f.fd < 0) f.fd = listenOn(host_, f.port, 16, &bound, nullptr);
+                if (f.fd < 0) return 0;
             }
             refusing_ = false;
             return 1;
@@ -578,6 +652,12 @@ Clock::time_point NetLab::Engine::buildPollSet(Clock::time_point now) {
     if (listenFd_ >= 0) {
         listenIndex_ = static_cast<int>(pollSet_.size());
         pollSet_.push_back({listenFd_, POLLIN, 0});
+    }
+    for (Forward& f : forwards_) {
+        f.pollIndex = -1;
+        if (f.fd < 0) continue;
+        f.pollIndex = static_cast<int>(pollSet_.size());
+        pollSet_.push_back({f.fd, POLLIN, 0});
     }
     Clock::time_point wakeAt = now + Millis(kTickMs);
     auto add = [&](Pair& p, int slot, int fd, short events) {
@@ -653,6 +733,12 @@ Pair* NetLab::Engine::addPair(int traffic, int clientFd) {
     p->traffic = traffic;
     p->fd[0] = clientFd;
     ++open_[traffic];
+    if (record_) {
+        p->recording = std::make_shared<NetLabRecording>();
+        p->recording->traffic = traffic == kControl ? Traffic::kControl : Traffic::kData;
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        recordings_.push_back(p->recording);
+    }
     return p;
 }
 
@@ -696,9 +782,27 @@ void NetLab::Engine::acceptData(Pair& control) {
     // One data connection per announced address, as a server's own passive
     // socket serves one.
     closeFd(control.dataListenFd);
+    startData(fd, control.dataUpstream);
+}
+
+// A connection to a forwarded port goes to the same port of the server's
+// host, as a data connection.
+void NetLab::Engine::acceptForwarded(size_t index) {
+    refreshSettings();
+    for (int i = 0; i < kAcceptBurst && forwards_[index].fd >= 0; ++i) {
+        int fd = ::accept4(forwards_[index].fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) return;
+        sockaddr_in target{};
+        target.sin_family = AF_INET;
+        target.sin_addr = local_.upstream.sin_addr;
+        target.sin_port = htons(forwards_[index].port);
+        startData(fd, target);
+    }
+}
+
+void NetLab::Engine::startData(int fd, const sockaddr_in& target) {
     ++dataConnections_;
     setNoDelay(fd);
-    sockaddr_in target = control.dataUpstream;
     Pair* p = addPair(kData, fd);
     if (blackhole_) {
         p->blackhole = true;
@@ -806,7 +910,7 @@ void NetLab::Engine::readHalf(Pair& p, int way) {
         if (p.traffic == kControl && way == kToClient && !p.replies.closed &&
             !(p.swallowGreeting && p.replies.finishedReplies == 0))
             chunk.bytes.swap(p.replies.held);
-    } else if (p.traffic == kControl && way == kToClient) {
+    } else if (p.traffic == kControl && way == kToClient && readReplies_) {
         chunk.bytes = feedReplies(p, scratch_.data(), static_cast<size_t>(n));
     } else {
         chunk.bytes.assign(scratch_.data(), static_cast<size_t>(n));
@@ -879,6 +983,7 @@ void NetLab::Engine::deliver(Pair& p, int way) {
                 return;
             }
             size_t sent = static_cast<size_t>(n);
+            if (p.recording) record(p, way, c.bytes.data() + c.offset, sent);
             c.offset += sent;
             h.queued -= sent;
             h.delivered += sent;
@@ -896,6 +1001,12 @@ void NetLab::Engine::deliver(Pair& p, int way) {
         }
     }
     if (h.queue.empty()) passEnd(p, way);
+}
+
+void NetLab::Engine::record(Pair& p, int way, const char* bytes, size_t length) {
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    std::string& copy = way == kToServer ? p.recording->toServer : p.recording->toClient;
+    if (copy.size() < recordLimit_) copy.append(bytes, std::min(length, recordLimit_ - copy.size()));
 }
 
 // Once a sender's stream ended and its bytes were delivered, the receiver
@@ -1065,7 +1176,7 @@ std::string NetLab::Engine::rewritePassive(Pair& p, const std::string& text) {
     size_t end = 0;
     if (!findPassiveNumbers(text, n, &begin, &end)) return text;
     uint16_t labPort = 0;
-    int fd = listenOn(0, 4, &labPort, nullptr);
+    int fd = listenOn(host_, 0, 4, &labPort, nullptr);
     if (fd < 0) return text;
     closeFd(p.dataListenFd);
     p.dataListenFd = fd;
@@ -1081,19 +1192,30 @@ std::string NetLab::Engine::rewritePassive(Pair& p, const std::string& text) {
     target.sin_port = htons(static_cast<uint16_t>(n[4] * 256 + n[5]));
     p.dataUpstream = target;
     ++passiveRewrites_;
-    return text.substr(0, begin) + "127,0,0,1," + std::to_string(labPort / 256) + "," +
+    uint32_t host = ntohl(host_.s_addr);
+    return text.substr(0, begin) + std::to_string(host >> 24) + "," +
+           std::to_string((host >> 16) & 255) + "," + std::to_string((host >> 8) & 255) + "," +
+           std::to_string(host & 255) + "," + std::to_string(labPort / 256) + "," +
            std::to_string(labPort % 256) + text.substr(end);
 }
 
 // --- NetLab -------------------------------------------------------------------
 
-NetLab::NetLab(const std::string& upstream, NetLabOptions options) {
+NetLab::NetLab(const std::string& upstream, NetLabOptions options)
+    : listenAddress_(options.listenAddress) {
     sockaddr_in address{};
     if (!parseUpstream(upstream, &address, &failure_)) return;
-    int fd = listenOn(options.listenPort, SOMAXCONN, &port_, &failure_);
+    sockaddr_in listen{};
+    if (!parseUpstream(options.listenAddress + ":1", &listen, &failure_)) {
+        failure_ = "listen address must be a 127.x.x.x address, got \"" +
+                   options.listenAddress + "\"";
+        return;
+    }
+    int fd = listenOn(listen.sin_addr, options.listenPort, SOMAXCONN, &port_, &failure_);
     if (fd < 0) return;
-    engine_ = std::make_unique<Engine>(fd, port_, address);
-    if (!engine_->start(&failure_)) {
+    engine_ = std::make_unique<Engine>(fd, port_, address, listen.sin_addr, options);
+    if (!engine_->listenForwarded(options.forwardPorts, &failure_) ||
+        !engine_->start(&failure_)) {
         engine_.reset();
         port_ = 0;
     }
@@ -1101,7 +1223,7 @@ NetLab::NetLab(const std::string& upstream, NetLabOptions options) {
 
 NetLab::~NetLab() { stop(); }
 
-std::string NetLab::address() const { return "127.0.0.1:" + std::to_string(port_); }
+std::string NetLab::address() const { return listenAddress_ + ":" + std::to_string(port_); }
 
 void NetLab::setLatency(Micros oneWay, Way way, Traffic traffic) {
     if (!engine_) return;
@@ -1216,6 +1338,10 @@ int NetLab::dropAll() {
 }
 
 NetLabCounters NetLab::counters() const { return engine_ ? engine_->counters() : NetLabCounters(); }
+
+std::vector<NetLabRecording> NetLab::recorded() const {
+    return engine_ ? engine_->recorded() : std::vector<NetLabRecording>();
+}
 
 bool NetLab::waitFor(const std::function<bool(const NetLabCounters&)>& condition,
                      Millis limit) const {

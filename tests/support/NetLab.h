@@ -7,7 +7,7 @@
 // the upstream server (a loopback address). Server replies are watched line by
 // line: a "227 ... (h1,h2,h3,h4,p1,p2)" line (the six numbers may also stand
 // without parentheses) is rewritten to name a data listener the lab opens for
-// it on 127.0.0.1, and the client's data connection to it is forwarded to the
+// it on its listen address (127.0.0.1 unless set), and the client's data connection to it is forwarded to the
 // address the server announced (127.0.0.1 stands in for an address outside
 // 127/8), so data connections meet the same conditions. Every other byte goes
 // through unchanged. Lines that cannot be a "227" are forwarded as their bytes
@@ -64,6 +64,22 @@
 // - link up: the listener is opened again on the same port, held bytes flow.
 // - drop all: every open connection is reset now.
 //
+// Options fixed at construction:
+// - listen address: the lab may listen on another loopback address than
+//   127.0.0.1 (127.0.0.2, say). A client that takes the data port from a 227
+//   reply and connects to the address its control connection reached then
+//   reaches the lab, not the server, for ports the lab forwards (below).
+// - forwarded ports: the lab also listens on these ports of its address and
+//   forwards each connection to the same port of the upstream host, as data
+//   traffic. This is how data connections go through the lab when it cannot
+//   read the 227 replies (TLS on the control connection): the server is told
+//   to announce passive ports from a fixed range, and the lab listens on them.
+// - replies not read: server replies pass as they come, without the 227
+//   rewrite (and without the rewriter and the swallowed greeting), for
+//   control connections that turn into TLS.
+// - recording: the lab keeps a copy of every byte it delivers, per
+//   connection and direction, for tests that look at what went over the wire.
+//
 // Limits: each direction of a connection queues at most 4 MiB before the lab
 // stops reading from its sender. The lab serves hundreds of connections at
 // once (each needs two descriptors, plus one per announced data listener).
@@ -76,6 +92,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ftptest {
 
@@ -127,6 +144,26 @@ struct NetLabCounters {
 struct NetLabOptions {
     // Port to listen on; 0 takes an ephemeral one.
     uint16_t listenPort = 0;
+    // Address to listen on (for control connections, data listeners and
+    // forwarded ports); a 127.x.x.x address.
+    std::string listenAddress = "127.0.0.1";
+    // Ports of listenAddress whose connections go to the same port of the
+    // upstream host, counted as data connections.
+    std::vector<uint16_t> forwardPorts;
+    // False: server replies pass unread (no 227 rewrite, no rewriter, no
+    // swallowed greeting).
+    bool readReplies = true;
+    // Keep a copy of every delivered byte (see recorded()); at most
+    // recordLimit bytes per direction of a connection are kept.
+    bool record = false;
+    size_t recordLimit = 64u << 20;
+};
+
+// The bytes one connection carried through the lab, as delivered.
+struct NetLabRecording {
+    Traffic traffic = Traffic::kControl;  // kControl or kData
+    std::string toServer;
+    std::string toClient;
 };
 
 class NetLab {
@@ -144,7 +181,7 @@ public:
     const std::string& failure() const { return failure_; }
 
     uint16_t port() const { return port_; }
-    // "127.0.0.1:<port>", ready for FTPTool::connect.
+    // "<listen address>:<port>", ready for FTPTool::connect.
     std::string address() const;
 
     // --- Conditions -----------------------------------------------------------
@@ -182,6 +219,9 @@ public:
 
     // --- Observing ------------------------------------------------------------
     NetLabCounters counters() const;
+    // With NetLabOptions::record: every connection accepted so far, in the
+    // order accepted, with the bytes delivered up to now; empty otherwise.
+    std::vector<NetLabRecording> recorded() const;
     // Polls counters() until `condition` holds or `limit` passes.
     bool waitFor(const std::function<bool(const NetLabCounters&)>& condition,
                  Millis limit = Millis(5000)) const;
@@ -193,6 +233,7 @@ private:
     class Engine;
 
     std::string failure_;
+    std::string listenAddress_;
     uint16_t port_ = 0;
     std::unique_ptr<Engine> engine_;
 };

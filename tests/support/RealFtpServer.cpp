@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <fstream>
 #include <set>
@@ -262,6 +263,17 @@ bool RealFtpServer::start() {
     logFile_ = dir_ + "/server.log";
     outFile_ = dir_ + "/server.out";
     if (::mkdir(root_.c_str(), 0755) != 0) return fail("cannot create " + root_);
+    if (!options_.password.empty() && kind_ != FtpServerKind::kPyftpdlib) {
+        return fail("only pyftpdlib takes another password than \"pw\"");
+    }
+    if (options_.passivePortFirst > 0 && kind_ != FtpServerKind::kPyftpdlib &&
+        kind_ != FtpServerKind::kVsftpd) {
+        return fail("only pyftpdlib and vsftpd take a passive port range");
+    }
+    if (options_.tls) {
+        if (kind_ == FtpServerKind::kBusybox) return fail("BusyBox's ftpd has no TLS");
+        if (!makeCertificate()) return false;
+    }
 
     bool needsRoot = kind_ != FtpServerKind::kPyftpdlib;
     if (geteuid() == 0) {
@@ -296,6 +308,71 @@ bool RealFtpServer::start() {
         if (attempt < 2) failure_.clear();
     }
     return false;
+}
+
+bool RealFtpServer::makeCertificate() {
+    // A private CA and a server certificate it signs for the address the
+    // tests connect to; the keys stay readable by root only (every server
+    // reads them before it switches to the FTP user).
+    const std::string openssl = "/usr/bin/openssl";
+    if (::access(openssl.c_str(), X_OK) != 0) {
+        return fail(openssl + " is missing: run scripts/install-deps.sh");
+    }
+    const std::string tls = dir_ + "/tls";
+    if (::mkdir(tls.c_str(), 0755) != 0) return fail("cannot create " + tls);
+    caFile_ = tls + "/ca.pem";
+    certFile_ = tls + "/server.pem";
+    keyFile_ = tls + "/server.key";
+    certKeyFile_ = tls + "/server-with-key.pem";
+    const std::string caKey = tls + "/ca.key";
+    const std::string request = tls + "/server.csr";
+    const std::string extensions = tls + "/server.ext";
+    const std::string fingerprintFile = tls + "/fingerprint.txt";
+    if (!writeText(extensions,
+                   "basicConstraints=CA:FALSE\n"
+                   "keyUsage=critical,digitalSignature,keyEncipherment\n"
+                   "extendedKeyUsage=serverAuth\n"
+                   "subjectAltName=IP:127.0.0.1\n")) {
+        return fail("cannot write " + extensions);
+    }
+    const std::vector<std::vector<std::string>> steps = {
+        {openssl, "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", caKey, "-out",
+         caFile_, "-days", "30", "-subj", "/CN=ftpdisk test CA", "-addext",
+         "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign"},
+        {openssl, "req", "-newkey", "rsa:2048", "-nodes", "-keyout", keyFile_, "-out", request,
+         "-subj", "/CN=127.0.0.1"},
+        {openssl, "x509", "-req", "-in", request, "-CA", caFile_, "-CAkey", caKey, "-set_serial",
+         "2", "-days", "30", "-extfile", extensions, "-out", certFile_},
+        {openssl, "x509", "-in", certFile_, "-noout", "-fingerprint", "-sha256", "-out",
+         fingerprintFile},
+    };
+    // The key generation's progress dots stay out of the server's output.
+    const std::string opensslOut = tls + "/openssl.out";
+    for (const std::vector<std::string>& step : steps) {
+        if (runToEnd(step, "", tls + "/openssl.input", opensslOut, milliseconds(30000)) != 0) {
+            std::string said;
+            readText(opensslOut, &said);
+            if (said.size() > 2000) said = "..." + said.substr(said.size() - 2000);
+            return fail("openssl " + step[1] + " failed while making the test certificate:\n" +
+                        said);
+        }
+    }
+    // "sha256 Fingerprint=AB:CD:...\n"
+    std::string text;
+    if (!readText(fingerprintFile, &text) || text.find('=') == std::string::npos) {
+        return fail("no fingerprint in " + fingerprintFile);
+    }
+    fingerprint_ = text.substr(text.find('=') + 1);
+    while (!fingerprint_.empty() && std::isspace(static_cast<unsigned char>(fingerprint_.back()))) {
+        fingerprint_.pop_back();
+    }
+    if (fingerprint_.size() != 95) return fail("unexpected fingerprint \"" + fingerprint_ + "\"");
+    std::string cert, key;
+    if (!readText(certFile_, &cert) || !readText(keyFile_, &key) ||
+        !writeText(certKeyFile_, cert + key, 0600) || ::chmod(keyFile_.c_str(), 0600) != 0) {
+        return fail("cannot write " + certKeyFile_);
+    }
+    return true;
 }
 
 bool RealFtpServer::spawn(const std::vector<std::string>& argv) {
@@ -463,11 +540,17 @@ bool RealFtpServer::startPyftpdlib() {
         "--port",           "0",
         "--port-file",      dir_ + "/port",
         "--user",           user(),
-        "--password",       password(),
+        "--password",       passwordInUse(),
         "--idle-timeout",   std::to_string(options_.idleTimeoutSeconds),
         "--log-file",       logFile_};
     if (options_.maxClients > 0) {
         argv.insert(argv.end(), {"--max-clients", std::to_string(options_.maxClients)});
+    }
+    if (options_.tls) argv.insert(argv.end(), {"--tls-certificate", certKeyFile_});
+    if (options_.passivePortFirst > 0) {
+        argv.insert(argv.end(), {"--passive-ports", std::to_string(options_.passivePortFirst) +
+                                                        "-" +
+                                                        std::to_string(options_.passivePortLast)});
     }
     return spawn(argv);
 }
@@ -517,6 +600,29 @@ bool RealFtpServer::startVsftpd() {
          << "max_per_ip=" << perAddress << "\n"
          << "delay_failed_login=0\n"
             "delay_successful_login=0\n";
+    if (options_.passivePortFirst > 0) {
+        conf << "pasv_min_port=" << options_.passivePortFirst << "\n"
+             << "pasv_max_port=" << options_.passivePortLast << "\n";
+    }
+    if (options_.tls) {
+        // This vsftpd knows no finer protocol switch than ssl_tlsv1 (every
+        // TLS 1.x version OpenSSL allows; Debian's OpenSSL allows 1.2 and
+        // 1.3). Its built-in cipher list (DES-CBC3-SHA) is one OpenSSL 3 no
+        // longer offers, so HIGH replaces it.
+        conf << "ssl_enable=YES\n"
+                "allow_anon_ssl=NO\n"
+                "force_local_logins_ssl=YES\n"
+                "force_local_data_ssl=YES\n"
+                "require_ssl_reuse=YES\n"
+                "ssl_sslv2=NO\n"
+                "ssl_sslv3=NO\n"
+                "ssl_tlsv1=YES\n"
+                "ssl_ciphers=HIGH\n"
+                "ssl_request_cert=NO\n"
+                "debug_ssl=YES\n"
+             << "rsa_cert_file=" << certFile_ << "\n"
+             << "rsa_private_key_file=" << keyFile_ << "\n";
+    }
     std::string confFile = dir_ + "/vsftpd.conf";
     if (!writeText(confFile, conf.str(), 0600)) return fail("cannot write " + confFile);
     return spawn({"/usr/sbin/vsftpd", confFile});
@@ -569,6 +675,21 @@ bool RealFtpServer::startProftpd() {
          << "TimeoutNoTransfer " << options_.idleTimeoutSeconds << "\n"
          << maxClients << "SystemLog " << logFile_ << "\n"
          << "TransferLog " << dir_ << "/xfer.log\n";
+    if (options_.tls) {
+        // mod_tls is a loadable module of Debian's proftpd-mod-crypto,
+        // unpacked beside proftpd-core. Without TLSOptions
+        // NoSessionReuseRequired it requires every data connection to resume
+        // the control connection's TLS session.
+        conf << "ModulePath " << serversDir() << "/proftpd-mod-crypto/usr/lib/proftpd\n"
+             << "LoadModule mod_tls.c\n"
+             << "TLSEngine on\n"
+                "TLSRequired on\n"
+                "TLSProtocol TLSv1.2 TLSv1.3\n"
+                "TLSVerifyClient off\n"
+             << "TLSRSACertificateFile " << certFile_ << "\n"
+             << "TLSRSACertificateKeyFile " << keyFile_ << "\n"
+             << "TLSLog " << dir_ << "/tls.log\n";
+    }
     std::string confFile = dir_ + "/proftpd.conf";
     if (!writeText(confFile, conf.str(), 0644)) return fail("cannot write " + confFile);
     // -n: stay in the foreground, so the process we start is the server.
@@ -619,6 +740,11 @@ bool RealFtpServer::startPureftpd() {
         argv.insert(argv.end(), {"-c", std::to_string(2 * options_.maxClients + 10), "-C",
                                  std::to_string(options_.maxClients)});
     }
+    if (options_.tls) {
+        // -Y 3: TLS before the login and on every data connection; -2 the
+        // certificate with its key in one file.
+        argv.insert(argv.end(), {"-Y", "3", "-2", certKeyFile_});
+    }
     return spawn(argv);
 }
 
@@ -646,7 +772,8 @@ bool RealFtpServer::startBusybox() {
 std::string RealFtpServer::hostPort() const { return "127.0.0.1:" + std::to_string(port_); }
 
 std::string RealFtpServer::location(const std::string& path) const {
-    return std::string(user()) + "(" + password() + ")@ftp://" + hostPort() + path;
+    return std::string(user()) + "(" + passwordInUse() + ")@" + (options_.tls ? "ftps" : "ftp") +
+           "://" + hostPort() + path;
 }
 
 std::string RealFtpServer::localPath(const std::string& ftpPath) const {

@@ -16,6 +16,23 @@
 // /opt/ftpdisk-servers, with their own password files), and BusyBox's ftpd
 // under its tcpsvd (built by the same script into FTPDISK_SERVERS_DIR/busybox;
 // local user rec). The daemons need root.
+//
+// With RealFtpServerOptions::tls the four kinds that can (not BusyBox) speak
+// explicit TLS and require it before the login and on every data connection.
+// The certificate is made for the test by the `openssl` command: a private
+// CA (caFile()) that signs a server certificate for the IP address 127.0.0.1
+// (its SHA-256 fingerprint is fingerprint()). What each kind needs:
+//   pyftpdlib  TLS_FTPHandler with tls_control_required and tls_data_required,
+//              TLS 1.2 at least (needs pyOpenSSL, Debian's python3-openssl)
+//   vsftpd     ssl_enable, force_local_logins_ssl, force_local_data_ssl and
+//              require_ssl_reuse (a data connection must resume the control
+//              connection's TLS session)
+//   proftpd    mod_tls (a loadable module of Debian's proftpd-mod-crypto,
+//              unpacked next to proftpd-core) with TLSRequired on and
+//              TLSProtocol TLSv1.2 TLSv1.3; it requires session reuse on data
+//              connections by default
+//   pure-ftpd  -Y 3 (TLS for the login and for data) with the certificate and
+//              key in one file (-2)
 #ifndef FTPDISK_TESTS_SUPPORT_REALFTPSERVER_H
 #define FTPDISK_TESTS_SUPPORT_REALFTPSERVER_H
 
@@ -54,6 +71,18 @@ struct RealFtpServerOptions {
     //   pure-ftpd  -C: "421 Too many connections (N) from this IP"
     //   busybox    tcpsvd -C: "421 Too many connections from this address"
     int maxClients = 0;
+    // Explicit TLS, required for the login and for data (see above). BusyBox
+    // has none: asking it of busybox fails the start.
+    bool tls = false;
+    // Passive data ports the server announces, first..last (both 0: any).
+    // pyftpdlib and vsftpd only; a test that puts a proxy in front of a TLS
+    // server (which cannot read the 227 replies) listens on them.
+    int passivePortFirst = 0;
+    int passivePortLast = 0;
+    // Another password for rec than "pw" (at most 19 characters, the
+    // module's limit), for tests that look for it in captured traffic.
+    // pyftpdlib only: the daemons check their fixed password files.
+    std::string password;
 };
 
 class RealFtpServer {
@@ -80,12 +109,27 @@ public:
     int port() const { return port_; }
     static const char* user() { return "rec"; }
     static const char* password() { return "pw"; }
+    // The password this server accepts: RealFtpServerOptions::password when
+    // given, else password().
+    std::string passwordInUse() const {
+        return options_.password.empty() ? password() : options_.password;
+    }
 
     // "127.0.0.1:<port>": the server text FTPTool::connect takes.
     std::string hostPort() const;
     // "rec(pw)@ftp://127.0.0.1:<port>" followed by `path` (which should start
-    // with '/' when given): the location text of the registry.
+    // with '/' when given): the location text of the registry; "ftps://" for
+    // a TLS server, and passwordInUse() in place of "pw".
     std::string location(const std::string& path = std::string()) const;
+
+    // TLS servers only (empty otherwise): the PEM file of the private CA that
+    // signed the server's certificate, the server certificate itself, and
+    // the SHA-256 fingerprint of that certificate as "AB:CD:..." (32 bytes in
+    // upper-case hex pairs).
+    bool tls() const { return options_.tls; }
+    const std::string& caFile() const { return caFile_; }
+    const std::string& certificateFile() const { return certFile_; }
+    const std::string& fingerprint() const { return fingerprint_; }
 
     // Local folder that the FTP user sees as "/". Tests check the bytes the
     // module stored by reading below it.
@@ -135,6 +179,7 @@ private:
     bool startProftpd();
     bool startPureftpd();
     bool startBusybox();
+    bool makeCertificate();
     bool spawn(const std::vector<std::string>& argv);
     bool waitForGreeting(std::chrono::milliseconds limit);
     bool fail(const std::string& why);
@@ -148,6 +193,11 @@ private:
     std::string root_;     // dir_ + "/home"
     std::string logFile_;  // the server's own log
     std::string outFile_;  // its standard output and error
+    std::string caFile_;       // TLS: the CA's certificate
+    std::string certFile_;     // TLS: the server's certificate
+    std::string keyFile_;      // TLS: its private key
+    std::string certKeyFile_;  // TLS: both in one file (pure-ftpd, pyftpdlib)
+    std::string fingerprint_;  // TLS: SHA-256 of certFile_, "AB:CD:..."
     pid_t pid_ = -1;       // the process we started; leads its process group
     uid_t uid_ = 0;        // owner given to root_ and to files written here
     gid_t gid_ = 0;

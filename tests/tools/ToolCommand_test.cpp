@@ -199,7 +199,8 @@ TEST_F(ToolCommand, TextThatIsNotALocationIsNamedAsSuchWithoutItsPassword) {
             const ToolRun result = run({command, c.text});
             EXPECT_EQ(2, result.status) << c.text << "\n" << result.transcript();
             EXPECT_TRUE(contains(result.err, c.shown)) << c.text << "\n" << result.transcript();
-            EXPECT_TRUE(contains(result.err, "expected user[(password)]@ftp://server[:port]/path"))
+            EXPECT_TRUE(
+                contains(result.err, "expected user[(password)]@ftp[s]://server[:port]/path"))
                 << c.text << "\n"
                 << result.transcript();
             EXPECT_FALSE(contains(result.out + result.err, "s3cr3t")) << c.text << "\n"

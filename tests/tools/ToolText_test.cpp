@@ -83,6 +83,10 @@ TEST(ToolLocation, TheToolAndTheRegistryReadOneTableOfLocationsAlike) {
         {"rec()@ftp://h/p", ""},
         {"rec(pw)@ftp://h:ftp/p", ""},
         {"rec(pw)@x@ftp://h/p", ""},
+        {"rec(pw)@ftps://10.0.0.5/video/", ""},
+        {"rec(pw)@ftps://h:990/p", ""},
+        {"a*(b(p@ss)@ftps://h\\dir", ""},
+        {"rec(pw)@ftps:/h/p", "no \"ftp://\" or \"ftps://\""},
         {"(pw)@ftp://h/p", "empty user name"},
         {"rec(pw@ftp://h/p", "no \")\""},
         {"a)b(pw@ftp://h/p", "no \")\""},
@@ -114,12 +118,36 @@ TEST(ToolLocation, TheToolAndTheRegistryReadOneTableOfLocationsAlike) {
             EXPECT_EQ(tool.password, registry.getPassword()) << text;
             EXPECT_EQ(tool.server, registry.getServerAddress()) << text;
             EXPECT_EQ(tool.base, registry.getPath()) << text;
+            EXPECT_EQ(tool.tls, registry.isTls()) << text;
             EXPECT_TRUE(tool.passwordGiven) << text;
         } else {
             EXPECT_FALSE(toolReads) << text;
             EXPECT_NE(problem.find(refusal), std::string::npos) << text << ": " << problem;
         }
     }
+}
+
+TEST(ToolLocation, AnFtpsLocationKeepsItsSchemeInEveryFormTheToolMakes) {
+    Location location;
+    std::string problem;
+    ASSERT_TRUE(parseLocation("rec@ftps://10.0.0.5:2121/video/", location, problem)) << problem;
+    EXPECT_TRUE(location.tls);
+    EXPECT_EQ("10.0.0.5:2121", location.server);
+    EXPECT_EQ("/video", location.base);
+    EXPECT_EQ("rec(***)@ftps://10.0.0.5:2121/video", location.masked());
+    ASSERT_TRUE(location.setPassword("s3cret", problem)) << problem;
+    EXPECT_EQ("rec(s3cret)@ftps://10.0.0.5:2121/video/", location.text);
+    FTPPath registry;
+    ASSERT_EQ(1, registry.create(location.text));
+    EXPECT_TRUE(registry.isTls());
+    EXPECT_EQ("s3cret", registry.getPassword());
+
+    ASSERT_TRUE(parseLocation("rec(pw)@ftp://10.0.0.5/video", location, problem)) << problem;
+    EXPECT_FALSE(location.tls);
+    EXPECT_EQ("rec(***)@ftp://10.0.0.5/video", location.masked());
+    // "ftps://" in the path of a plain location is a path, not the scheme.
+    ASSERT_TRUE(parseLocation("rec(pw)@ftp://h/ftps://x", location, problem)) << problem;
+    EXPECT_FALSE(location.tls);
 }
 
 TEST(ToolLocation, ReadsLocationsWithoutPasswordAndPutsTheOneFoundElsewhereIn) {
@@ -176,10 +204,11 @@ TEST(ToolLocation, FindsWhereThePasswordStandsForBlankingIt) {
         const char* text;
         const char* password;  // nullptr: none
     } cases[] = {
-        {"rec(pw)@ftp://h/p", "pw"},       {"a*(b(p@ss)@ftp://h/p", "p@ss"},
-        {"rec(a(b)c)@ftp://h/p", "a(b)c"}, {"rec()@ftp://h/p", ""},
-        {"rec@ftp://h/p", nullptr},        {"rec(pw@ftp://h/p", nullptr},
-        {"clip(1).bin", nullptr},          {"--cameras", nullptr},
+        {"rec(pw)@ftps://h/p", "pw"},     {"rec(pw)@ftp://h/p", "pw"},
+        {"a*(b(p@ss)@ftp://h/p", "p@ss"}, {"rec(a(b)c)@ftp://h/p", "a(b)c"},
+        {"rec()@ftp://h/p", ""},          {"rec@ftp://h/p", nullptr},
+        {"rec(pw@ftp://h/p", nullptr},    {"clip(1).bin", nullptr},
+        {"--cameras", nullptr},
     };
     for (const auto& c : cases) {
         std::size_t begin = 0;
@@ -204,8 +233,9 @@ TEST(ToolLocation, RefusesTextsThatAreNotLocationsWithAReason) {
         {"rec(pw\r\nDELE x)@ftp://h/p", "the password holds a control character"},
         {"rec\r\nDELE x(pw)@ftp://h/p", "the user name holds a control character"},
         {"rec(pw@ftp://h/p", "no \")\""},
-        {"rec(pw)@h/p", "no \"ftp://\""},
+        {"rec(pw)@h/p", "no \"ftp://\" or \"ftps://\" before the server"},
         {"rec(pw)@ftp:///p", "empty server"},
+        {"rec(pw)@ftps:///p", "empty server"},
         {"rec(pw)@ftp://a-very-long-host-name-for-a-recorder.example:21/p",
          "server address too long"},
         {"rec(an-overlong-password-of-24)@ftp://h/p", "password too long"},
@@ -243,6 +273,8 @@ TEST(ToolLocation, MasksWhateverStandsWhereAPasswordCouldBeInBrokenTexts) {
         {"rec(s3cret)@ftp://h/p", "rec(***)@ftp://h/p"},
         {"rec(s3cret@ftp://h/p", "rec(***@ftp://h/p"},
         {"rec(s3cret)ftp://h/p", "rec(***)ftp://h/p"},
+        {"rec(s3cret)ftps://h/p", "rec(***)ftps://h/p"},
+        {"rec(s3cret@ftps://h/p", "rec(***@ftps://h/p"},
         {"rec(s3cret", "rec(***"},
         {"rec:s3cret@ftp://h/p", "rec:***@ftp://h/p"},
         {"ftp://rec:s3cret@h/p", "ftp:***@h/p"},

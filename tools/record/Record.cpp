@@ -911,7 +911,7 @@ int runRecord(const Arguments& args) {
                 kExitUsage);
         }
     }
-    Session session("record");
+    Session session("record", args);
     int status = session.open(args.positional[0]);
     if (status != kExitOk) {
         return status;
