@@ -287,8 +287,8 @@ TEST_F(FtpTls, DataConnectionsAreProtectedAndResumeTheControlSession) {
     EXPECT_EQ(tool.closeData(data), 1) << tool.getResponse();
     EXPECT_TRUE(server.file("/rec/b.ts") == std::optional<std::string>(bytes.substr(0, 50000)));
 
-    EXPECT_EQ(server.commands(), concat(kSecureLogin, {"TYPE I", "PASV", "RETR /rec/a.ts",
-                                                       "TYPE I", "PASV", "STOR /rec/b.ts"}));
+    EXPECT_EQ(server.commands(), concat(kSecureLogin, {"TYPE I", "PASV", "RETR /rec/a.ts", "TYPE I",
+                                                       "PASV", "STOR /rec/b.ts"}));
     const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
     ASSERT_EQ(records.size(), 2u);
     for (const DataConnectionRecord& r : records) {
@@ -316,8 +316,9 @@ TEST_F(FtpTls, AFailedDataHandshakeFailsTheTransferAndTheConnectionStaysInStep) 
     char buffer[64];
     EXPECT_EQ(tool.read(buffer, sizeof buffer, data), 5);
     EXPECT_EQ(tool.closeData(data), 1) << tool.getResponse();
-    EXPECT_EQ(server.commands(), concat(kSecureLogin, {"TYPE I", "PASV", "RETR /rec/a.ts", "CWD /rec",
-                                                       "TYPE I", "PASV", "RETR /rec/a.ts"}));
+    EXPECT_EQ(server.commands(),
+              concat(kSecureLogin, {"TYPE I", "PASV", "RETR /rec/a.ts", "CWD /rec", "TYPE I",
+                                    "PASV", "RETR /rec/a.ts"}));
     const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_TRUE(records[0].refused);
@@ -458,8 +459,9 @@ TEST_F(FtpTlsStore, InitOpenWriteReadAndListOverTls) {
     EXPECT_EQ(store->close(reading), 0);
     EXPECT_TRUE(got == bytes) << got.size() << " bytes";
 
-    server.setListing("-rw-r--r-- 1 rec rec 70000 Jan 15 10:31 seg.ts\r\n"
-                      "drwxr-xr-x 2 rec rec 4096 Jan 15 10:31 day\r\n");
+    server.setListing(
+        "-rw-r--r-- 1 rec rec 70000 Jan 15 10:31 seg.ts\r\n"
+        "drwxr-xr-x 2 rec rec 4096 Jan 15 10:31 day\r\n");
     std::vector<std::string> names;
     EXPECT_EQ(store->getFileList("/rec", names, ""), 1);
     EXPECT_EQ(names, (Lines{"seg.ts"}));
@@ -478,8 +480,9 @@ TEST_F(FtpTlsStore, UploadsEndWithCloseNotifyAndTheAsynchronousWriteAndTheSnapsh
     ASSERT_GT(handle, 0);
     size_t at = 0;
     for (int i = 0; at < bytes.size() && i < 10000; ++i) {
-        const int n = store->aioWrite(handle, bytes.data() + at,
-                                      static_cast<unsigned>(std::min<size_t>(4096, bytes.size() - at)));
+        const int n =
+            store->aioWrite(handle, bytes.data() + at,
+                            static_cast<unsigned>(std::min<size_t>(4096, bytes.size() - at)));
         if (n < 0) {
             ASSERT_EQ(store->aioReturn(handle, 3000), 0);
             continue;
@@ -605,9 +608,8 @@ TEST_F(FtpTlsRegistry, AnFtpsStoreFollowsItsTrustCalls) {
     EXPECT_EQ(registry->skipTlsCertificateVerification(location), 0);
     EXPECT_EQ(store->init(), 0) << FTPFileSystem::getLastError().text;
     // The two failed handshakes sent nothing after AUTH; three logins.
-    EXPECT_EQ(server.commands(),
-              concat(concat(Lines{"AUTH TLS", "AUTH TLS"}, kSecureLogin),
-                     concat(kSecureLogin, kSecureLogin)));
+    EXPECT_EQ(server.commands(), concat(concat(Lines{"AUTH TLS", "AUTH TLS"}, kSecureLogin),
+                                        concat(kSecureLogin, kSecureLogin)));
 }
 
 TEST_F(FtpTlsRegistry, APlainStoreSendsNoAuthAndRefusesTrustCalls) {
