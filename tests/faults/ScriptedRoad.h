@@ -13,6 +13,7 @@
 
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,11 @@
 namespace faulttest {
 
 enum class Scheme { kPlain, kFtps };
+
+// How gtest shows the parameter.
+inline void PrintTo(Scheme scheme, std::ostream* out) {
+    *out << (scheme == Scheme::kFtps ? "ftps" : "plain");
+}
 
 // "Plain" and "Ftps", for the names of parameterised tests.
 inline std::string schemeName(const ::testing::TestParamInfo<Scheme>& info) {

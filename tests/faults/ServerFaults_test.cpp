@@ -473,8 +473,7 @@ TEST_P(IdleClosed, A421AndACloseFailTheOpenThatTakesThePooledConnection) {
 TEST_P(IdleClosed, ASilentCloseFailsTheOpenThatTakesThePooledConnection) {
     const int open = lab.counters().openControl;
     const int closed = server.closedConnectionCount();
-    idleConnectionEnds([&] { closeAfterNextTransfer(""); },
-                       [&] { waitForTheEnd(open, closed); });
+    idleConnectionEnds([&] { closeAfterNextTransfer(""); }, [&] { waitForTheEnd(open, closed); });
 }
 
 TEST_P(IdleClosed, AResetFailsTheOpenThatTakesThePooledConnection) {
@@ -706,7 +705,8 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(Schemes, ScriptedDataReset, kSchemes, faulttest::schemeName);
 
-TEST_P(ScriptedDataReset, AnUploadResetAfterNBytesFailsTheNextWriteAndTheServerKeepsExactlyThoseBytes) {
+TEST_P(ScriptedDataReset,
+       AnUploadResetAfterNBytesFailsTheNextWriteAndTheServerKeepsExactlyThoseBytes) {
     const size_t n = 300000;
     resetNext("STOR", static_cast<long>(n));
     const int handle = store->open("/rec/cut.ts", 2);
@@ -845,7 +845,8 @@ protected:
 
     // The outage and the recovery; `fileOf` gives a file's bytes on the
     // server (nothing when it has none).
-    void outageAndRecovery(const std::function<std::optional<std::string>(const std::string&)>& fileOf);
+    void outageAndRecovery(
+        const std::function<std::optional<std::string>(const std::string&)>& fileOf);
     // Heap the server behind the lab keeps in this process, if any.
     virtual size_t extraHeap() const { return 0; }
 

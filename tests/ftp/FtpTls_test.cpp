@@ -165,8 +165,7 @@ TEST_F(FtpTls, ARefusedAuthFailsTheConnectWithTheServersReplyAndNothingFollowsIn
 
 // A failed trust check: the connect fails with a text naming the
 // certificate's fingerprint, and the server gets no byte after the handshake.
-void expectUntrusted(FtpTls& test, FTPTool& tool, ScriptedFtpServer& server,
-                     const std::string& fingerprint) {
+void expectUntrusted(FTPTool& tool, ScriptedFtpServer& server, const std::string& fingerprint) {
     EXPECT_EQ(tool.connect(server.address().c_str()), 0);
     const std::string response = tool.getResponse();
     EXPECT_TRUE(contains(response, "TLS certificate not trusted")) << response;
@@ -175,19 +174,18 @@ void expectUntrusted(FtpTls& test, FTPTool& tool, ScriptedFtpServer& server,
     EXPECT_EQ(tool.login("rec", "pw"), 0);
     EXPECT_TRUE(server.waitForClosedConnections(1)) << "the client kept the connection open";
     EXPECT_EQ(server.commands(), Lines{"AUTH TLS"});
-    (void)test;
 }
 
 TEST_F(FtpTls, ACertificateOfAnUnknownCaFailsNamingItsFingerprint) {
     TestCertificate stranger;
     ASSERT_TRUE(stranger.ok()) << stranger.failure();
     tool.useTls(context(trustCa(stranger.caFile())));
-    expectUntrusted(*this, tool, server, cert.fingerprint());
+    expectUntrusted(tool, server, cert.fingerprint());
 }
 
 TEST_F(FtpTls, ACertificateOfAnUnknownCaFailsWithTheSystemStoreAlone) {
     tool.useTls(context(TlsTrust()));
-    expectUntrusted(*this, tool, server, cert.fingerprint());
+    expectUntrusted(tool, server, cert.fingerprint());
 }
 
 TEST_F(FtpTls, ACertificateForAnotherNameFailsNamingItsFingerprint) {
@@ -195,14 +193,14 @@ TEST_F(FtpTls, ACertificateForAnotherNameFailsNamingItsFingerprint) {
     ASSERT_TRUE(other.ok()) << other.failure();
     serveWith(other);
     tool.useTls(context(trustCa(other.caFile())));
-    expectUntrusted(*this, tool, server, other.fingerprint());
+    expectUntrusted(tool, server, other.fingerprint());
 }
 
 TEST_F(FtpTls, AWrongPinFailsNamingTheServersFingerprint) {
     TestCertificate stranger;
     ASSERT_TRUE(stranger.ok()) << stranger.failure();
     tool.useTls(context(trustPin(stranger.sha256())));
-    expectUntrusted(*this, tool, server, cert.fingerprint());
+    expectUntrusted(tool, server, cert.fingerprint());
 }
 
 TEST_F(FtpTls, TheRightPinIsTrustedWhateverTheChainAndName) {
@@ -289,8 +287,8 @@ TEST_F(FtpTls, DataConnectionsAreProtectedAndResumeTheControlSession) {
     EXPECT_EQ(tool.closeData(data), 1) << tool.getResponse();
     EXPECT_TRUE(server.file("/rec/b.ts") == std::optional<std::string>(bytes.substr(0, 50000)));
 
-    EXPECT_EQ(server.commands(), concat(kSecureLogin, {"TYPE I", "PASV", "RETR /rec/a.ts",
-                                                       "TYPE I", "PASV", "STOR /rec/b.ts"}));
+    EXPECT_EQ(server.commands(), concat(kSecureLogin, {"TYPE I", "PASV", "RETR /rec/a.ts", "TYPE I",
+                                                       "PASV", "STOR /rec/b.ts"}));
     const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
     ASSERT_EQ(records.size(), 2u);
     for (const DataConnectionRecord& r : records) {
@@ -318,8 +316,9 @@ TEST_F(FtpTls, AFailedDataHandshakeFailsTheTransferAndTheConnectionStaysInStep) 
     char buffer[64];
     EXPECT_EQ(tool.read(buffer, sizeof buffer, data), 5);
     EXPECT_EQ(tool.closeData(data), 1) << tool.getResponse();
-    EXPECT_EQ(server.commands(), concat(kSecureLogin, {"TYPE I", "PASV", "RETR /rec/a.ts", "CWD /rec",
-                                                       "TYPE I", "PASV", "RETR /rec/a.ts"}));
+    EXPECT_EQ(server.commands(),
+              concat(kSecureLogin, {"TYPE I", "PASV", "RETR /rec/a.ts", "CWD /rec", "TYPE I",
+                                    "PASV", "RETR /rec/a.ts"}));
     const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_TRUE(records[0].refused);
@@ -352,12 +351,9 @@ TEST_F(FtpTls, DataAlreadyDecryptedInsideTlsCountsAsReady) {
     }
 }
 
-TEST_F(FtpTls, ADataConnectionThatDoesNotResumeIsRefusedByAServerThatRequiresIt) {
-    // A second tool's session is not the control session of the first; the
-    // server refuses what does not resume. Here the client resumes, so both
-    // transfers pass even though reuse is required.
+TEST_F(FtpTls, ListingsOneAfterAnotherAllResumeOnAServerThatRequiresIt) {
     ASSERT_EQ(connectAndLogin(trustCa(cert.caFile())), 1) << tool.getResponse();
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 3; ++i) {
         NetBuf* data = nullptr;
         ASSERT_EQ(tool.dataConnect("/rec", kFtpNlst, 'A', &data), 1) << tool.getResponse();
         char line[256];
@@ -366,9 +362,34 @@ TEST_F(FtpTls, ADataConnectionThatDoesNotResumeIsRefusedByAServerThatRequiresIt)
         EXPECT_EQ(tool.closeData(data), 1) << tool.getResponse();
     }
     const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_TRUE(records[0].resumed && records[1].resumed);
-    EXPECT_FALSE(records[0].refused || records[1].refused);
+    ASSERT_EQ(records.size(), 3u);
+    for (const DataConnectionRecord& r : records) {
+        EXPECT_TRUE(r.tls && r.resumed && !r.refused) << r.command;
+    }
+}
+
+// A server that has forgotten the control connection's session (here: new
+// session keys) makes a full handshake on the data connection, then refuses
+// it: the transfer fails with the server's reply.
+TEST_F(FtpTls, ADataConnectionThatCannotResumeIsRefusedAndTheTransferFails) {
+    ASSERT_EQ(connectAndLogin(trustCa(cert.caFile())), 1) << tool.getResponse();
+    serveWith(cert);
+    server.putFile("/rec/a.ts", "bytes");
+    NetBuf* data = nullptr;
+    ASSERT_EQ(tool.dataConnect("/rec/a.ts", kFtpRetr, 'I', &data), 1) << tool.getResponse();
+    EXPECT_FALSE(tool.lastDataResumedSession());
+    char buffer[64];
+    EXPECT_LE(tool.read(buffer, sizeof buffer, data), 0);
+    EXPECT_EQ(tool.closeData(data), 0);
+    EXPECT_EQ(std::string(tool.getResponse()),
+              "522 Data connections must resume the TLS session of the control connection\n");
+    const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_TRUE(records[0].tls);
+    EXPECT_FALSE(records[0].resumed);
+    EXPECT_TRUE(records[0].refused);
+    // The control connection stays in step.
+    EXPECT_EQ(tool.cd("/rec"), 1) << tool.getResponse();
 }
 
 // --- The store ---------------------------------------------------------------------------
@@ -438,8 +459,9 @@ TEST_F(FtpTlsStore, InitOpenWriteReadAndListOverTls) {
     EXPECT_EQ(store->close(reading), 0);
     EXPECT_TRUE(got == bytes) << got.size() << " bytes";
 
-    server.setListing("-rw-r--r-- 1 rec rec 70000 Jan 15 10:31 seg.ts\r\n"
-                      "drwxr-xr-x 2 rec rec 4096 Jan 15 10:31 day\r\n");
+    server.setListing(
+        "-rw-r--r-- 1 rec rec 70000 Jan 15 10:31 seg.ts\r\n"
+        "drwxr-xr-x 2 rec rec 4096 Jan 15 10:31 day\r\n");
     std::vector<std::string> names;
     EXPECT_EQ(store->getFileList("/rec", names, ""), 1);
     EXPECT_EQ(names, (Lines{"seg.ts"}));
@@ -449,6 +471,71 @@ TEST_F(FtpTlsStore, InitOpenWriteReadAndListOverTls) {
     EXPECT_GE(server.dataConnectionRecords().size(), 3u);
     // Every control connection went through TLS.
     EXPECT_EQ(server.tlsHandshakeCount(), server.connectionCount());
+}
+
+TEST_F(FtpTlsStore, UploadsEndWithCloseNotifyAndTheAsynchronousWriteAndTheSnapshotArriveWhole) {
+    ASSERT_EQ(store->init(), 0) << FTPFileSystem::getLastError().text;
+    const std::string bytes = patternBytes(40000, 2);
+    const int handle = store->open("/rec/aio.ts", 2);
+    ASSERT_GT(handle, 0);
+    size_t at = 0;
+    for (int i = 0; at < bytes.size() && i < 10000; ++i) {
+        const int n =
+            store->aioWrite(handle, bytes.data() + at,
+                            static_cast<unsigned>(std::min<size_t>(4096, bytes.size() - at)));
+        if (n < 0) {
+            ASSERT_EQ(store->aioReturn(handle, 3000), 0);
+            continue;
+        }
+        at += static_cast<size_t>(n);
+    }
+    EXPECT_EQ(at, bytes.size());
+    EXPECT_EQ(store->close(handle), 0);
+    EXPECT_TRUE(server.file("/rec/aio.ts") == std::optional<std::string>(bytes));
+
+    ASSERT_EQ(store->snapshot_open("/rec/snap.jpg", 0), 0);
+    EXPECT_EQ(store->snapshot_write(bytes.data(), 5000), 5000);
+    EXPECT_EQ(store->snapshot_write(bytes.data() + 5000, 3), 3);
+    EXPECT_EQ(store->snapshot_close(), 0);
+    EXPECT_TRUE(server.file("/rec/snap.jpg") == std::optional<std::string>(bytes.substr(0, 5003)));
+
+    const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
+    ASSERT_EQ(records.size(), 2u);
+    for (const DataConnectionRecord& r : records) {
+        EXPECT_TRUE(r.tls && r.resumed) << r.command;
+        EXPECT_TRUE(r.closeNotify) << r.command << " ended without close_notify";
+    }
+    EXPECT_EQ(server.commandsOn(1), concat(kSecureLogin, {"TYPE I", "PASV", "STOR /rec/snap.jpg"}));
+}
+
+// A server that offers TLS 1.2 at most resumes sessions by their id: the
+// data connections resume all the same.
+TEST_F(FtpTlsStore, WithTls12TheDataConnectionsResumeTheControlSessionToo) {
+    ServerTlsOptions options;
+    options.certFile = cert.certFile();
+    options.keyFile = cert.keyFile();
+    options.requireSessionReuse = true;
+    options.tls12Only = true;
+    ASSERT_TRUE(server.enableTls(options));
+    ASSERT_EQ(store->init(), 0) << FTPFileSystem::getLastError().text;
+    const std::string bytes = patternBytes(30000, 6);
+    for (int i = 0; i < 3; ++i) {
+        const std::string path = "/rec/seg" + std::to_string(i) + ".ts";
+        const int handle = store->open(path.c_str(), 2);
+        ASSERT_GT(handle, 0) << FTPFileSystem::getLastError().text;
+        EXPECT_TRUE(writeAll(bytes, bytes.size(), [&](const char* p, size_t n) {
+            return store->write(handle, p, static_cast<unsigned>(n));
+        }));
+        EXPECT_EQ(store->close(handle), 0);
+        EXPECT_TRUE(server.file(path) == std::optional<std::string>(bytes));
+    }
+    std::vector<std::string> names;
+    EXPECT_EQ(store->getFileList("/rec", names, ""), 1);
+    const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();
+    ASSERT_EQ(records.size(), 4u);
+    for (const DataConnectionRecord& r : records) {
+        EXPECT_TRUE(r.tls && r.resumed && !r.refused) << r.command;
+    }
 }
 
 TEST_F(FtpTlsStore, ARefusedAuthFailsInitWithTheServersReplyAndSendsNoLogin) {
@@ -521,9 +608,8 @@ TEST_F(FtpTlsRegistry, AnFtpsStoreFollowsItsTrustCalls) {
     EXPECT_EQ(registry->skipTlsCertificateVerification(location), 0);
     EXPECT_EQ(store->init(), 0) << FTPFileSystem::getLastError().text;
     // The two failed handshakes sent nothing after AUTH; three logins.
-    EXPECT_EQ(server.commands(),
-              concat(concat(Lines{"AUTH TLS", "AUTH TLS"}, kSecureLogin),
-                     concat(kSecureLogin, kSecureLogin)));
+    EXPECT_EQ(server.commands(), concat(concat(Lines{"AUTH TLS", "AUTH TLS"}, kSecureLogin),
+                                        concat(kSecureLogin, kSecureLogin)));
 }
 
 TEST_F(FtpTlsRegistry, APlainStoreSendsNoAuthAndRefusesTrustCalls) {

@@ -270,9 +270,9 @@ TEST_P(ScriptedFtpServerTls, CommandsAfterTheHandshakeAreRecordedAsTheirClearLin
         EXPECT_EQ(client.line(), "226 Transfer complete");
         EXPECT_EQ(client.command("QUIT"), "221 Goodbye");
     }
-    EXPECT_EQ(server.commands(), (Lines{"AUTH TLS", "USER rec", "PASS pw", "PBSZ 0", "PROT P",
-                                        "PASV", "RETR /rec/a.ts", "PASV", "STOR /rec/b.ts",
-                                        "QUIT"}));
+    EXPECT_EQ(server.commands(),
+              (Lines{"AUTH TLS", "USER rec", "PASS pw", "PBSZ 0", "PROT P", "PASV",
+                     "RETR /rec/a.ts", "PASV", "STOR /rec/b.ts", "QUIT"}));
     EXPECT_EQ(server.file("/rec/b.ts"), std::optional<std::string>("recorded bytes"));
     EXPECT_EQ(server.tlsHandshakeCount(), 1);
     const std::vector<DataConnectionRecord> records = server.dataConnectionRecords();

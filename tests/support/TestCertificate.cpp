@@ -72,23 +72,22 @@ X509* makeCertificate(EVP_PKEY* key, const char* commonName, X509* issuer, EVP_P
     RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial);
     serial = (serial >> 2) + 1;  // positive and non-zero
     X509_NAME* subject = X509_get_subject_name(cert);
-    bool ok = X509_set_version(cert, 2) == 1 &&
-              ASN1_INTEGER_set_uint64(X509_get_serialNumber(cert), serial) == 1 &&
-              X509_gmtime_adj(X509_getm_notBefore(cert), -3600) != nullptr &&
-              X509_gmtime_adj(X509_getm_notAfter(cert), 24 * 3600) != nullptr &&
-              X509_set_pubkey(cert, key) == 1 &&
-              X509_NAME_add_entry_by_txt(subject, "O", MBSTRING_ASC,
-                                         reinterpret_cast<const unsigned char*>("ftpdisk tests"),
-                                         -1, -1, 0) == 1 &&
-              X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC,
-                                         reinterpret_cast<const unsigned char*>(commonName), -1,
-                                         -1, 0) == 1 &&
-              X509_set_issuer_name(cert, X509_get_subject_name(issuer != nullptr ? issuer : cert)) ==
-                  1 &&
-              addExtension(cert, issuer != nullptr ? issuer : cert, NID_subject_key_identifier,
-                           "hash") &&
-              addExtension(cert, issuer != nullptr ? issuer : cert, NID_authority_key_identifier,
-                           "keyid:always");
+    bool ok =
+        X509_set_version(cert, 2) == 1 &&
+        ASN1_INTEGER_set_uint64(X509_get_serialNumber(cert), serial) == 1 &&
+        X509_gmtime_adj(X509_getm_notBefore(cert), -3600) != nullptr &&
+        X509_gmtime_adj(X509_getm_notAfter(cert), 24 * 3600) != nullptr &&
+        X509_set_pubkey(cert, key) == 1 &&
+        X509_NAME_add_entry_by_txt(subject, "O", MBSTRING_ASC,
+                                   reinterpret_cast<const unsigned char*>("ftpdisk tests"), -1, -1,
+                                   0) == 1 &&
+        X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC,
+                                   reinterpret_cast<const unsigned char*>(commonName), -1, -1,
+                                   0) == 1 &&
+        X509_set_issuer_name(cert, X509_get_subject_name(issuer != nullptr ? issuer : cert)) == 1 &&
+        addExtension(cert, issuer != nullptr ? issuer : cert, NID_subject_key_identifier, "hash") &&
+        addExtension(cert, issuer != nullptr ? issuer : cert, NID_authority_key_identifier,
+                     "keyid:always");
     for (const Extension& e : extensions)
         ok = ok && addExtension(cert, issuer != nullptr ? issuer : cert, e.nid, e.value);
     ok = ok && X509_sign(cert, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) > 0;
@@ -149,8 +148,8 @@ TestCertificate::TestCertificate(CertificateKind kind) {
         failure_ = lastOpenSslError("EC key generation");
         return;
     }
-    const char* names = kind == CertificateKind::kOtherName ? "DNS:other.invalid"
-                                                            : "IP:127.0.0.1,DNS:localhost";
+    const char* names =
+        kind == CertificateKind::kOtherName ? "DNS:other.invalid" : "IP:127.0.0.1,DNS:localhost";
     const char* commonName = kind == CertificateKind::kOtherName ? "other.invalid" : "localhost";
     CertOwner ca, server;
     if (kind == CertificateKind::kSelfSigned) {
