@@ -1,7 +1,7 @@
 // ftpdisk-bench-server: one real FTP server of a given kind for load runs
 // driven from a script (bench/recorder_load/run.py).
 //
-//   ftpdisk-bench-server --kind vsftpd [--max-clients N] [--tmpfs]
+//   ftpdisk-bench-server --kind vsftpd [--max-clients N] [--tmpfs] [--tls]
 //
 // Starts the server as the tests do (tests/support/RealFtpServer.h: user rec,
 // password pw, 127.0.0.1, a fresh root), prints
@@ -9,6 +9,12 @@
 //   port 40123
 //   root /dev/shm/ftpdisk-bench-AbC123      (the FTP user's "/" on this machine)
 //   ready
+//
+// With --tls the server requires explicit TLS on the login and on every data
+// connection, with the tests' certificate for 127.0.0.1 (every kind but
+// BusyBox), and before "ready" it prints the CA certificate that signed it:
+//
+//   ca /tmp/ftpdisk-real-XyZ/tls/ca.pem
 //
 // and keeps it running until SIGINT or SIGTERM, or until standard input ends
 // when it is a pipe or a terminal; then it ends the server and removes its
@@ -62,7 +68,7 @@ void removeTree(const std::string& dir) {
 int usage(const std::string& problem) {
     std::cerr << "ftpdisk-bench-server: " << problem << "\n"
               << "usage: ftpdisk-bench-server --kind pyftpdlib|vsftpd|proftpd|pureftpd|busybox\n"
-              << "                            [--max-clients N] [--tmpfs]\n";
+              << "                            [--max-clients N] [--tmpfs] [--tls]\n";
     return 2;
 }
 
@@ -147,6 +153,7 @@ int main(int argc, char** argv) {
     std::string kindName;
     int maxClients = 0;
     bool tmpfs = false;
+    bool tls = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--kind" && i + 1 < argc) {
@@ -161,6 +168,8 @@ int main(int argc, char** argv) {
             maxClients = static_cast<int>(value);
         } else if (arg == "--tmpfs") {
             tmpfs = true;
+        } else if (arg == "--tls") {
+            tls = true;
         } else {
             return usage("unknown argument \"" + arg + "\"");
         }
@@ -188,6 +197,7 @@ int main(int argc, char** argv) {
     options.maxClients = maxClients;
     // Long runs must not meet the idle limit of a connection kept in reserve.
     options.idleTimeoutSeconds = 3600;
+    options.tls = tls;
     std::unique_ptr<RealFtpServer> server(new RealFtpServer(kind, options));
     if (!server->ready()) {
         std::cerr << "ftpdisk-bench-server: " << server->failure() << "\n";
@@ -207,8 +217,11 @@ int main(int argc, char** argv) {
         root = memory;
     }
     std::cout << "port " << server->port() << "\n"
-              << "root " << root << "\n"
-              << "ready" << std::endl;
+              << "root " << root << "\n";
+    if (tls) {
+        std::cout << "ca " << server->caFile() << "\n";
+    }
+    std::cout << "ready" << std::endl;
 
     waitForTheEnd();
 

@@ -648,6 +648,9 @@ def main():
             print("peers: serving %s (root %s, local files %s) for %d s" %
                   (bench.server.location(), bench.root, bench.local, min(args.serve, 3600)),
                   flush=True)
+            if bench.tls_server:
+                print("peers: and %s, its certificate %s" %
+                      (bench.tls_server.location(), bench.tls_server.tls[0]), flush=True)
             time.sleep(min(args.serve, 3600))
             return 0
         bench.measure()

@@ -16,11 +16,11 @@ the targets met or not met (docs/PERFORMANCE.md, "Recorder under load").
     bench/recorder_load/run.py --cameras 4 --seconds 5 --kinds vsftpd --rtts 10
     bench/recorder_load/run.py --build build/release --tls        # 64 cameras over ftps
 
-With --tls the runs go over explicit FTPS ("ftps://") to a vsftpd that this
-script starts itself (as bench/peers does) on a tmpfs root, requiring TLS on
-the login and on every data connection, with data connections that resume the
-control connection's session, and a certificate for 127.0.0.1 made by the
-openssl command, which record trusts through SSL_CERT_FILE (the module checks
+With --tls the direct runs go over explicit FTPS ("ftps://"): each server
+requires TLS on the login and on every data connection (ftpdisk-bench-server
+--tls, the tests' TLS configuration of each kind; every kind but BusyBox,
+vsftpd alone unless --kinds says otherwise), with the tests' certificate for
+127.0.0.1, whose CA record trusts through SSL_CERT_FILE (the module checks
 against the default trust store, which OpenSSL reads from there). No lab runs,
 head-of-line case or limit case then: they do not involve TLS.
 
@@ -144,49 +144,26 @@ class Helper:
 class Server:
     """One ftpdisk-bench-server: a real server of `kind` on 127.0.0.1."""
 
-    def __init__(self, tools, kind, max_clients, tmpfs):
+    def __init__(self, tools, kind, max_clients, tmpfs, tls=False):
         argv = [tools.server, "--kind", kind, "--max-clients", str(max_clients)]
         if tmpfs:
             argv.append("--tmpfs")
+        if tls:
+            argv.append("--tls")
         self.helper = Helper(argv)
         self.port = self.helper.read_until("port ", 90)
         self.root = self.helper.read_until("root ", 10)
+        # With TLS: the CA certificate that signed the server's.
+        self.certificate = self.helper.read_until("ca ", 10) if tls else None
         ready = self.helper.read_until("ready", 10)
-        if self.port is None or self.root is None or ready is None:
+        if self.port is None or self.root is None or ready is None or (tls and
+                                                                    self.certificate is None):
             self.helper.end()
             fail("%s did not start: %s %s" % (kind, " / ".join(self.helper.seen),
                                              self.helper.errors))
 
     def stop(self):
         self.helper.end()
-
-
-class TlsVsftpd:
-    """vsftpd on 127.0.0.1 requiring explicit TLS, started by this script (the
-    peer benchmark's own vsftpd, bench/peers/peers.py), its root a folder in
-    /dev/shm owned by rec. `certificate` is the file record must trust."""
-
-    def __init__(self, max_clients):
-        sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..",
-                                        "peers"))
-        import peers  # noqa: E402
-        self.work = tempfile.mkdtemp(prefix="ftpdisk-load-tls-", dir="/dev/shm")
-        os.chmod(self.work, 0o755)
-        self.root = os.path.join(self.work, "root")
-        os.mkdir(self.root)
-        peers.chown_rec(self.root)
-        try:
-            tls = peers.make_certificate(self.work)
-            self.server = peers.Vsftpd(self.work, self.root, max_clients, tls=tls)
-        except peers.Failure as error:
-            shutil.rmtree(self.work, ignore_errors=True)
-            fail("vsftpd with TLS did not start: %s" % error)
-        self.certificate = tls[0]
-        self.port = str(self.server.port)
-
-    def stop(self):
-        self.server.stop()
-        shutil.rmtree(self.work, ignore_errors=True)
 
 
 class Lab:
@@ -288,10 +265,7 @@ def record_run(tools, args, kind, rtt, workdir):
     if args.tls:
         name += " over ftps"
     run = {"name": name, "kind": kind, "rtt": rtt, "load": loadavg(), "ok": True, "problems": []}
-    if args.tls:
-        server = TlsVsftpd(args.cameras + 10)
-    else:
-        server = Server(tools, kind, args.cameras + 10, not args.no_tmpfs)
+    server = Server(tools, kind, args.cameras + 10, not args.no_tmpfs, args.tls)
     lab = None
     address = "127.0.0.1:" + server.port
     if rtt is not None:
@@ -502,20 +476,21 @@ def main():
     parser.add_argument("--keep", metavar="DIR",
                         help="keep record's figures files (JSON) in DIR")
     parser.add_argument("--tls", action="store_true",
-                        help="over explicit FTPS, against a vsftpd requiring TLS that this script "
-                             "starts (kinds: vsftpd only; no lab runs, head-of-line or limit case)")
+                        help="the direct runs over explicit FTPS, each server requiring TLS "
+                             "(default kind vsftpd; not busybox; no lab runs, head-of-line or "
+                             "limit case)")
     args = parser.parse_args()
     if args.tls:
         explicit = set(a.split("=")[0] for a in sys.argv[1:])
         if "--kinds" not in explicit:
             args.kinds = ["vsftpd"]
-        if args.kinds != ["vsftpd"] or ("--lab-kinds" in explicit and args.lab_kinds):
-            parser.error("--tls runs vsftpd only, directly (--kinds vsftpd)")
+        if "busybox" in args.kinds:
+            parser.error("--tls: BusyBox's ftpd has no TLS")
+        if "--lab-kinds" in explicit and args.lab_kinds:
+            parser.error("--tls runs no lab runs")
         args.lab_kinds = []
         args.no_head_of_line = True
         args.no_limit_case = True
-        if shutil.which("openssl") is None:
-            parser.error("--tls needs the openssl command (scripts/install-deps.sh)")
     if not 1 <= args.cameras <= 64:
         parser.error("--cameras takes 1 to 64")
     tools = Tools(os.path.abspath(args.build))
