@@ -222,30 +222,33 @@ public:
             return -1;
         }
         if (length <= 0) return 0;
-        int error = SSL_ERROR_NONE;
-        size_t sent = 0;
-        const int result =
-            drive([&] { return SSL_write_ex(ssl, buffer, static_cast<size_t>(length), &sent); },
-                  sharing(waitMilliseconds), &error);
-        if (result <= 0) {
-            if (errno == EAGAIN) return -1;
-            const int ended = finish(error);
-            if (ended == 0) errno = EPIPE;  // no sending after the end
-            return -1;
-        }
-        // A write returns after one record; the rest goes on while the socket
-        // takes it without waiting. A write that would wait ends the call
-        // with what went out: the caller comes back with the rest.
-        size_t total = sent;
+        // A write returns after one record; the rest follows within the same
+        // wait, as a blocking send would take it all. A call that may not
+        // wait, or whose wait runs out, ends with what went out: the caller
+        // comes back with the rest (the same bytes, as the library needs).
+        const std::function<long long()> nextWait = sharing(waitMilliseconds);
+        size_t total = 0;
         while (total < static_cast<size_t>(length)) {
-            size_t more = 0;
-            ERR_clear_error();
-            if (SSL_write_ex(ssl, buffer + total, static_cast<size_t>(length) - total, &more) !=
-                1) {
-                noteLater(SSL_get_error(ssl, 0));
-                break;
+            int error = SSL_ERROR_NONE;
+            size_t sent = 0;
+            const int result = drive(
+                [&] {
+                    return SSL_write_ex(ssl, buffer + total, static_cast<size_t>(length) - total,
+                                        &sent);
+                },
+                nextWait, &error);
+            if (result > 0) {
+                total += sent;
+                continue;
             }
-            total += more;
+            if (total == 0) {
+                if (errno == EAGAIN) return -1;
+                const int ended = finish(error);
+                if (ended == 0) errno = EPIPE;  // no sending after the end
+                return -1;
+            }
+            if (errno != EAGAIN) noteLater(error);
+            break;
         }
         return static_cast<int>(total);
     }

@@ -6,6 +6,8 @@
 // decrypted counting as ready, and a plain store that stays plain.
 //
 // Built without TLS, only the test of the clear refusal runs; the others skip.
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <memory>
 #include <optional>
@@ -297,6 +299,23 @@ TEST_F(FtpTls, DataConnectionsAreProtectedAndResumeTheControlSession) {
         EXPECT_FALSE(r.refused) << r.command;
     }
     EXPECT_TRUE(records[1].closeNotify) << "the upload ended without close_notify";
+}
+
+TEST_F(FtpTls, OneWriteTakesEveryByteItIsGivenAsInClear) {
+    // A write in clear hands the rest to one blocking send once the socket
+    // has room; through TLS the records after the first follow within the
+    // same wait, so a caller that writes a segment in one call loses nothing.
+    ASSERT_EQ(connectAndLogin(trustCa(cert.caFile())), 1) << tool.getResponse();
+    const std::string bytes = patternBytes(1024 * 1024 + 7, 9);
+    NetBuf* data = nullptr;
+    ASSERT_EQ(tool.dataConnect("/rec/whole.ts", kFtpStor, 'I', &data), 1) << tool.getResponse();
+    // A small send buffer makes the socket full many times over in one call.
+    const int small = 16 * 1024;
+    ASSERT_EQ(setsockopt(data->handle, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+    EXPECT_EQ(tool.write(bytes.data(), static_cast<int>(bytes.size()), data),
+              static_cast<int>(bytes.size()));
+    EXPECT_EQ(tool.closeData(data), 1) << tool.getResponse();
+    EXPECT_TRUE(server.file("/rec/whole.ts") == std::optional<std::string>(bytes));
 }
 
 TEST_F(FtpTls, AFailedDataHandshakeFailsTheTransferAndTheConnectionStaysInStep) {
