@@ -38,8 +38,8 @@ private:
     TlsSetting(const TlsSetting&);
     TlsSetting& operator=(const TlsSetting&);
 
-    // A context for `trust`; on success both become current. REQUIRES: lock.
-    int remake(const TlsTrust& trust, std::string* why) FTPDISK_REQUIRES(lock);
+    // A context for `next`; on success both become current. REQUIRES: lock.
+    int remake(const TlsTrust& next, std::string* why) FTPDISK_REQUIRES(lock);
 
     KDMutex lock;
     bool wanted FTPDISK_GUARDED_BY(lock);
