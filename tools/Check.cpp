@@ -157,11 +157,17 @@ bool probeDataAddress(const Location& location, const std::shared_ptr<TlsContext
         return false;
     }
     slowest.note(monotonicSeconds() - start, "login");
-    const std::string base = location.base.empty() ? "/" : location.base;
+    std::string base = location.base.empty() ? "/" : location.base;
     start = monotonicSeconds();
     if (tool.cd(base.c_str()) != 1) {
-        detail = "cannot change into " + base + ": " + tool.getResponse();
-        return false;
+        // A base that does not exist yet is made by the mkdir step below, as
+        // the recorder's createDir would; the data address is as well
+        // probed by listing the root. Anything but a refusal is a failure.
+        if (tool.getResponse()[0] != '5' || tool.cd("/") != 1) {
+            detail = "cannot change into " + base + ": " + tool.getResponse();
+            return false;
+        }
+        base = "/";
     }
     slowest.note(monotonicSeconds() - start, "CWD");
     start = monotonicSeconds();
@@ -207,6 +213,9 @@ bool probeDataAddress(const Location& location, const std::shared_ptr<TlsContext
                  dottedAddress(reached) + " instead: the server is behind address translation";
     } else {
         detail = "server announces " + dottedAddress(announced) + ", the address it was reached at";
+    }
+    if (base != (location.base.empty() ? "/" : location.base)) {
+        detail += " (listed /: the base does not exist yet)";
     }
     return true;
 }

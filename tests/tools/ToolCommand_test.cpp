@@ -416,6 +416,22 @@ TEST_F(ToolCommand, CheckPassesEveryStepAndLeavesNothingBehind) {
     EXPECT_TRUE(fs::is_empty(server().localPath(base_))) << "the check left files behind";
 }
 
+TEST_F(ToolCommand, CheckOfABaseThatDoesNotExistYetProbesDataThroughTheRootAndMakesIt) {
+    // A fresh location: the recorder's createDir makes the base, and so does
+    // check's mkdir step; the data step lists the root meanwhile.
+    const std::string fresh = base_ + "/not/yet";
+    const ToolRun result = run({"check", server().location(fresh)});
+    ASSERT_EQ(0, result.status) << result.transcript();
+    const std::vector<std::string> out = lines(result.out);
+    ASSERT_EQ(14u, out.size()) << result.transcript();
+    EXPECT_TRUE(std::regex_match(out[3], std::regex("  ok    data .*  server announces "
+                                                    "127\\.0\\.0\\.1, the address it was "
+                                                    "reached at \\(listed /: the base does not "
+                                                    "exist yet\\)")))
+        << out[3];
+    EXPECT_TRUE(fs::is_directory(server().localPath(fresh))) << "mkdir did not make the base";
+}
+
 TEST_F(ToolCommand, CheckWithARefusedLoginFailsAtInitAndSkipsTheRest) {
     const std::string wrong = "rec(wr0ngpass)@ftp://" + server().hostPort() + base_;
     const ToolRun result = run({"check", wrong});
