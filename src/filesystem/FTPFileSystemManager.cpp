@@ -148,9 +148,14 @@ int FTPFileSystemManager::setTlsPinnedFingerprint(const std::string& location,
         KDMutexLocker guard(lock, kLockSource, __LINE__);
         FTPFileSystemImpl* store = tlsStore(location);
         if (store == nullptr) return -1;
-        if (store->tls().pin(sha256) != 0) {
+        const int pinned = store->tls().pin(sha256);
+        if (pinned == -1) {
             lasterror::note(lasterror::kBadArgument,
                             "not a SHA-256 fingerprint (64 hexadecimal digits, colons allowed)");
+            return -1;
+        }
+        if (pinned != 0) {
+            lasterror::note(lasterror::kTls, "TLS is not built into this module");
             return -1;
         }
         return 0;

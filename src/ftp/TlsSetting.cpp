@@ -29,7 +29,7 @@ int TlsSetting::pin(const std::string& sha256) {
     if (!tlsParseFingerprint(sha256, &next.pinnedSha256)) return -1;
     KDMutexLocker guard(lock, kLockSource, __LINE__);
     std::string why;
-    return remake(next, &why);
+    return remake(next, &why) == 0 ? 0 : -2;
 }
 
 int TlsSetting::addCaFile(const std::string& file, std::string* why) {

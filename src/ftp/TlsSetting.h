@@ -26,6 +26,8 @@ public:
     // Replaces the trust: a pinned fingerprint, the system's store with one
     // more CA file, or no verification. 0 when a context could be made from
     // it; -1 with the reason in *why otherwise (the previous trust stays).
+    // pin gives -1 for a text that is not a fingerprint and -2 when no
+    // context can be made (TLS not built in).
     int pin(const std::string& sha256);
     int addCaFile(const std::string& file, std::string* why);
     int skipVerification();

@@ -100,6 +100,10 @@ TEST(TlsStore, WithoutTlsBuiltInAnFtpsStoreFailsBeforeItConnects) {
                      "TLS is not built into this module (ftps locations cannot connect)");
         EXPECT_EQ(registry->skipTlsCertificateVerification(location), -1);
         EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorTls);
+        EXPECT_EQ(registry->setTlsPinnedFingerprint(location, std::string(64, 'a')), -1);
+        EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorTls);
+        EXPECT_EQ(registry->setTlsPinnedFingerprint(location, "not hex"), -1);
+        EXPECT_EQ(FTPFileSystem::getLastError().kind, FTPFileSystem::kErrorBadArgument);
     }
     EXPECT_EQ(registry->deleteFileSystem(location), 0);
 }
