@@ -127,7 +127,9 @@ public:
     /// or the system's error text, or a short text of the module's; "" with
     /// kErrorNone. Never holds a password.
     struct LastError {
+        /// What happened: an ErrorKind value.
         int kind;
+        /// The reply line or error text, terminated; at most 255 bytes.
         char text[256];
     };
     /// What the calling thread's last call of FTPFileSystem or

@@ -67,27 +67,28 @@ public:
     /// \return true when covered.
     bool isSameDiskDir(const std::string& registered, const std::string& location);
 
-    /// \name Trust of an ftps store
-    /// A store registered from "user(password)@ftps://server[:port]/path"
-    /// makes every connection (the main one and each open file's) secure with
-    /// explicit TLS: "AUTH TLS" after the greeting, a TLS 1.2 or newer
-    /// handshake, then the login, "PBSZ 0" and "PROT P"; every data connection
-    /// is TLS too. By default the server's certificate must chain to the
-    /// system's trust store and carry the server's name or address as the
-    /// location gives it. These calls change that for the store registered
-    /// under exactly `location`; connections made after the call use the new
-    /// trust (pooled ones keep theirs). A certificate that fails the check
-    /// fails init and open: the last error is kErrorTls with the reason and
-    /// the certificate's SHA-256 fingerprint, and nothing is sent after the
-    /// handshake. Registry lock; nothing is sent.
-    /// @{
+    // Trust of an ftps store.
+    // A store registered from "user(password)@ftps://server[:port]/path"
+    // makes every connection (the main one and each open file's) secure with
+    // explicit TLS: "AUTH TLS" after the greeting, a TLS 1.2 or newer
+    // handshake, then the login, "PBSZ 0" and "PROT P"; every data connection
+    // is TLS too. By default the server's certificate must chain to the
+    // system's trust store and carry the server's name or address as the
+    // location gives it. These calls change that for the store registered
+    // under exactly `location`; connections made after the call use the new
+    // trust (pooled ones keep theirs). A certificate that fails the check
+    // fails init and open: the last error is kErrorTls with the reason and
+    // the certificate's SHA-256 fingerprint, and nothing is sent after the
+    // handshake. Registry lock; nothing is sent.
+
     /// Trusts exactly the certificate whose SHA-256 fingerprint (of its DER
     /// form) is `sha256`: 64 hexadecimal digits, any case, colons between
     /// pairs allowed ("AB:CD:..." as `ftpdisk check` prints it). Its chain,
     /// names and dates are not looked at: the way to trust a NAS's own
     /// self-signed certificate. Replaces any earlier trust call.
     /// \return 0; -1 when no ftps store is registered under exactly
-    /// `location` or the text is not a fingerprint (kErrorBadArgument).
+    /// `location` or the text is not a fingerprint (kErrorBadArgument), or
+    /// when the module is built without TLS (kErrorTls).
     int setTlsPinnedFingerprint(const std::string& location, const std::string& sha256);
     /// Adds the CA certificates of the PEM file `file` to the system's trust
     /// store for this store (the name check stays). Calls add up; a pin or a
@@ -102,7 +103,6 @@ public:
     /// \return 0; -1 when no ftps store is registered under exactly
     /// `location` (kErrorBadArgument).
     int skipTlsCertificateVerification(const std::string& location);
-    /// @}
 
     /// An empty registry. Use getInstance(): the module keeps one per process.
     FTPFileSystemManager();
