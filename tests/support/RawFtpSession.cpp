@@ -11,8 +11,8 @@
 #include <cctype>
 #include <cerrno>
 
-namespace {
-
+// A socket connected to 127.0.0.1:`port`, with `seconds` as its send and
+// receive limits; -1 when it cannot connect.
 int connectLoopback(int port, int seconds) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
@@ -29,6 +29,8 @@ int connectLoopback(int port, int seconds) {
     }
     return fd;
 }
+
+namespace {
 
 bool sendAll(int fd, const std::string& bytes) {
     size_t done = 0;

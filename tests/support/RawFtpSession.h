@@ -8,6 +8,10 @@
 
 #include <string>
 
+// A socket connected to 127.0.0.1:`port`, with `seconds` as its send and
+// receive limits; -1 when it cannot connect. The raw sessions' one connect.
+int connectLoopback(int port, int seconds);
+
 class RawFtpSession {
 public:
     // Connects to 127.0.0.1:port; every later read waits at most

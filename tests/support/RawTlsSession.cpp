@@ -1,5 +1,7 @@
 #include "support/RawTlsSession.h"
 
+#include "support/RawFtpSession.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
@@ -11,27 +13,6 @@
 #include <unistd.h>
 
 #include <utility>
-
-namespace {
-
-int connectLoopback(int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    timeval limit{10, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-}  // namespace
 
 RawTlsSession::RawTlsSession(const std::string& caFile) {
     // OpenSSL writes to the socket without MSG_NOSIGNAL: a server that closed
@@ -54,7 +35,7 @@ RawTlsSession::~RawTlsSession() {
 
 std::string RawTlsSession::secure(int port) {
     if (context_ == nullptr) return "context";
-    fd_ = connectLoopback(port);
+    fd_ = connectLoopback(port, 10);
     if (fd_ < 0) return "connect";
     greeting_ = plainReply();
     if (greeting_.compare(0, 3, "220") != 0) return "greeting";
@@ -148,7 +129,7 @@ RawTlsSession::Listing RawTlsSession::list(const std::string& path, bool offerSe
         result.preliminary = "(PASV: " + pasv + ")";
         return result;
     }
-    int data = connectLoopback(static_cast<int>(p[4] * 256 + p[5]));
+    int data = connectLoopback(static_cast<int>(p[4] * 256 + p[5]), 10);
     if (data < 0) {
         result.preliminary = "(no data connection)";
         return result;
